@@ -1,0 +1,58 @@
+# Options that every target of the project shares, and the two kinds of target the rooms use.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+add_library(tavistro_options INTERFACE)
+target_include_directories(tavistro_options INTERFACE ${PROJECT_SOURCE_DIR}
+                                                      ${PROJECT_SOURCE_DIR}/include)
+# Samples are bit-exact on every platform and at every optimisation level: the compiler may not
+# fuse a multiplication with an addition.
+target_compile_options(tavistro_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
+                                                  -ffp-contract=off)
+if(WIN32)
+  # Windows 10; its headers without what is rarely used, and without macros called min and max.
+  target_compile_definitions(tavistro_options INTERFACE _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN
+                                                        NOMINMAX)
+endif()
+target_link_libraries(tavistro_options INTERFACE Threads::Threads)
+if(TAVISTRO_SANITIZE)
+  target_compile_options(tavistro_options INTERFACE -fsanitize=${TAVISTRO_SANITIZE}
+                                                    -fno-sanitize-recover=all
+                                                    -fno-omit-frame-pointer)
+  target_link_options(tavistro_options INTERFACE -fsanitize=${TAVISTRO_SANITIZE})
+endif()
+
+# tavistro_room(name SOURCES ... LINKS ...): one room of the engine as a static library.
+function(tavistro_room name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC tavistro_options ${ARG_LINKS})
+endfunction()
+
+# tavistro_test(name SOURCES ... LINKS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program; every
+# case becomes a test of ctest.
+function(tavistro_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINKS;PROPERTIES" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tavistro_options GTest::gtest_main)
+  if(WIN32)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/windows/network_stack.cpp)
+    target_link_libraries(${name} PRIVATE ws2_32)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+                       PROPERTIES TIMEOUT ${ARG_TIMEOUT} ${ARG_PROPERTIES})
+endfunction()

@@ -1,0 +1,12 @@
+# tavistro_host_headers(target folder header): an imported target for a library that is headers alone, so
+# that the build machine's can be used. It sees that folder of headers and nothing beside it.
+function(tavistro_host_headers target folder header)
+  find_path(${folder}_HEADERS NAMES ${folder}/${header} NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+  set(only_this ${PROJECT_BINARY_DIR}/host-headers/${folder})
+  file(MAKE_DIRECTORY ${only_this})
+  file(CREATE_LINK ${${folder}_HEADERS}/${folder} ${only_this}/${folder} SYMBOLIC)
+  if(NOT TARGET ${target})
+    add_library(${target} INTERFACE IMPORTED GLOBAL)
+    target_include_directories(${target} SYSTEM INTERFACE ${only_this})
+  endif()
+endfunction()
