@@ -1,0 +1,46 @@
+// The system's register of ASIO drivers: which there are, and how to make one's object.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavistro::platform {
+
+/// 16 bytes of a class identifier in memory order; all zero stands for "could not be read".
+using ClassId = std::array<std::uint8_t, 16>;
+
+struct RegisteredDriver {
+    std::string key_name;
+    std::string class_id_text;  ///< as registered, usually in braces
+    std::optional<std::string> description;
+};
+
+/// Every registered driver that names a class, in the register's own order: the registry's on
+/// Windows, by file name on Linux. What cannot be read is not listed.
+std::vector<RegisteredDriver> registered_drivers();
+
+/// Path of the file that serves a class (compared without regard to letter case), nothing when the
+/// class is not registered completely.
+std::optional<std::string> class_server_path(const std::string& class_id_text);
+
+/// Reads "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"; nothing for any other text.
+std::optional<ClassId> parse_class_id(const std::string& text);
+
+/// Prepares the calling thread for driver objects, and undoes it; calls are paired. Where drivers
+/// need no apartment this does nothing.
+void enter_driver_apartment() noexcept;
+void leave_driver_apartment() noexcept;
+
+/// The window that a driver's init() is given: the desktop's, null where there are no windows.
+void* driver_parent_window() noexcept;
+
+/// Makes one driver object of the class, holding one reference. Returns 0 and the object, or the
+/// system's error code (negative) and null.
+std::int32_t create_driver_object(const ClassId& class_id, void** object) noexcept;
+/// Gives back the one reference.
+void release_driver_object(void* object) noexcept;
+
+}  // namespace tavistro::platform

@@ -1,0 +1,42 @@
+// A fixed-size block of memory with a name that other processes of the session can open.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace tavistro::platform {
+
+/// Holder of one named block, readable and writable by every user of the session.
+///
+/// Two holders of one name share one block. The name goes away when the last holder has closed,
+/// also when holders before it crashed; a mapping that a reader keeps stays valid and shows the
+/// last contents. Not thread-safe: one owner.
+class NamedMemory {
+  public:
+    NamedMemory() noexcept = default;
+    NamedMemory(const NamedMemory&) = delete;
+    NamedMemory& operator=(const NamedMemory&) = delete;
+    ~NamedMemory() { close(); }
+
+    /// Creates or opens the block `name` (letters, digits and underscores, no prefix: the system's
+    /// own is added) with `bytes` bytes. What it holds is left as it is; a new block is zero.
+    /// False when the system refuses; nothing is held then. Precondition: not open.
+    bool open(const std::string& name, std::size_t bytes);
+    void close() noexcept;
+    bool is_open() const noexcept { return handle_ != -1; }
+
+    /// Makes `words` the block's contents from its beginning; a reader sees each word whole, before
+    /// or after. Harmless whatever other processes have done to the block, which is whole again
+    /// afterwards. False when the system refuses. Precondition: open.
+    bool publish(std::span<const std::uint64_t> words) noexcept;
+
+  private:
+    /// On systems where nobody can take mapped memory away.
+    [[maybe_unused]] void* view_ = nullptr;
+    std::intptr_t handle_ = -1;
+    std::string system_name_;
+};
+
+}  // namespace tavistro::platform

@@ -1,0 +1,96 @@
+// One IPv4 UDP socket whose blocked receive can be ended from another thread.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace tavistro::platform {
+
+/// Largest UDP payload over IPv4.
+inline constexpr std::size_t max_datagram_bytes = 65507;
+
+struct Ipv4Endpoint {
+    std::uint32_t address = 0;  ///< host byte order: 127.0.0.1 is 0x7F000001
+    std::uint16_t port = 0;     ///< host byte order
+    friend bool operator==(const Ipv4Endpoint&, const Ipv4Endpoint&) = default;
+};
+
+inline constexpr std::uint32_t ipv4_loopback = 0x7F000001;
+inline constexpr std::uint32_t ipv4_broadcast = 0xFFFFFFFF;
+
+/// Dotted decimal text of four numbers; nothing for anything else (names are not resolved).
+std::optional<std::uint32_t> parse_ipv4(std::string_view text);
+std::string format_ipv4(std::uint32_t address);
+
+/// Starts and stops the system's network stack; calls are counted by the system. Where a stack
+/// needs no start this always succeeds.
+bool start_network_stack() noexcept;
+void stop_network_stack() noexcept;
+
+struct SocketOptions {
+    std::uint32_t recv_buffer_bytes = 0;  ///< requested size; the system may give less; 0 = default
+    std::uint32_t send_buffer_bytes = 0;
+    Ipv4Endpoint bind;  ///< zeros: every interface, a port of the system's choice
+};
+
+enum class ReceiveStatus {
+    datagram,   ///< `size` bytes from `source`, possibly 0 bytes
+    timed_out,  ///< the receive timeout ran out
+    failed,     ///< an error of the system, for instance a port-unreachable report
+    closed,     ///< close() was called
+};
+
+struct ReceiveResult {
+    ReceiveStatus status;
+    std::size_t size = 0;
+    Ipv4Endpoint source{};
+};
+
+/// The socket. open() and release() belong to one controlling thread; every other operation may be
+/// called by any number of threads at once in between.
+///
+/// Ending: close() refuses further sends and wakes a blocked receive, but keeps the descriptor, so
+/// that no thread still inside a call can meet a descriptor number that the system has given away
+/// again. release() frees it once every thread that used the socket has been joined.
+class UdpSocket {
+  public:
+    UdpSocket() noexcept = default;
+    UdpSocket(const UdpSocket&) = delete;
+    UdpSocket& operator=(const UdpSocket&) = delete;
+    ~UdpSocket() { release(); }
+
+    /// Creates and binds. Buffer sizes that the system refuses are ignored. The descriptor is not
+    /// inherited by child processes. False when the socket cannot be had or bound.
+    bool open(const SocketOptions& options) noexcept;
+    /// Address and port that the socket is bound to; zeros when not open.
+    Ipv4Endpoint local_endpoint() const noexcept;
+
+    /// 0 waits without limit.
+    bool set_receive_timeout(std::uint32_t ms) noexcept;
+    bool enable_broadcast() noexcept;
+
+    /// True only when the whole datagram was taken. False without a call for an empty one, or when
+    /// the socket is closed.
+    bool send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoint& to) noexcept;
+    /// Waits for one datagram. Interruptions by signals are resumed.
+    ReceiveResult receive(std::span<std::uint8_t> buffer) noexcept;
+
+    /// Ends every receive, now and later. Idempotent.
+    void close() noexcept;
+    /// close(), then frees the descriptor. No other thread may be inside the socket. Idempotent.
+    void release() noexcept;
+    bool is_open() const noexcept { return open_.load(std::memory_order_acquire); }
+
+  private:
+    std::atomic<bool> open_{false};
+    std::atomic<std::uint32_t> receive_timeout_ms_{0};
+    std::intptr_t handle_ = -1;
+    std::intptr_t wake_ = -1;  ///< what close() signals to end a wait
+};
+
+}  // namespace tavistro::platform

@@ -1,0 +1,119 @@
+#include "platform/named_memory.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+namespace tavistro::platform {
+namespace {
+
+constexpr std::size_t bytes = 288;
+
+class NamedMemoryTest : public ::testing::Test {
+  protected:
+    ~NamedMemoryTest() override { shm_unlink(system_name().c_str()); }
+
+    std::string system_name() const { return "/" + name_; }
+    bool exists() const {
+        struct stat info {};
+        return stat(("/dev/shm" + system_name()).c_str(), &info) == 0;
+    }
+    /// What a process that opens the block now finds in its first word; 0 when it has none.
+    std::uint64_t first_word() const {
+        std::uint64_t word = 0;
+        const int reader = shm_open(system_name().c_str(), O_RDONLY, 0);
+        if (reader >= 0 && pread(reader, &word, sizeof word, 0) != sizeof word) word = 0;
+        ::close(reader);
+        return word;
+    }
+
+    std::string name_ = "TavistroNamedMemoryTest_" + std::to_string(getpid());
+};
+
+TEST_F(NamedMemoryTest, HoldersShareOneBlockAndTheLastTakesTheName) {
+    NamedMemory first;
+    NamedMemory second;
+    ASSERT_TRUE(first.open(name_, bytes));
+    ASSERT_TRUE(second.open(name_, bytes));
+    ASSERT_TRUE(first.publish(std::array<std::uint64_t, 1>{42}));
+    first.close();
+    ASSERT_TRUE(exists()) << "the first to close took the name from the other";
+
+    const int reader = shm_open(system_name().c_str(), O_RDONLY, 0);
+    ASSERT_GE(reader, 0);
+    void* view = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, reader, 0);
+    ::close(reader);
+    ASSERT_TRUE(second.publish(std::array<std::uint64_t, 1>{43}));
+    second.close();
+    EXPECT_FALSE(exists());
+    EXPECT_EQ(*static_cast<std::uint64_t*>(view), 43U) << "a reader keeps the last values";
+    munmap(view, bytes);
+}
+
+// Somebody shrinks the block again and again while a reader's mapping watches every word.
+TEST_F(NamedMemoryTest, IsWholeAgainAfterEveryPublishWhateverOthersDoToIt) {
+    NamedMemory memory;
+    ASSERT_TRUE(memory.open(name_, bytes));
+    std::atomic<bool> done{false};
+    std::uint64_t torn = 0;
+    std::thread vandal([&] {
+        const int object = shm_open(system_name().c_str(), O_RDWR, 0);
+        while (!done) {
+            std::uint64_t word = 0;
+            if (pread(object, &word, sizeof word, 0) == sizeof word && word + 1 > 1) ++torn;
+            EXPECT_EQ(ftruncate(object, 0), 0);
+        }
+        ::close(object);
+    });
+    std::vector<std::uint64_t> words(bytes / sizeof(std::uint64_t));
+    for (int i = 0; i < 100'000; ++i) {
+        words.assign(words.size(), ~words.front());
+        EXPECT_TRUE(memory.publish(words));
+    }
+    done = true;
+    vandal.join();
+    EXPECT_EQ(torn, 0U) << "half a word was seen";
+    words.assign(words.size(), 7);
+    EXPECT_TRUE(memory.publish(words));
+    EXPECT_EQ(first_word(), 7U);
+}
+
+TEST_F(NamedMemoryTest, EveryUserMayOpenItWhateverTheUmask) {
+    const mode_t previous = umask(0077);
+    NamedMemory memory;
+    const bool opened = memory.open(name_, bytes);
+    umask(previous);
+    ASSERT_TRUE(opened);
+    struct stat info {};
+    ASSERT_EQ(stat(("/dev/shm" + system_name()).c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777U, 0666U);
+}
+
+TEST_F(NamedMemoryTest, ABlockLeftByAKilledProcessIsReusedAndThenRemoved) {
+    const pid_t child = fork();
+    if (child == 0) {
+        NamedMemory memory;
+        if (memory.open(name_, bytes)) memory.publish(std::array<std::uint64_t, 1>{99});
+        raise(SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(exists());
+    NamedMemory memory;
+    ASSERT_TRUE(memory.open(name_, bytes));
+    EXPECT_EQ(first_word(), 99U) << "what it holds is the opener's to clear";
+    memory.close();
+    EXPECT_FALSE(exists());
+}
+
+}  // namespace
+}  // namespace tavistro::platform

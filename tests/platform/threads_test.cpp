@@ -1,0 +1,34 @@
+#include "platform/threads.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/driver_registry.h"
+
+namespace tavistro::platform {
+namespace {
+
+TEST(WorkerEvent, KeepsASignalForTheNextWaitAndWakesAWaiter) {
+    WorkerEvent event;
+    EXPECT_FALSE(event.wait_for_ms(1));
+    event.signal();
+    EXPECT_TRUE(event.wait_for_ms(0));
+    EXPECT_FALSE(event.wait_for_ms(0)) << "a signal is taken once";
+    Thread thread;
+    ASSERT_TRUE(thread.start("waker", [&] { event.signal(); }));
+    EXPECT_TRUE(event.wait_for_ms(10'000));
+    thread.join();
+}
+
+TEST(DriverRegistry, ReadsBracedClassIdentifiers) {
+    const ClassId expected{0x67, 0x45, 0x23, 0x01, 0xAB, 0x89, 0xEF, 0xCD,
+                           0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xCD, 0xEF};
+    EXPECT_EQ(parse_class_id("{01234567-89AB-CDEF-0123-456789abcdef}"), expected);
+    for (const char* text :
+         {"", "01234567-89AB-CDEF-0123-456789abcdef", "{01234567-89AB-CDEF-0123-456789abcdeg}",
+          "{0123456789AB-CDEF-0123-456789abcdef--}", "{01234567-89AB-CDEF-0123-456789abcdef} "}) {
+        EXPECT_FALSE(parse_class_id(text)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace tavistro::platform

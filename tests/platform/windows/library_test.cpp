@@ -1,0 +1,86 @@
+// Loading and unloading the product, as a host does that keeps the engine in a plug-in.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/clock.h"
+#include "platform/windows/library.h"
+#include "tavistro/engine.h"
+#include "tools/server/reference_server.h"
+
+namespace tavistro {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Library {
+    template <typename Function>
+    Function* find(const char* name) const {
+        return platform::find_function<Function*>(module, name);
+    }
+
+    HMODULE module;
+    decltype(tavistro_engine_create)* create =
+        find<decltype(tavistro_engine_create)>("tavistro_engine_create");
+    decltype(tavistro_engine_start_from_config)* start =
+        find<decltype(tavistro_engine_start_from_config)>("tavistro_engine_start_from_config");
+    decltype(tavistro_engine_get_state)* get_state =
+        find<decltype(tavistro_engine_get_state)>("tavistro_engine_get_state");
+    decltype(tavistro_engine_stop)* stop =
+        find<decltype(tavistro_engine_stop)>("tavistro_engine_stop");
+    decltype(tavistro_engine_destroy)* destroy =
+        find<decltype(tavistro_engine_destroy)>("tavistro_engine_destroy");
+};
+
+fs::path library_path() {
+    wchar_t program[MAX_PATH]{};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    return fs::path(program).parent_path() / TAVISTRO_LIBRARY;
+}
+
+/// One life of the library, up to audio that runs and back.
+void live_once(const fs::path& path, const std::string& config) {
+    const Library engine_library{LoadLibraryW(path.c_str())};
+    ASSERT_NE(engine_library.module, nullptr) << "error " << GetLastError();
+    tavistro_engine* const engine = engine_library.create();
+    ASSERT_NE(engine, nullptr);
+    ASSERT_EQ(engine_library.start(engine, config.c_str()), 1);
+    tavistro_engine_state state{};
+    while (engine_library.get_state(engine, &state) == 1 && state.state < TAVISTRO_STATE_RUNNING) {
+        platform::sleep_ms(2);
+    }
+    EXPECT_EQ(state.state, std::uint32_t{TAVISTRO_STATE_RUNNING});
+    engine_library.stop(engine);
+    engine_library.destroy(engine);
+    ASSERT_NE(FreeLibrary(engine_library.module), 0);
+    ASSERT_EQ(GetModuleHandleW(path.filename().c_str()), nullptr) << "still loaded";
+}
+
+DWORD open_handles() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
+TEST(Library, FiftyLivesEndWithoutAHangAndLeaveNothingBehind) {
+    server::ReferenceServer server({.bind_address = platform::ipv4_loopback, .port = 0});
+    ASSERT_EQ(server.start(), "");
+    const std::string config = (fs::temp_directory_path() / "tavistro-library-test.ini").string();
+    std::ofstream(config)
+        << "[network]\nserver_ip = 127.0.0.1\nserver_port = " << server.port()
+        << "\nclient_id = 1\n[asio]\ndriver_name =\n[test]\nloopback_device = 1\n";
+    const fs::path path = library_path();
+    live_once(path, config);  // what the system keeps for itself is there after the first
+    const DWORD handles_before = open_handles();
+    for (int life = 1; life < 50 && !HasFailure(); ++life) {
+        live_once(path, config);
+    }
+    EXPECT_LT(open_handles(), handles_before + 25) << "less than one in two lives";
+    fs::remove(config);
+}
+
+}  // namespace
+}  // namespace tavistro
