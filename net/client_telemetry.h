@@ -1,0 +1,39 @@
+// The client's statistics: what is counted and how it is handed out.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace tavistro {
+
+inline constexpr std::size_t latency_bucket_count = 10;
+
+/// Snapshot of the client's statistics. Counts run since the client's start; times are
+/// microseconds, 0 before the first sample.
+struct ClientTelemetry {
+    std::uint64_t recvBlocksPerSec = 0;  ///< new blocks in the last interval of at least 1000 ms
+    std::uint64_t duplicateBlocksPerSec = 0;  ///< late or repeated blocks in that interval
+    std::uint64_t rtt_samples = 0;
+    std::uint64_t ping_timeouts = 0;
+    std::uint32_t rtt_last_us = 0;
+    std::uint32_t rtt_min_us = 0;
+    std::uint32_t rtt_max_us = 0;
+    std::uint32_t rtt_p50_us = 0;
+    std::uint32_t rtt_p95_us = 0;
+    std::uint32_t rtt_p99_us = 0;
+    std::array<std::uint64_t, latency_bucket_count> rtt_histogram{};
+    bool clock_synced = false;
+    std::uint32_t sync_rtt_us = 0;  ///< round trip of the answer that set the clock offset
+    std::uint64_t sync_delay_samples = 0;
+    std::uint32_t sync_delay_last_us = 0;
+    std::uint32_t sync_delay_min_us = 0;
+    std::uint32_t sync_delay_max_us = 0;
+    std::uint32_t sync_delay_p50_us = 0;
+    std::uint32_t sync_delay_p95_us = 0;
+    std::uint32_t sync_delay_p99_us = 0;
+    std::array<std::uint64_t, latency_bucket_count> sync_delay_histogram{};
+    std::uint32_t callback_last_us = 0;  ///< arrival of a block to the end of its delivery
+    std::uint32_t callback_max_us = 0;
+};
+
+}  // namespace tavistro

@@ -1,0 +1,77 @@
+#include "net/server_clock.h"
+
+#include <cassert>
+#include <limits>
+
+namespace tavistro {
+
+namespace {
+
+std::uint64_t elapsed(std::uint64_t from, std::uint64_t to) noexcept {
+    return to >= from ? to - from : 0;
+}
+
+double signed_difference(std::uint64_t a, std::uint64_t b) noexcept {
+    return static_cast<double>(static_cast<std::int64_t>(a - b));
+}
+
+std::int64_t saturate_to_i64(double value) noexcept {
+    if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();
+    if (value < -0x1p63) return std::numeric_limits<std::int64_t>::min();
+    return static_cast<std::int64_t>(value);
+}
+
+std::uint64_t saturate_to_u64(double value) noexcept {
+    if (!(value > 0.0)) return 0;
+    if (value >= 0x1p64) return std::numeric_limits<std::uint64_t>::max();
+    return static_cast<std::uint64_t>(value);
+}
+
+}  // namespace
+
+ServerClock::PingStep ServerClock::next_ping_step(std::uint64_t now_ms) noexcept {
+    const std::uint64_t age_ms = now_ms - last_ping_ms_;
+    if (ping_under_way_) {
+        if (age_ms < ping_timeout_ms) return PingStep::wait;
+        ping_under_way_ = false;
+        return PingStep::send_after_loss;
+    }
+    const bool too_early = last_ping_ms_ != 0 && age_ms < ping_period_ms;
+    return too_early ? PingStep::wait : PingStep::send;
+}
+
+void ServerClock::ping_sent(const TavistroProtocol::Ping& ping, std::uint64_t now_ms) noexcept {
+    ping_under_way_ = true;
+    last_ping_ms_ = now_ms;
+    ping_nonce_ = ping.nonce;
+    ping_t1_ns_ = ping.t1_ns;
+}
+
+std::optional<std::uint64_t> ServerClock::accept(const TavistroProtocol::Pong& pong,
+                                                 std::uint64_t t4_ns) noexcept {
+    if (!ping_under_way_ || pong.nonce != ping_nonce_ || pong.t1_ns != ping_t1_ns_) return {};
+    ping_under_way_ = false;
+    synced_ = true;
+    const double forth = signed_difference(pong.t1_ns, pong.t2_ns);
+    const double back = signed_difference(t4_ns, pong.t3_ns);
+    offset_ns_ = saturate_to_i64((forth + back) / 2.0);
+
+    const std::uint64_t total = elapsed(pong.t1_ns, t4_ns);
+    const std::uint64_t hold = elapsed(pong.t2_ns, pong.t3_ns);
+    // A server that claims to have held the ping longer than we waited is not believed.
+    return total > hold ? total - hold : total;
+}
+
+void ServerClock::remember_block(std::uint32_t sequence, std::uint64_t server_ns) noexcept {
+    assert(synced_);
+    const double local_ns = static_cast<double>(offset_ns_) + static_cast<double>(server_ns);
+    sync_ring_[sequence % sync_ring_.size()] = {
+        sequence, {server_ns, saturate_to_u64(local_ns)}, true};
+}
+
+ServerClock::BlockTimes ServerClock::block_times(std::uint32_t sequence) const noexcept {
+    const SyncRingEntry& entry = sync_ring_[sequence % sync_ring_.size()];
+    return entry.valid && entry.sequence == sequence ? entry.times : BlockTimes{};
+}
+
+}  // namespace tavistro

@@ -1,0 +1,84 @@
+// The ring between the device's clock and the server's: exact where it must be, bounded elsewhere.
+#include "net/capture_ring.h"
+
+#include <gtest/gtest.h>
+
+#include "net/net_inputs.h"
+
+namespace tavistro::test {
+namespace {
+
+constexpr std::uint16_t frames = 128;
+
+/// Two channels that run on from block to block: the second one block ahead of the first.
+struct Feeder {
+    CaptureRing ring{2, test_rate, frames, 2, 10};
+    float next = 0.0F;
+
+    void push_blocks(int count, double rate_ratio = 1.0) {
+        for (; count > 0; --count, next += frames)
+            ring.push(test_rate, frames, 2, ramp(2 * frames, next), rate_ratio);
+    }
+    std::vector<float> pull() {
+        std::vector<float> block;
+        EXPECT_TRUE(ring.pull(test_rate, frames, block));
+        return block;
+    }
+};
+
+TEST(CaptureRing, StreamStaysWholeAcrossTheWrapAndExactAtTheTargetFill) {
+    for (const double rate_ratio : {1.0, 1.003}) {
+        const double tolerance = rate_ratio == 1.0 ? 0.0 : 0.004;
+        Feeder feeder;
+        float previous = -1.0F;
+        feeder.push_blocks(2, rate_ratio);
+        for (int i = 0; i < 40; ++i) {
+            const std::vector<float> block = feeder.pull();
+            for (std::size_t k = 0; k < frames; ++k) {
+                ASSERT_NEAR(block[k] - previous, rate_ratio, tolerance) << k << " of block " << i;
+                ASSERT_NEAR(block[frames + k] - block[k], frames, tolerance);
+                previous = block[k];
+            }
+            feeder.push_blocks(1, rate_ratio);
+        }
+    }
+}
+
+TEST(CaptureRing, ReadsFasterOrSlowerWithinBounds) {
+    const struct {
+        int blocks;
+        double rate_ratio, read_ratio;
+    } cases[] = {{2, 1.0, 1.0},     {6, 1.0, 1.0007},   {2, 0.998, 0.998},
+                 {2, 1.01, 1.0045}, {2, 0.951, 0.9955}, {2, 1.06, 1.0}};
+    for (const auto& c : cases) {
+        Feeder feeder;
+        feeder.push_blocks(c.blocks, c.rate_ratio);
+        // On a ramp, interpolation makes the reading position itself.
+        EXPECT_FLOAT_EQ(feeder.pull()[frames - 1], static_cast<float>((frames - 1) * c.read_ratio));
+        const auto consumed = static_cast<std::uint64_t>(frames * c.read_ratio);
+        EXPECT_EQ(feeder.ring.fill(), static_cast<std::uint64_t>(c.blocks) * frames - consumed);
+    }
+}
+
+TEST(CaptureRing, TakesAndGivesOnlyWhatFitsAndLosesTheOldest) {
+    CaptureRing ring(1, test_rate, 1, 2, 3);
+    std::vector<float> block;
+    for (const float sample : {5.0F, 6.0F}) {
+        ring.push(test_rate, 1, 1, std::vector{sample}, 1.0);
+        EXPECT_FALSE(ring.pull(test_rate, 1, block)) << "two frames are held back";
+    }
+    ring.push(44100, 1, 1, std::vector{9.0F}, 1.0);
+    ring.push(test_rate, 1, 2, ramp(2), 1.0);
+    ring.push(test_rate, 1, 1, ramp(2), 1.0);
+    EXPECT_EQ(ring.fill(), 2U) << "what does not fit is dropped whole";
+    for (const float sample : {7.0F, 8.0F})
+        ring.push(test_rate, 1, 1, std::vector{sample}, 1.0);
+    EXPECT_FALSE(ring.pull(44100, 1, block));
+    EXPECT_FALSE(ring.pull(test_rate, 2, block));
+    EXPECT_TRUE(ring.pull(test_rate, 1, block));
+    EXPECT_EQ(block, std::vector{6.0F});
+    CaptureRing().push(0, 0, 0, {}, 1.0);  // without a format: nothing to divide by
+}
+
+}  // namespace
+}  // namespace tavistro::test

@@ -1,0 +1,145 @@
+// The wire: bytes as they stand, what is refused and why, how blocks are cut and made whole again.
+// That every decoder gives back what was encoded, and every cut its block, is up to tests/fuzz.
+#include "net/protocol.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "net/net_inputs.h"
+#include "net/reassembly.h"
+#include "net/server_messages.h"
+
+namespace tavistro::test {
+namespace {
+
+const Datagram sync_datagram = encode_sync(7, {0x01020304, 48000, 128, 0x1122334455667788, 99});
+const Datagram pong_datagram = encode_pong({7, 1, 2, 3, 4});
+const Datagram reply_datagram = encode_discover_reply({7, 0xAABB, 28010});
+
+TEST(Protocol, MessagesStandOnTheWireByteForByte) {
+    const struct {
+        Datagram datagram;
+        std::string bytes;
+    } cases[] = {
+        {encode_announce({0x0A0B0C0D, 0x01020304, 5, 6, {2, 300}, {-1}}),
+         "5456534f 0500 0100 2c000000 0d0c0b0a 0200 0100 04030201 05000000 06000000 02000000 "
+         "2c010000 ffffffff"},
+        {block_datagrams(3, 1, 2).at(0),
+         "5456534f 0500 0200 38000000 07000000 03000000 80bb0000 0100 0200 0000 0200 0000 0100 "
+         "0000 0100 0000000000000000 0000803f 00000040"},
+        {sync_datagram,
+         "5456534f 0500 0300 2c000000 07000000 04030201 80bb0000 8000 0000 8877665544332211 "
+         "6300000000000000"},
+        {encode_discover({7, 0x0102030405060708}),
+         "5456534f 0500 0400 20000000 07000000 0807060504030201 00000000 00000000"},
+        {reply_datagram,
+         "5456534f 0500 0500 30000000 07000000 bbaa000000000000 6a6d 0000 00000000 05000000 "
+         "010005004f535654 00000000"},
+        {encode_ping({7, 0x0102030405060708, 9}),
+         "5456534f 0500 0600 20000000 07000000 0807060504030201 0900000000000000"},
+        {pong_datagram,
+         "5456534f 0500 0700 30000000 07000000 0100000000000000 0200000000000000 "
+         "0300000000000000 0400000000000000"},
+    };
+    for (auto [datagram, bytes] : cases) {
+        std::erase(bytes, ' ');
+        std::string hex;
+        for (const std::uint8_t byte : datagram)
+            hex.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
+        EXPECT_EQ(hex, bytes);
+    }
+}
+
+TEST(Protocol, DecodersNameTheFirstFaultAndFragmentsMustLieWithinTheirBlock) {
+    const struct {
+        const char* faults;
+        DecodeResult result;
+        int expected;
+    } cases[] = {
+        {"none", decode_sync(sync_datagram).result, 0},
+        {"null", decode_header({}).result, 1},
+        {"15 bytes", decode_header(resized(sync_datagram, 15)).result, 2},
+        {"magic, version", decode_header(patched(sync_datagram, 3, {'o', 4})).result, 3},
+        {"version, length", decode_header(patched(sync_datagram, 4, {4, 0, 3, 0, 9})).result, 4},
+        {"length, client", decode_header(patched(sync_datagram, 8, {9, 0, 0, 0, 0})).result, 5},
+        {"client, type", decode_pong(patched(sync_datagram, 12, {0})).result, 6},
+        {"type, size", decode_pong(resized(sync_datagram, 16)).result, 7},
+        {"size", decode_sync(resized(sync_datagram, 16)).result, 5},
+        {"45 bytes", decode_sync(resized(sync_datagram, 45)).result, 5},
+        {"type of audio", decode_audio(sync_datagram).result, 8},
+        {"longer list", decode_announce(patched(encode_leave(7, 8), 16, {1})).result, 5},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.result, static_cast<DecodeResult>(c.expected)) << c.faults;
+
+    // The second channel of a block of 3 frames and 2 channels, cut in two.
+    const Datagram good = block_datagrams(1, 3, 2, 48 + 4 * 2).at(3);
+    ASSERT_TRUE(decode_audio(good));
+    const std::pair<std::size_t, std::uint8_t> bad[] = {{24, 0}, {24, 2}, {26, 0}, {26, 1},
+                                                        {28, 2}, {30, 0}, {30, 2}, {32, 3},
+                                                        {34, 0}, {34, 2}, {36, 4}, {38, 0}};
+    for (const auto& [offset, value] : bad)
+        EXPECT_FALSE(decode_audio(patched(good, offset, {value, 0}))) << value << " at " << offset;
+    EXPECT_EQ(decode_audio(resized(good, good.size() + 4)).result, DecodeResult::bad_audio);
+}
+
+TEST(Blocks, AreCutToTheSizeLimit) {
+    const struct {
+        std::uint16_t frames, channels;
+        std::uint32_t payload_bytes;
+        std::size_t fragments;  // 0: cannot be sent
+    } cases[] = {{128, 5, 1200, 3},     {512, 2, 1200, 4},    {288, 3, 1200, 3}, {289, 1, 1200, 2},
+                 {3, 2, 52, 6},         {3, 2, 55, 6},        {3, 2, 51, 0},     {3, 2, 65508, 0},
+                 {65535, 1, 52, 65535}, {1, 65535, 65507, 5}, {65535, 2, 52, 0}, {0, 2, 1200, 0},
+                 {2, 0, 1200, 0}};
+    DatagramList datagrams;
+    for (const auto& c : cases) {
+        const std::vector<float> samples = ramp(std::size_t{c.frames} * c.channels);
+        encode_audio_block({7, 9, test_rate, c.frames, c.channels, samples}, c.payload_bytes,
+                           datagrams);
+        EXPECT_EQ(datagrams.size(), c.fragments) << c.frames << " at " << c.payload_bytes;
+    }
+    EXPECT_FALSE(encode_audio_block({0, 9, test_rate, 2, 2, ramp(4)}, 1200, datagrams));
+    EXPECT_FALSE(encode_audio_block({7, 9, test_rate, 2, 2, ramp(3)}, 1200, datagrams));
+}
+
+TEST(Blocks, CompleteWithTheirLastDistinctFragmentUnlessTheyGiveWay) {
+    Reassembly reassembly;
+    CompletedOutputBlock block;
+    reassembly.reset(2);
+    // Fragment `index` (channel `index`) of a block of 2 channels.
+    const auto offer = [&](std::uint32_t sequence, std::size_t index, std::uint16_t frames = 4) {
+        const auto datagram = block_datagrams(sequence, frames, 2, 48 + 4U * frames).at(index);
+        return reassembly.offer(decode_audio(datagram).message, block);
+    };
+    EXPECT_FALSE(offer(5, 1));
+    EXPECT_FALSE(offer(5, 1)) << "a copy counts once";
+    EXPECT_FALSE(offer(6, 0)) << "blocks may overlap";
+    EXPECT_TRUE(offer(5, 0));
+    EXPECT_EQ(block.samples, ramp(8));
+    EXPECT_TRUE(offer(6, 1));
+    EXPECT_FALSE(offer(6, 1)) << "a late copy begins the block again";
+    EXPECT_FALSE(offer(6, 1, 8)) << "and another shape as well";
+    EXPECT_FALSE(offer(6, 0, 4));
+    reassembly.clear();
+    EXPECT_FALSE(offer(6, 1));
+    const auto three_channels = block_datagrams(7, 4, 3).front();
+    EXPECT_FALSE(reassembly.offer(decode_audio(three_channels).message, block));
+
+    // What nobody sent is silent, also where an earlier block left its samples.
+    const auto first_half = block_datagrams(6, 4, 2, 48 + 16).front();
+    EXPECT_TRUE(reassembly.offer(decode_audio(patched(first_half, 38, {1})).message, block));
+    EXPECT_EQ(block.samples, (std::vector<float>{1, 2, 3, 4, 0, 0, 0, 0}));
+
+    EXPECT_FALSE(offer(9, 0));
+    EXPECT_FALSE(offer(1, 0)) << "late";
+    EXPECT_FALSE(offer(17, 0)) << "takes the place of 9";
+    EXPECT_TRUE(offer(17, 1));
+    EXPECT_FALSE(offer(0xFFFFFFFF, 0));
+    EXPECT_FALSE(offer(7, 0)) << "takes the place of the block before the wrap";
+    EXPECT_TRUE(offer(7, 1));
+}
+
+}  // namespace
+}  // namespace tavistro::test
