@@ -1,0 +1,37 @@
+// Conversion between the engine's samples (32-bit float, full scale +-1.0) and the formats of ASIO
+// drivers, one channel's buffer at a time. Pure functions; a driver's buffer needs no alignment.
+//
+// A format is named by its sample type code. An unknown code reads as silence, and is written as
+// silence of four bytes a sample.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "platform/realtime.h"
+
+namespace tavistro {
+
+/// Name of the type as drivers' developers know it, "Other" for an unknown code.
+const char* sample_type_name(std::uint32_t code) noexcept;
+
+/// Bytes of one sample.
+TAVISTRO_REALTIME std::size_t sample_size_bytes(std::uint32_t code) noexcept;
+
+/// Reads destination.size() samples. Integers are divided by their largest positive value; results
+/// outside +-1.0 are clamped. Little-endian 32-bit float is copied bit for bit.
+TAVISTRO_REALTIME void samples_to_float(const void* driver_buffer, std::uint32_t code,
+                                        std::span<float> destination) noexcept;
+
+/// Writes source.size() samples, clamped to +-1.0; integers are truncated toward zero. NaN stays
+/// NaN in a float format; an integer format takes the low bits of 0x80000000. Little-endian 32-bit
+/// float is copied bit for bit.
+TAVISTRO_REALTIME void samples_from_float(void* driver_buffer, std::uint32_t code,
+                                          std::span<const float> source) noexcept;
+
+/// Writes `frames` samples of silence.
+TAVISTRO_REALTIME void write_silence(void* driver_buffer, std::uint32_t code,
+                                     std::size_t frames) noexcept;
+
+}  // namespace tavistro

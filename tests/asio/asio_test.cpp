@@ -1,0 +1,264 @@
+// The list of drivers, and the device on a driver that misbehaves as real ones were seen to.
+#include "asio/asio_device.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "asio/buffer_size.h"
+#include "asio/current_device.h"
+#include "asio/fake_registry.h"
+#include "platform/clock.h"
+#include "support/realtime_guard.h"
+#include "tools/test_driver/driver_control.h"
+
+namespace tavistro::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+TEST(DriverList, NumbersAndNamesCompleteDriversInRegisterOrder) {
+    installed_drivers = {{"Key", '1'},
+                         {"Unserved", '2', "skipped", false},
+                         {"Fits", '3', std::string(31, 'a')},
+                         {"Forty", '4', std::string(28, 'b') + std::string(12, 'c')},
+                         {"Endless", '5', std::string(200, 'd')}};
+    AsioDrivers drivers;
+    std::vector<std::string> names;
+    char name[256];
+    for (std::int32_t id = 0; id < drivers.driverCount(); ++id) {
+        EXPECT_EQ(drivers.driverNameAt(id, std::span(name, 32)), kAsioListOk);
+        names.emplace_back(name);
+    }
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"Key", std::string(31, 'a'), std::string(28, 'b') + "...",
+                                        std::string(28, 'd') + "..."}));
+    EXPECT_EQ(drivers.driverNameAt(3, name), kAsioListOk);
+    EXPECT_EQ(name, std::string(127, 'd'));
+    EXPECT_EQ(drivers.driverNameAt(4, name), kAsioListNoSuchDriver);
+    EXPECT_EQ(drivers.driverNameAt(0, {}), kAsioListBadArgument);
+    EXPECT_FALSE(drivers.loadDriver(installed_drivers[3].description->c_str()));
+    EXPECT_TRUE(drivers.loadDriver(names[2].c_str()));
+}
+
+TEST(DriverList, LoadsByExactNameAndGoesBackWhenADriverCannotBeMade) {
+    installed_drivers.clear();
+    EXPECT_FALSE(AsioDrivers().loadDriver("")) << "nothing installed";
+    EXPECT_EQ(apartments_entered + DriverControl::instance().count("objects"), 0);
+    installed_drivers = {{"One", '1'}, {"Key", '2', "Twin"}, {"Twin", '3'}, {"Odd", 'x'}};
+    AsioDrivers drivers;
+    EXPECT_EQ(apartments_entered, 1);
+    EXPECT_FALSE(drivers.loadDriver("one"));
+    EXPECT_FALSE(drivers.loadDriver("Odd"));
+    EXPECT_EQ(theAsioDriver, nullptr);
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_TRUE(drivers.loadDriver("Twin"));
+        EXPECT_EQ(theAsioDriver, installed_drivers[1].object);
+    }
+    EXPECT_TRUE(drivers.loadDriver("One"));
+    EXPECT_FALSE(drivers.loadDriver("Odd"));
+    EXPECT_NE(theAsioDriver, nullptr);
+    EXPECT_EQ(theAsioDriver, installed_drivers[0].object) << "loaded again";
+    EXPECT_EQ(DriverControl::instance().count("objects"), 1);
+
+    AsioDriver* opened = nullptr;
+    EXPECT_EQ(drivers.openDriverAt(0, &opened), kAsioListAlreadyOpen);
+    EXPECT_EQ(drivers.openDriverAt(1, nullptr), kAsioListBadArgument);
+    EXPECT_EQ(drivers.openDriverAt(9, &opened), kAsioListNoSuchDriver);
+    EXPECT_EQ(drivers.openDriverAt(3, &opened), not_registered);
+    EXPECT_EQ(opened, nullptr);
+    EXPECT_EQ(drivers.openDriverAt(2, &opened), kAsioListOk) << "released with the list";
+}
+
+class Device : public testing::Test {
+  protected:
+    Device() {
+        EXPECT_EQ(apartments_entered, 0);
+        installed_drivers = {{"Fake", '1'}};
+        settings.driver_name = "Fake";
+        settings.output_channel_map = {5, 0};
+        settings.input_channel_map = {5, 0};
+        reset_realtime_violations();
+    }
+    ~Device() override {
+        device.close();
+        EXPECT_EQ(realtime_violations().total(), 0U) << "inside a period";
+        EXPECT_EQ(driver.count("objects"), 0);
+        driver.restore();
+    }
+    bool open() {
+        lines.clear();
+        periods = 0;
+        return device.open(
+            settings, [this](const std::string& line) { lines.push_back(line); },
+            [](void* self, std::int32_t half) { static_cast<Device*>(self)->on_period(half); },
+            this);
+    }
+    /// Plays 0.5 on the first output, silence on the second; they come back on the inputs.
+    void on_period(std::int32_t half) {
+        const RealtimeScope scope;
+        for (const std::int32_t channel : {0, 1})
+            device.read_input(channel, half, inputs[channel], 128);
+        device.write_output(0, half, half_level.data(), 128);
+        device.write_output(1, half, nullptr, 128);
+        ready = device.output_ready();
+        if (periods++ == 0) first_input = inputs[0][127];
+    }
+    void wait_for_periods(int more) {
+        for (const int until = periods + more; periods < until;)
+            platform::sleep_ms(1);
+    }
+
+    DriverControl& driver = DriverControl::instance();
+    AudioDeviceSettings settings;
+    Lines lines;
+    const std::vector<float> half_level = std::vector<float>(128, 0.5F);
+    float inputs[2][128] = {};
+    float first_input = 0.0F;
+    std::atomic<int> periods{0};
+    std::atomic<bool> ready{false};
+    AsioDevice device;
+};
+
+TEST_F(Device, OpensAtTheDriversRateRunsAndCloses) {
+    driver.set("rate", "44100");
+    driver.set("fixed_rate", "1");
+    driver.set("noise", "1");
+    driver.set("input_types", "0,16");
+    ASSERT_TRUE(open() && device.start());
+    EXPECT_EQ(lines, (Lines{"[asio] setSampleRate failed.", "[asio] device=\"Fake\"",
+                            "[asio] actual sample_rate=44100",
+                            ("[asio] created bufferSize=128 mappedInputChannels=2 "
+                             "mappedOutputChannels=2 availableHardwareInputs=8 "
+                             "availableHardwareOutputs=8"),
+                            "[asio] logicalIn=0 -> hardwareIn=5 type=ASIOSTInt16LSB",
+                            "[asio] logicalIn=1 -> hardwareIn=0 type=ASIOSTInt16MSB",
+                            "[asio] logicalOut=0 -> hardwareOut=5 type=ASIOSTInt24LSB",
+                            "[asio] logicalOut=1 -> hardwareOut=0 type=ASIOSTInt24LSB",
+                            "[asio] outputReady optimization is supported."}));
+    EXPECT_EQ(device.sample_rate(), 44100.0);
+    EXPECT_EQ(device.buffer_size(), 128U);
+    wait_for_periods(3);
+    for (int times = 0; times < 2; ++times)
+        device.close();
+    EXPECT_EQ(driver.count("stop"), 1);
+    EXPECT_FALSE(device.start());
+    EXPECT_EQ(first_input, 0.0F) << "the driver's noise was played";
+    EXPECT_NEAR(inputs[0][127], 0.5F, 1.0F / 32767.0F);
+    EXPECT_EQ(inputs[1][127], 0.0F);
+}
+
+TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
+    const auto expect_failure = [this](const std::string& line) {
+        EXPECT_FALSE(open());
+        EXPECT_EQ(lines, Lines{"[asio] " + line});
+        EXPECT_EQ(driver.count("objects"), 0) << line;
+    };
+    const std::pair<const char*, const char*> calls[] = {
+        {"create", "theAsioDriver is null."},
+        {"init", "init failed."},
+        {"getSampleRate", "getSampleRate failed."},
+        {"getChannels", "getChannels failed."},
+        {"getBufferSize", "getBufferSize failed."},
+        {"createBuffers", "createBuffers failed."},
+        {"getInputInfo", "getChannelInfo failed for input."},
+        {"getOutputInfo", "getChannelInfo failed for output."}};
+    for (const auto& [call, line] : calls) {
+        driver.set("fail", call);
+        expect_failure(line);
+    }
+    driver.set("fail", "start");
+    EXPECT_TRUE(open());
+    EXPECT_FALSE(device.start());
+    settings.block_size = 96;
+    expect_failure("unsupported bufferSize=96 min=32 max=2048 preferred=128 granularity=-1");
+    settings.block_size = 0;
+    for (const char* option : {"maximum_frames", "preferred_frames", "minimum_frames"})
+        driver.set(option, "65536");
+    expect_failure(
+        "unsupported bufferSize=65536 min=65536 max=65536 preferred=65536 granularity=-1");
+    settings.input_channel_map = {8};
+    expect_failure("input_channel_map contains a hardware channel outside available input range.");
+    settings.output_channel_map = {0, 8};
+    expect_failure(
+        "output_channel_map contains a hardware channel outside available output range.");
+    settings.driver_name = "fake";
+    expect_failure("loadDriver failed.");
+}
+
+TEST_F(Device, TakesEveryPeriodOfADriverThatCallsOutOfTurnAndNothingElse) {
+    for (const char* option : {"callback_in_create", "callback_in_start", "callback_in_stop"})
+        driver.set(option, "1");
+    for (const char* time_info : {"0", "1"}) {
+        driver.set("time_info", time_info);
+        driver.set("foreign_thread", time_info);
+        const auto periods_before = driver.count("periods");
+        ASSERT_TRUE(open());
+        EXPECT_EQ(periods, 0) << "before the device was complete";
+        ASSERT_TRUE(device.start());
+        EXPECT_GE(periods, 1);
+        driver.fire("bad_index");
+        wait_for_periods(3);
+        device.close();
+        EXPECT_EQ(periods, driver.count("periods") - periods_before);
+    }
+    driver.set("fail", "outputReady");
+    ASSERT_TRUE(open() && device.start());
+    EXPECT_EQ(lines.back(), "[asio] outputReady optimization is not supported.");
+    const auto probed = driver.count("outputReady");
+    wait_for_periods(2);
+    EXPECT_TRUE(ready);
+    EXPECT_EQ(driver.count("outputReady"), probed);
+    device.close();
+    driver.set("fail", "");
+    ASSERT_TRUE(open() && device.start());
+    driver.set("fail", "outputReady");
+    wait_for_periods(2);
+    EXPECT_FALSE(ready);
+}
+
+// For the sanitizers: no callback is left with an object that its owner frees.
+TEST(CurrentDevice, IsLeftByEveryCallbackBeforeItsOwnerGoesOn) {
+    static constinit CurrentDevice<std::vector<int>> current;
+    std::atomic<bool> calling{true};
+    std::atomic<int> calls{0};
+    std::thread driver_thread([&] {
+        while (calling)
+            current.use([&](std::vector<int>& object) { calls += ++object[0] > 0; });
+    });
+    for (int run = 0; run < 100; ++run) {
+        const auto object = std::make_unique<std::vector<int>>(1);
+        current.set(*object);
+        for (const int before = calls; calls == before;)
+            platform::sleep_ms(0);
+        current.clear(*object, 600'000);
+        EXPECT_GT(object->front(), 0);
+    }
+    calling = false;
+    driver_thread.join();
+}
+
+TEST(BufferSize, FollowsTheDriversRange) {
+    using Sizes = std::vector<std::int64_t>;
+    const Sizes sizes{0, 1, 48, 64, 65, 96, 100, 128, 441, 768, 882, 960, 1000, 2048, 2080, 4096};
+    const std::pair<BufferSizeRange, Sizes> cases[] = {
+        {{64, 2048, 0, -1}, {64, 128, 2048}},
+        {{48, 1000, 0, -1}, {48, 96, 768}},
+        {{0, 64, 0, -1}, {}},
+        {{64, 1000, 0, 32}, {64, 96, 128, 768, 960}},
+        {{64, 2048, 0, 0}, {64}},
+        {{64, 2048, 0, -2}, {}},
+        {{441, 441, 0, -7}, {441}},
+        {{-2147483647, 2147483647, 0, 2147483647}, {0}},
+    };
+    for (const auto& [range, expected] : cases) {
+        Sizes accepted;
+        for (const auto frames : sizes)
+            if (acceptable_buffer_size(frames, range)) accepted.push_back(frames);
+        EXPECT_EQ(accepted, expected);
+    }
+}
+
+}  // namespace
+}  // namespace tavistro::test
