@@ -1,0 +1,79 @@
+// An audio device that fails when a test says so, and whose periods the test calls.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "asio/audio_device.h"
+#include "support/realtime_guard.h"
+
+namespace tavistro::test {
+
+/// What the test decides and sees; outlives the devices, which the player destroys.
+struct DevicePanel {
+    bool exists = true;
+    bool starts = true;
+    std::atomic<int> refusals{0};     ///< opens still to fail
+    std::atomic<bool> faulty{false};  ///< takes no output and asks for a reset, until the next open
+    bool runs_by_itself = false;      ///< periods on a thread of its own, from opening to close
+    double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
+    float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
+
+    std::vector<std::vector<float>> played;  ///< last period of every output, empty for silence
+    std::function<void()> period;
+};
+
+class TestDevice : public AudioDevice {
+  public:
+    explicit TestDevice(std::shared_ptr<DevicePanel> panel) : panel_(std::move(panel)) {}
+
+    bool open(const AudioDeviceSettings& settings, LogCallback log, BufferSwitchCallback callback,
+              void* context) override {
+        if (panel_->refusals-- > 0) {
+            log("[asio] test device does not open.");
+            return false;
+        }
+        panel_->faulty = false;
+        buffer_size_ = settings.block_size;
+        sample_rate_ = settings.sample_rate + panel_->rate_error;
+        panel_->played.assign(settings.output_channel_map.size(), std::vector<float>(buffer_size_));
+        panel_->period = [callback, context] {
+            const RealtimeScope scope;
+            callback(context, 0);
+        };
+        panel_->period();  // as some drivers do
+        running_ = panel_->runs_by_itself;
+        thread_ = std::thread([this] {
+            while (running_)
+                panel_->period();
+        });
+        return true;
+    }
+    bool start() override { return panel_->starts; }
+    void close() override {
+        running_ = false;
+        if (thread_.joinable()) thread_.join();
+    }
+    void read_input(std::int32_t channel, std::int32_t, float* destination,
+                    std::int32_t frames) override {
+        std::fill_n(destination, frames, panel_->input * static_cast<float>(channel + 1));
+    }
+    void write_output(std::int32_t channel, std::int32_t, const float* source,
+                      std::int32_t frames) override {
+        panel_->played[static_cast<std::size_t>(channel)].assign(
+            source, source == nullptr ? nullptr : source + frames);
+    }
+    bool output_ready() override { return !panel_->faulty; }
+    bool reset_requested() override { return panel_->faulty; }
+
+  private:
+    std::shared_ptr<DevicePanel> panel_;
+    std::atomic<bool> running_{false};
+    std::thread thread_;
+};
+
+}  // namespace tavistro::test
