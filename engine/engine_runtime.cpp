@@ -1,0 +1,175 @@
+#include "engine/engine_runtime.h"
+
+#include <utility>
+
+#include "config/engine_config.h"
+
+namespace tavistro {
+namespace {
+
+constexpr std::uint32_t supervision_period_ms = 100;
+
+}  // namespace
+
+EngineRuntime::EngineRuntime(DeviceFactory create_device) : player_(std::move(create_device)) {}
+
+bool EngineRuntime::start(const char* path) noexcept {
+    if (!path || *path == '\0') {
+        set_error(TAVISTRO_ERROR_NO_CONFIG_PATH, TAVISTRO_MESSAGE_NO_CONFIG_PATH);
+        return false;
+    }
+    if (worker_.joinable()) {
+        set_error(TAVISTRO_ERROR_ALREADY_STARTED, TAVISTRO_MESSAGE_ALREADY_STARTED);
+        return false;
+    }
+    stop_requested_ = false;
+    audio_accepting_ = false;
+    active_format_ = StreamFormat{};
+    last_sync_ms_ = 0;
+    supervision_.reset();
+    recovery_enabled_ = false;
+    recovery_attempts_ = 0;
+    next_recovery_ms_ = 0;
+    first_sync_.clear();
+    format_change_.clear();
+    recovery_request_.clear();
+    record_.reset_for_start();
+
+    bool launched = false;
+    try {
+        launched = worker_.start("tav-worker", [this, copy = std::string(path)] { run(copy); });
+    } catch (...) {  // no memory for the copy
+    }
+    if (!launched) {
+        set_failed(TAVISTRO_ERROR_WORKER_START_FAILED, TAVISTRO_MESSAGE_WORKER_START_FAILED);
+    }
+    return launched;
+}
+
+void EngineRuntime::stop() noexcept {
+    stop_requested_ = true;
+    worker_event_.signal();
+    worker_.join();
+}
+
+void EngineRuntime::run(const std::string& path) noexcept {
+    try {
+        EngineConfig config;
+        if (prepare(path, config)) run_stages(config);
+    } catch (...) {
+        end_after_exception();
+    }
+    stats_.close();
+}
+
+bool EngineRuntime::prepare(const std::string& path, EngineConfig& config) {
+    std::string reason;  // the record carries no text
+    if (!load_engine_config(path, config, reason)) {
+        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
+        return false;
+    }
+    recovery_enabled_ = !config.loopback_device;
+    record_.set_client_id(config.client.client_id);
+    record_.set_meter_channels(config.client.driver_inputs, config.client.driver_outputs);
+    if (!stats_.open(config.client.client_id)) {
+        set_failed(TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED);
+        return false;
+    }
+    stats_.write_error(TAVISTRO_ERROR_NONE);
+    stats_.write_state(TAVISTRO_STATE_STARTING);
+    return true;
+}
+
+void EngineRuntime::run_stages(EngineConfig& config) {
+    if (!start_client_with_retries(config.client)) return end_after_retries();
+    set_state(TAVISTRO_STATE_CONNECTED, {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_NETWORK,
+                                         TAVISTRO_MESSAGE_WAITING_FOR_STREAM});
+
+    if (!wait_for_first_sync(config.audio)) {
+        set_error(TAVISTRO_ERROR_STOPPED_BEFORE_STREAM, TAVISTRO_MESSAGE_STOPPED_BEFORE_STREAM);
+        client_.stop();
+        return set_state(TAVISTRO_STATE_STOPPED);
+    }
+    if (!set_capture_format(config.audio)) {
+        client_.stop();
+        return set_failed(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED,
+                          TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
+    }
+    set_stream_format(config.audio);
+
+    if (config.loopback_device) {
+        if (!start_loopback_asio(config.audio)) {
+            client_.stop();
+            return set_state(TAVISTRO_STATE_FAILED);
+        }
+    } else if (!start_asio_with_retries(config.audio)) {
+        client_.stop();
+        return end_after_retries();
+    }
+    set_state(TAVISTRO_STATE_RUNNING, status_running);
+    supervise_until_stopped(config);
+}
+
+void EngineRuntime::supervise_until_stopped(EngineConfig& config) {
+    while (!stop_requested_) {
+        if (!apply_pending_format_change(config) || !run_device_recovery(config)) break;
+        check_sync_loss();
+        worker_event_.wait_for_ms(supervision_period_ms);
+    }
+    const bool failed = record_.state() == TAVISTRO_STATE_FAILED;
+    if (!failed) {
+        set_state(TAVISTRO_STATE_STOPPING,
+                  {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_ENGINE, TAVISTRO_MESSAGE_STOPPING});
+    }
+    stop_audio();
+    client_.stop();
+    if (!failed) set_state(TAVISTRO_STATE_STOPPED, status_stopped);
+}
+
+/// After attempts that were either cut short by a stop or all failed, leaving their error.
+void EngineRuntime::end_after_retries() noexcept {
+    if (!stop_requested_) return set_state(TAVISTRO_STATE_FAILED);
+    clear_error();
+    set_state(TAVISTRO_STATE_STOPPED, status_stopped);
+}
+
+/// Whatever throws on the worker has run out of memory; the run ends as if the part that was being
+/// brought up had failed for good.
+void EngineRuntime::end_after_exception() noexcept {
+    stop_audio();
+    client_.stop();
+    if (record_.snapshot().stream_sample_rate == 0) {
+        set_failed(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_FAILED);
+    } else if (recovery_enabled_) {
+        set_failed(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_ASIO_START_FAILED);
+    } else {
+        set_failed(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_LOOPBACK_START_FAILED);
+    }
+}
+
+void EngineRuntime::set_state(tavistro_state_code state) noexcept {
+    record_.set_state(state);
+    stats_.write_state(state);
+}
+
+void EngineRuntime::set_state(tavistro_state_code state, const Status& status) noexcept {
+    record_.set_state(state, status);
+    stats_.write_state(state);
+}
+
+void EngineRuntime::set_error(tavistro_error_code code, tavistro_message_id detail) noexcept {
+    record_.set_error(code, detail);
+    stats_.write_error(code);
+}
+
+void EngineRuntime::set_failed(tavistro_error_code code, tavistro_message_id detail) noexcept {
+    set_error(code, detail);
+    set_state(TAVISTRO_STATE_FAILED);
+}
+
+void EngineRuntime::set_stream_format(const AudioDeviceSettings& audio) noexcept {
+    record_.set_stream_format(audio.sample_rate, audio.block_size);
+    stats_.write_stream_format(audio.sample_rate, audio.block_size);
+}
+
+}  // namespace tavistro

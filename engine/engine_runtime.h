@@ -1,0 +1,145 @@
+// The engine behind the exported handle: one run at a time, from its settings to its teardown.
+//
+// start() launches a worker thread. The worker loads the settings, opens the statistics block,
+// brings the network client up, waits for the server to fix the stream format, brings the audio
+// path up and then supervises both until it is told to stop or cannot go on. The host follows
+// through snapshot_state().
+//
+// Client and player never call each other: every exchange between them goes through the callbacks
+// in bridges.cpp, which run on the client's and the player's threads. Callbacks never start or stop
+// anything. What they want done they leave in a Handoff for the worker.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "audio/asio_player.h"
+#include "config/settings.h"
+#include "engine/device_factory.h"
+#include "engine/handoff.h"
+#include "engine/player_supervision.h"
+#include "engine/state_record.h"
+#include "engine/stats_block.h"
+#include "net/protocol_records.h"
+#include "net/tavistro_client.h"
+#include "platform/threads.h"
+
+namespace tavistro {
+
+/// What the server's blocks look like; zeros while no audio path has started. Aligned to be loaded
+/// and stored as one word.
+struct alignas(std::uint64_t) StreamFormat {
+    std::uint32_t sample_rate = 0;   ///< Hz
+    std::uint32_t block_frames = 0;  ///< frames per block
+    friend bool operator==(const StreamFormat&, const StreamFormat&) = default;
+};
+
+class EngineRuntime {
+  public:
+    /// Makes an idle engine. `create_device` gives each start of the audio path its device, unless
+    /// the run's settings ask for the virtual loopback device.
+    explicit EngineRuntime(DeviceFactory create_device = create_default_device);
+    EngineRuntime(const EngineRuntime&) = delete;
+    EngineRuntime& operator=(const EngineRuntime&) = delete;
+    /// Stops first.
+    ~EngineRuntime() { stop(); }
+
+    /// Launches a run with the settings file `path`, which is copied. False when refused, with the
+    /// reason in the record: no path, a run that was not stopped yet, or no thread to be had.
+    /// Host thread; does not wait.
+    bool start(const char* path) noexcept;
+
+    /// Ends the run and returns when its worker has ended: within about 100 ms, after a start
+    /// attempt that is in progress. Host thread, not at the same time as start().
+    void stop() noexcept;
+
+    /// Any thread, any time.
+    tavistro_engine_state snapshot_state() const noexcept { return record_.snapshot(); }
+
+  private:
+    // The worker, in the order of a run (engine_runtime.cpp).
+    void run(const std::string& path) noexcept;
+    bool prepare(const std::string& path, EngineConfig& config);
+    void run_stages(EngineConfig& config);
+    void supervise_until_stopped(EngineConfig& config);
+    void end_after_retries() noexcept;
+    void end_after_exception() noexcept;
+
+    // Starts with their retries and waits, on the worker (engine_start.cpp).
+    enum class Attempt { started, failed, hopeless };
+    struct RetryPlan;
+    bool start_with_retries(const RetryPlan& plan, const std::function<Attempt()>& try_once);
+    bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
+    Attempt start_client(const TavistroProtocol::ClientSettings& settings);
+    bool start_asio_with_retries(const AudioDeviceSettings& audio);
+    /// One attempt, on the device that the settings ask for.
+    bool start_audio(const EngineConfig& config);
+    bool start_asio(const AudioDeviceSettings& audio);
+    bool start_loopback_asio(const AudioDeviceSettings& audio);
+    void accept_audio(const AudioDeviceSettings& audio, StreamFormat device_format);
+    void stop_audio() noexcept;
+    bool set_capture_format(const AudioDeviceSettings& audio);
+    /// Waits without limit. False when stopped; otherwise the format is in `audio`.
+    bool wait_for_first_sync(AudioDeviceSettings& audio);
+    /// False when stopped before the time was over.
+    bool wait_or_stop(std::uint32_t ms);
+
+    // The worker's checks while running; false ends the run (supervision.cpp).
+    bool apply_pending_format_change(EngineConfig& config);
+    bool run_device_recovery(const EngineConfig& config);
+    void check_sync_loss();
+    void audio_restarted(const Status& status);
+    bool give_up() noexcept;
+    bool sync_is_stale() const noexcept;
+
+    // What the player's reports lead to, on their thread (supervision.cpp).
+    void supervise_player_telemetry(const AsioPlayer::Telemetry& telemetry);
+    void request_recovery(tavistro_status_category reason);
+    void record_recovery_event(tavistro_event_kind kind, tavistro_status_category reason,
+                               std::uint32_t attempt, tavistro_error_code error_code,
+                               tavistro_message_id message) noexcept;
+
+    // Callbacks of client and player (bridges.cpp).
+    void on_output_block(const TavistroProtocol::CompletedOutputBlock& block);
+    void on_sync_info(const TavistroProtocol::SyncInfo& info);
+    void on_client_telemetry(const TavistroClient::Telemetry& telemetry);
+    void on_captured_input(std::uint32_t sample_rate, std::uint16_t frames, std::uint16_t channels,
+                           const std::vector<float>& samples);
+    void on_player_telemetry(const AsioPlayer::Telemetry& telemetry);
+
+    // What the record and the statistics block both show.
+    void set_state(tavistro_state_code state) noexcept;
+    void set_state(tavistro_state_code state, const Status& status) noexcept;
+    void set_error(tavistro_error_code code, tavistro_message_id detail) noexcept;
+    void clear_error() noexcept { set_error(TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_NONE); }
+    void set_failed(tavistro_error_code code, tavistro_message_id detail) noexcept;
+    void set_stream_format(const AudioDeviceSettings& audio) noexcept;
+
+    StateRecord record_;
+    PlayerSupervision supervision_;
+    TavistroClient client_;
+    AsioPlayer player_;
+    StatsBlock stats_;
+
+    platform::Thread worker_;
+    platform::WorkerEvent worker_event_;  ///< signalled by stop() and by the first SyncInfo
+    std::atomic<bool> stop_requested_{false};
+
+    /// Blocks and SyncInfo reach the player only while true.
+    std::atomic<bool> audio_accepting_{false};
+    std::atomic<StreamFormat> active_format_{};   ///< what the audio path was last started with
+    std::atomic<std::uint64_t> last_sync_ms_{0};  ///< millisecond tick; 0: none in this run
+
+    Handoff<TavistroProtocol::SyncInfo> first_sync_;  ///< kept for the whole run
+    Handoff<TavistroProtocol::SyncInfo> format_change_;
+    Handoff<tavistro_status_category> recovery_request_;
+
+    bool recovery_enabled_ = false;                    ///< written before the run's client starts
+    std::atomic<std::uint32_t> recovery_attempts_{0};  ///< since the last success
+    std::uint64_t next_recovery_ms_ = 0;               ///< worker only; millisecond tick
+};
+
+}  // namespace tavistro

@@ -1,0 +1,199 @@
+#include <algorithm>
+
+#include "engine/engine_runtime.h"
+#include "platform/clock.h"
+
+namespace tavistro {
+namespace {
+
+constexpr std::uint32_t max_start_attempts = 12;
+constexpr std::uint32_t retry_pause_ms = 1000;
+
+/// How long a wait goes without looking at its condition again.
+constexpr std::uint32_t sync_wait_slice_ms = 100;
+constexpr std::uint32_t pause_slice_ms = 50;
+
+/// The record carries no text, so there is nowhere for log lines to go.
+void discard_log(const std::string&) {}
+
+}  // namespace
+
+/// What the host is told while one of the parts is started again and again.
+struct EngineRuntime::RetryPlan {
+    tavistro_status_category subject;
+    tavistro_state_code state;
+    tavistro_error_code error;
+    tavistro_message_id attempt_status;
+    tavistro_message_id pause_status;
+    tavistro_message_id exhausted_error;
+    tavistro_message_id attempt_event;
+    tavistro_message_id failed_event;
+    tavistro_message_id recovered_event;
+    tavistro_message_id gave_up_event;
+};
+
+bool EngineRuntime::start_with_retries(const RetryPlan& plan,
+                                       const std::function<Attempt()>& try_once) {
+    const auto record = [&](tavistro_event_kind kind, std::uint32_t attempt,
+                            tavistro_error_code error, tavistro_message_id message) {
+        record_.record_event({kind, plan.subject, attempt, max_start_attempts, error, message});
+    };
+    const auto show = [&](tavistro_message_id message) {
+        set_state(plan.state, {TAVISTRO_LEVEL_PENDING, plan.subject, message});
+    };
+
+    for (std::uint32_t attempt = 1; attempt <= max_start_attempts; ++attempt) {
+        if (stop_requested_) return false;
+        if (attempt > 1) {
+            record(TAVISTRO_EVENT_ATTEMPT_STARTED, attempt, TAVISTRO_ERROR_NONE,
+                   plan.attempt_event);
+            show(plan.attempt_status);
+        }
+        const Attempt outcome = try_once();
+        if (outcome == Attempt::hopeless) return false;
+        if (outcome == Attempt::started) {
+            if (attempt == 1) return true;
+            clear_error();
+            record(TAVISTRO_EVENT_RECOVERED, attempt, TAVISTRO_ERROR_NONE, plan.recovered_event);
+            return true;
+        }
+        record(TAVISTRO_EVENT_ATTEMPT_FAILED, attempt, plan.error, plan.failed_event);
+        if (attempt == max_start_attempts) break;
+        show(plan.pause_status);
+        if (!wait_or_stop(retry_pause_ms)) return false;
+    }
+    if (stop_requested_) return false;
+    record(TAVISTRO_EVENT_GAVE_UP, max_start_attempts, plan.error, plan.gave_up_event);
+    set_error(plan.error, plan.exhausted_error);
+    return false;
+}
+
+bool EngineRuntime::start_client_with_retries(const TavistroProtocol::ClientSettings& settings) {
+    constexpr RetryPlan plan{
+        .subject = TAVISTRO_CATEGORY_NETWORK,
+        .state = TAVISTRO_STATE_STARTING,
+        .error = TAVISTRO_ERROR_CLIENT_START_FAILED,
+        .attempt_status = TAVISTRO_MESSAGE_CLIENT_ATTEMPT,
+        .pause_status = TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT,
+        .exhausted_error = TAVISTRO_MESSAGE_CLIENT_FAILED,
+        .attempt_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RETRY,
+        .failed_event = TAVISTRO_MESSAGE_EVENT_CLIENT_FAILED,
+        .recovered_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RECOVERED,
+        .gave_up_event = TAVISTRO_MESSAGE_EVENT_CLIENT_GAVE_UP,
+    };
+    return start_with_retries(plan, [&] { return start_client(settings); });
+}
+
+EngineRuntime::Attempt EngineRuntime::start_client(
+    const TavistroProtocol::ClientSettings& settings) {
+    const bool started = client_.start(
+        settings, discard_log, [this](const auto& block) { on_output_block(block); },
+        [this](const auto& info) { on_sync_info(info); },
+        [this](const auto& telemetry) { on_client_telemetry(telemetry); });
+    if (started) return Attempt::started;
+
+    client_.stop();
+    if (client_.last_error() == ClientError::Incompatible) {
+        set_error(TAVISTRO_ERROR_SERVER_INCOMPATIBLE, TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE);
+        record_.set_status({TAVISTRO_LEVEL_ERROR, TAVISTRO_CATEGORY_COMPATIBILITY,
+                            TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE});
+        return Attempt::hopeless;
+    }
+    set_error(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_ATTEMPT_FAILED);
+    return Attempt::failed;
+}
+
+bool EngineRuntime::start_asio_with_retries(const AudioDeviceSettings& audio) {
+    constexpr RetryPlan plan{
+        .subject = TAVISTRO_CATEGORY_AUDIO_DEVICE,
+        .state = TAVISTRO_STATE_RESTARTING,
+        .error = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
+        .attempt_status = TAVISTRO_MESSAGE_ASIO_ATTEMPT,
+        .pause_status = TAVISTRO_MESSAGE_ASIO_RETRY_WAIT,
+        .exhausted_error = TAVISTRO_MESSAGE_ASIO_FAILED,
+        .attempt_event = TAVISTRO_MESSAGE_EVENT_ASIO_RETRY,
+        .failed_event = TAVISTRO_MESSAGE_EVENT_ASIO_FAILED,
+        .recovered_event = TAVISTRO_MESSAGE_EVENT_ASIO_RECOVERED,
+        .gave_up_event = TAVISTRO_MESSAGE_EVENT_ASIO_GAVE_UP,
+    };
+    return start_with_retries(plan, [&] {
+        if (start_asio(audio)) return Attempt::started;
+        stop_audio();
+        return Attempt::failed;
+    });
+}
+
+bool EngineRuntime::start_audio(const EngineConfig& config) {
+    return config.loopback_device ? start_loopback_asio(config.audio) : start_asio(config.audio);
+}
+
+bool EngineRuntime::start_asio(const AudioDeviceSettings& audio) {
+    const bool started = player_.start(
+        audio, discard_log,
+        [this](auto rate, auto frames, auto channels, const auto& samples) {
+            on_captured_input(rate, frames, channels, samples);
+        },
+        [this](const auto& telemetry) { on_player_telemetry(telemetry); });
+    if (!started) {
+        set_error(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_ASIO_START_FAILED);
+        return false;
+    }
+    accept_audio(audio, StreamFormat{});  // a driver's own format shows with its first report
+    return true;
+}
+
+bool EngineRuntime::start_loopback_asio(const AudioDeviceSettings& audio) {
+    const bool started = player_.start_loopback(
+        audio, discard_log,
+        [this](auto rate, auto frames, auto channels, const auto& samples) {
+            on_captured_input(rate, frames, channels, samples);
+        },
+        [this](const auto& telemetry) { on_player_telemetry(telemetry); });
+    if (!started) {
+        set_error(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_LOOPBACK_START_FAILED);
+        return false;
+    }
+    accept_audio(audio, {audio.sample_rate, audio.block_size});
+    return true;
+}
+
+void EngineRuntime::accept_audio(const AudioDeviceSettings& audio, StreamFormat device_format) {
+    active_format_ = StreamFormat{audio.sample_rate, audio.block_size};
+    record_.set_device_format(device_format.sample_rate, device_format.block_frames);
+    audio_accepting_ = true;
+}
+
+void EngineRuntime::stop_audio() noexcept {
+    audio_accepting_ = false;
+    player_.stop();
+}
+
+bool EngineRuntime::set_capture_format(const AudioDeviceSettings& audio) {
+    return client_.set_capture_format(audio.sample_rate,
+                                      static_cast<std::uint16_t>(audio.block_size));
+}
+
+bool EngineRuntime::wait_for_first_sync(AudioDeviceSettings& audio) {
+    while (!stop_requested_) {
+        if (const auto info = first_sync_.peek()) {
+            audio.sample_rate = info->sample_rate;
+            audio.block_size = info->block_frames;
+            return true;
+        }
+        worker_event_.wait_for_ms(sync_wait_slice_ms);
+    }
+    return false;
+}
+
+bool EngineRuntime::wait_or_stop(std::uint32_t ms) {
+    const std::uint64_t deadline_ms = platform::millisecond_tick() + ms;
+    while (!stop_requested_) {
+        const std::uint64_t now_ms = platform::millisecond_tick();
+        if (now_ms >= deadline_ms) return true;
+        worker_event_.wait_for_ms(static_cast<std::uint32_t>(
+            std::min<std::uint64_t>(deadline_ms - now_ms, pause_slice_ms)));
+    }
+    return false;
+}
+
+}  // namespace tavistro

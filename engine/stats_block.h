@@ -1,0 +1,43 @@
+// The engine's side of the statistics block that other processes read (tavistro/stats_block.h).
+//
+// Open for the length of one run. Every write may come from any non-real-time thread at any time;
+// while the block is closed it goes nowhere, so callers need not ask.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "audio/player_telemetry.h"
+#include "net/client_telemetry.h"
+#include "platform/named_memory.h"
+#include "tavistro/stats_block.h"
+
+namespace tavistro {
+
+class StatsBlock {
+  public:
+    /// Makes the run's block, or takes over and clears the one that another process still holds.
+    /// True when open already. False when the system refuses; nothing is held then.
+    bool open(std::uint32_t client_id);
+    void close() noexcept;
+
+    void write_state(std::uint32_t state) noexcept;
+    void write_error(std::uint32_t error_code) noexcept;
+    void write_stream_format(std::uint32_t sample_rate, std::uint32_t block_frames) noexcept;
+    void write_client_telemetry(const ClientTelemetry& telemetry) noexcept;
+    void write_player_telemetry(const PlayerTelemetry& telemetry) noexcept;
+
+  private:
+    /// Writes to the copy and publishes it whole, unless the block is closed.
+    template <typename Write>
+    void update(const Write& write) noexcept;
+    bool publish() noexcept;
+
+    /// Keeps the block open during a write: a refused second start, for instance, writes its error
+    /// from the host's thread while the worker closes the block.
+    std::mutex mutex_;
+    platform::NamedMemory memory_;
+    tavistro_stats_block copy_{};  ///< what the block holds, as far as it is up to the engine
+};
+
+}  // namespace tavistro

@@ -1,0 +1,75 @@
+/* The public headers from C, by a host that makes mistakes. Ends with 0 when all is well, else
+ * names the lines that were not. */
+#include <stdio.h>
+#include <string.h>
+
+#include "tavistro/engine.h"
+#include "tavistro/stats_block.h"
+
+static int failures = 0;
+
+static void check(int condition, int line) {
+    if (condition) return;
+    printf("%s:%d: not as it should be\n", __FILE__, line);
+    ++failures;
+}
+#define CHECK(condition) check((condition) != 0, __LINE__)
+
+static tavistro_engine_state state_of(tavistro_engine* engine) {
+    tavistro_engine_state state;
+    CHECK(tavistro_engine_get_state(engine, &state) == 1);
+    return state;
+}
+
+static void check_fresh(tavistro_engine* engine) {
+    tavistro_engine_state expected;
+    unsigned char buffer[905];
+    memset(buffer, 0xEE, sizeof buffer);
+    memset(&expected, 0, sizeof expected);
+    expected.version = 5;
+    expected.event_capacity = 8;
+    expected.next_event_sequence = 1;
+    CHECK(tavistro_engine_get_state(NULL, buffer) == 0 && buffer[0] == 0xEE);
+    CHECK(tavistro_engine_get_state(engine, NULL) == 0);
+    CHECK(tavistro_engine_get_state(engine, buffer) == 1);
+    CHECK(memcmp(buffer, &expected, 904) == 0 && buffer[904] == 0xEE);
+}
+
+static void check_refusals(tavistro_engine* engine) {
+    tavistro_engine_state state;
+    CHECK(tavistro_engine_start_from_config(NULL, "a.ini") == 0);
+    CHECK(tavistro_engine_start_from_config(engine, NULL) == 0);
+    CHECK(tavistro_engine_start_from_config(engine, "") == 0);
+    state = state_of(engine);
+    CHECK(state.state == TAVISTRO_STATE_IDLE && state.error_code == TAVISTRO_ERROR_NO_CONFIG_PATH);
+    CHECK(state.error_detail == 1 && state.status_level == 4 && state.status_message == 1);
+
+    CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 1);
+    tavistro_engine_stop(engine);
+    state = state_of(engine);
+    CHECK(state.state == TAVISTRO_STATE_FAILED && state.client_id == 0);
+    CHECK(state.error_code == TAVISTRO_ERROR_CONFIG_INVALID && state.error_detail == 5);
+
+    /* A run that has ended by itself is held until it is stopped. */
+    CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 1);
+    while (state_of(engine).state != TAVISTRO_STATE_FAILED)
+        continue;
+    CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 0);
+    CHECK(state_of(engine).error_code == TAVISTRO_ERROR_ALREADY_STARTED);
+}
+
+int main(void) {
+    tavistro_engine* engine = tavistro_engine_create();
+    CHECK(engine != NULL && tavistro_engine_create() == NULL);
+    tavistro_engine_stop(NULL);
+    tavistro_engine_destroy(NULL);
+    tavistro_engine_stop(engine); /* never started */
+    check_fresh(engine);
+    check_refusals(engine);
+    tavistro_engine_destroy(engine); /* never stopped */
+
+    engine = tavistro_engine_create();
+    check_fresh(engine);
+    tavistro_engine_destroy(engine);
+    return failures != 0;
+}

@@ -1,0 +1,61 @@
+// A server that says only what a test tells it to: it answers the client's discover, and sends a
+// sync when asked.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "net/server_messages.h"
+#include "platform/threads.h"
+#include "platform/udp_socket.h"
+
+namespace tavistro::test {
+
+/// Listens on a port of 127.0.0.1 from construction to destruction.
+class ScriptedServer {
+  public:
+    ScriptedServer() {
+        socket_.open({.bind = {platform::ipv4_loopback, 0}});
+        thread_.start("server", [this] { answer(); });
+    }
+    ~ScriptedServer() {
+        socket_.close();
+        thread_.join();
+    }
+
+    std::uint16_t port() const { return socket_.local_endpoint().port; }
+    /// To the client that asked last.
+    void send_sync(std::uint32_t sample_rate, std::uint16_t block_frames) {
+        socket_.send_to(TavistroProtocol::encode_sync(
+                            client_id_, {++sequence_, sample_rate, block_frames, 0, 0}),
+                        {platform::ipv4_loopback, client_port_});
+    }
+
+    std::atomic<bool> mute{false};  ///< answers nothing, as if it were not there
+    std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< that it claims
+
+  private:
+    void answer() {
+        std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
+        for (;;) {
+            const auto received = socket_.receive(buffer);
+            if (received.status == platform::ReceiveStatus::closed) return;
+            const auto discover = TavistroProtocol::decode_discover({buffer.data(), received.size});
+            if (!discover || mute) continue;
+            client_id_ = discover.message.client_id;
+            client_port_ = received.source.port;
+            socket_.send_to(TavistroProtocol::encode_discover_reply(
+                                {client_id_, discover.message.nonce, port(), version}),
+                            received.source);
+        }
+    }
+
+    platform::UdpSocket socket_;
+    platform::Thread thread_;
+    std::atomic<std::uint32_t> client_id_{0};
+    std::atomic<std::uint16_t> client_port_{0};
+    std::uint32_t sequence_ = 0;
+};
+
+}  // namespace tavistro::test
