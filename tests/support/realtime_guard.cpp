@@ -1,0 +1,85 @@
+#include "support/realtime_guard.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+#include "support/scope_depth.h"
+
+// The linker sends every call that the program makes to these functions here first (--wrap, see
+// CMakeLists.txt); operator new and delete are replaced for the whole program.
+
+namespace {
+
+std::atomic<std::uint64_t> allocations{0};
+std::atomic<std::uint64_t> locks{0};
+std::atomic<std::uint64_t> sleeps{0};
+
+void count(std::atomic<std::uint64_t>& counter) {
+    if (tavistro::test::scope_depth() > 0) counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+namespace tavistro::test {
+
+RealtimeViolations realtime_violations() {
+    return {allocations, locks, sleeps};
+}
+
+void reset_realtime_violations() {
+    allocations = locks = sleeps = 0;
+}
+
+RealtimeScope::RealtimeScope() {
+    set_scope_depth(scope_depth() + 1);
+}
+RealtimeScope::~RealtimeScope() {
+    set_scope_depth(scope_depth() - 1);
+}
+
+}  // namespace tavistro::test
+
+void* operator new(std::size_t size) {
+    count(allocations);
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    count(allocations);
+    return std::malloc(size == 0 ? 1 : size);
+}
+void operator delete(void* memory) noexcept {
+    count(allocations);
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    operator delete(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    operator delete(memory);
+}
+
+#define TAVISTRO_WRAP(counter, result, name, parameters, arguments) \
+    result __real_##name parameters;                                \
+    result __wrap_##name parameters {                               \
+        count(counter);                                             \
+        return __real_##name arguments;                             \
+    }
+
+extern "C" {
+TAVISTRO_WRAP(locks, int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+TAVISTRO_WRAP(locks, int, pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex))
+TAVISTRO_WRAP(locks, int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock), (lock))
+TAVISTRO_WRAP(locks, int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock), (lock))
+TAVISTRO_WRAP(locks, int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
+TAVISTRO_WRAP(locks, int, pthread_cond_broadcast, (pthread_cond_t * condition), (condition))
+TAVISTRO_WRAP(sleeps, int, clock_nanosleep,
+              (clockid_t clock, int flags, const timespec* time, timespec* left),
+              (clock, flags, time, left))
+TAVISTRO_WRAP(sleeps, int, sched_yield, (), ())
+}

@@ -1,0 +1,29 @@
+// Proves that a piece of code neither allocates nor locks nor sleeps.
+#pragma once
+
+#include <cstdint>
+
+namespace tavistro::test {
+
+/// What the code inside RealtimeScopes has done, all threads together.
+struct RealtimeViolations {
+    std::uint64_t allocations = 0;  ///< operator new and delete
+    std::uint64_t locks = 0;        ///< mutexes locked, condition variables waited on or signalled
+    std::uint64_t sleeps = 0;
+
+    std::uint64_t total() const { return allocations + locks + sleeps; }
+};
+
+RealtimeViolations realtime_violations();
+void reset_realtime_violations();
+
+/// While it lives, what the calling thread does counts.
+class RealtimeScope {
+  public:
+    RealtimeScope();
+    RealtimeScope(const RealtimeScope&) = delete;
+    RealtimeScope& operator=(const RealtimeScope&) = delete;
+    ~RealtimeScope();
+};
+
+}  // namespace tavistro::test

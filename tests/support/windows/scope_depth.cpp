@@ -1,0 +1,35 @@
+#include "support/scope_depth.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+
+// A thread_local of this tool chain locks and allocates at its first use in each thread.
+
+namespace tavistro::test {
+namespace {
+
+/// Before the first scope there is no slot, and every thread's depth is 0.
+std::atomic<DWORD> slot{TLS_OUT_OF_INDEXES};
+
+DWORD allocated_slot() noexcept {
+    static const DWORD allocated = TlsAlloc();
+    return allocated;
+}
+
+}  // namespace
+
+int scope_depth() noexcept {
+    if (slot == TLS_OUT_OF_INDEXES) return 0;
+    const DWORD error = GetLastError();  // which TlsGetValue sets
+    const auto depth = reinterpret_cast<std::intptr_t>(TlsGetValue(slot));
+    SetLastError(error);
+    return static_cast<int>(depth);
+}
+void set_scope_depth(int depth) noexcept {
+    slot = allocated_slot();
+    TlsSetValue(slot, reinterpret_cast<void*>(std::intptr_t{depth}));
+}
+
+}  // namespace tavistro::test

@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "tools/host/check_command.h"
+#include "tools/host/event_follower.h"
+#include "tools/host/report.h"
+#include "tools/host/texts.h"
+
+namespace tavistro::host {
+namespace {
+
+TEST(Texts, EveryCodeOfTheInterfaceHasItsOwnText) {
+    const struct {
+        std::string_view (*text)(std::uint32_t);
+        std::uint32_t first;
+        std::uint32_t last;
+        std::uint32_t unused;
+    } tables[] = {
+        {state_text, TAVISTRO_STATE_IDLE, TAVISTRO_STATE_FAILED, 99},
+        {level_text, TAVISTRO_LEVEL_NONE, TAVISTRO_LEVEL_ERROR, 99},
+        {category_text, TAVISTRO_CATEGORY_ENGINE, TAVISTRO_CATEGORY_COMPATIBILITY, 99},
+        {event_kind_text, TAVISTRO_EVENT_RECOVERY_REQUESTED, TAVISTRO_EVENT_GAVE_UP, 99},
+        {error_text, TAVISTRO_ERROR_NONE, TAVISTRO_ERROR_SERVER_INCOMPATIBLE, 8},
+        {message_text, TAVISTRO_MESSAGE_NONE, TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE, 99},
+    };
+    for (const auto& table : tables) {
+        std::set<std::string_view> seen;
+        for (std::uint32_t code = table.first; code <= table.last; ++code) {
+            if (code == table.unused) continue;
+            EXPECT_NE(table.text(code), "unknown") << code;
+            EXPECT_TRUE(seen.insert(table.text(code)).second) << table.text(code);
+        }
+        EXPECT_EQ(table.text(table.last + 1), "unknown");
+    }
+    EXPECT_EQ(error_text(8), "unknown");
+}
+
+TEST(Texts, InvalidConfigurationSendsPeopleToCheck) {
+    tavistro_engine_state state{};
+    state.error_code = TAVISTRO_ERROR_CONFIG_INVALID;
+    state.error_detail = TAVISTRO_MESSAGE_CONFIG_NOT_LOADED;
+    EXPECT_EQ(failure_text(state, "my.ini"),
+              "The configuration could not be loaded. "
+              "For the reason run: tavistro-host check my.ini");
+}
+
+/// A record whose history ends with the event before `next_sequence`.
+tavistro_engine_state record_with_events(std::uint64_t next_sequence, std::uint32_t count) {
+    tavistro_engine_state state{};
+    state.event_count = count;
+    for (std::uint32_t i = 0; i < count; ++i)
+        state.events[i].sequence = next_sequence - count + i;
+    return state;
+}
+
+TEST(EventFollower, ShowsEveryEventOnceAndCountsThoseThatWereMissed) {
+    EventFollower follower;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> shown;  // sequence, missed before
+    for (const auto& record :
+         {record_with_events(1, 0), record_with_events(3, 2), record_with_events(3, 2),
+          record_with_events(4, 3), record_with_events(14, 8), record_with_events(14, 8)}) {
+        for (const NewEvent& news : follower.take_new(record)) {
+            shown.emplace_back(news.event.sequence, news.missed_before);
+        }
+    }
+    const decltype(shown) expected = {{1, 0}, {2, 0},  {3, 0},  {6, 2},  {7, 0}, {8, 0},
+                                      {9, 0}, {10, 0}, {11, 0}, {12, 0}, {13, 0}};
+    EXPECT_EQ(shown, expected);
+}
+
+TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
+    std::ostringstream out;
+    const auto report = make_json_report(out);
+    tavistro_engine_state state{};
+    state.state = TAVISTRO_STATE_RUNNING;
+    state.device_sample_rate = 44100;
+    state.output_meter_count = 1;
+    state.output_meters[0] = {5, 250};
+    tavistro_stats_block stats{};
+    stats.ratio_ppm = -20;
+    stats.rtt_max_us = 900;
+    report->state_changed(0.5, state);
+    report->event(0.6, {record_with_events(8, 1).events[0], 2});
+    report->status(1.0, state, std::nullopt);
+    report->summary({2.0, 0.5, state, stats});
+
+    std::istringstream lines(out.str());
+    std::vector<nlohmann::json> objects;
+    for (std::string line; std::getline(lines, line);) {
+        objects.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_EQ(objects.size(), 4U);
+    EXPECT_EQ(objects[0]["type"], "state");
+    EXPECT_EQ(objects[0]["state"]["text"], "Running");
+    EXPECT_EQ(objects[1]["type"], "event");
+    EXPECT_EQ(objects[1]["sequence"], 7);
+    EXPECT_EQ(objects[1]["missed_before"], 2);
+    EXPECT_EQ(objects[2]["type"], "status");
+    EXPECT_EQ(objects[2]["device"]["sample_rate"], 44100);
+    EXPECT_EQ(objects[2]["output_meters"].dump(), R"([{"channel":5,"peak_permille":250}])");
+    EXPECT_TRUE(objects[2]["stats"].is_null());
+    EXPECT_EQ(objects[3]["type"], "summary");
+    EXPECT_EQ(objects[3]["cpu_seconds_per_second"], 0.25);
+    EXPECT_EQ(objects[3]["stats"]["ratio_ppm"], -20);
+    EXPECT_EQ(objects[3]["stats"]["rtt_max_us"], 900);
+}
+
+/// The words of the first line of `text` that begins with `word`, blanks squeezed.
+std::string line_of(const std::string& text, const std::string& word) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string joined;
+        for (std::string next; words >> next;)
+            joined += (joined.empty() ? "" : " ") + next;
+        if (joined.starts_with(word + " ")) return joined;
+    }
+    return {};
+}
+
+TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
+    std::ostringstream out;
+    std::ostringstream errors;
+    ASSERT_EQ(check_config(TAVISTRO_EXAMPLES "/loopback.ini", out, errors), 0) << errors.str();
+    EXPECT_EQ(errors.str(), "");
+    EXPECT_EQ(line_of(out.str(), "server_port"), "server_port 28010 file 1..65535");
+    EXPECT_EQ(line_of(out.str(), "announce_period_ms"), "announce_period_ms 1000 default 1..3999");
+    EXPECT_EQ(line_of(out.str(), "loopback_device"), "loopback_device 1 file");
+    EXPECT_EQ(line_of(out.str(), "capture_capacity_blocks"), "capture_capacity_blocks 12 derived");
+    EXPECT_EQ(out.str().find("ignored"), std::string::npos);
+}
+
+TEST(CheckCommand, NamesTheFaultAndTheMisspeltKeyBehindIt) {
+    const std::string path = testing::TempDir() + "tavistro_host_check.ini";
+    std::ofstream(path) << "[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n"
+                           "[socket]\nunheard_of=1\n[asio]\nserver_ip=x\n";
+    std::ostringstream out;
+    std::ostringstream errors;
+    EXPECT_EQ(check_config(path, out, errors), 1);
+    std::filesystem::remove(path);
+    EXPECT_EQ(errors.str(), "Missing required key [network] server_port\n");
+    EXPECT_EQ(out.str(),
+              "ignored: [asio] server_ip (did you mean [network] server_ip?)\n"
+              "ignored: [network] servre_port (did you mean [network] server_port?)\n"
+              "ignored: [socket] unheard_of\n");
+}
+
+}  // namespace
+}  // namespace tavistro::host

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <tuple>
+
+#include "tools/server/block_schedule.h"
+#include "tools/server/fault_lane.h"
+#include "tools/server/skewed_clock.h"
+
+namespace tavistro::server {
+namespace {
+
+constexpr StreamFormat format{48000, 128};
+constexpr std::uint64_t block_ns = 2'666'667;
+
+using Fates = std::vector<std::tuple<unsigned, std::uint64_t>>;
+
+/// Copies and delay of one datagram in each of `count` blocks.
+Fates fates(const FaultOptions& faults, std::uint64_t seed, std::uint64_t count = 20000) {
+    FaultLane lane(seed);
+    Fates result;
+    for (std::uint64_t block = 0; block < count; ++block) {
+        const std::uint64_t now_ns = block * block_ns;
+        const Passage passage = lane.pass(faults, format, block, now_ns);
+        result.emplace_back(passage.copies, passage.copies == 0 ? 0 : passage.due_ns - now_ns);
+    }
+    return result;
+}
+
+double percent_with_copies(const Fates& all, unsigned copies) {
+    const auto hits = std::count_if(all.begin(), all.end(),
+                                    [&](const auto& fate) { return std::get<0>(fate) == copies; });
+    return 100.0 * static_cast<double>(hits) / static_cast<double>(all.size());
+}
+
+TEST(FaultLane, SameSeedSameFaultsInTheAskedProportion) {
+    const FaultOptions faults{.drop_percent = 5, .duplicate_percent = 10, .jitter_ms = 20};
+    const Fates all = fates(faults, 7);
+    EXPECT_EQ(all, fates(faults, 7));
+    EXPECT_NE(all, fates(faults, 8));
+    EXPECT_NEAR(percent_with_copies(all, 0), 5, 1);
+    EXPECT_NEAR(percent_with_copies(all, 2), 9.5, 1);
+    EXPECT_EQ(fates({}, 7), Fates(20000, {1U, 0U}));
+
+    // Another fault beside it does not change which datagrams are lost.
+    const Fates drops = fates({.drop_percent = 5}, 7);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        ASSERT_EQ(std::get<0>(all[i]) == 0, std::get<0>(drops[i]) == 0) << i;
+    }
+}
+
+TEST(FaultLane, JitterKeepsTheOrderAndReorderingBreaksIt) {
+    const auto overtaken = [](const FaultOptions& faults) {
+        std::uint64_t latest_ns = 0, count = 0, block = 0, longest_ns = 0;
+        for (const auto& [copies, delay_ns] : fates(faults, 3)) {
+            const std::uint64_t due_ns = block++ * block_ns + delay_ns;
+            count += due_ns < latest_ns ? 1U : 0U;
+            latest_ns = std::max(latest_ns, due_ns);
+            longest_ns = std::max(longest_ns, delay_ns);
+        }
+        EXPECT_GT(longest_ns, faults.jitter_ms * 900'000ULL);
+        EXPECT_LE(longest_ns, faults.jitter_ms * 1'000'000ULL + 2 * block_ns);
+        return count;
+    };
+    EXPECT_EQ(overtaken({.jitter_ms = 20}), 0U);
+    EXPECT_NEAR(static_cast<double>(overtaken({.reorder_percent = 5})), 1000, 100);
+}
+
+TEST(FaultLane, BurstsAndPausesComeAtTheEndOfTheirPeriod) {
+    const FaultOptions faults{.burst_every_ms = 100,  // 37 blocks
+                              .burst_length_blocks = 3,
+                              .pause_every_ms = 1000,  // 375 blocks
+                              .pause_for_ms = 40};     // 15 blocks
+    const Fates all = fates(faults, 1, 750);
+    for (std::uint64_t block = 0; block < 750; ++block) {
+        ASSERT_EQ(std::get<0>(all[block]) == 0, block % 37 >= 34) << block;
+        ASSERT_EQ(sync_is_paused(faults, format, block), block % 375 >= 360) << block;
+    }
+}
+
+TEST(BlockSchedule, KeepsItsRateForDaysAndAcrossChanges) {
+    BlockSchedule schedule(format, 1'000'000'000, 0xFFFFFFFF);
+    EXPECT_EQ(schedule.due_blocks(999'999'999), 0U);
+    EXPECT_EQ(schedule.due_blocks(1'000'000'000), 1U);
+    EXPECT_EQ(schedule.due_blocks(2'000'000'000), 376U);
+    const std::uint64_t week_s = 7 * 86400;
+    schedule.advance(week_s * 375);
+    EXPECT_EQ(schedule.next().time_ns, (week_s + 1) * 1'000'000'000);
+    EXPECT_EQ(schedule.next().sequence, static_cast<std::uint32_t>(week_s * 375 - 1));
+    EXPECT_EQ(schedule.next().frame_position, week_s * 48000);
+
+    schedule.change_format({44100, 441});
+    const BlockStamp first = schedule.next();
+    schedule.advance();
+    EXPECT_EQ(schedule.next().time_ns, first.time_ns + 10'000'000);
+    EXPECT_EQ(schedule.next().sequence, first.sequence + 1);
+    EXPECT_EQ(schedule.next().frame_position, first.frame_position + 441);
+
+    // Started again a second later, the stream counts on above where it was.
+    EXPECT_EQ(sequence_of_wall_clock(1'700'000'001'000, format) -
+                  sequence_of_wall_clock(1'700'000'000'000, format),
+              375U);
+}
+
+TEST(SkewedClock, DriftsSteadilyAndConvertsBothWays) {
+    constexpr std::uint64_t start_ns = 5'000'000'000;
+    constexpr std::uint64_t hour_ns = 3'600'000'000'000;
+    SkewedClock clock(start_ns, 250, 100);
+    EXPECT_EQ(clock.to_server(start_ns), start_ns + 250'000'000);
+    EXPECT_EQ(clock.to_server(start_ns + hour_ns), start_ns + 250'000'000 + hour_ns + 360'000'000);
+    const std::uint64_t there_ns = clock.to_server(start_ns + hour_ns);
+    EXPECT_NEAR(static_cast<double>(clock.to_local(there_ns)),
+                static_cast<double>(start_ns + hour_ns), 2);
+    clock.adjust(start_ns + hour_ns, 250, -50);
+    EXPECT_EQ(clock.to_server(start_ns + hour_ns), there_ns);
+    EXPECT_EQ(clock.to_server(start_ns + 2 * hour_ns), there_ns + hour_ns - 180'000'000);
+}
+
+}  // namespace
+}  // namespace tavistro::server

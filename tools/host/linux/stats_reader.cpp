@@ -1,0 +1,33 @@
+#include "tools/host/stats_reader.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+
+// Read through the descriptor: anybody may shrink the object, and touching a mapped page that is
+// gone would end the process.
+
+namespace tavistro::host {
+
+bool StatsReader::open(std::uint32_t client_id) {
+    if (handle_ != -1) return true;
+    const std::string name = "/TavistroEngineStats_" + std::to_string(client_id) + "_v6";
+    handle_ = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    Words words;
+    if (handle_ != -1 && !copy_to(words)) close();
+    return handle_ != -1;
+}
+
+void StatsReader::close() noexcept {
+    if (handle_ != -1) ::close(static_cast<int>(handle_));
+    handle_ = -1;
+}
+
+bool StatsReader::copy_to(Words& words) const {
+    return ::pread(static_cast<int>(handle_), words.data(), sizeof words, 0) ==
+           static_cast<ssize_t>(sizeof words);
+}
+
+}  // namespace tavistro::host

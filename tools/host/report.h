@@ -1,0 +1,37 @@
+// How a run is shown: in lines for people, or as one JSON object per line for programs.
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <optional>
+
+#include "tavistro/engine.h"
+#include "tavistro/stats_block.h"
+#include "tools/host/event_follower.h"
+
+namespace tavistro::host {
+
+/// What a finished run amounted to.
+struct RunSummary {
+    double seconds;                             ///< from the start to the end of the stop
+    double cpu_seconds;                         ///< processor time of the process in between
+    tavistro_engine_state last;                 ///< the record after the stop
+    std::optional<tavistro_stats_block> stats;  ///< the last report, nothing when there was none
+};
+
+/// Times are seconds since the start of the run.
+class Report {
+  public:
+    virtual ~Report() = default;
+    virtual void state_changed(double time_s, const tavistro_engine_state& state) = 0;
+    virtual void event(double time_s, const NewEvent& event) = 0;
+    virtual void status(double time_s, const tavistro_engine_state& state,
+                        const std::optional<tavistro_stats_block>& stats) = 0;
+    virtual void summary(const RunSummary& summary) = 0;
+};
+
+/// Both write to `out`, which must outlive them, and flush it after every line.
+std::unique_ptr<Report> make_human_report(std::ostream& out);
+std::unique_ptr<Report> make_json_report(std::ostream& out);
+
+}  // namespace tavistro::host

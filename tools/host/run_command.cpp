@@ -1,0 +1,126 @@
+#include "tools/host/run_command.h"
+
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "tavistro/engine.h"
+#include "tools/host/event_follower.h"
+#include "tools/host/process_time.h"
+#include "tools/host/report.h"
+#include "tools/host/stats_reader.h"
+#include "tools/host/texts.h"
+
+namespace tavistro::host {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto poll_period = 20ms;
+constexpr auto status_period = 1s;
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+/// The first signal asks for a clean stop; a second one ends the process at once.
+extern "C" void request_stop(int signal) {
+    stop_requested = 1;
+    std::signal(signal, SIG_DFL);
+}
+
+struct DestroyEngine {
+    void operator()(tavistro_engine* engine) const { tavistro_engine_destroy(engine); }
+};
+using Engine = std::unique_ptr<tavistro_engine, DestroyEngine>;
+
+/// Looks at a run from outside and reports what is new.
+class RunWatch {
+  public:
+    RunWatch(tavistro_engine* engine, Report& report) : engine_(engine), report_(report) {}
+
+    void look() {
+        const std::uint32_t state_before = state_.state;
+        tavistro_engine_get_state(engine_, &state_);
+        if (state_.state != state_before) report_.state_changed(seconds(), state_);
+        for (const NewEvent& event : events_.take_new(state_))
+            report_.event(seconds(), event);
+        if (Clock::now() < next_status_) return;
+        next_status_ += status_period;
+        read_stats();
+        report_.status(seconds(), state_, stats_);
+    }
+
+    void summarize() {
+        read_stats();
+        report_.summary({seconds(), process_cpu_seconds() - cpu_seconds_at_start_, state_, stats_});
+    }
+
+    double seconds() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
+    const tavistro_engine_state& state() const { return state_; }
+    bool ended() const {
+        return state_.state == TAVISTRO_STATE_STOPPED || state_.state == TAVISTRO_STATE_FAILED;
+    }
+
+  private:
+    /// The engine has a block of its own once it is past starting; an earlier look could find one
+    /// that another run left behind.
+    void read_stats() {
+        const bool published = state_.state > TAVISTRO_STATE_STARTING && !ended();
+        if (published) stats_reader_.open(state_.client_id);
+        if (auto stats = stats_reader_.read()) stats_ = stats;
+    }
+
+    tavistro_engine* engine_;
+    Report& report_;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point next_status_ = start_ + status_period;
+    double cpu_seconds_at_start_ = process_cpu_seconds();
+    tavistro_engine_state state_{};
+    EventFollower events_;
+    StatsReader stats_reader_;
+    std::optional<tavistro_stats_block> stats_;
+};
+
+int fail(const tavistro_engine_state& state, const std::string& config_path) {
+    std::cerr << "tavistro-host: the run failed: " << failure_text(state, config_path) << '\n';
+    return 1;
+}
+
+}  // namespace
+
+int run_engine(const RunOptions& options) {
+    const Engine engine(tavistro_engine_create());
+    if (!engine) {
+        std::cerr << "tavistro-host: the engine could not be created\n";
+        return 1;
+    }
+    std::signal(SIGINT, request_stop);
+    std::signal(SIGTERM, request_stop);
+
+    const auto report = options.json ? make_json_report(std::cout) : make_human_report(std::cout);
+    RunWatch watch(engine.get(), *report);
+    if (tavistro_engine_start_from_config(engine.get(), options.config_path.c_str()) == 0) {
+        watch.look();
+        return fail(watch.state(), options.config_path);
+    }
+    const auto time_is_over = [&] {
+        return options.seconds && watch.seconds() >= *options.seconds;
+    };
+    watch.look();
+    while (!watch.ended() && !time_is_over() && stop_requested == 0) {
+        std::this_thread::sleep_for(poll_period);
+        watch.look();
+    }
+    tavistro_engine_stop(engine.get());
+    watch.look();
+    watch.summarize();
+    if (watch.state().state == TAVISTRO_STATE_FAILED) {
+        return fail(watch.state(), options.config_path);
+    }
+    return 0;
+}
+
+}  // namespace tavistro::host

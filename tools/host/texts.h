@@ -1,0 +1,25 @@
+// What this host says to people for the numbers that the engine reports.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tavistro/engine.h"
+
+namespace tavistro::host {
+
+/// Each returns "unknown" for a code that this host does not know.
+std::string_view state_text(std::uint32_t state);
+std::string_view level_text(std::uint32_t level);
+std::string_view category_text(std::uint32_t category);
+std::string_view event_kind_text(std::uint32_t kind);
+std::string_view error_text(std::uint32_t error);
+/// Texts of status_message, error_detail and the message of events.
+std::string_view message_text(std::uint32_t message);
+
+/// Why the run failed, in whole sentences, with what to do about it where there is something;
+/// `config_path` is the file that the run was started with.
+std::string failure_text(const tavistro_engine_state& state, std::string_view config_path);
+
+}  // namespace tavistro::host

@@ -1,0 +1,27 @@
+// Values of arguments that are made of parts, such as CH=HZ@LEVEL.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "tools/server/server_options.h"
+
+namespace tavistro::server {
+
+// Each reads one argument, whole; nothing when it is not of that form, a number is out of range or
+// a channel is not on the bus.
+
+/// "CH=HZ" or "CH=HZ@LEVEL", level above 0 up to 1.
+std::optional<ToneOptions> parse_tone(std::string_view text);
+/// "CH" or "CH@LEVEL".
+std::optional<MelodyOptions> parse_melody(std::string_view text);
+/// "FILE@CH".
+std::optional<PlayOptions> parse_play(std::string_view text);
+/// "FILE@CH" or "FILE@CH,CH...".
+std::optional<RecordOptions> parse_record(std::string_view text);
+/// "SENT:RETURNED", two channels.
+std::optional<MeasureOptions> parse_measure(std::string_view text);
+/// "RATE/FRAMES".
+std::optional<StreamFormat> parse_format(std::string_view text);
+
+}  // namespace tavistro::server

@@ -1,0 +1,51 @@
+// The last blocks of the bus, kept for those who want to compare them sample by sample.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "tools/server/mix_bus.h"
+#include "tools/server/server_snapshot.h"
+
+namespace tavistro::server {
+
+/// Keeps nothing until enabled. Any thread; locks briefly.
+class BusHistory {
+  public:
+    /// Keeps this many blocks from now on; 0 ends it.
+    void enable(std::size_t blocks) {
+        const std::lock_guard lock(mutex_);
+        capacity_ = blocks;
+        while (blocks_.size() > capacity_)
+            blocks_.pop_front();
+    }
+
+    void add(std::uint32_t sequence, const MixBus& bus) {
+        const std::lock_guard lock(mutex_);
+        if (capacity_ == 0) return;
+        if (blocks_.size() == capacity_) blocks_.pop_front();
+        blocks_.emplace_back(sequence, bus);
+    }
+
+    /// One channel, the oldest block first.
+    std::vector<HistoryBlock> channel(std::size_t index) const {
+        const std::lock_guard lock(mutex_);
+        std::vector<HistoryBlock> history;
+        for (const auto& [sequence, bus] : blocks_) {
+            const auto samples = bus.channel(index);
+            history.push_back({sequence, {samples.begin(), samples.end()}});
+        }
+        return history;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::size_t capacity_ = 0;
+    std::deque<std::pair<std::uint32_t, MixBus>> blocks_;
+};
+
+}  // namespace tavistro::server

@@ -1,0 +1,87 @@
+#include "tools/server/client_registry.h"
+
+#include <algorithm>
+
+#include "net/server_messages.h"
+
+namespace tavistro::server {
+
+using TavistroProtocol::Announce;
+
+namespace {
+
+bool same_session(const Client& client, const platform::Ipv4Endpoint& from,
+                  const Announce& announce) {
+    return client.endpoint == from && client.announce.session_id == announce.session_id;
+}
+
+bool same_channels(const Announce& a, const Announce& b) {
+    return a.driver_inputs == b.driver_inputs && a.driver_outputs == b.driver_outputs;
+}
+
+}  // namespace
+
+bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce& announce,
+                              const StreamFormat& format, std::uint64_t now_ms) {
+    if (announce.session_id == 0 || announce.driver_inputs.size() > max_list_entries ||
+        announce.driver_outputs.size() > max_list_entries) {
+        return false;
+    }
+    const auto known = std::find_if(clients_.begin(), clients_.end(), [&](const Client& client) {
+        return client.endpoint.address == from.address &&
+               client.announce.client_id == announce.client_id;
+    });
+    const bool renews = known != clients_.end() && same_session(*known, from, announce);
+    if (is_leave(announce)) {
+        // A leave of an older session, overtaken by the next announce, means nothing.
+        if (renews) {
+            ++counters_.left;
+            remove(known);
+        }
+        return true;
+    }
+    if (renews && same_channels(known->announce, announce)) {
+        known->announce = announce;
+        known->announced_ms = now_ms;
+        return true;
+    }
+    if (known != clients_.end()) {
+        ++counters_.replaced;
+        remove(known);
+    }
+    ++counters_.sessions;
+    clients_.emplace_back(from, announce, format).announced_ms = now_ms;
+    return true;
+}
+
+void ClientRegistry::drop_silent(std::uint64_t now_ms) {
+    for (auto client = clients_.begin(); client != clients_.end();) {
+        if (now_ms - client->announced_ms < timeout_ms) {
+            ++client;
+            continue;
+        }
+        ++counters_.timed_out;
+        client = remove(client);
+    }
+}
+
+void ClientRegistry::change_format(const StreamFormat& format) {
+    for (Client& client : clients_) {
+        client.earlier_input += client.input.counters();
+        client.input = InputRing(format, client.announce.driver_inputs.size());
+    }
+}
+
+Client* ClientRegistry::find(const platform::Ipv4Endpoint& endpoint, std::uint32_t client_id) {
+    const auto found = std::find_if(clients_.begin(), clients_.end(), [&](const Client& client) {
+        return client.endpoint == endpoint && client.announce.client_id == client_id;
+    });
+    return found == clients_.end() ? nullptr : &*found;
+}
+
+std::list<Client>::iterator ClientRegistry::remove(std::list<Client>::iterator client) {
+    counters_.gone_input += client->input_counters();
+    return clients_.erase(client);
+}
+
+}  // namespace tavistro::server

@@ -1,0 +1,101 @@
+// What a server does, without threads and sockets: datagrams and block times in, datagrams out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "net/protocol.h"
+#include "platform/udp_socket.h"
+#include "tools/server/block_schedule.h"
+#include "tools/server/client_registry.h"
+#include "tools/server/delay_queue.h"
+#include "tools/server/mix_bus.h"
+#include "tools/server/server_options.h"
+#include "tools/server/skewed_clock.h"
+#include "tools/server/sources.h"
+
+namespace tavistro::server {
+
+/// Knows the clients, answers them, and mixes block after block for them. Block N of a bus channel
+/// is the sum of the sources on it and of what clients tagged N for it. Not thread-safe.
+class MixingSession {
+  public:
+    struct Settings {
+        StreamFormat format;
+        std::uint16_t port = 0;  ///< where clients reach this server
+        std::uint32_t udp_payload_bytes = 0;
+        std::uint32_t first_sequence = 0;
+    };
+
+    /// The first block is due at once on `clock`.
+    MixingSession(const Settings& settings, const SkewedClock& clock, SourceList sources,
+                  std::uint64_t local_ns);
+
+    /// Takes a datagram; returns the answer, if there is one to give.
+    std::optional<TavistroProtocol::Datagram> receive(std::span<const std::uint8_t> bytes,
+                                                      const platform::Ipv4Endpoint& from,
+                                                      const FaultOptions& faults,
+                                                      std::uint64_t local_ns);
+
+    /// Local time at which the next block is due.
+    std::uint64_t next_due_ns() const noexcept;
+    /// Mixes the next block and appends what its clients get, Sync first; nothing for them when
+    /// `send` is false. Blocks that are late by more than max_late_blocks are given up first.
+    /// Returns the block, or nothing when none is due.
+    std::optional<BlockStamp> mix_due_block(const FaultOptions& faults, bool send,
+                                            std::uint64_t local_ns,
+                                            std::vector<RoutedDatagram>& outbox);
+    static constexpr std::uint64_t max_late_blocks = 64;
+
+    /// From the next block on. False, with nothing changed, when a source cannot follow.
+    bool change_format(const StreamFormat& format);
+    /// Sets the server's clock; the rhythm of the blocks follows it without a jump.
+    void adjust_clock(std::int64_t offset_ms, double drift_ppm, std::uint64_t local_ns);
+
+    const StreamFormat& format() const noexcept { return schedule_.format(); }
+    BlockStamp next_block() const noexcept { return schedule_.next(); }
+    const MixBus& bus() const noexcept { return bus_; }
+    const ClientRegistry& registry() const noexcept { return registry_; }
+    std::uint64_t blocks_skipped() const noexcept { return blocks_skipped_; }
+    std::uint64_t lateness_max_ns() const noexcept { return lateness_max_ns_; }
+    std::uint64_t malformed() const noexcept { return malformed_; }
+    std::uint64_t strangers() const noexcept { return strangers_; }
+    std::uint64_t blocks_sent() const noexcept { return blocks_sent_; }  ///< to all clients
+    /// Between two blocks in which any client was heard.
+    std::uint64_t longest_silence_ms() const noexcept { return longest_silence_ms_; }
+
+  private:
+    using Answer = std::optional<TavistroProtocol::Datagram>;
+
+    Answer answer_discover(std::span<const std::uint8_t> bytes, const FaultOptions& faults);
+    Answer answer_ping(std::span<const std::uint8_t> bytes, std::uint64_t local_ns);
+    void take_announce(std::span<const std::uint8_t> bytes, const platform::Ipv4Endpoint& from,
+                       std::uint64_t local_ns);
+    void take_audio(std::span<const std::uint8_t> bytes, const platform::Ipv4Endpoint& from,
+                    std::uint32_t client_id);
+    void mix(const BlockStamp& block);
+    void send_sync(Client& client, const BlockStamp& block, std::vector<RoutedDatagram>& outbox);
+    void send_audio(const Client& client, const BlockStamp& block,
+                    std::vector<RoutedDatagram>& outbox);
+
+    std::uint16_t port_;
+    std::uint32_t udp_payload_bytes_;
+    SkewedClock clock_;
+    BlockSchedule schedule_;
+    SourceList sources_;
+    MixBus bus_;
+    ClientRegistry registry_;
+    std::vector<float> output_;                 ///< of one client, planar
+    TavistroProtocol::DatagramList fragments_;  ///< of that
+    std::uint64_t blocks_skipped_ = 0;
+    std::uint64_t lateness_max_ns_ = 0;
+    std::uint64_t malformed_ = 0;
+    std::uint64_t strangers_ = 0;
+    std::uint64_t blocks_sent_ = 0;
+    std::optional<std::uint64_t> last_heard_frame_;
+    std::uint64_t longest_silence_ms_ = 0;
+};
+
+}  // namespace tavistro::server

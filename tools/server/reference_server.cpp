@@ -1,0 +1,331 @@
+#include "tools/server/reference_server.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "platform/clock.h"
+
+namespace tavistro::server {
+
+using platform::nanosecond_clock;
+
+namespace {
+
+constexpr std::uint32_t socket_buffer_bytes = 1 << 20;
+/// Reports of unreachable clients between two datagrams of others, at most.
+constexpr int most_reports_in_a_row = 64;
+/// Longest sleep of the clock thread: how long stop() may wait for it.
+constexpr std::uint64_t longest_sleep_ns = 20'000'000;
+/// The same while datagrams can be delayed, since an answer may join the queue meanwhile.
+constexpr std::uint64_t delay_precision_ns = 1'000'000;
+
+std::uint64_t unix_ms() {
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(duration_cast<milliseconds>(since_epoch).count());
+}
+
+/// Finer than the engine's sleep of whole milliseconds; wakes late, never much too early.
+void sleep_until_ns(std::uint64_t local_ns) {
+    const std::uint64_t now_ns = nanosecond_clock();
+    if (local_ns > now_ns) std::this_thread::sleep_for(std::chrono::nanoseconds(local_ns - now_ns));
+}
+
+ClientSnapshot snapshot_of(const Client& client) {
+    return {.endpoint = client.endpoint,
+            .client_id = client.announce.client_id,
+            .session_id = client.announce.session_id,
+            .driver_inputs = client.announce.driver_inputs,
+            .driver_outputs = client.announce.driver_outputs,
+            .sync_blocks_sent = client.sync_blocks_sent,
+            .input = client.input_counters()};
+}
+
+void add_session(ServerSnapshot& snapshot, const MixingSession& session) {
+    const BlockStamp next = session.next_block();
+    snapshot.format = session.format();
+    snapshot.next_sequence = next.sequence;
+    snapshot.blocks = next.index - session.blocks_skipped();
+    snapshot.blocks_skipped = session.blocks_skipped();
+    snapshot.lateness_max_us = session.lateness_max_ns() / 1000;
+    snapshot.malformed = session.malformed();
+    snapshot.strangers = session.strangers();
+    snapshot.blocks_sent = session.blocks_sent();
+    snapshot.longest_silence_ms = session.longest_silence_ms();
+    const ClientRegistry::Counters& counters = session.registry().counters();
+    snapshot.sessions = counters.sessions;
+    snapshot.sessions_replaced = counters.replaced;
+    snapshot.sessions_left = counters.left;
+    snapshot.sessions_timed_out = counters.timed_out;
+    snapshot.input = counters.gone_input;
+    for (const Client& client : session.registry().clients()) {
+        snapshot.clients.push_back(snapshot_of(client));
+        snapshot.input += snapshot.clients.back().input;
+    }
+}
+
+}  // namespace
+
+std::string ReferenceServer::start() {
+    if (running_.load()) return {};
+    Outcome<SourceList> sources = make_sources(options_);
+    if (!sources) return sources.error;
+    std::string error = open_socket();
+    if (error.empty()) error = observer_.start(options_);
+    if (!error.empty()) {
+        stop();
+        return error;
+    }
+    begin_session(std::move(sources.value));
+    running_ = true;
+    if (!receive_thread_.start("srv-receive", [this] { run_receive(); }) ||
+        !clock_thread_.start("srv-clock", [this] { run_clock(); })) {
+        stop();
+        return "no thread to be had";
+    }
+    return {};
+}
+
+void ReferenceServer::stop() {
+    if (running_.exchange(false)) {
+        const std::lock_guard lock(mutex_);
+        stopped_ms_ = platform::millisecond_tick();
+    }
+    socket_.close();
+    clock_thread_.join();
+    receive_thread_.join();
+    socket_.release();
+    observer_.stop();
+    if (std::exchange(network_started_, false)) platform::stop_network_stack();
+}
+
+ServerSnapshot ReferenceServer::snapshot() const {
+    ServerSnapshot snapshot;
+    snapshot.format = options_.format;
+    {
+        const std::lock_guard lock(mutex_);
+        if (session_) add_session(snapshot, *session_);
+        const std::uint64_t until_ms =
+            stopped_ms_ != 0 || !session_ ? stopped_ms_ : platform::millisecond_tick();
+        snapshot.uptime_ms = until_ms - started_ms_;
+    }
+    snapshot.datagrams_sent = traffic_.datagrams_sent;
+    snapshot.datagrams_received = traffic_.datagrams_received;
+    snapshot.bytes_sent = traffic_.bytes_sent;
+    snapshot.bytes_received = traffic_.bytes_received;
+    snapshot.send_failures = traffic_.send_failures;
+    snapshot.lost_on_purpose = traffic_.lost_on_purpose;
+    snapshot.blocks_lost = traffic_.blocks_lost;
+    snapshot.blocks_held_back = traffic_.blocks_held_back;
+    snapshot.syncs_lost = traffic_.syncs_lost;
+    snapshot.measures = observer_.measures();
+    snapshot.unobserved_blocks = observer_.blocks_left_out();
+    snapshot.recording_error = observer_.recording_error();
+    return snapshot;
+}
+
+bool ReferenceServer::change_format(std::uint32_t sample_rate, std::uint16_t frames) {
+    const std::lock_guard lock(mutex_);
+    return change_format_locked({sample_rate, frames});
+}
+
+void ReferenceServer::set_faults(const FaultOptions& faults) {
+    const std::lock_guard lock(mutex_);
+    faults_ = faults;
+    if (!session_) return;
+    session_->adjust_clock(faults.clock_offset_ms, faults.drift_ppm, nanosecond_clock());
+}
+
+void ReferenceServer::set_sending(bool sending) {
+    const std::lock_guard lock(mutex_);
+    sending_ = sending;
+}
+
+std::string ReferenceServer::open_socket() {
+    network_started_ = platform::start_network_stack();
+    if (!network_started_) return "no network";
+    if (port_ == 0) port_ = options_.port;
+    const platform::SocketOptions options{.recv_buffer_bytes = socket_buffer_bytes,
+                                          .send_buffer_bytes = socket_buffer_bytes,
+                                          .bind = {options_.bind_address, port_}};
+    if (!socket_.open(options)) {
+        return "cannot take UDP port " + std::to_string(port_) + " at " +
+               platform::format_ipv4(options_.bind_address) +
+               ": in use by another program, or not an address of this machine";
+    }
+    port_ = socket_.local_endpoint().port;
+    return {};
+}
+
+void ReferenceServer::begin_session(SourceList sources) {
+    traffic_.reset();
+    delayed_.clear();
+    const std::lock_guard lock(mutex_);
+    block_lane_ = FaultLane(options_.seed);
+    reply_lane_ = FaultLane(options_.seed + 1);
+    uplink_lane_ = FaultLane(options_.seed + 2);
+    std::uint32_t first_sequence =
+        options_.first_sequence.value_or(sequence_of_wall_clock(unix_ms(), options_.format));
+    // A stream that changed to shorter blocks may have counted past the wall clock.
+    if (session_ && TavistroProtocol::is_newer(session_->next_block().sequence, first_sequence)) {
+        first_sequence = session_->next_block().sequence;
+    }
+    const std::uint64_t now_ns = nanosecond_clock();
+    session_.emplace(MixingSession::Settings{.format = options_.format,
+                                             .port = port_,
+                                             .udp_payload_bytes = options_.udp_payload_bytes,
+                                             .first_sequence = first_sequence},
+                     SkewedClock(now_ns, faults_.clock_offset_ms, faults_.drift_ppm),
+                     std::move(sources), now_ns);
+    started_ms_ = platform::millisecond_tick();
+    stopped_ms_ = 0;
+    change_due_ = options_.change.has_value();
+}
+
+void ReferenceServer::run_receive() {
+    const platform::ScopedThreadRole role(platform::ThreadRole::network_receive);
+    std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
+    int failures_in_a_row = 0;
+    while (running_.load()) {
+        const platform::ReceiveResult received = socket_.receive(buffer);
+        if (received.status == platform::ReceiveStatus::closed) return;
+        if (received.status != platform::ReceiveStatus::datagram) {
+            // A client that went without leaving is reported once per datagram sent to it, and the
+            // others must not wait for that; but an error that stays must not eat the processor.
+            if (++failures_in_a_row > most_reports_in_a_row) platform::sleep_ms(1);
+            continue;
+        }
+        failures_in_a_row = 0;
+        ++traffic_.datagrams_received;
+        traffic_.bytes_received += received.size;
+        const auto end = buffer.begin() + static_cast<std::ptrdiff_t>(received.size);
+        meet_faults(
+            uplink_lane_,
+            {RoutedDatagram::Direction::from_client, received.source, {buffer.begin(), end}});
+    }
+}
+
+void ReferenceServer::run_clock() {
+    const platform::ScopedThreadRole role(platform::ThreadRole::audio_device);
+    const platform::ScopedTimerResolution timer;
+    while (running_.load()) {
+        release_delayed();
+        if (!send_due_block()) wait_for_work();
+    }
+}
+
+bool ReferenceServer::send_due_block() {
+    outbox_.clear();
+    {
+        const std::lock_guard lock(mutex_);
+        apply_timed_change();
+        const std::uint64_t now_ns = nanosecond_clock();
+        const auto block = session_->mix_due_block(faults_, sending_, now_ns, outbox_);
+        if (!block) return false;
+        history_.add(block->sequence, session_->bus());
+        observer_.push(block->index, session_->format(), session_->bus());
+    }
+    send_outbox();
+    return true;
+}
+
+void ReferenceServer::send_outbox() {
+    // The client whose block is counted already: its datagrams follow each other.
+    platform::Ipv4Endpoint lost_to;
+    platform::Ipv4Endpoint held_back_to;
+    for (const RoutedDatagram& datagram : outbox_) {
+        const auto header = TavistroProtocol::decode_header(datagram.bytes);
+        const Passage passage = meet_faults(block_lane_, datagram);
+        if (!header || header.message.type != TavistroProtocol::MessageType::Audio) {
+            if (passage.copies == 0) ++traffic_.syncs_lost;
+            continue;
+        }
+        if (passage.copies == 0 && std::exchange(lost_to, datagram.client) != datagram.client) {
+            ++traffic_.blocks_lost;
+        }
+        if (passage.held_back && std::exchange(held_back_to, datagram.client) != datagram.client) {
+            ++traffic_.blocks_held_back;
+        }
+    }
+}
+
+void ReferenceServer::wait_for_work() {
+    std::uint64_t wake_ns = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        const bool delays = faults_.jitter_ms != 0 || faults_.reorder_percent > 0;
+        wake_ns = std::min(session_->next_due_ns(),
+                           nanosecond_clock() + (delays ? delay_precision_ns : longest_sleep_ns));
+    }
+    sleep_until_ns(std::min(wake_ns, delayed_.next_due_ns().value_or(wake_ns)));
+}
+
+void ReferenceServer::apply_timed_change() {
+    if (!change_due_ || platform::millisecond_tick() - started_ms_ < options_.change->after_ms) {
+        return;
+    }
+    change_due_ = false;
+    change_format_locked(options_.change->format);
+}
+
+bool ReferenceServer::change_format_locked(const StreamFormat& format) {
+    if (!session_ || !format.is_valid()) return false;
+    const bool rate_changes = format.sample_rate != session_->format().sample_rate;
+    if (rate_changes && !options_.records.empty()) return false;
+    return session_->change_format(format);
+}
+
+Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& datagram) {
+    const std::uint64_t now_ns = nanosecond_clock();
+    Passage passage;
+    {
+        const std::lock_guard lock(mutex_);
+        passage = lane.pass(faults_, session_->format(), session_->next_block().index, now_ns);
+        if (faults_.silent && datagram.direction == RoutedDatagram::Direction::to_client) {
+            passage.copies = 0;
+        }
+    }
+    if (passage.copies == 0) ++traffic_.lost_on_purpose;
+    // What is due but not released yet must not be overtaken.
+    const bool waits =
+        passage.due_ns > now_ns || delayed_.next_due_ns().value_or(now_ns + 1) <= now_ns;
+    for (unsigned copy = 0; copy < passage.copies; ++copy) {
+        if (waits) {
+            delayed_.push(passage.due_ns, datagram);
+        } else {
+            pass_on(datagram);
+        }
+    }
+    return passage;
+}
+
+void ReferenceServer::release_delayed() {
+    while (const auto datagram = delayed_.pop_due(nanosecond_clock()))
+        pass_on(*datagram);
+}
+
+void ReferenceServer::pass_on(const RoutedDatagram& datagram) {
+    if (datagram.direction == RoutedDatagram::Direction::from_client) return handle(datagram);
+    if (socket_.send_to(datagram.bytes, datagram.client)) {
+        ++traffic_.datagrams_sent;
+        traffic_.bytes_sent += datagram.bytes.size();
+    } else {
+        ++traffic_.send_failures;
+    }
+}
+
+void ReferenceServer::handle(const RoutedDatagram& datagram) {
+    std::optional<TavistroProtocol::Datagram> answer;
+    {
+        const std::lock_guard lock(mutex_);
+        answer = session_->receive(datagram.bytes, datagram.client, faults_, nanosecond_clock());
+    }
+    if (!answer) return;
+    meet_faults(reply_lane_,
+                {RoutedDatagram::Direction::to_client, datagram.client, std::move(*answer)});
+}
+
+}  // namespace tavistro::server

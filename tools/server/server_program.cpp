@@ -1,0 +1,77 @@
+#include "tools/server/server_program.h"
+
+#include <csignal>
+#include <ostream>
+#include <utility>
+
+#include "platform/clock.h"
+#include "tools/server/command_line.h"
+#include "tools/server/reference_server.h"
+#include "tools/server/report.h"
+
+namespace tavistro::server {
+
+namespace {
+
+constexpr std::uint64_t status_period_ms = 1000;
+constexpr std::uint32_t poll_period_ms = 50;
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+void request_stop(int) {
+    stop_requested = 1;
+}
+
+/// Prints a status every second until it is time to end.
+void serve(const ReferenceServer& server, const CommandLine& command, std::ostream& out) {
+    const std::uint64_t started_ms = platform::millisecond_tick();
+    const std::uint64_t length_ms = std::uint64_t{command.seconds} * 1000;
+    std::uint64_t next_status_ms = started_ms + status_period_ms;
+    ServerSnapshot before;
+    while (stop_requested == 0) {
+        const std::uint64_t now_ms = platform::millisecond_tick();
+        if (length_ms != 0 && now_ms - started_ms >= length_ms) return;
+        if (now_ms >= next_status_ms) {
+            next_status_ms += status_period_ms;
+            const ServerSnapshot now = server.snapshot();
+            out << (command.json ? snapshot_json("status", now) : status_line(now, before))
+                << std::endl;
+            before = now;
+        }
+        platform::sleep_ms(poll_period_ms);
+    }
+}
+
+}  // namespace
+
+int run_server_program(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+    const ParsedArguments arguments = parse_arguments(argc, argv);
+    if (!arguments.command) {
+        (arguments.exit_code == 0 ? out : err) << arguments.message;
+        return arguments.exit_code;
+    }
+    const CommandLine& command = *arguments.command;
+    stop_requested = 0;
+    std::signal(SIGINT, request_stop);
+    std::signal(SIGTERM, request_stop);
+    ReferenceServer server(command.options);
+    if (const std::string error = server.start(); !error.empty()) {
+        err << "tavistro-server: " << error << "\n";
+        return 1;
+    }
+    const StreamFormat& format = command.options.format;
+    if (command.json) {
+        out << listening_json(server.port(), format) << std::endl;
+    } else {
+        out << "listening on UDP port " << server.port() << ", " << format.sample_rate << " Hz, "
+            << format.frames << " frames" << std::endl;
+    }
+    serve(server, command, out);
+    server.stop();
+    const ServerSnapshot total = server.snapshot();
+    out << (command.json ? snapshot_json("summary", total) + "\n" : summary_text(total))
+        << std::flush;
+    return total.recording_error.empty() ? 0 : 1;
+}
+
+}  // namespace tavistro::server

@@ -1,0 +1,24 @@
+// The test driver as a shared object for a driver folder.
+
+#include "tools/test_driver/driver_control.h"
+#include "tools/test_driver/test_driver.h"
+
+extern "C" {
+
+[[gnu::visibility("default")]] const char* tavistro_driver_class_id() {
+    return tavistro::test::driver_class_id_text;
+}
+
+[[gnu::visibility("default")]] const char* tavistro_driver_description() {
+    return tavistro::test::driver_name;
+}
+
+[[gnu::visibility("default")]] void* tavistro_driver_create() {
+    return tavistro::test::create_test_driver();
+}
+
+[[gnu::visibility("default")]] const tavistro_test_driver_controls* tavistro_test_driver_control() {
+    return tavistro::test::driver_controls();
+}
+
+}  // extern "C"
