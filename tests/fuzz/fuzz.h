@@ -1,0 +1,72 @@
+// What the fuzz targets share: a check that ends the program in every build, and the fuzzer's bytes
+// as a stream of small values.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace tavistro::fuzz {
+
+[[noreturn]] inline void fail(const char* condition, const char* file, int line) {
+    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, condition);
+    std::abort();
+}
+
+/// To the bit; of samples that were computed, one NaN is as good as another.
+inline bool same_samples(std::span<const float> a, std::span<const float> b, bool computed) {
+    return std::ranges::equal(a, b, [computed](float x, float y) {
+        return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y) ||
+               (computed && x != x && y != y);
+    });
+}
+
+/// Reads on as zeros after its end, so that every input is a valid one.
+class Input {
+  public:
+    Input(const std::uint8_t* data, std::size_t size) : rest_(data, size) {}
+
+    bool empty() const { return rest_.empty(); }
+    template <std::unsigned_integral T = std::uint8_t>
+    T take() {
+        std::uint64_t value = 0;
+        std::size_t shift = 0;
+        for (const std::uint8_t byte : bytes(sizeof(T)))
+            value |= std::uint64_t{byte} << (8 * shift++);
+        return static_cast<T>(value);
+    }
+    /// 0..limit - 1; of one byte where that is enough.
+    std::uint16_t below(std::uint32_t limit) {
+        return static_cast<std::uint16_t>((limit <= 256 ? take() : take<std::uint16_t>()) % limit);
+    }
+    bool one_in(std::uint32_t chances) { return below(chances) == 1; }
+    std::span<const std::uint8_t> bytes(std::size_t count) {
+        const auto taken = rest_.first(std::min(count, rest_.size()));
+        rest_ = rest_.subspan(taken.size());
+        return taken;
+    }
+    /// Samples of every kind, infinite ones and NaNs included, that follow from one byte.
+    std::vector<float> samples(std::size_t count) {
+        std::uint32_t bits = take() * 0x9E3779B1U;
+        std::vector<float> result(count);
+        for (float& sample : result)
+            sample = std::bit_cast<float>(bits = bits * 1664525U + 1013904223U);
+        return result;
+    }
+
+  private:
+    std::span<const std::uint8_t> rest_;
+};
+
+}  // namespace tavistro::fuzz
+
+#define REQUIRE(condition) \
+    ((condition) ? void() : tavistro::fuzz::fail(#condition, __FILE__, __LINE__))

@@ -1,0 +1,76 @@
+// Every decoder on the same bytes: as they came, and behind a header that is made to fit. Whatever
+// decodes encodes to the same bytes again, those apart that no decoder reads.
+#include <initializer_list>
+#include <utility>
+
+#include "fuzz/fuzz.h"
+#include "net/server_messages.h"
+#include "net/wire_layout.h"
+
+namespace {
+
+using namespace TavistroProtocol;
+using Bytes = std::span<const std::uint8_t>;
+using Ranges = std::initializer_list<std::pair<std::ptrdiff_t, std::size_t>>;  // offset, count
+
+bool same_without(Ranges unread, Bytes bytes, const Datagram& encoded) {
+    Datagram expected(bytes.begin(), bytes.end());
+    for (const auto& [offset, count] : unread)
+        std::fill_n(expected.begin() + offset, count, std::uint8_t{0});
+    return encoded == expected;
+}
+
+void check_audio(Bytes bytes, std::uint32_t client_id) {
+    const auto decoded = decode_audio(bytes);
+    if (!decoded) return;
+    const AudioFragment& f = decoded.message;
+    REQUIRE(f.index < f.count && f.channel_count > 0 && f.frame_count > 0);
+    REQUIRE(f.first_channel + f.channel_count <= f.channels);
+    REQUIRE(f.first_frame + f.frame_count <= f.frames);
+    REQUIRE(f.payload.data() == bytes.data() + 48 && f.payload.size() == bytes.size() - 48);
+    REQUIRE(f.payload.size() == 4 * f.sample_count());
+    std::vector<float> samples(f.sample_count());
+    read_samples(f.payload, samples);
+    if (f.count > 1 || samples.size() != std::size_t{f.frames} * f.channels) return;
+    DatagramList list;
+    REQUIRE(encode_audio_block(
+        {client_id, f.sequence, f.sample_rate, f.frames, f.channels, samples}, 65507, list));
+    REQUIRE(list.size() == 1 && same_without({{40, 8}}, bytes, list.front()));
+}
+
+void check(Bytes bytes) {
+    const auto header = decode_header(bytes);
+    const std::uint32_t client_id = header.message.client_id;
+    REQUIRE(!header || (header.message.length == bytes.size() && client_id != 0));
+    const auto round_trip = [&](MessageType type, const auto& decoded, auto encode, Ranges unread) {
+        if (!header) REQUIRE(decoded.result == header.result);
+        if (!decoded) return;
+        REQUIRE(header.message.type == type);
+        REQUIRE(same_without(unread, bytes, encode(decoded.message)));
+    };
+    const auto reply = decode_discover_reply(bytes);
+    round_trip(MessageType::Announce, decode_announce(bytes), encode_announce, {});
+    round_trip(MessageType::Discover, decode_discover(bytes), encode_discover, {{24, 8}});
+    round_trip(MessageType::DiscoverReply, reply, encode_discover_reply,
+               {{26, 2}, {28, 4}, {44, 4}});
+    round_trip(MessageType::Ping, decode_ping(bytes), encode_ping, {});
+    round_trip(MessageType::Pong, decode_pong(bytes), encode_pong, {});
+    round_trip(MessageType::Sync, decode_sync(bytes),
+               [&](const SyncInfo& sync) { return encode_sync(client_id, sync); }, {{26, 2}});
+    check_audio(bytes, client_id);
+    const std::uint64_t nonce = reply.message.nonce;
+    REQUIRE(!reply || is_foreign_reply(bytes, client_id, nonce));
+    REQUIRE(!reply || !is_foreign_reply(bytes, client_id, nonce + 1));
+    REQUIRE(!is_foreign_reply(bytes, client_id + 1, nonce) || !header);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    check({data, size});
+    if (size < wire::header_bytes) return 0;
+    Datagram fitting(data, data + size);
+    wire::put_header(fitting, static_cast<MessageType>(data[6] % 9), data[12]);
+    check(fitting);
+    return 0;
+}

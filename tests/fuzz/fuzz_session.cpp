@@ -1,0 +1,248 @@
+// A client session without sockets: the fuzzer is the server, the device and the clock. What the
+// session hands out and sends is held against what its contract says, after every step.
+#include <numeric>
+#include <optional>
+
+#include "fuzz/fuzz.h"
+#include "net/client_session.h"
+#include "net/server_messages.h"
+#include "net/wire_layout.h"
+#include "support/movable_clock.h"
+
+namespace {
+
+using namespace tavistro;
+using namespace TavistroProtocol;
+
+constexpr platform::Ipv4Endpoint server{0x0A000001, 28010};
+
+class Rig {
+  public:
+    explicit Rig(fuzz::Input input) : in_(input) { test::set_manual_clock(); }
+
+    void run() {
+        for (start(); !in_.empty();) {
+            step();
+            REQUIRE(silence_ == 0);  // the block that closes a gap comes directly after it
+            REQUIRE(sent_audio_ == expected_audio_);
+            sent_audio_.clear();
+            expected_audio_.clear();
+        }
+    }
+
+  private:
+    void step() {
+        const std::uint16_t what = in_.below(32);
+        if (what >= 24) return receive_audio();
+        if (what >= 17) return receive_sync();
+        if (what >= 13) return push_input();
+        if (what >= 10) return receive_pong();
+        if (what >= 7) return test::advance_clock_ns(in_.take<std::uint32_t>());
+        if (what == 6) return test::advance_clock_ms(in_.take<std::uint16_t>());
+        if (what == 5) return receive_raw();
+        if (what == 4) return set_format();
+        if (what == 3) return session_.running() ? end() : start();
+        if (!session_.running()) return release();
+        what == 2 ? session_.send_announce() : session_.ping_tick();
+    }
+
+    void start() {
+        settings_ = {};
+        settings_.client_id = 1U + in_.take();
+        settings_.driver_inputs.resize(in_.below(4));
+        settings_.driver_outputs.resize(in_.below(4));
+        settings_.udp_payload_bytes = 52U + in_.below(1200);
+        settings_.client_latency_blocks = 1U + in_.below(128);
+        settings_.capture_target_blocks = in_.below(4);
+        settings_.capture_capacity_blocks = in_.below(8);
+        session_.reset(settings_, {[this](const auto& line) { on_log(line); },
+                                   [this](const auto& block) { on_block(block); },
+                                   [this](const auto& sync) { on_sync(sync); },
+                                   [this](const auto& telemetry) { on_telemetry(telemetry); }});
+        ring_ = CaptureRing();
+        pings_ = 0;
+        last_block_ = last_sync_ = last_uplink_ = {};
+        session_.run(server);
+    }
+    void end() {
+        leaving_ = true;
+        const std::uint64_t before = events_;
+        REQUIRE(session_.end() && !session_.end() && !session_.running());
+        REQUIRE(events_ == before + 1);  // the leave
+        leaving_ = false;
+    }
+    void release() {
+        session_.release();
+        ring_ = CaptureRing();
+    }
+    void set_format() {
+        const std::uint32_t sample_rate = in_.one_in(8) ? 0 : 48000U + in_.below(2);
+        const std::uint16_t frames = in_.below(in_.one_in(8) ? 300 : 24);
+        const bool valid = sample_rate != 0 && frames != 0;
+        REQUIRE(session_.set_capture_format(sample_rate, frames) == valid);
+        if (!valid) return;
+        last_block_ = last_sync_ = last_uplink_ = {};
+        ring_ = CaptureRing(settings_.driver_inputs.size(), sample_rate, frames,
+                            settings_.capture_target_blocks, settings_.capture_capacity_blocks);
+    }
+    void push_input() {
+        const std::uint16_t oddity = in_.below(64);  // mostly none
+        const auto frames = static_cast<std::uint16_t>(ring_.frames() + (oddity == 1));
+        const auto channels =
+            static_cast<std::uint16_t>(settings_.driver_inputs.size() + (oddity == 2));
+        const auto samples = in_.samples(std::size_t{frames} * channels + (oddity == 3));
+        const std::uint32_t rate = ring_.sample_rate() + (oddity == 4);
+        const double ratio = 0.9 + in_.below(256) / 1024.0;
+        session_.push_captured_input(rate, frames, channels, samples, ratio);
+        ring_.push(rate, frames, channels, samples, ratio);
+        REQUIRE(ring_.fill() <= ring_.frames() * settings_.capture_capacity_blocks);
+    }
+
+    void receive(const Datagram& datagram) {
+        const bool stranger = in_.one_in(64);
+        const std::uint64_t before = events_;
+        session_.handle_datagram(
+            datagram, {server.address, static_cast<std::uint16_t>(server.port + stranger)});
+        REQUIRE((session_.running() && !stranger) || events_ == before);
+    }
+    void receive_sync() {
+        SyncInfo sync{sequence(), ring_.sample_rate(), ring_.frames(), in_.take(), server_time()};
+        if (in_.one_in(16)) sync.sample_rate = in_.take();
+        if (in_.one_in(16)) sync.block_frames = in_.take();
+        receive(encode_sync(9, sync));
+    }
+    void receive_audio() {
+        const auto channels = static_cast<std::uint16_t>(settings_.driver_outputs.size());
+        const std::uint16_t frames = in_.below(65);
+        const auto samples = in_.samples(std::size_t{frames} * channels);
+        const AudioBlockView block{9, sequence(), 48000, frames, channels, samples};
+        DatagramList list;
+        encode_audio_block(block, 52U + in_.below(1200), list);
+        const std::size_t lost = in_.below(128);  // if there are so many
+        for (std::size_t i = list.size(); i-- > 0;)
+            if (i != lost) receive(list[i]);
+    }
+    void receive_pong() {
+        const std::uint64_t before = events_, strange = in_.one_in(8) ? in_.take() : 0;
+        const std::uint64_t t2_ns = server_time();
+        receive(encode_pong({9, ping_.nonce ^ strange, ping_.t1_ns, t2_ns, server_time()}));
+        REQUIRE(strange == 0 || events_ == before);
+    }
+    void receive_raw() {
+        const auto type = static_cast<MessageType>(in_.below(9));
+        const auto bytes = in_.bytes(in_.take());
+        Datagram datagram(bytes.begin(), bytes.end());
+        if (datagram.size() >= 16 && type != MessageType{}) wire::put_header(datagram, type, 9);
+        receive(datagram);
+    }
+    /// Mostly the next one or the same; behind it, over a gap, or anywhere.
+    std::uint32_t sequence() {
+        const std::uint8_t step = in_.take();
+        if (step >= 252) return sequence_ = in_.take<std::uint32_t>();
+        if (step >= 250) return sequence_ += 1000U + in_.below(50);
+        if (step >= 200) return sequence_ - (step - 200U);
+        return sequence_ += step % 3U;
+    }
+    std::uint64_t server_time() {
+        return in_.one_in(8) ? in_.take<std::uint64_t>() : ping_.t1_ns + in_.take<std::uint32_t>();
+    }
+
+    bool on_send(std::span<const std::uint8_t> datagram, const platform::Ipv4Endpoint& to) {
+        ++events_;
+        REQUIRE(to == server && session_.running() != leaving_);
+        const auto header = decode_header(datagram);
+        REQUIRE(header && header.message.client_id == settings_.client_id);
+        if (header.message.type == MessageType::Audio) {
+            sent_audio_.emplace_back(datagram.begin(), datagram.end());
+        } else if (const auto ping = decode_ping(datagram)) {
+            ping_ = ping.message;
+            ++pings_;
+        } else {
+            const auto announce = decode_announce(datagram);
+            REQUIRE(announce && announce.message.session_id != 0);
+            REQUIRE(!leaving_ || is_leave(announce.message));
+        }
+        return !in_.one_in(16);
+    }
+    void on_log(const std::string& line) {
+        ++events_;
+        REQUIRE(session_.running() && line.starts_with("[net] "));
+    }
+    void on_block(const CompletedOutputBlock& block) {
+        ++events_;
+        REQUIRE(session_.running());
+        REQUIRE(block.frames > 0 && block.channels == settings_.driver_outputs.size());
+        REQUIRE(block.samples.size() == std::size_t{block.frames} * block.channels);
+        if (block.delivery_time_ns == 0) {
+            REQUIRE(last_block_ && block.sequence == *last_block_ + ++silence_);
+            REQUIRE(block.server_time_ns == 0 && block.server_time_local_ns == 0);
+            REQUIRE(block.arrival_time_ns == 0);
+            REQUIRE(std::ranges::all_of(block.samples, [](float value) { return value == 0.0F; }));
+            return;
+        }
+        REQUIRE(0 < block.arrival_time_ns && block.arrival_time_ns <= block.delivery_time_ns);
+        if (last_block_) {
+            REQUIRE(is_newer(block.sequence, *last_block_));
+            const std::uint32_t missing = block.sequence - *last_block_ - 1;
+            REQUIRE(silence_ == (missing <= 1024 ? missing : 0));
+        }
+        silence_ = 0;
+        last_block_ = block.sequence;
+        if (in_.one_in(2)) push_input();
+    }
+    void on_sync(const SyncInfo& sync) {
+        ++events_;
+        REQUIRE(session_.running());
+        const bool other_format =
+            ring_.has_format() && sync.sample_rate != 0 && sync.block_frames != 0 &&
+            (sync.sample_rate != ring_.sample_rate() || sync.block_frames != ring_.frames());
+        REQUIRE(other_format || !last_sync_ || is_newer(sync.sequence, *last_sync_));
+        last_sync_ = sync.sequence;
+        if (in_.one_in(2)) push_input();
+
+        const std::uint32_t ahead =
+            sync.sequence + static_cast<std::uint32_t>(settings_.client_latency_blocks);
+        if (other_format || (last_uplink_ && !is_newer(ahead, *last_uplink_))) return;
+        std::vector<float> samples;
+        if (!ring_.pull(sync.sample_rate, sync.block_frames, samples)) return;
+        last_uplink_ = ahead;
+        REQUIRE(encode_audio_block(
+            {settings_.client_id, ahead, sync.sample_rate, sync.block_frames,
+             static_cast<std::uint16_t>(settings_.driver_inputs.size()), samples},
+            settings_.udp_payload_bytes, expected_audio_));
+    }
+    void on_telemetry(const ClientTelemetry& t) {
+        ++events_;
+        REQUIRE(session_.running());
+        const auto sum = [](const auto& histogram) {
+            return std::accumulate(histogram.begin(), histogram.end(), std::uint64_t{0});
+        };
+        REQUIRE(sum(t.rtt_histogram) == t.rtt_samples);
+        REQUIRE(sum(t.sync_delay_histogram) == t.sync_delay_samples);
+        REQUIRE(t.rtt_samples + t.ping_timeouts <= pings_);
+        REQUIRE(t.clock_synced == (t.rtt_samples > 0));
+        REQUIRE(t.rtt_min_us <= t.rtt_max_us && t.rtt_last_us <= t.rtt_max_us);
+        REQUIRE(t.rtt_p50_us <= t.rtt_p95_us && t.rtt_p95_us <= t.rtt_p99_us);
+        REQUIRE(t.callback_last_us <= t.callback_max_us);
+    }
+
+    fuzz::Input in_;
+    ClientSession session_{[this](auto datagram, const auto& to) { return on_send(datagram, to); }};
+    ClientSettings settings_;
+    CaptureRing ring_;  ///< fed and read as the session's own should be
+    Ping ping_;
+    std::uint32_t sequence_ = 0xFFFFFFF0;
+    std::uint64_t events_ = 0;  ///< callbacks and datagrams
+    std::uint64_t pings_ = 0;
+    std::uint32_t silence_ = 0;  ///< records since the last block
+    std::optional<std::uint32_t> last_block_, last_sync_, last_uplink_;
+    bool leaving_ = false;
+    DatagramList sent_audio_, expected_audio_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Rig({data, size}).run();
+    return 0;
+}

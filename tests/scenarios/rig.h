@@ -1,0 +1,55 @@
+// An engine, a reference server and a configuration file, and what a test asks of them.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "engine/engine_runtime.h"
+#include "tools/server/reference_server.h"
+
+namespace tavistro::test {
+
+/// Polls until the condition holds. False when it does not within the limit, which is there to end
+/// a test that hangs and is no measure of speed.
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::seconds limit = std::chrono::seconds(30));
+
+/// A configuration file for as long as the object lives.
+class ConfigFile {
+  public:
+    /// Loopback device, server at 127.0.0.1:`port`; `more` is appended as it stands.
+    explicit ConfigFile(std::uint16_t port, const std::string& more = {});
+    ConfigFile(const ConfigFile&) = delete;
+    ConfigFile& operator=(const ConfigFile&) = delete;
+    ~ConfigFile();
+
+    const char* path() const noexcept { return path_.c_str(); }
+    std::uint32_t client_id() const noexcept { return client_id_; }
+
+  private:
+    std::uint32_t client_id_;
+    std::string path_;
+};
+
+/// One engine with shorthands for what its record shows.
+class Engine {
+  public:
+    bool start(const ConfigFile& config) { return runtime_.start(config.path()); }
+    void stop() { runtime_.stop(); }
+    tavistro_engine_state state() const { return runtime_.snapshot_state(); }
+    bool in_state(std::uint32_t code) const { return state().state == code; }
+    bool runs() const { return in_state(TAVISTRO_STATE_RUNNING); }
+    bool shows(std::uint32_t message) const { return state().status_message == message; }
+
+  private:
+    EngineRuntime runtime_;
+};
+
+/// Blocks of captured input that have arrived at the server in time so far.
+std::uint64_t input_blocks(const server::ReferenceServer& server);
+/// Waits until `count` more of them have.
+bool input_flows(const server::ReferenceServer& server, std::uint64_t count = 50);
+
+}  // namespace tavistro::test
