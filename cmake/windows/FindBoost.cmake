@@ -1,0 +1,3 @@
+include(HostHeaders)
+tavistro_host_headers(Boost::headers boost beast.hpp)
+set(Boost_FOUND TRUE)

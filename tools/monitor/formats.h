@@ -1,0 +1,32 @@
+// Samples as text for programs, and back.
+#pragma once
+
+#include <iosfwd>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/monitor/sample.h"
+
+namespace tavistro::monitor {
+
+/// One JSON object without a line end: time_ms, client_id, presence, host_late_us where measured,
+/// stats (null when absent) with every field under its name in the block.
+std::string to_json(const Sample& sample);
+/// The reverse. Throws std::runtime_error for text that is no sample.
+Sample from_json(const std::string& line);
+/// A JSON array of to_json(). Fit for the inside of an HTML script element.
+std::string to_json_array(std::span<const Sample> samples);
+
+/// Reads lines of to_json(). Throws std::runtime_error that names the line which is none. A last
+/// line without an end that is no sample was cut off with its recorder, and is left out.
+std::vector<Sample> read_recording(std::istream& in);
+
+/// The heading and the rows of a table; a histogram takes a column for each bucket.
+std::string csv_heading();
+std::string csv_row(const Sample& sample);
+
+/// The text format of Prometheus, for the newest sample of every client.
+std::string to_prometheus(std::span<const Sample> samples);
+
+}  // namespace tavistro::monitor

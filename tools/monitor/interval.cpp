@@ -1,0 +1,102 @@
+#include "tools/monitor/interval.h"
+
+#include <algorithm>
+
+#include "tavistro/engine.h"
+
+namespace tavistro::monitor {
+
+namespace {
+
+constexpr double shortest_step_s = 0.9;
+constexpr double longest_step_s = 10;
+
+bool is_running(const Sample& sample) {
+    return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
+}
+
+/// Counters start anew with each start of the network client or the player.
+bool one_run(const tavistro_stats_block& before, const tavistro_stats_block& after) {
+    return after.rendered_frames >= before.rendered_frames &&
+           after.sync_delay_samples >= before.sync_delay_samples &&
+           after.underruns >= before.underruns && after.overruns >= before.overruns &&
+           after.stream_sample_rate == before.stream_sample_rate &&
+           after.stream_block_frames == before.stream_block_frames;
+}
+
+std::uint32_t risen(std::uint32_t before, std::uint32_t after) {
+    return after > before ? after : 0;
+}
+
+}  // namespace
+
+std::vector<Step> steps_of(std::span<const Sample> samples) {
+    std::vector<Step> steps;
+    const Sample* previous = nullptr;
+    std::uint32_t host_late_us = 0;
+    for (const Sample& sample : samples) {
+        if (!is_running(sample)) {
+            previous = nullptr;
+            continue;
+        }
+        host_late_us = std::max(host_late_us, sample.host_late_us.value_or(0));
+        const auto seconds_at = [&](const Sample& s) {
+            return static_cast<double>(s.time_ms - samples.front().time_ms) / 1000.0;
+        };
+        const bool comparable = previous != nullptr && one_run(*previous->stats, *sample.stats);
+        const double seconds = comparable ? seconds_at(sample) - seconds_at(*previous) : 0;
+        if (comparable && seconds >= 0 && seconds < shortest_step_s) continue;
+        if (comparable && seconds > 0 && seconds <= longest_step_s)
+            steps.push_back({seconds_at(*previous), seconds_at(sample), host_late_us,
+                             *previous->stats, *sample.stats});
+        previous = &sample;
+        host_late_us = 0;
+    }
+    return steps;
+}
+
+Interval::Interval(std::span<const Step> steps) {
+    // After a pause of the server come the blocks that were due: no step to judge by.
+    bool was_quiet = false;
+    for (const Step& step : steps) {
+        if (step.server_is_quiet()) quiet_seconds += step.seconds();
+        if (!step.server_is_quiet() && !was_quiet) add(step);
+        was_quiet = step.server_is_quiet();
+        last = step.after;
+    }
+    if (seconds == 0) return;
+    for (double* rate :
+         {&received_per_s, &repeated_per_s, &queued_per_s, &periods_per_s, &mean_error_frames})
+        *rate /= seconds;
+}
+
+void Interval::add(const Step& step) {
+    const tavistro_stats_block& a = step.before;
+    const tavistro_stats_block& b = step.after;
+    const double s = step.seconds();
+    seconds += s;
+    received_per_s += s * b.client_recv_blocks_per_sec;
+    repeated_per_s += s * b.client_duplicate_blocks_per_sec;
+    queued_per_s += s * b.player_recv_blocks_per_sec;
+    periods_per_s += s * b.callbacks_per_sec;
+    if (b.callbacks_per_sec == 0) still_seconds += s;
+    underruns += b.underruns - a.underruns;
+    overruns += b.overruns - a.overruns;
+    dropped += static_cast<std::int64_t>(b.playback_dropped) - a.playback_dropped;
+    rendered_frames += static_cast<std::int64_t>(b.rendered_frames - a.rendered_frames);
+    mean_error_frames += s * ((static_cast<double>(b.min_frames) + b.max_frames) / 2 -
+                              static_cast<double>(b.target_frames));
+    for (std::size_t i = 0; i < sync_delays.size(); ++i)
+        sync_delays[i] += b.sync_delay_histogram[i] - a.sync_delay_histogram[i];
+    host_late_us = std::max(host_late_us, step.host_late_us);
+    longest_period_us =
+        std::max(longest_period_us, risen(a.callback_duration_max_us, b.callback_duration_max_us));
+    longest_delivery_us =
+        std::max(longest_delivery_us, risen(a.block_callback_max_us, b.block_callback_max_us));
+}
+
+double Interval::replaced_per_s() const {
+    return queued_per_s + static_cast<double>(dropped) / seconds - received_per_s;
+}
+
+}  // namespace tavistro::monitor

@@ -1,0 +1,77 @@
+#include "tools/monitor/options.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace tavistro::monitor {
+
+namespace {
+
+constexpr const char* usage =
+    "usage: tavistro-monitor [CLIENT_ID...] [--once] [--json | --csv] [--interval S] [--seconds "
+    "N]\n"
+    "                        [--record FILE] [--http [ADDR:]PORT]\n"
+    "       tavistro-monitor report FILE [--output FILE]\n"
+    "       tavistro-monitor explain [CLIENT_ID...] [--seconds N] [--recording FILE]\n";
+
+}  // namespace
+
+std::optional<Options> parse_options(int argc, const char* const* argv, int& exit_code) {
+    constexpr int wrong_arguments = 2;
+    constexpr double explain_seconds = 15;
+    constexpr double longest_s = 1e9;
+    Options options;
+    const auto client_id = CLI::Range(1U, 4294967295U);
+    const auto time = CLI::Range(0.001, longest_s);
+
+    CLI::App app("Watches running engines through their statistics blocks", "tavistro-monitor");
+    app.footer("CLIENT_ID is that of the engine's configuration, 1 by default.");
+    app.add_option("CLIENT_ID", options.client_ids, "Engines to watch")->check(client_id);
+    app.add_flag("--once", options.once, "One reading; exit status 1 when no engine runs");
+    bool json = false;
+    bool csv = false;
+    CLI::Option* const as_json = app.add_flag("--json", json, "One JSON object per reading");
+    app.add_flag("--csv", csv, "A table for spreadsheets")->excludes(as_json);
+    app.add_option("--interval", options.interval_s, "Seconds from one reading to the next")
+        ->check(CLI::Range(0.05, 3600.0));
+    app.add_option("--seconds", options.seconds, "End after so many seconds")->check(time);
+    app.add_option("--record", options.record_path, "Also write every reading to FILE");
+    app.add_option("--http", options.http_address,
+                   "Also serve a page and /metrics for Prometheus at [ADDR:]PORT");
+
+    CLI::App* const report =
+        app.add_subcommand("report", "Turn a recording into one HTML page with plots");
+    report->add_option("FILE", options.recording_path, "Recording")->required();
+    report->add_option("-o,--output", options.output_path, "Page to write");
+
+    CLI::App* const explain =
+        app.add_subcommand("explain",
+                           "Say in words which side drop-outs come from; exit status 1 "
+                           "when there is something to say");
+    explain->add_option("CLIENT_ID", options.client_ids, "Engines to watch")->check(client_id);
+    explain->add_option("--seconds", options.seconds, "How long to watch (15)")->check(time);
+    explain->add_option("--recording", options.recording_path, "Explain a recording instead");
+
+    try {
+        app.parse(argc, argv);
+        if (report->parsed() && explain->parsed())
+            throw CLI::ValidationError("report and explain do not go together");
+    } catch (const CLI::Success& help) {
+        exit_code = app.exit(help);
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "tavistro-monitor: " << error.what() << '\n' << usage;
+        exit_code = wrong_arguments;
+        return std::nullopt;
+    }
+    if (report->parsed()) options.task = Options::Task::report;
+    if (explain->parsed()) {
+        options.task = Options::Task::explain;
+        if (!options.seconds) options.seconds = explain_seconds;
+    }
+    if (json) options.format = Options::Format::json;
+    if (csv) options.format = Options::Format::csv;
+    return options;
+}
+
+}  // namespace tavistro::monitor

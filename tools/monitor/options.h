@@ -1,0 +1,31 @@
+// What the monitor is asked to do.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavistro::monitor {
+
+struct Options {
+    enum class Task { watch, report, explain };
+    enum class Format { view, json, csv };
+
+    Task task = Task::watch;
+    std::vector<std::uint32_t> client_ids{1};
+    Format format = Format::view;
+    bool once = false;
+    double interval_s = 1;
+    std::optional<double> seconds;  ///< end after so long; without it on a signal
+    std::string record_path;        ///< empty for none
+    std::string http_address;       ///< empty for none
+    std::string recording_path;     ///< of report, and of an explain that is not live
+    std::string output_path;        ///< of report; empty for the recording's name with .html
+};
+
+/// Nothing when the process is to end with `exit_code`: help was shown on standard output, or a
+/// usage line on standard error.
+std::optional<Options> parse_options(int argc, const char* const* argv, int& exit_code);
+
+}  // namespace tavistro::monitor

@@ -1,0 +1,25 @@
+// What a terminal shows of one engine.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/monitor/diagnosis.h"
+#include "tools/monitor/sample.h"
+
+namespace tavistro::monitor {
+
+/// Narrower terminals get lines that are cut.
+inline constexpr std::size_t full_width = 80;
+
+/// Lines of at most `width` columns, plain ASCII. `history` is of one client, newest last, not
+/// empty; differences are taken to the sample before the newest.
+std::vector<std::string> view(std::span<const Sample> history, std::span<const Finding> findings,
+                              std::size_t width);
+
+/// One line per client, for terminals that are too low for more.
+std::string short_view(const Sample& sample, std::size_t width);
+
+}  // namespace tavistro::monitor
