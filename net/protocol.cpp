@@ -224,6 +224,10 @@ bool is_foreign_reply(std::span<const std::uint8_t> bytes, std::uint32_t client_
            get<std::uint32_t>(bytes, 12) == client_id && get<std::uint64_t>(bytes, 16) == nonce;
 }
 
+std::uint16_t stated_version(std::span<const std::uint8_t> bytes) noexcept {
+    return bytes.size() < wire::header_bytes ? std::uint16_t{0} : get<std::uint16_t>(bytes, 4);
+}
+
 void read_samples(std::span<const std::uint8_t> bytes, std::span<float> samples) {
     assert(bytes.size() == 4 * samples.size());
     if constexpr (std::endian::native == std::endian::little) {

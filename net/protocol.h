@@ -164,6 +164,10 @@ Decoded<AudioFragment> decode_audio(std::span<const std::uint8_t> bytes);
 bool is_foreign_reply(std::span<const std::uint8_t> bytes, std::uint32_t client_id,
                       std::uint64_t nonce);
 
+/// The protocol version that the header of such a reply, or of any datagram, claims; 0 for one that
+/// is too short to have a header.
+std::uint16_t stated_version(std::span<const std::uint8_t> bytes) noexcept;
+
 /// Samples from and to their wire form. Precondition: 4 bytes per sample.
 void read_samples(std::span<const std::uint8_t> bytes, std::span<float> samples);
 void write_samples(std::span<const float> samples, std::span<std::uint8_t> bytes);

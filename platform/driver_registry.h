@@ -18,6 +18,11 @@ struct RegisteredDriver {
     std::optional<std::string> description;
 };
 
+/// For programs that hold this code themselves and use the engine library at `file`: drivers are
+/// looked for where that library looks. Nothing where they are not looked for beside files, or for
+/// an empty path. Before every other use of the register.
+void look_for_drivers_beside(const std::string& file);
+
 /// Every registered driver that names a class, in the register's own order: the registry's on
 /// Windows, by file name on Linux. What cannot be read is not listed.
 std::vector<RegisteredDriver> registered_drivers();

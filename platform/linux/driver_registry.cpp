@@ -11,7 +11,8 @@
 #include <mutex>
 
 // A registered driver is a shared object in the folder "asio-drivers" beside the file that holds
-// this code, and the file's stem is its key name. It exports three C functions:
+// this code (or the one that its program named), and the file's stem is its key name. It exports
+// three C functions:
 //     const char* tavistro_driver_class_id(void)     "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"
 //     const char* tavistro_driver_description(void)  the name shown to users, or null
 //     void*       tavistro_driver_create(void)       a new driver object, or null
@@ -43,12 +44,21 @@ Library load(const fs::path& file) {
     return Library(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL));
 }
 
-fs::path driver_folder() {
+/// Beside this file drivers are looked for, when it is set.
+std::string& neighbour() {
+    static std::string path;
+    return path;
+}
+
+std::string own_file() {
     Dl_info info{};
-    if (dladdr(reinterpret_cast<const void*>(&driver_folder), &info) == 0) return {};
+    return dladdr(reinterpret_cast<const void*>(&own_file), &info) != 0 ? info.dli_fname : "";
+}
+
+fs::path driver_folder() {
     std::error_code error;
-    const fs::path self = fs::canonical(info.dli_fname, error);
-    return error ? fs::path() : self.parent_path() / "asio-drivers";
+    const fs::path file = fs::canonical(neighbour().empty() ? own_file() : neighbour(), error);
+    return error ? fs::path() : file.parent_path() / "asio-drivers";
 }
 
 std::vector<fs::path> driver_files() {
@@ -113,6 +123,10 @@ std::int32_t create(const fs::path& file, void** object) {
 }
 
 }  // namespace
+
+void look_for_drivers_beside(const std::string& file) {
+    neighbour() = file;
+}
 
 std::vector<RegisteredDriver> registered_drivers() {
     std::vector<RegisteredDriver> drivers;

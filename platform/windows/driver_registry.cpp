@@ -60,6 +60,8 @@ bool made_by_another_thread(const GUID& id) {
 
 }  // namespace
 
+void look_for_drivers_beside(const std::string&) {}
+
 std::vector<RegisteredDriver> registered_drivers() {
     std::vector<RegisteredDriver> drivers;
     const RegistryKey asio(HKEY_LOCAL_MACHINE, "software\\asio");

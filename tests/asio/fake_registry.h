@@ -19,7 +19,7 @@ struct Installed {
     AsioDriver* object = nullptr;  ///< while there is one
 
     std::string class_id() const {
-        return "{" + std::string(8, class_digit) + "-0000-0000-0000-000000000000}";
+        return std::string("{").append(8, class_digit).append("-0000-0000-0000-000000000000}");
     }
 };
 

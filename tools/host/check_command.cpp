@@ -3,78 +3,51 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
-#include <iomanip>
-#include <numeric>
+#include <iterator>
 #include <ostream>
+#include <sstream>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "config/config_keys.h"
 #include "config/engine_config.h"
 #include "config/ini.h"
+#include "platform/regular_file.h"
+#include "tools/host/config_warnings.h"
 
 namespace tavistro::host {
 
 namespace {
 
-/// A key with more differences than this is no likely misspelling.
-constexpr std::size_t most_typing_errors = 3;
-
-IniSections keys_in_file(const std::string& path) {
-    IniSections sections;
+/// The file's bytes; nothing of what the loader would not open either.
+std::string bytes_of(const std::string& path) {
+    if (!platform::is_regular_file(path.c_str())) return {};
     std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Keys and values as far as they can be read.
+IniSections sections_of(const std::string& bytes) {
+    IniSections sections;
+    std::istringstream text(bytes);
     std::string ignored;  // the loader reports it
-    parse_ini(file, sections, ignored);
+    parse_ini(text, sections, ignored);
     return sections;
 }
 
-/// Insertions, deletions and replacements that turn one text into the other.
-std::size_t edit_distance(std::string_view from, std::string_view to) {
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < from.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j) {
-            const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-void list_ignored_key(const std::string& section, const std::string& key, std::ostream& out) {
-    out << "ignored: [" << section << "] " << key;
-    const auto distance = [&](const ConfigKey& known) { return edit_distance(key, known.key); };
-    const auto nearest = std::ranges::min_element(config_keys(), {}, distance);
-    if (distance(*nearest) <= most_typing_errors) {
-        out << " (did you mean [" << nearest->section << "] " << nearest->key << "?)";
-    }
-    out << '\n';
-}
-
-bool is_known(std::string_view section, std::string_view key) {
-    return std::ranges::any_of(config_keys(), [&](const ConfigKey& known) {
-        return known.section == section && known.key == key;
-    });
-}
-
-void list_ignored_keys(const IniSections& sections, std::ostream& out) {
-    for (const auto& [section, keys] : sections) {
-        for (const auto& [key, value] : keys) {
-            if (!is_known(section, key)) list_ignored_key(section, key, out);
-        }
-    }
+/// Fills up to the next column; a longer text keeps its distance from what follows.
+std::string column(std::string_view text, std::size_t width) {
+    constexpr std::size_t smallest_gap = 2;
+    return std::string(text).append(std::max(width, text.size() + smallest_gap) - text.size(), ' ');
 }
 
 void list_setting(std::string_view name, std::string_view value, std::string_view origin,
                   std::string_view allowed, std::ostream& out) {
-    out << std::left << "  " << std::setw(36) << name << std::setw(20) << value;
+    out << "  " << column(name, 37) << column(value, 20);
     if (allowed.empty()) {
         out << origin << '\n';
     } else {
-        out << std::setw(9) << origin << allowed << '\n';
+        out << column(origin, 9) << allowed << '\n';
     }
 }
 
@@ -112,15 +85,16 @@ void list_derived(const EngineConfig& config, std::ostream& out) {
 }  // namespace
 
 int check_config(const std::string& path, std::ostream& out, std::ostream& errors) {
-    const IniSections sections = keys_in_file(path);
+    const std::string bytes = bytes_of(path);
     EngineConfig config;
     std::string error;
     const bool valid = load_engine_config(path, config, error);
     if (valid) {
-        list_keys(config, sections, out);
+        list_keys(config, sections_of(bytes), out);
         list_derived(config, out);
     }
-    list_ignored_keys(sections, out);
+    for (const std::string& warning : config_warnings(bytes))
+        out << "warning: " << warning << '\n';
     if (!valid) errors << error << '\n';
     return valid ? 0 : 1;
 }

@@ -3,10 +3,16 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 
+#include "platform/driver_registry.h"
+#include "platform/udp_socket.h"
 #include "tools/host/check_command.h"
+#include "tools/host/devices_command.h"
+#include "tools/host/engine_library.h"
 #include "tools/host/run_command.h"
+#include "tools/host/servers_command.h"
 
 namespace tavistro::host {
 
@@ -14,6 +20,23 @@ namespace {
 
 constexpr int failed = 1;
 constexpr int wrong_arguments = 2;
+
+constexpr const char* usage =
+    "usage: tavistro-host run CONFIG [--seconds N] [--json]\n"
+    "       tavistro-host check CONFIG\n"
+    "       tavistro-host devices [--json]\n"
+    "       tavistro-host servers [--timeout MS] [--address A] [--port N] [--json]\n";
+
+/// An option that takes a dotted IPv4 address.
+void add_address(CLI::App& command, std::optional<std::uint32_t>& address) {
+    command.add_option_function<std::string>(
+        "--address",
+        [&address](const std::string& text) {
+            address = platform::parse_ipv4(text);
+            if (!address) throw CLI::ValidationError("--address", text + " is no IPv4 address");
+        },
+        "Ask this address alone");
+}
 
 int run_tool(int argc, char** argv) {
     CLI::App app("Console host for the Tavistro engine", "tavistro-host");
@@ -30,16 +53,34 @@ int run_tool(int argc, char** argv) {
     CLI::App* const check = app.add_subcommand("check", "Check a configuration file");
     check->add_option("CONFIG", checked_path, "Configuration file")->required();
 
+    bool devices_json = false;
+    CLI::App* const devices =
+        app.add_subcommand("devices", "List the ASIO drivers and what they offer");
+    devices->add_flag("--json", devices_json, "One JSON object per line");
+
+    ServersOptions asked;
+    CLI::App* const servers = app.add_subcommand("servers", "List the servers that answer");
+    servers->add_option("--timeout", asked.timeout_ms, "Milliseconds to wait for answers")
+        ->check(CLI::Range(1, 600000));
+    add_address(*servers, asked.address);
+    servers->add_option("--port", asked.port, "UDP port to ask")->check(CLI::Range(1, 65535));
+    servers->add_flag("--json", asked.json, "One JSON object per line");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "tavistro-host: " << error.what() << "\n"
-                  << "usage: tavistro-host run CONFIG [--seconds N] [--json] | check CONFIG\n";
+        std::cerr << "tavistro-host: " << error.what() << "\n" << usage;
         return wrong_arguments;
     }
-    return check->parsed() ? check_config(checked_path, std::cout, std::cerr) : run_engine(options);
+    if (check->parsed()) return check_config(checked_path, std::cout, std::cerr);
+    if (servers->parsed()) return list_servers(asked, std::cout, std::cerr);
+    if (devices->parsed()) {
+        platform::look_for_drivers_beside(engine_library_path());
+        return list_devices(devices_json, std::cout, std::cerr);
+    }
+    return run_engine(options);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tools/host/check_command.h"
+#include "tools/host/config_warnings.h"
 #include "tools/host/event_follower.h"
 #include "tools/host/report.h"
 #include "tools/host/texts.h"
@@ -132,22 +133,78 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
     EXPECT_EQ(line_of(out.str(), "announce_period_ms"), "announce_period_ms 1000 default 1..3999");
     EXPECT_EQ(line_of(out.str(), "loopback_device"), "loopback_device 1 file");
     EXPECT_EQ(line_of(out.str(), "capture_capacity_blocks"), "capture_capacity_blocks 12 derived");
-    EXPECT_EQ(out.str().find("ignored"), std::string::npos);
+    EXPECT_EQ(out.str().find("warning"), std::string::npos);
+}
+
+/// Runs the command on a file of this text; `out` and `errors` are what it says.
+int check_text(const std::string& text, std::ostream& out, std::ostream& errors) {
+    const std::string path = testing::TempDir() + "tavistro_host_check.ini";
+    std::ofstream(path, std::ios::binary) << text;
+    const int code = check_config(path, out, errors);
+    std::filesystem::remove(path);
+    return code;
 }
 
 TEST(CheckCommand, NamesTheFaultAndTheMisspeltKeyBehindIt) {
-    const std::string path = testing::TempDir() + "tavistro_host_check.ini";
-    std::ofstream(path) << "[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n"
-                           "[socket]\nunheard_of=1\n[asio]\nserver_ip=x\n";
     std::ostringstream out;
     std::ostringstream errors;
-    EXPECT_EQ(check_config(path, out, errors), 1);
-    std::filesystem::remove(path);
+    EXPECT_EQ(check_text("[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n", out, errors),
+              1);
     EXPECT_EQ(errors.str(), "Missing required key [network] server_port\n");
     EXPECT_EQ(out.str(),
-              "ignored: [asio] server_ip (did you mean [network] server_ip?)\n"
-              "ignored: [network] servre_port (did you mean [network] server_port?)\n"
-              "ignored: [socket] unheard_of\n");
+              "warning: line 3: unknown key 'servre_port' in [network]: did you mean "
+              "'server_port'?\n");
+}
+
+TEST(CheckCommand, KeepsALongValueApartFromTheNextColumn) {
+    const std::string name(40, 'n');
+    std::ostringstream out;
+    std::ostringstream errors;
+    EXPECT_EQ(check_text("[network]\nserver_ip=auto\nserver_port=1\nclient_id=1\n"
+                         "[asio]\ndriver_name=" +
+                             name,
+                         out, errors),
+              0);
+    EXPECT_EQ(line_of(out.str(), "driver_name"),
+              "driver_name " + name + " file not empty unless loopback");
+}
+
+TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {
+    using namespace std::string_literals;
+    const std::string utf16 =
+        "the file is saved as UTF-16: save it as UTF-8 without a byte-order mark";
+    const std::string quotes = " are taken for a part of the value: leave them out";
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"", {}},
+        {"; note\n[network]\r\nServer_IP = auto ; \"quoted\"\r\n", {}},
+        {"\xFF\xFE[\0n\0"s, {utf16}},
+        {"[\0n\0=\0"s, {utf16}},
+        {"\0[\0n"s, {utf16}},
+        {"\xEF\xBB\xBF[network]\nserver_ip=auto\nx=",
+         {"the file begins with a UTF-8 byte-order mark, which spoils its first line: save it "
+          "without",
+          "line 3: unknown key 'x' in [network]: [network] expects server_ip, server_port, "
+          "client_id, discovery_timeout_ms, discovery_broadcast"}},
+        {"server_port=1\nzzzzzzzz=1\n",
+         {"line 1: 'server_port' has no effect above every section: it belongs in [network]",
+          "line 2: unknown key 'zzzzzzzz' above every section"}},
+        {"[netwrok]\nserver_ip=\nother=\n[elsewhere]\nother=\n",
+         {"line 1: unknown section [netwrok]: did you mean [network]?",
+          "line 2: 'server_ip' has no effect in [netwrok]: it belongs in [network]",
+          "line 4: unknown section [elsewhere]: its keys are ignored"}},
+        {"[latency]\nlatncy=6\n[socket]\nclent_id=1\n[test]\nzzzzzzzz=\n",
+         {"line 2: unknown key 'latncy' in [latency]: [latency] expects client_latency_blocks",
+          "line 4: unknown key 'clent_id' in [socket]: did you mean 'client_id' in [network]?",
+          "line 6: unknown key 'zzzzzzzz' in [test]"}},
+        {"[network\nunjudged=1\n[asio]\ndriver_name='a'\ninput_map=\xE2\x80\x9C"
+         "0\n"
+         "Driver_Name=My \"best\"\n",
+         {"line 4: the quotes in 'driver_name'" + quotes,
+          "line 5: the quotes in 'input_map'" + quotes,
+          "line 6: 'driver_name' was given in line 4 already: the last one counts"}},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(config_warnings(text), expected) << text;
 }
 
 }  // namespace
