@@ -147,13 +147,13 @@ std::vector<std::string> view(std::span<const Sample> history, std::span<const F
         add_numbers(lines, *now.stats,
                     earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr);
     }
-    for (std::string& line : lines)
-        cut(line, width);
     for (const Finding& finding : findings) {
         if (finding.cause <= Cause::engine_failed) continue;  // the first line says so
         add_wrapped(lines, std::string(cause_text(finding.cause)).append(": ").append(finding.text),
                     width);
     }
+    for (std::string& line : lines)
+        cut(line, width);
     return lines;
 }
 
