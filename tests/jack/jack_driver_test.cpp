@@ -40,7 +40,7 @@ struct Host {
     static inline Sequence input;
     static inline std::int32_t last_half;
     static inline std::atomic<int> periods, resets, overloads, unordered_halves;
-    static inline std::atomic<bool> held_up;
+    static inline std::atomic<bool> held_up, inside;
 
     static void open_channels() {
         int i = 0;
@@ -59,8 +59,8 @@ struct Host {
             input.add(in[i]);
         std::memcpy(channels[3].half[half], in, period * sizeof(float));
         const auto begin = std::chrono::steady_clock::now();
-        while (held_up && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(50))
-            ;
+        while (held_up && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(100))
+            inside = true;
         held_up = false;
         ++periods;
     }
@@ -201,9 +201,13 @@ TEST(JackDriver, SaysThatTheServerIsGoneAndFindsTheNextOne) {
     ASSERT_EQ(running->start(), kAsioOk);
     ASSERT_TRUE(eventually([] { return Host::periods > 10; }));
     const int resets = Host::resets;
-    server.kill();
+    Host::inside = false;
+    Host::held_up = true;
+    ASSERT_TRUE(eventually([] { return Host::inside.load(); }));
+    server.kill();  // libjack cancels its thread, which should leave the host first
     EXPECT_TRUE(eventually([&] { return Host::resets > resets; }));
     EXPECT_EQ(running->stop(), kAsioOk);
+    EXPECT_FALSE(Host::held_up) << "cancelled inside the host";
     EXPECT_EQ(running->start(), kAsioHardwareFault);
     EXPECT_EQ(running->Release(), 0U) << "with buffers";
 
