@@ -4,6 +4,7 @@
 #include <jack/jack.h>
 #include <sys/types.h>
 
+#include <csignal>
 #include <memory>
 
 namespace tavistro::test {
@@ -27,12 +28,14 @@ class JackServer {
     ~JackServer();
 
     /// As a crash would end it.
-    void kill() noexcept;
+    void kill() noexcept { end(SIGKILL); }
     /// Returns at once.
     void restart();
 
   private:
-    pid_t process_ = 0;
+    void end(int signal) noexcept;
+
+    pid_t process_ = 0;  ///< 0: killed
 };
 
 }  // namespace tavistro::test
