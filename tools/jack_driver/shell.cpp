@@ -1,0 +1,19 @@
+// The JACK driver as a shared object for a driver folder.
+
+#include "tools/jack_driver/jack_driver.h"
+
+extern "C" {
+
+[[gnu::visibility("default")]] const char* tavistro_driver_class_id() {
+    return tavistro::jack::class_id_text;
+}
+
+[[gnu::visibility("default")]] const char* tavistro_driver_description() {
+    return tavistro::jack::driver_name;
+}
+
+[[gnu::visibility("default")]] void* tavistro_driver_create() {
+    return tavistro::jack::create_jack_driver();
+}
+
+}  // extern "C"
