@@ -162,14 +162,17 @@ TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
     EXPECT_EQ(driver->getLatencies(&inputs, &outputs), kAsioOk);
     EXPECT_EQ(inputs, 128) << "the server's own";
     ASSERT_EQ(driver->start(), kAsioOk);
-    EXPECT_TRUE(peer.connected("tavistro:in_1", "system:capture_1"));
-    EXPECT_TRUE(peer.connected("tavistro:out_1", "system:playback_1"));
+    EXPECT_TRUE(eventually([&] {
+        return peer.connected("tavistro:in_1", "system:capture_1") &&
+               peer.connected("tavistro:out_1", "system:playback_1");
+    }));
     peer.connect();
     EXPECT_TRUE(eventually([&] {
         return Host::input.length() > many_frames && peer.returned.length() > many_frames;
     })) << Host::input.length()
         << " " << peer.returned.length();
-    EXPECT_EQ(peer.delay_frames, period) << "that of the loop in the graph, none of the driver's";
+    EXPECT_TRUE(eventually([&] { return peer.delay_frames == period; }))
+        << "that of the loop in the graph, none of the driver's";
     AsioCount64 frames{}, nanoseconds{};
     EXPECT_EQ(driver->getSamplePosition(&frames, &nanoseconds), kAsioOk);
     EXPECT_GT(frames.lo, static_cast<std::uint32_t>(many_frames));
