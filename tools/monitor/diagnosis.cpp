@@ -183,11 +183,15 @@ class Judgement {
                       "for them",
                       replaced, 100 * replaced / in_.blocks_per_s()));
         }
-        const bool late =
-            !host_explains && spread_.at_least > std::max(least_late_us, in_.block_us());
+        const bool held = slips() == 0;
+        // What the buffer holds with ease is no finding, and a few late blocks are not to blame for
+        // many drop-outs.
+        const double told_from_us = held ? in_.latency_blocks() * in_.block_us() / 2
+                                         : std::max(least_late_us, in_.block_us());
+        const bool late = spread_.at_least > told_from_us && 2 * spread_.late >= slips() &&
+                          !(host_explains && spread_.at_least < 2 * host_pause_us());
         if (!late) return came_late || (lost && in_.underruns == 0);
         const double needed = std::ceil(spread_.at_most / in_.block_us()) + spare_blocks;
-        const bool held = slips() == 0;
         if (!came_late) {
             tell(Cause::late_network, spread_.at_most / 1e3,
                  text("the server's blocks come up to %.0f ms late; %s", spread_.at_most / 1e3,
