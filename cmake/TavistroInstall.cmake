@@ -57,6 +57,7 @@ install(FILES docs/protocol.md docs/security.md docs/threads.md docs/windows.md
 if(TAVISTRO_BUILD_TOOLS)
   if(NOT WIN32)
     set_target_properties(tavistro-host PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+    install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   endif()
   install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro COMPONENT tools
