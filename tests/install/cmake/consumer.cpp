@@ -1,5 +1,5 @@
-// usage: consumer CONFIG: plays until something is heard. Status 0 when all is well, else the number
-// of the step that was not.
+// usage: consumer CONFIG: plays until something is heard. Status 0 when all is well, else the
+// number of the step that was not.
 #include <tavistro/engine.h>
 #include <tavistro/stats_block.h>
 
