@@ -8,7 +8,7 @@ include(CMakePackageConfigHelpers)
 
 # The ASIO drivers of the project. Each is installed to asio-drivers/ beside the engine library, where
 # an engine on Linux looks for drivers.
-set(drivers tavistro-test-driver)
+set(drivers tavistro-test-driver tavistro-jack)
 set(tools tavistro-server tavistro-host tavistro-monitor)
 
 if(WIN32)
@@ -62,6 +62,6 @@ if(TAVISTRO_BUILD_TOOLS)
   install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro COMPONENT tools
           FILES_MATCHING PATTERN "*.ini")
-  install(FILES CHANGELOG.md docs/configuration.md docs/networks.md
+  install(FILES CHANGELOG.md docs/configuration.md docs/jack.md docs/networks.md
           DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
