@@ -1,0 +1,48 @@
+# What `cpack` makes of the installed components: Debian packages, one each, or one .zip for Windows.
+
+set(CPACK_PACKAGE_VENDOR Tavistro)
+set(CPACK_PACKAGE_CONTACT "Tavistro maintainers <maintainers@tavistro.invalid>" CACHE STRING
+    "Whom packages name as their maintainer")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_SYSTEM_NAME windows-x86_64)
+  set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)  # these components only
+  set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+  set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
+else()
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_DEB_COMPONENT_INSTALL ON)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+  # Dependencies by what the programs and libraries really need. The project's own library belongs to
+  # no installed package yet: it is found in the build folder, and the dependency stands here.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # the soname tells what is compatible
+  set(runtime_package libtavistro-engine${PROJECT_VERSION_MAJOR})
+  set(same_version "(= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+  set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The engine's library and its driver without hardware.")
+
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavistro-engine-dev)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
+  set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+      "Headers, CMake package and pkg-config file for programs that embed the engine.")
+
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavistro-tools)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
+  set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+      "A reference server, a console host and a monitor of running engines.")
+endif()
+
+include(CPack)
