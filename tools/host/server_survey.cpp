@@ -23,7 +23,7 @@ void ServerSurvey::offer(std::span<const std::uint8_t> datagram,
         server.protocol_version = reply.message.version;
     }
     const auto known = std::ranges::find_if(
-        servers_, [&](const AnsweringServer& other) { return is_same(other, server); });
+        servers_, [&](const AnsweringServer& earlier) { return is_same(earlier, server); });
     if (known == servers_.end()) {
         servers_.push_back(server);
     } else if (server.address_class < known->address_class) {

@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <cstdlib>
-
 namespace tavistro::jack {
 namespace {
 
@@ -25,9 +23,7 @@ void uncancelled(Body body) {
 std::string refusal(jack_status_t status) {
     if ((status & JackServerFailed) == 0)
         return "The JACK server refuses a client (status " + std::to_string(status) + ").";
-    const char* server = std::getenv("JACK_DEFAULT_SERVER");
-    return std::string("No JACK server \"") + (server != nullptr ? server : "default") +
-           "\" is running.";
+    return "No JACK server is running, or none of the name in JACK_DEFAULT_SERVER.";
 }
 
 }  // namespace

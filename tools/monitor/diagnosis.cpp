@@ -58,23 +58,26 @@ struct Spread {
 };
 
 Spread spread_of(const Interval& in) {
-    const auto has_some = [](std::uint32_t count) { return count > 0; };
-    const auto first = std::ranges::find_if(in.sync_delays, has_some);
-    if (first == in.sync_delays.end()) return {};
-    const auto last =
-        std::ranges::find_if(in.sync_delays.rbegin(), in.sync_delays.rend(), has_some).base() - 1;
-    const auto bound = [](auto index) -> double {
-        return index < 0 ? 0 : histogram_bounds_us[static_cast<std::size_t>(index)];
+    const Histogram& counts = in.sync_delays;
+    std::size_t first = 0;
+    while (first < counts.size() && counts[first] == 0)
+        ++first;
+    if (first == counts.size()) return {};
+    std::size_t last = counts.size() - 1;
+    while (counts[last] == 0)
+        --last;
+    const auto from = [](std::size_t i) -> double {
+        return i == 0 ? 0 : histogram_bounds_us[i - 1];
     };
-    const auto i = first - in.sync_delays.begin();
-    const auto j = last - in.sync_delays.begin();
-    std::int64_t late = 0;
-    for (auto k = i; k <= j; ++k) {
-        if (bound(k - 1) - bound(i) > in.block_us())
-            late += in.sync_delays[static_cast<std::size_t>(k)];
+    const double first_until = histogram_bounds_us[first];
+    Spread spread;
+    spread.at_least = std::max(0.0, from(last) - first_until);
+    spread.at_most =
+        std::min<double>(histogram_bounds_us[last], in.last.sync_delay_max_us) - from(first);
+    for (std::size_t i = first; i <= last; ++i) {
+        if (from(i) - first_until > in.block_us()) spread.late += counts[i];
     }
-    return {std::max(0.0, bound(j - 1) - bound(i)),
-            std::min<double>(bound(j), in.last.sync_delay_max_us) - bound(i - 1), late};
+    return spread;
 }
 
 class Judgement {
