@@ -50,7 +50,7 @@ install(FILES ${PROJECT_BINARY_DIR}/tavistroConfigVersion.cmake DESTINATION ${cm
 configure_file(cmake/tavistro.pc.in tavistro.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavistro.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
-install(FILES docs/protocol.md docs/security.md docs/threads.md docs/windows.md
+install(FILES docs/hosting.md docs/protocol.md docs/security.md docs/threads.md docs/windows.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 # Tools, and what their users read

@@ -20,6 +20,7 @@ namespace http = boost::beast::http;
 using asio::ip::tcp;
 
 constexpr std::chrono::seconds patience{10};
+constexpr std::chrono::milliseconds pause_after_failure{100};
 constexpr int most_connections = 64;
 
 tcp::endpoint endpoint_of(const std::string& text) {
@@ -113,6 +114,8 @@ class HttpServer::Listener {
   private:
     void accept() {
         acceptor_.async_accept([this](beast::error_code error, tcp::socket socket) {
+            // Out of descriptors, most likely: not at once again.
+            if (error) std::this_thread::sleep_for(pause_after_failure);
             if (!error && open_ < most_connections)
                 std::make_shared<Connection>(std::move(socket), pages_, open_)->read();
             accept();
