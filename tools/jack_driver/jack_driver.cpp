@@ -63,8 +63,13 @@ class JackDriver final : public AsioDriver, private JackListener {
     std::int32_t init(void*) noexcept override;
     void getDriverName(char* name) noexcept override { std::strcpy(name, driver_name); }
     std::int32_t getDriverVersion() noexcept override { return 1; }
+    /// Without an error: how often a deadline was missed, which JACK calls an xrun.
     void getErrorMessage(char* text) noexcept override {
-        std::memcpy(text, error_.data(), error_.size());
+        if (error_[0] == '\0') {
+            std::snprintf(text, error_bytes, "%u missed deadlines.", missed_deadlines_.load());
+        } else {
+            std::memcpy(text, error_.data(), error_.size());
+        }
     }
     std::int32_t start() noexcept override;
     std::int32_t stop() noexcept override;
@@ -101,7 +106,10 @@ class JackDriver final : public AsioDriver, private JackListener {
     enum class Stage { created, initialised, prepared, running };
 
     TAVISTRO_REALTIME void on_period(jack_nframes_t frames) override;
-    void on_missed_deadline() override { tell(kAsioOverload); }
+    void on_missed_deadline() override {
+        ++missed_deadlines_;
+        tell(kAsioOverload);
+    }
     void on_server_lost() override { tell(kAsioResetRequest); }
 
     std::int32_t channel_count(bool is_input) const {
@@ -127,6 +135,7 @@ class JackDriver final : public AsioDriver, private JackListener {
     std::atomic<std::uint32_t> references_{1};
     Stage stage_ = Stage::created;
     ErrorText error_{};
+    std::atomic<unsigned> missed_deadlines_{0};  ///< of any client of the server, since init
 
     // Of the buffers. Periods read them, so nothing is written while the client is active.
     jack_nframes_t frames_ = 0;
