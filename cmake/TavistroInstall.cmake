@@ -63,6 +63,6 @@ if(TAVISTRO_BUILD_TOOLS)
   install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro COMPONENT tools
           FILES_MATCHING PATTERN "*.ini")
   install(FILES CHANGELOG.md docs/configuration.md docs/jack.md docs/networks.md
-              docs/drift.md docs/troubleshooting.md
+              docs/drift.md docs/latency.md docs/troubleshooting.md
           DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
