@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tools/drift_lab/two_clocks.h"
+#include "tools/number_range.h"
 
 namespace tavistro::drift_lab {
 
@@ -177,17 +178,17 @@ int run_tool(int argc, char** argv) {
         ->check(CLI::IsMember(disturbances))
         ->capture_default_str();
     app.add_option("--hours", options.hours, "virtual time of each run")
-        ->check(CLI::Range(0.001, 10000.0))
+        ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
     app.add_option("--seed", options.seed, "of every random choice")->capture_default_str();
     app.add_option("--jobs", options.jobs, "runs at once")->check(CLI::Range(1, 1024));
     app.add_option("--csv", options.csv_path, "also write every figure to this file");
     CLI::App* const grid_command = app.add_subcommand("grid", "every drift with every latency");
     grid_command->add_option("--drift", options.drifts, "ppm that the server is faster")
-        ->check(CLI::Range(-10000, 10000));
+        ->check(number_range(-10000, 10000));
     app.add_subcommand("ends", "the two ends of what each latency holds")
         ->add_option("--search-hours", options.search_hours, "virtual time of each run in search")
-        ->check(CLI::Range(0.001, 10000.0))
+        ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
     try {
         app.parse(argc, argv);

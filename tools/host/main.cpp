@@ -13,6 +13,7 @@
 #include "tools/host/engine_library.h"
 #include "tools/host/run_command.h"
 #include "tools/host/servers_command.h"
+#include "tools/number_range.h"
 
 namespace tavistro::host {
 
@@ -46,7 +47,7 @@ int run_tool(int argc, char** argv) {
     CLI::App* const run = app.add_subcommand("run", "Run the engine and show what it does");
     run->add_option("CONFIG", options.config_path, "Configuration file")->required();
     run->add_option("--seconds", options.seconds, "Stop after so many seconds")
-        ->check(CLI::Range(0.001, 1e9));
+        ->check(number_range(0.001, 1e9));
     run->add_flag("--json", options.json, "One JSON object per line");
 
     std::string checked_path;

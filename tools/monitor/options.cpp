@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "tools/number_range.h"
+
 namespace tavistro::monitor {
 
 namespace {
@@ -22,7 +24,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     constexpr double longest_s = 1e9;
     Options options;
     const auto client_id = CLI::Range(1U, 4294967295U);
-    const auto time = CLI::Range(0.001, longest_s);
+    const auto time = number_range(0.001, longest_s);
 
     CLI::App app("Watches running engines through their statistics blocks", "tavistro-monitor");
     app.footer("CLIENT_ID is that of the engine's configuration, 1 by default.");
@@ -33,7 +35,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     CLI::Option* const as_json = app.add_flag("--json", json, "One JSON object per reading");
     app.add_flag("--csv", csv, "A table for spreadsheets")->excludes(as_json);
     app.add_option("--interval", options.interval_s, "Seconds from one reading to the next")
-        ->check(CLI::Range(0.05, 3600.0));
+        ->check(number_range(0.05, 3600.0));
     app.add_option("--seconds", options.seconds, "End after so many seconds")->check(time);
     app.add_option("--record", options.record_path, "Also write every reading to FILE");
     app.add_option("--http", options.http_address,

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "tools/number_range.h"
 #include "tools/server/argument_values.h"
 
 namespace tavistro::server {
@@ -93,7 +94,7 @@ void add_audio(CLI::App& app, ServerOptions& options) {
 
 void add_faults(CLI::App& app, ServerOptions& options) {
     FaultOptions& faults = options.faults;
-    const CLI::Range percent(0.0, 100.0);
+    const CLI::Validator percent = number_range(0.0, 100.0);
     const auto network = [&app](const char* name, auto& value, const char* help) {
         return app.add_option(name, value, help)->group("Network faults, both directions");
     };
@@ -110,7 +111,7 @@ void add_faults(CLI::App& app, ServerOptions& options) {
         return app.add_option(name, value, help)->group("Server faults");
     };
     server("--drift-ppm", faults.drift_ppm, "speed of the server's clock against the system's")
-        ->check(CLI::Range(-50000.0, 50000.0));
+        ->check(number_range(-50000.0, 50000.0));
     server("--clock-offset-ms", faults.clock_offset_ms, "server clock minus system clock")
         ->check(CLI::Range(-most_offset_ms, most_offset_ms));
     server("--pause-every-ms", faults.pause_every_ms, "pauses of Sync: how often");

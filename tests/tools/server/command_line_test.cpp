@@ -69,7 +69,7 @@ TEST(CommandLine, WrongArgumentsEndWithUsageAndTwo) {
     for (const char* wrong :
          {"--bogus", "--port 70000", "--bind localhost", "--tone 32=440", "--tone 1=440@2",
           "--tone 1", "--melody -1", "--play a.wav", "--record a.wav@1,", "--measure 1",
-          "--frames 0", "--payload 51", "--drop 101", "--burst-length 3", "--pause-for-ms 3",
+          "--frames 0", "--payload 51", "--drop nan", "--burst-length 3", "--pause-for-ms 3",
           "--clock-offset-ms 9000000000000000000", "--change-to 48000/64",
           "--change-after-ms 5 --change-to 48000/0",
           "--play a.wav@0 --change-after-ms 5 --change-to 44100/128"}) {
