@@ -1,7 +1,6 @@
 #include "audio/playback_buffer.h"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <limits>
 #include <utility>
@@ -17,18 +16,9 @@ constexpr double highest_ratio = 1.0045;
 // A single late block must not cost a new prebuffering.
 constexpr std::uint64_t least_starve_limit = 3;
 
-/// The two ring positions that an output frame lies between, and how far it is from the first.
-struct Tap {
-    std::size_t first;
-    std::size_t second;
-    double fraction;
-};
-
-// Small enough to stay in the nearest cache while every channel uses it.
-constexpr std::size_t taps_at_once = 128;
-
+/// For counters that one thread at a time counts up: no other store comes between.
 void count(std::atomic<std::uint64_t>& counter, std::uint64_t amount = 1) noexcept {
-    counter.fetch_add(amount, std::memory_order_relaxed);
+    counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -38,22 +28,20 @@ void PlaybackBuffer::configure(const PlaybackShape& shape) {
     release();
     const auto capacity = static_cast<std::size_t>(static_cast<std::uint64_t>(shape.block_frames) *
                                                    shape.max_queue_blocks);
-    std::vector<std::vector<float>> rings(shape.channels);
-    for (auto& ring : rings)
-        ring.resize(capacity);
-    if (capacity != 0) origins_ = std::make_unique<FrameOrigin[]>(capacity);
-    rings_ = std::move(rings);
-    capacity_ = capacity;
+    PlanarRing ring(shape.channels, capacity);
+    if (capacity != 0) origins_ = std::make_unique<Origin[]>(shape.max_queue_blocks);
+    ring_ = std::move(ring);
     shape_ = shape;
 }
 
 void PlaybackBuffer::release() noexcept {
     shape_ = {};
-    capacity_ = 0;
-    rings_ = {};
+    ring_ = {};
     origins_.reset();
     write_index_.value.store(0, std::memory_order_relaxed);
     read_index_.value.store(0, std::memory_order_relaxed);
+    write_position_ = 0;
+    read_position_ = 0;
     playing_ = false;
     starve_count_ = 0;
     frac_pos_ = 0.0;
@@ -67,14 +55,11 @@ void PlaybackBuffer::release() noexcept {
 std::uint64_t PlaybackBuffer::fill() const noexcept {
     const std::uint64_t read = read_index_.value.load(std::memory_order_acquire);
     const std::uint64_t written = write_index_.value.load(std::memory_order_acquire);
-    return std::min<std::uint64_t>(capacity_, written - read);
+    return std::min<std::uint64_t>(ring_.capacity(), written - read);
 }
 
-PlaybackBuffer::RingRange PlaybackBuffer::range_at(std::uint64_t index,
-                                                   std::size_t frames) const noexcept {
-    const auto start = static_cast<std::size_t>(index % capacity_);
-    const std::size_t until_wrap = std::min(frames, capacity_ - start);
-    return {start, until_wrap, frames - until_wrap};
+PlaybackBuffer::Origin& PlaybackBuffer::origin_at(std::size_t position) const noexcept {
+    return origins_[position / static_cast<std::size_t>(shape_.block_frames)];
 }
 
 bool PlaybackBuffer::push_block(const IncomingBlock& block) noexcept {
@@ -83,9 +68,9 @@ bool PlaybackBuffer::push_block(const IncomingBlock& block) noexcept {
         return false;
     }
     const std::uint64_t written = write_index_.value.load(std::memory_order_relaxed);
-    const RingRange range = range_at(written, block.frames);
-    store_samples(block, range);
-    store_origins(block, range);
+    ring_.write(write_position_, block.samples);
+    origin_at(write_position_).store(block);
+    write_position_ = ring_.advanced(write_position_, block.frames);
     write_index_.value.store(written + block.frames, std::memory_order_release);
     count(counters_.received_blocks);
     fill_statistics_.record(fill());
@@ -96,8 +81,8 @@ bool PlaybackBuffer::admit(const IncomingBlock& block) noexcept {
     if (!matches_shape(block)) return false;
     const std::uint64_t used = write_index_.value.load(std::memory_order_relaxed) -
                                read_index_.value.load(std::memory_order_acquire);
-    if (used > capacity_) return false;
-    if (block.frames > capacity_ - used) {
+    if (used > ring_.capacity()) return false;
+    if (block.frames > ring_.capacity() - used) {
         count(counters_.overruns);
         fill_statistics_.record(fill());
         return false;
@@ -111,31 +96,15 @@ bool PlaybackBuffer::matches_shape(const IncomingBlock& block) noexcept {
         count(counters_.format_drops);
         return false;
     }
-    return block.channels == rings_.size() && block.frames <= capacity_ &&
-           block.samples.size() == rings_.size() * block.frames && origins_;
+    return block.channels == ring_.channels() && block.frames <= ring_.capacity() &&
+           block.samples.size() == ring_.channels() * block.frames && origins_;
 }
 
-void PlaybackBuffer::store_samples(const IncomingBlock& block, const RingRange& range) noexcept {
-    const float* source = block.samples.data();
-    for (auto& ring : rings_) {
-        std::copy_n(source, range.until_wrap, ring.data() + range.start);
-        std::copy_n(source + range.until_wrap, range.after_wrap, ring.data());
-        source += block.frames;
-    }
-}
-
-void PlaybackBuffer::store_origins(const IncomingBlock& block, const RingRange& range) noexcept {
-    const auto store = [&](std::size_t start, std::size_t frames) {
-        for (FrameOrigin& origin : std::span(&origins_[start], frames)) {
-            origin.sequence.store(block.sequence, std::memory_order_relaxed);
-            origin.server_time_local_ns.store(block.server_time_local_ns,
-                                              std::memory_order_relaxed);
-            origin.arrival_time_ns.store(block.arrival_time_ns, std::memory_order_relaxed);
-            origin.delivery_time_ns.store(block.delivery_time_ns, std::memory_order_relaxed);
-        }
-    };
-    store(range.start, range.until_wrap);
-    store(0, range.after_wrap);
+void PlaybackBuffer::Origin::store(const IncomingBlock& block) noexcept {
+    sequence.store(block.sequence, std::memory_order_relaxed);
+    server_time_local_ns.store(block.server_time_local_ns, std::memory_order_relaxed);
+    arrival_time_ns.store(block.arrival_time_ns, std::memory_order_relaxed);
+    delivery_time_ns.store(block.delivery_time_ns, std::memory_order_relaxed);
 }
 
 bool PlaybackBuffer::render_period(PlaybackBlock& block, std::uint64_t period_start_ns) noexcept {
@@ -159,17 +128,23 @@ bool PlaybackBuffer::render_block(PlaybackBlock& block, double& ratio_used,
                                   std::uint64_t& fill_found) noexcept {
     fill_found = fill();
     if (!enough_to_play(fill_found)) return false;
-    if (rings_.empty() || capacity_ == 0) return false;
+    if (ring_.channels() == 0 || ring_.capacity() == 0) return false;
 
-    const std::uint64_t read_index = read_index_.value.load(std::memory_order_relaxed);
     const double ratio = playout_ratio(fill_found);
     ratio_used = ratio;
-    if (!describe(block, read_index)) return false;
-    if (ratio == 1.0 && frac_pos_ == 0.0)
-        copy(block, read_index);
-    else
-        interpolate(block, read_index, ratio, fill_found);
-    consume(read_index, ratio, fill_found);
+    if (!describe(block)) return false;
+    const std::span<float> output =
+        std::span(block.samples).first(ring_.channels() * static_cast<std::size_t>(frames_of(1)));
+    if (ratio == 1.0 && frac_pos_ == 0.0) {
+        ring_.copy(read_position_, output);
+    } else {
+        ring_.interpolate({.position = read_position_,
+                           .available = fill_found,
+                           .ratio = ratio,
+                           .offset = frac_pos_},
+                          output);
+    }
+    consume(ratio, fill_found);
     count(counters_.dequeued_blocks);
     fill_statistics_.record(fill());
     return true;
@@ -200,72 +175,27 @@ double PlaybackBuffer::playout_ratio(std::uint64_t fill_found) const noexcept {
     return std::min(std::max(ratio, lowest_ratio), highest_ratio);
 }
 
-bool PlaybackBuffer::describe(PlaybackBlock& block, std::uint64_t read_index) const noexcept {
-    if (rings_.size() > std::numeric_limits<std::uint16_t>::max()) return false;
-    if (block.samples.size() < rings_.size() * frames_of(1)) return false;
-    const FrameOrigin& origin = origins_[static_cast<std::size_t>(read_index % capacity_)];
+bool PlaybackBuffer::describe(PlaybackBlock& block) const noexcept {
+    if (ring_.channels() > std::numeric_limits<std::uint16_t>::max()) return false;
+    if (block.samples.size() < ring_.channels() * frames_of(1)) return false;
+    const Origin& origin = origin_at(read_position_);
     block.sequence = origin.sequence.load(std::memory_order_relaxed);
     block.server_time_local_ns = origin.server_time_local_ns.load(std::memory_order_relaxed);
     block.arrival_time_ns = origin.arrival_time_ns.load(std::memory_order_relaxed);
     block.delivery_time_ns = origin.delivery_time_ns.load(std::memory_order_relaxed);
     block.sample_rate = shape_.sample_rate;
     block.frames = static_cast<std::uint16_t>(shape_.block_frames);
-    block.channels = static_cast<std::uint16_t>(rings_.size());
+    block.channels = static_cast<std::uint16_t>(ring_.channels());
     return true;
 }
 
-void PlaybackBuffer::copy(PlaybackBlock& block, std::uint64_t read_index) const noexcept {
-    const auto frames = static_cast<std::size_t>(shape_.block_frames);
-    const RingRange range = range_at(read_index, frames);
-    float* output = block.samples.data();
-    for (const auto& ring : rings_) {
-        std::copy_n(ring.data() + range.start, range.until_wrap, output);
-        std::copy_n(ring.data(), range.after_wrap, output + range.until_wrap);
-        output += frames;
-    }
-}
-
-void PlaybackBuffer::interpolate(PlaybackBlock& block, std::uint64_t read_index, double ratio,
-                                 std::uint64_t fill_found) const noexcept {
-    const auto frames = static_cast<std::size_t>(shape_.block_frames);
-    const auto start = static_cast<std::size_t>(read_index % capacity_);
-    const auto ring_position = [&](std::uint64_t offset) {
-        const std::size_t position = start + static_cast<std::size_t>(offset);
-        return position < capacity_ ? position : position - capacity_;
-    };
-    // The last buffered frame is held when the read would pass it.
-    const auto tap_at = [&](std::size_t frame) -> Tap {
-        const double position = static_cast<double>(frame) * ratio + frac_pos_;
-        const auto whole = static_cast<std::uint64_t>(position);
-        const std::uint64_t first = std::min(whole, fill_found - 1);
-        const std::uint64_t second = std::min(first + 1, fill_found - 1);
-        return {ring_position(first), ring_position(second), position - static_cast<double>(whole)};
-    };
-
-    std::array<Tap, taps_at_once> taps;
-    for (std::size_t done = 0; done < frames; done += taps_at_once) {
-        const std::size_t now = std::min(taps_at_once, frames - done);
-        for (std::size_t i = 0; i < now; ++i)
-            taps[i] = tap_at(done + i);
-        float* output = block.samples.data() + done;
-        for (const auto& ring : rings_) {
-            for (std::size_t i = 0; i < now; ++i) {
-                const float first = ring[taps[i].first];
-                const float step = ring[taps[i].second] - first;
-                output[i] = static_cast<float>(static_cast<double>(step) * taps[i].fraction +
-                                               static_cast<double>(first));
-            }
-            output += frames;
-        }
-    }
-}
-
-void PlaybackBuffer::consume(std::uint64_t read_index, double ratio,
-                             std::uint64_t fill_found) noexcept {
+void PlaybackBuffer::consume(double ratio, std::uint64_t fill_found) noexcept {
     frac_pos_ += static_cast<double>(shape_.block_frames) * ratio;
     const std::uint64_t whole = std::min(static_cast<std::uint64_t>(frac_pos_), fill_found);
     if (whole == 0) return;
-    read_index_.value.store(read_index + whole, std::memory_order_release);
+    const std::uint64_t read = read_index_.value.load(std::memory_order_relaxed);
+    read_index_.value.store(read + whole, std::memory_order_release);
+    read_position_ = ring_.advanced(read_position_, static_cast<std::size_t>(whole));
     frac_pos_ -= static_cast<double>(whole);
 }
 

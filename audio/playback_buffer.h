@@ -13,11 +13,11 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <vector>
 
 #include "audio/drift_estimator.h"
 #include "audio/playback_block.h"
 #include "audio/playback_statistics.h"
+#include "common/planar_ring.h"
 #include "platform/realtime.h"
 
 namespace tavistro {
@@ -87,8 +87,11 @@ class PlaybackBuffer {
     const LatencyStatistics& server_to_output() const noexcept { return server_to_output_; }
 
   private:
-    /// Where one buffered frame came from.
-    struct FrameOrigin {
+    /// Where the frames of one buffered block came from. Blocks have the length of a period and
+    /// the ring holds whole ones, so that a block's place never changes.
+    struct Origin {
+        void store(const IncomingBlock& block) noexcept;
+
         std::atomic<std::uint32_t> sequence{0};
         std::atomic<std::uint64_t> server_time_local_ns{0};
         std::atomic<std::uint64_t> arrival_time_ns{0};
@@ -98,40 +101,31 @@ class PlaybackBuffer {
     struct alignas(64) FrameIndex {
         std::atomic<std::uint64_t> value{0};
     };
-    /// A range of ring positions as at most two pieces.
-    struct RingRange {
-        std::size_t start;
-        std::size_t until_wrap;  ///< frames from `start`
-        std::size_t after_wrap;  ///< frames from position 0
-    };
 
     std::uint64_t frames_of(std::uint64_t blocks) const noexcept {
         return static_cast<std::uint64_t>(shape_.block_frames) * blocks;
     }
-    RingRange range_at(std::uint64_t index, std::size_t frames) const noexcept;
+    Origin& origin_at(std::size_t position) const noexcept;
 
     bool admit(const IncomingBlock& block) noexcept;
     bool matches_shape(const IncomingBlock& block) noexcept;
-    void store_samples(const IncomingBlock& block, const RingRange& range) noexcept;
-    void store_origins(const IncomingBlock& block, const RingRange& range) noexcept;
 
     bool enough_to_play(std::uint64_t fill_found) noexcept;
     double playout_ratio(std::uint64_t fill_found) const noexcept;
-    bool describe(PlaybackBlock& block, std::uint64_t read_index) const noexcept;
-    void copy(PlaybackBlock& block, std::uint64_t read_index) const noexcept;
-    void interpolate(PlaybackBlock& block, std::uint64_t read_index, double ratio,
-                     std::uint64_t fill_found) const noexcept;
-    void consume(std::uint64_t read_index, double ratio, std::uint64_t fill_found) noexcept;
+    bool describe(PlaybackBlock& block) const noexcept;
+    void consume(double ratio, std::uint64_t fill_found) noexcept;
 
     PlaybackShape shape_;
-    std::size_t capacity_ = 0;               ///< frames of each ring
-    std::vector<std::vector<float>> rings_;  ///< one per output channel
-    std::unique_ptr<FrameOrigin[]> origins_;
+    PlanarRing ring_;
+    std::unique_ptr<Origin[]> origins_;  ///< one per block of the ring
 
     FrameIndex write_index_;  ///< stored by the producer after the frames it covers
     FrameIndex read_index_;   ///< stored by the device thread once it has read the frames
 
+    std::size_t write_position_ = 0;  ///< the producer's own: write_index_ in the ring
+
     // The device thread's own.
+    std::size_t read_position_ = 0;  ///< read_index_ in the ring
     bool playing_ = false;
     std::uint64_t starve_count_ = 0;  ///< periods in a row without a block while playing
     double frac_pos_ = 0.0;           ///< read position between two frames

@@ -7,6 +7,8 @@
 #include <span>
 #include <vector>
 
+#include "common/planar_ring.h"
+
 namespace tavistro {
 
 /// A ring of planar frames that is held near a target fill by the ratio at which it is read. Full
@@ -40,16 +42,15 @@ class CaptureRing {
   private:
     /// Held frames per frame of the block, from the reported ratio and the distance to the target.
     double read_ratio() const noexcept;
-    void read_channel(const std::vector<float>& buffer, double ratio, std::span<float> block) const;
+
     void drop_oldest(std::uint64_t frames) noexcept;
 
-    std::vector<std::vector<float>> buffers_;  ///< one per channel, capacity_ samples each
+    PlanarRing ring_;
     std::uint32_t sample_rate_ = 0;
     std::uint16_t frames_ = 0;
     std::uint64_t target_frames_ = 0;
     std::uint64_t limit_frames_ = 0;
-    std::uint64_t capacity_ = 0;
-    std::uint64_t read_pos_ = 0;  ///< index of the oldest held frame
+    std::size_t read_pos_ = 0;  ///< of the oldest held frame in the ring
     std::uint64_t fill_ = 0;
     double frac_pos_ = 0.0;  ///< reading position in frames from read_pos_
     double rate_ratio_ = 1.0;
