@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "common/row_loops.h"
 #include "common/simd.h"
 #include "platform/realtime.h"
 
@@ -49,10 +50,14 @@ class PlanarRing {
     TAVISTRO_REALTIME void interpolate(const RingRead& read, std::span<float> block) const noexcept;
 
   private:
-    struct Kernels;
-    static const Kernels kernels_of[];
+    /// Writes output frame i of the positions to `to`, and of the `wanted` frames from there, which
+    /// follow each other step by step, as many as lie before the ring's end and the last readable
+    /// frame. Returns how many it wrote, at least one.
+    std::size_t interpolate_run(const RingRead& read, const RingPositions& positions, std::size_t i,
+                                std::size_t wanted, float* to,
+                                std::size_t to_stride) const noexcept;
 
-    const Kernels* kernels_ = nullptr;
+    const RowLoops* loops_ = nullptr;
     std::size_t channels_ = 0;
     std::size_t capacity_ = 0;
     std::size_t stride_ = 0;  ///< samples from one row to the next

@@ -13,6 +13,8 @@ SimdLevel chosen_level() noexcept {
     return best_simd_level();
 }
 
+const SimdLevel level_of_process = chosen_level();
+
 }  // namespace
 
 SimdLevel best_simd_level() noexcept {
@@ -22,8 +24,7 @@ SimdLevel best_simd_level() noexcept {
 }
 
 SimdLevel simd_level() noexcept {
-    static const SimdLevel level = chosen_level();
-    return level;
+    return level_of_process;
 }
 
 }  // namespace tavistro

@@ -1,12 +1,11 @@
 // Which instructions the loops over samples use. Every version of a loop gives the same bits.
 //
-// A loop is written once, as an always-inline template body, and compiled per level by a thin
-// function that carries the level's target attribute; a table of such functions is picked at load.
+// The versions stand in tables of functions, one table per level; who owns such loops takes the
+// table of simd_level() when it is made.
 #pragma once
 
-/// On a body that is compiled anew for each level.
-#define TAVISTRO_SIMD_BODY [[gnu::always_inline]] inline
-/// On a function of the level avx2. Multiplications and additions stay unfused all the same.
+/// On a function for SimdLevel::avx2. Multiplications and additions are fused only where it says
+/// so.
 #define TAVISTRO_AVX2 [[gnu::target("avx2,fma")]]
 
 namespace tavistro {
@@ -16,11 +15,11 @@ enum class SimdLevel {
     avx2,      ///< with FMA
 };
 
-/// The level of this process, chosen when the library is loaded: the best that the processor has,
-/// or "baseline" when the environment variable TAVISTRO_SIMD says so.
-SimdLevel simd_level() noexcept;
-
 /// The best level that this processor can run.
 SimdLevel best_simd_level() noexcept;
+
+/// The level of this process, chosen when the library is loaded: the best one, or the baseline when
+/// the environment variable TAVISTRO_SIMD is "baseline". Any thread; real-time safe.
+SimdLevel simd_level() noexcept;
 
 }  // namespace tavistro
