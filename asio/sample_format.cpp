@@ -4,7 +4,10 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <iterator>
 #include <limits>
+
+#include "asio/sample_loops.h"
 
 namespace tavistro {
 
@@ -170,10 +173,38 @@ constexpr Format other{0, "Other", other_bytes, silence_to_float, silence_from_f
 // Code 19 is copied as it lies in memory.
 static_assert(endian::native == endian::little);
 
-const Format& format_of(std::uint32_t code) noexcept {
+constexpr std::uint32_t codes = 28;
+
+/// The formats by their codes.
+constexpr auto format_at = [] {
+    std::array<Format, codes> table{};
+    table.fill(other);
     for (const Format& format : formats)
-        if (format.code == code) return format;
-    return other;
+        table[format.code] = format;
+    return table;
+}();
+
+const Format& format_of(std::uint32_t code) noexcept {
+    return code < codes ? format_at[code] : other;
+}
+
+struct FastLoops {
+    void (*to_float)(const Byte* from, float* to, std::size_t count) noexcept;
+    void (*from_float)(Byte* to, const float* from, std::size_t count) noexcept;
+};
+
+/// Null for a format without such loops.
+const FastLoops* avx2_loops(std::uint32_t code) noexcept {
+    static constexpr FastLoops loops[] = {{int16_to_float_avx2, int16_from_float_avx2},
+                                          {int24_to_float_avx2, int24_from_float_avx2},
+                                          {int32_to_float_avx2, int32_from_float_avx2}};
+    constexpr std::uint32_t first_code = 16;
+    return code - first_code < std::size(loops) ? &loops[code - first_code] : nullptr;
+}
+
+/// Samples that the fast loops take off the beginning of `count`.
+constexpr std::size_t fast_part(std::size_t count) noexcept {
+    return count - count % sample_loop_step;
 }
 
 }  // namespace
@@ -186,14 +217,30 @@ std::size_t sample_size_bytes(std::uint32_t code) noexcept {
     return format_of(code).bytes;
 }
 
-void samples_to_float(const void* driver_buffer, std::uint32_t code,
-                      std::span<float> destination) noexcept {
-    format_of(code).to_float(static_cast<const Byte*>(driver_buffer), destination);
+void samples_to_float(const void* driver_buffer, std::uint32_t code, std::span<float> destination,
+                      SimdLevel level) noexcept {
+    const Format& format = format_of(code);
+    const auto* from = static_cast<const Byte*>(driver_buffer);
+    if (const FastLoops* const fast = level == SimdLevel::avx2 ? avx2_loops(code) : nullptr) {
+        const std::size_t done = fast_part(destination.size());
+        fast->to_float(from, destination.data(), done);
+        destination = destination.subspan(done);
+        from += done * format.bytes;
+    }
+    format.to_float(from, destination);
 }
 
-void samples_from_float(void* driver_buffer, std::uint32_t code,
-                        std::span<const float> source) noexcept {
-    format_of(code).from_float(static_cast<Byte*>(driver_buffer), source);
+void samples_from_float(void* driver_buffer, std::uint32_t code, std::span<const float> source,
+                        SimdLevel level) noexcept {
+    const Format& format = format_of(code);
+    auto* to = static_cast<Byte*>(driver_buffer);
+    if (const FastLoops* const fast = level == SimdLevel::avx2 ? avx2_loops(code) : nullptr) {
+        const std::size_t done = fast_part(source.size());
+        fast->from_float(to, source.data(), done);
+        source = source.subspan(done);
+        to += done * format.bytes;
+    }
+    format.from_float(to, source);
 }
 
 void write_silence(void* driver_buffer, std::uint32_t code, std::size_t frames) noexcept {

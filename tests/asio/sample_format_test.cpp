@@ -3,9 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
+#include <numeric>
 #include <vector>
+
+#include "support/simd_levels.h"
 
 namespace tavistro::test {
 namespace {
@@ -61,47 +65,70 @@ std::uint64_t write_reference(const Format& format, float sample) {
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(scaled));
 }
 
-TEST(SampleFormat, ReadsEveryTypeAsTheReferenceDoes) {
+class SampleFormat : public AtSimdLevel {
+  protected:
+    /// Reads the words as samples, and writes those as words again.
+    void expect_both_ways(const Format& format, const std::vector<std::uint64_t>& words) {
+        Bytes bytes{0};  // an odd address
+        for (const std::uint64_t word : words)
+            format.append(bytes, word);
+        std::vector<float> read(words.size(), 77.0F);
+        samples_to_float(bytes.data() + 1, format.code, read, GetParam());
+        for (std::size_t i = 0; i < words.size(); ++i)
+            ASSERT_EQ(std::bit_cast<std::uint32_t>(read[i]),
+                      std::bit_cast<std::uint32_t>(read_reference(format, words[i])))
+                << "type " << format.code << " word " << std::hex << words[i];
+        expect_written(format, read);
+    }
+
+    /// The bytes of the samples and not one more.
+    void expect_written(const Format& format, std::span<const float> samples) {
+        Bytes expected{0xA5};
+        for (const float sample : samples)
+            format.append(expected, write_reference(format, sample));
+        expected.push_back(0xA5);
+        Bytes written(expected.size(), 0xA5);
+        samples_from_float(written.data() + 1, format.code, samples, GetParam());
+        ASSERT_TRUE(written == expected) << "type " << format.code << ", " << samples.size();
+    }
+};
+
+TEST_P(SampleFormat, ReadsEveryTypeAsTheReferenceDoes) {
     constexpr std::uint64_t strides[] = {0, 0, 1, 251, 65'521, 0, 0, 0, 281'474'976'710'597};
     for (const Format& format : formats) {
         const std::uint64_t last = ~std::uint64_t{0} >> (64 - 8 * format.bytes);
         std::vector<std::uint64_t> words{last, last / 2, last / 2 + 1, last / 2 + 2};
         for (std::uint64_t word = 0; word <= last - last / 60'000; word += strides[format.bytes])
             words.push_back(word);
-        Bytes bytes{0};  // an odd address
-        for (const std::uint64_t word : words)
-            format.append(bytes, word);
-        std::vector<float> read(words.size(), 77.0F);
-        samples_to_float(bytes.data() + 1, format.code, read);
-        for (std::size_t i = 0; i < words.size(); ++i)
-            ASSERT_EQ(std::bit_cast<std::uint32_t>(read[i]),
-                      std::bit_cast<std::uint32_t>(read_reference(format, words[i])))
-                << "type " << format.code << " word " << std::hex << words[i];
+        ASSERT_NO_FATAL_FAILURE(expect_both_ways(format, words));
     }
 }
 
-TEST(SampleFormat, WritesEveryTypeAsTheReferenceDoesAndNotAByteMore) {
+TEST_P(SampleFormat, EveryWordOf24Bits) {
+    constexpr Format format{17, 3, 24, false};
+    std::vector<std::uint64_t> words(65'536);
+    for (std::uint64_t first = 0; first < 1 << 24; first += words.size()) {
+        std::iota(words.begin(), words.end(), first);
+        ASSERT_NO_FATAL_FAILURE(expect_both_ways(format, words));
+    }
+}
+
+TEST_P(SampleFormat, WritesEveryTypeAsTheReferenceDoesAndNotAByteMore) {
     std::vector<float> samples{1.0F, -1.0F, std::nextafter(1.0F, 2.0F)};
     for (std::uint64_t pattern = 0; pattern <= 0xFFFFFFFF; pattern += 65'521)
         samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));
     for (int i = -20'000; i <= 20'000; ++i)
         samples.push_back(static_cast<float>(i) / 19'997.0F);
     for (const Format& format : formats) {
-        for (const std::size_t count : {std::size_t{1}, std::size_t{63}, samples.size()}) {
-            const std::span source = std::span(samples).first(count);
-            Bytes expected{0xA5};
-            for (const float sample : source)
-                format.append(expected, write_reference(format, sample));
-            expected.push_back(0xA5);
-            Bytes written(expected.size(), 0xA5);
-            samples_from_float(written.data() + 1, format.code, source);
-            ASSERT_TRUE(written == expected) << "type " << format.code << ", " << count;
-            std::fill(expected.begin() + 1, expected.end() - 1, std::uint8_t{0});
-            write_silence(written.data() + 1, format.code, count);
-            ASSERT_TRUE(written == expected) << "silence, type " << format.code;
-        }
+        for (const std::size_t count : {std::size_t{1}, std::size_t{63}, samples.size()})
+            ASSERT_NO_FATAL_FAILURE(expect_written(format, std::span(samples).first(count)));
+        Bytes silenced(3 * format.bytes + 1, 0xA5);
+        write_silence(silenced.data(), format.code, 3);
+        EXPECT_EQ(std::count(silenced.begin(), silenced.end(), 0), 3 * format.bytes);
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Levels, SampleFormat, simd_levels, simd_level_name);
 
 }  // namespace
 }  // namespace tavistro::test

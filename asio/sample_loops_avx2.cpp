@@ -1,0 +1,154 @@
+#include "asio/sample_loops.h"
+
+#include <immintrin.h>
+
+#include <type_traits>
+
+#include "common/simd.h"
+
+namespace tavistro {
+
+namespace {
+
+constexpr std::size_t step = sample_loop_step;
+
+/// Full scale of an integer format.
+template <unsigned bits>
+constexpr auto scale = static_cast<double>((1LL << (bits - 1)) - 1);
+
+/// Integers of at most 24 bits over their full scale, as a correctly rounded division would give
+/// them. A double's quotient rounded to float is the same, since a double has more than twice the
+/// digits of a float.
+///
+/// The quotient by the reciprocal is off by less than two units in the last place; the remainder,
+/// exact by FMA, corrects it. (P. Markstein, "Computation of elementary functions on the IBM RISC
+/// System/6000 processor", IBM J. Res. Dev. 34, 1990)
+template <unsigned bits>
+TAVISTRO_AVX2 inline __m256 over_full_scale(__m256i integers) noexcept {
+    const __m256 full_scale = _mm256_set1_ps(static_cast<float>(scale<bits>));
+    const __m256 reciprocal = _mm256_set1_ps(static_cast<float>(1.0 / scale<bits>));
+    const __m256 dividend = _mm256_cvtepi32_ps(integers);
+    const __m256 estimate = _mm256_mul_ps(dividend, reciprocal);
+    const __m256 remainder = _mm256_fnmadd_ps(estimate, full_scale, dividend);
+    const __m256 quotient = _mm256_fmadd_ps(remainder, reciprocal, estimate);
+    return _mm256_max_ps(quotient, _mm256_set1_ps(-1.0F));
+}
+
+/// Four integers of 32 bits over their full scale, in double precision. The factor, 1/(2^31 - 1)
+/// rounded, gives quotients that round to the same floats as those of a division.
+TAVISTRO_AVX2 inline __m128 over_full_scale_32(__m128i integers) noexcept {
+    const __m256d reciprocal = _mm256_set1_pd(1.0 / scale<32>);
+    const __m256d quotient = _mm256_mul_pd(_mm256_cvtepi32_pd(integers), reciprocal);
+    return _mm_max_ps(_mm256_cvtpd_ps(quotient), _mm_set1_ps(-1.0F));
+}
+
+/// Eight samples within +-1.0. Of two operands, minimum and maximum give the second one when either
+/// is NaN.
+TAVISTRO_AVX2 inline __m256 load_limited(const float* from) noexcept {
+    return _mm256_max_ps(_mm256_set1_ps(-1.0F),
+                         _mm256_min_ps(_mm256_set1_ps(1.0F), _mm256_loadu_ps(from)));
+}
+
+/// Samples times a full scale of at most 24 bits, truncated as the exact products would be;
+/// 0x80000000 for NaN. FMA tells by how much a product was rounded: where it was rounded away from
+/// zero, the next number towards zero is the one to truncate.
+template <unsigned bits>
+TAVISTRO_AVX2 inline __m256i times_full_scale(const float* from) noexcept {
+    const __m256 full_scale = _mm256_set1_ps(static_cast<float>(scale<bits>));
+    const __m256 samples = load_limited(from);
+    const __m256 product = _mm256_mul_ps(samples, full_scale);
+    const __m256 missing = _mm256_fmsub_ps(samples, full_scale, product);
+    const __m256 away_from_zero =
+        _mm256_cmp_ps(_mm256_mul_ps(missing, product), _mm256_setzero_ps(), _CMP_LT_OQ);
+    // As an integer, the mask is -1.
+    const __m256i towards_zero =
+        _mm256_add_epi32(_mm256_castps_si256(product), _mm256_castps_si256(away_from_zero));
+    return _mm256_cvttps_epi32(_mm256_castsi256_ps(towards_zero));
+}
+
+/// The same for 32 bits and four samples: the product in double precision.
+TAVISTRO_AVX2 inline __m128i times_full_scale_32(__m128 samples) noexcept {
+    return _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(samples), _mm256_set1_pd(scale<32>)));
+}
+
+template <typename Byte>
+auto* vector128(Byte* bytes) noexcept {
+    if constexpr (std::is_const_v<Byte>)
+        return reinterpret_cast<const __m128i*>(bytes);
+    else
+        return reinterpret_cast<__m128i*>(bytes);
+}
+
+}  // namespace
+
+TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
+                                       std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; i += step) {
+        const __m128i packed = _mm_loadu_si128(vector128(from + 2 * i));
+        _mm256_storeu_ps(to + i, over_full_scale<16>(_mm256_cvtepi16_epi32(packed)));
+    }
+}
+
+TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
+                                       std::size_t count) noexcept {
+    // The second load begins where it ends with the eighth sample: nothing behind it is read. Each
+    // sample goes into the upper three bytes of a word, to be shifted down with its sign.
+    const __m256i upper_bytes =
+        _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 4, 5, 6, -1, 7,
+                         8, 9, -1, 10, 11, 12, -1, 13, 14, 15);
+    for (std::size_t i = 0; i < count; i += step) {
+        const __m128i first = _mm_loadu_si128(vector128(from + 3 * i));
+        const __m128i second = _mm_loadu_si128(vector128(from + 3 * i + 8));
+        const __m256i words = _mm256_shuffle_epi8(
+            _mm256_inserti128_si256(_mm256_castsi128_si256(first), second, 1), upper_bytes);
+        _mm256_storeu_ps(to + i, over_full_scale<24>(_mm256_srai_epi32(words, 8)));
+    }
+}
+
+TAVISTRO_AVX2 void int32_to_float_avx2(const unsigned char* from, float* to,
+                                       std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; i += step) {
+        _mm_storeu_ps(to + i, over_full_scale_32(_mm_loadu_si128(vector128(from + 4 * i))));
+        _mm_storeu_ps(to + i + 4,
+                      over_full_scale_32(_mm_loadu_si128(vector128(from + 4 * i + 16))));
+    }
+}
+
+TAVISTRO_AVX2 void int16_from_float_avx2(unsigned char* to, const float* from,
+                                         std::size_t count) noexcept {
+    const __m256i lower_bytes =
+        _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4, 5, 8, 9,
+                         12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
+    for (std::size_t i = 0; i < count; i += step) {
+        const __m256i halves = _mm256_shuffle_epi8(times_full_scale<16>(from + i), lower_bytes);
+        const __m256i packed = _mm256_permute4x64_epi64(halves, 0b1000);
+        _mm_storeu_si128(vector128(to + 2 * i), _mm256_castsi256_si128(packed));
+    }
+}
+
+TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
+                                         std::size_t count) noexcept {
+    const __m256i lower_bytes =
+        _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
+                         8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const __m256i used_words = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+    for (std::size_t i = 0; i < count; i += step) {
+        const __m256i halves = _mm256_shuffle_epi8(times_full_scale<24>(from + i), lower_bytes);
+        const __m256i packed = _mm256_permutevar8x32_epi32(halves, used_words);
+        _mm_storeu_si128(vector128(to + 3 * i), _mm256_castsi256_si128(packed));
+        _mm_storel_epi64(vector128(to + 3 * i + 16), _mm256_extracti128_si256(packed, 1));
+    }
+}
+
+TAVISTRO_AVX2 void int32_from_float_avx2(unsigned char* to, const float* from,
+                                         std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; i += step) {
+        const __m256 samples = load_limited(from + i);
+        _mm_storeu_si128(vector128(to + 4 * i),
+                         times_full_scale_32(_mm256_castps256_ps128(samples)));
+        _mm_storeu_si128(vector128(to + 4 * i + 16),
+                         times_full_scale_32(_mm256_extractf128_ps(samples, 1)));
+    }
+}
+
+}  // namespace tavistro

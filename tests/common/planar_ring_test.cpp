@@ -1,0 +1,82 @@
+// Rings of planar frames against a plain reference, bit for bit, at every level of instructions.
+#include "common/planar_ring.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <string_view>
+
+#include "support/simd_levels.h"
+
+namespace tavistro::test {
+namespace {
+
+using Rows = std::vector<std::vector<float>>;
+
+std::vector<float> interpolated(const Rows& rows, const RingRead& read, std::size_t frames) {
+    std::vector<float> block;
+    for (const std::vector<float>& row : rows) {
+        for (std::size_t i = 0; i < frames; ++i) {
+            const double position = static_cast<double>(i) * read.ratio + read.offset;
+            const auto whole = static_cast<std::uint64_t>(position);
+            const auto at = [&](std::uint64_t distance) {
+                return row[(read.position + std::min(distance, read.available - 1)) % row.size()];
+            };
+            const float step = at(whole + 1) - at(whole);
+            block.push_back(static_cast<float>(static_cast<double>(step) *
+                                                   (position - static_cast<double>(whole)) +
+                                               static_cast<double>(at(whole))));
+        }
+    }
+    return block;
+}
+
+using PlanarRings = AtSimdLevel;
+
+TEST_P(PlanarRings, HoldAndBlendAsTheReferenceDoes) {
+    std::mt19937 random(1);
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    std::uniform_real_distribution<float> level(-1.0F, 1.0F);
+    constexpr double ratios[] = {0.9955, 0.999999, 1.0, 1.0 + 0x1p-52, 1.0001, 1.0045};
+    for (int round = 0; round < 3000; ++round) {
+        const std::size_t channels = 1 + below(4);
+        const std::size_t frames = 1 + below(round % 10 == 0 ? 700 : 70);
+        const std::size_t capacity = frames + 2 + below(2 * frames);
+        PlanarRing ring(channels, capacity, GetParam());
+        Rows rows(channels, std::vector<float>(capacity));
+        const auto write = [&](std::size_t position, std::size_t count) {
+            std::vector<float> block(channels * count);
+            std::generate(block.begin(), block.end(), [&] { return level(random); });
+            ring.write(position, block);
+            for (std::size_t i = 0; i < block.size(); ++i)
+                rows[i / count][(position + i % count) % capacity] = block[i];
+        };
+        write(0, capacity);
+        write(below(capacity), frames);
+
+        const std::size_t position = below(capacity);
+        std::vector<float> block(channels * frames);
+        ring.copy(position, block);
+        ASSERT_EQ(block, interpolated(rows, {position, capacity, 1.0, 0.0}, frames));
+        const RingRead read{
+            .position = position,
+            .available = 1 + below(capacity),
+            .ratio = ratios[below(std::size(ratios))],
+            .offset = below(3) == 0 ? 0x1.fffffffffffffp-1 : (level(random) + 1) / 2};
+        ring.interpolate(read, block);
+        ASSERT_EQ(block, interpolated(rows, read, frames)) << "round " << round;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, PlanarRings, simd_levels, simd_level_name);
+
+TEST(SimdLevels, TheEnvironmentHoldsTheProcessAtTheBaseline) {
+    const char* const wish = std::getenv("TAVISTRO_SIMD");
+    const bool held = wish != nullptr && std::string_view(wish) == "baseline";
+    EXPECT_EQ(simd_level(), held ? SimdLevel::baseline : best_simd_level());
+}
+
+}  // namespace
+}  // namespace tavistro::test
