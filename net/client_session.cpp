@@ -158,17 +158,17 @@ ClientSession::SyncVerdict ClientSession::judge_sync(const SyncInfo& sync) {
 }
 
 void ClientSession::handle_audio(std::span<const std::uint8_t> datagram) {
-    const std::uint64_t arrival_ns = platform::nanosecond_clock();
     const auto fragment = TavistroProtocol::decode_audio(datagram);
     if (!fragment) return;
     {
         const std::lock_guard lock(mutex_);
         if (!reassembly_.offer(fragment.message, completed_)) return;
+        // Not sooner: reading the clock costs as much as taking in a fragment that completes none.
+        completed_.arrival_time_ns = platform::nanosecond_clock();
         const auto times = server_clock_.block_times(completed_.sequence);
         completed_.server_time_ns = times.server_ns;
         completed_.server_time_local_ns = times.local_ns;
     }
-    completed_.arrival_time_ns = arrival_ns;
     deliver_completed();
 }
 
