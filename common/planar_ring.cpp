@@ -1,7 +1,6 @@
 #include "common/planar_ring.h"
 
 #include <algorithm>
-
 #include <limits>
 
 namespace tavistro {
@@ -60,8 +59,8 @@ void PlanarRing::interpolate(const RingRead& read, std::span<float> block) const
     if (block.empty()) return;
     const std::size_t frames = block.size() / channels_;
     RingPositions positions;
-    for (std::size_t done = 0; done < frames; done += positions.capacity) {
-        const std::size_t count = std::min(positions.capacity, frames - done);
+    for (std::size_t done = 0; done < frames; done += RingPositions::capacity) {
+        const std::size_t count = std::min(RingPositions::capacity, frames - done);
         const bool in_step = loops_->find_positions(positions, static_cast<std::int32_t>(done),
                                                     count, read.ratio, read.offset);
         for (std::size_t i = 0; i < count;) {

@@ -8,6 +8,7 @@ namespace tavistro {
 namespace {
 
 SimdLevel chosen_level() noexcept {
+    // Read while the library is loaded, once. NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* const wish = std::getenv("TAVISTRO_SIMD");
     if (wish != nullptr && std::string_view(wish) == "baseline") return SimdLevel::baseline;
     return best_simd_level();

@@ -90,7 +90,6 @@ class UdpSocket {
     std::atomic<bool> open_{false};
     std::atomic<std::uint32_t> receive_timeout_ms_{0};
     std::intptr_t handle_ = -1;
-    std::intptr_t wake_ = -1;  ///< what close() signals to end a wait
 };
 
 }  // namespace tavistro::platform

@@ -3,8 +3,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -39,9 +39,8 @@ void request_buffer(int socket, int option, std::uint32_t bytes) noexcept {
     setsockopt(socket, SOL_SOCKET, option, &size, sizeof size);
 }
 
-// Time left of a receive timeout, in the form that poll takes: -1 waits without limit.
+/// Time left of a receive timeout.
 int poll_timeout(std::uint32_t timeout_ms, std::int64_t started) noexcept {
-    if (timeout_ms == 0) return -1;
     const std::int64_t elapsed_ms = (performance_counter() - started) / 1'000'000;
     const std::int64_t left = static_cast<std::int64_t>(timeout_ms) - elapsed_ms;
     return left > 0 ? static_cast<int>(left) : 0;
@@ -71,13 +70,12 @@ void stop_network_stack() noexcept {}
 bool UdpSocket::open(const SocketOptions& options) noexcept {
     release();
     handle_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-    wake_ = eventfd(0, EFD_CLOEXEC);
-    if (handle_ < 0 || wake_ < 0) {
-        release();
-        return false;
-    }
+    if (handle_ < 0) return false;
     request_buffer(descriptor(handle_), SO_RCVBUF, options.recv_buffer_bytes);
     request_buffer(descriptor(handle_), SO_SNDBUF, options.send_buffer_bytes);
+    // close() wakes a blocked receive; should a system not do so, the receive looks up by itself.
+    constexpr timeval look_up{.tv_sec = 0, .tv_usec = 500'000};
+    setsockopt(descriptor(handle_), SOL_SOCKET, SO_RCVTIMEO, &look_up, sizeof look_up);
     const sockaddr_in address = to_system(options.bind);
     if (::bind(descriptor(handle_), reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
         release();
@@ -124,42 +122,42 @@ bool UdpSocket::send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoi
     return sent == static_cast<ssize_t>(datagram.size());
 }
 
+// Without a timeout one blocking call per datagram: waiting for the socket first would double the
+// calls of the thread that handles every fragment.
 ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
     const std::uint32_t timeout_ms = receive_timeout_ms_;
     const std::int64_t started = performance_counter();
-    bool timeout_over = false;
     while (is_open()) {
+        if (timeout_ms != 0) {
+            pollfd wait{descriptor(handle_), POLLIN, 0};
+            const int ready = ::poll(&wait, 1, poll_timeout(timeout_ms, started));
+            if (ready == 0) return {ReceiveStatus::timed_out};
+            if (ready < 0 && errno != EINTR) return {ReceiveStatus::failed};
+        }
         sockaddr_in source{};
         socklen_t source_size = sizeof source;
-        const ssize_t size =
-            ::recvfrom(descriptor(handle_), buffer.data(), buffer.size(), MSG_DONTWAIT,
-                       reinterpret_cast<sockaddr*>(&source), &source_size);
-        if (size >= 0) {
+        const ssize_t size = ::recvfrom(descriptor(handle_), buffer.data(), buffer.size(),
+                                        timeout_ms != 0 ? MSG_DONTWAIT : 0,
+                                        reinterpret_cast<sockaddr*>(&source), &source_size);
+        if (size >= 0 && is_open()) {
             return {ReceiveStatus::datagram, static_cast<std::size_t>(size), from_system(source)};
         }
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) return {ReceiveStatus::failed};
-        if (timeout_over) return {ReceiveStatus::timed_out};
-        // Shutting an unconnected socket down does not end every wait: wait on the event as well.
-        std::array<pollfd, 2> waits{
-            {{descriptor(handle_), POLLIN, 0}, {descriptor(wake_), POLLIN, 0}}};
-        const int ready = ::poll(waits.data(), waits.size(), poll_timeout(timeout_ms, started));
-        if (ready < 0 && errno != EINTR) return {ReceiveStatus::failed};
-        timeout_over = ready == 0;
+        if (size < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
+            return {ReceiveStatus::failed};
     }
     return {ReceiveStatus::closed};
 }
 
 void UdpSocket::close() noexcept {
     if (!open_.exchange(false, std::memory_order_acq_rel)) return;
-    eventfd_write(descriptor(wake_), 1);
+    // Refused for a socket without a peer, and yet it ends every wait, now and later.
+    ::shutdown(descriptor(handle_), SHUT_RDWR);
 }
 
 void UdpSocket::release() noexcept {
     close();
     if (handle_ >= 0) ::close(descriptor(handle_));
-    if (wake_ >= 0) ::close(descriptor(wake_));
-    handle_ = wake_ = -1;
+    handle_ = -1;
 }
 
 }  // namespace tavistro::platform
