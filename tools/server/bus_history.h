@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/server/block_schedule.h"
 #include "tools/server/mix_bus.h"
 #include "tools/server/server_snapshot.h"
 
@@ -24,20 +25,20 @@ class BusHistory {
             blocks_.pop_front();
     }
 
-    void add(std::uint32_t sequence, const MixBus& bus) {
+    void add(const BlockStamp& stamp, const MixBus& bus) {
         const std::lock_guard lock(mutex_);
         if (capacity_ == 0) return;
         if (blocks_.size() == capacity_) blocks_.pop_front();
-        blocks_.emplace_back(sequence, bus);
+        blocks_.emplace_back(stamp, bus);
     }
 
     /// One channel, the oldest block first.
     std::vector<HistoryBlock> channel(std::size_t index) const {
         const std::lock_guard lock(mutex_);
         std::vector<HistoryBlock> history;
-        for (const auto& [sequence, bus] : blocks_) {
+        for (const auto& [stamp, bus] : blocks_) {
             const auto samples = bus.channel(index);
-            history.push_back({sequence, {samples.begin(), samples.end()}});
+            history.push_back({stamp.sequence, stamp.time_ns, {samples.begin(), samples.end()}});
         }
         return history;
     }
@@ -45,7 +46,7 @@ class BusHistory {
   private:
     mutable std::mutex mutex_;
     std::size_t capacity_ = 0;
-    std::deque<std::pair<std::uint32_t, MixBus>> blocks_;
+    std::deque<std::pair<BlockStamp, MixBus>> blocks_;
 };
 
 }  // namespace tavistro::server

@@ -225,7 +225,7 @@ bool ReferenceServer::send_due_block() {
         const std::uint64_t now_ns = nanosecond_clock();
         const auto block = session_->mix_due_block(faults_, sending_, now_ns, outbox_);
         if (!block) return false;
-        history_.add(block->sequence, session_->bus());
+        history_.add(*block, session_->bus());
         observer_.push(block->index, session_->format(), session_->bus());
     }
     send_outbox();

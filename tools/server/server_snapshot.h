@@ -63,6 +63,7 @@ struct ServerSnapshot {
 /// One block of one bus channel.
 struct HistoryBlock {
     std::uint32_t sequence = 0;
+    std::uint64_t time_ns = 0;  ///< when it was due, server clock
     std::vector<float> samples;
 };
 

@@ -1,0 +1,297 @@
+// Measures with impulses how long sound takes from the server to a device's output, and from the
+// server's mix through the device back into the mix.
+//
+// Server, engine and device run in one process, on one clock, over a real socket. The device adds
+// nothing of its own: what it is handed in a period counts as heard from the period's deadline on,
+// and goes into the next period's input.
+#include <sndfile.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+
+#include "engine/engine_runtime.h"
+#include "platform/clock.h"
+#include "tools/host/stats_reader.h"
+#include "tools/server/reference_server.h"
+
+namespace {
+
+using namespace tavistro;
+using std::chrono::milliseconds;
+
+constexpr int rate = 48000;
+constexpr float level = 0.5F;
+constexpr float threshold = 0.2F;  // interpolation leaves half of an impulse to each neighbour
+constexpr auto settling = std::chrono::seconds(3);
+constexpr int impulses_per_second = 4;
+
+double frames_to_ns(double frames) {
+    return frames * 1e9 / rate;
+}
+
+/// Times at which impulses were heard, nanosecond clock.
+class HeardTimes {
+  public:
+    void add(double ns) {
+        const std::lock_guard lock(mutex_);
+        ns_.push_back(ns);
+    }
+    std::vector<double> take() {
+        const std::lock_guard lock(mutex_);
+        return std::move(ns_);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<double> ns_;
+};
+
+/// A stereo device whose inputs repeat its outputs one period later.
+class ProbeDevice : public AudioDevice {
+  public:
+    explicit ProbeDevice(HeardTimes& heard) : heard_(heard) {}
+    ~ProbeDevice() override { close(); }
+
+    bool open(const AudioDeviceSettings& settings, LogCallback, BufferSwitchCallback callback,
+              void* context) override {
+        buffer_size_ = settings.block_size;
+        sample_rate_ = settings.sample_rate;
+        callback_ = callback;
+        context_ = context;
+        for (auto& channel : output_)
+            channel.assign(buffer_size_, 0.0F);
+        input_ = output_;
+        return true;
+    }
+    bool start() override {
+        running_ = true;
+        return thread_.start("probe-device", [this] { run(); });
+    }
+    void close() override {
+        running_ = false;
+        thread_.join();
+    }
+    void read_input(std::int32_t channel, std::int32_t, float* destination,
+                    std::int32_t frames) override {
+        std::copy_n(input_.at(static_cast<std::size_t>(channel)).data(), frames, destination);
+    }
+    void write_output(std::int32_t channel, std::int32_t, const float* source,
+                      std::int32_t frames) override {
+        float* const to = output_.at(static_cast<std::size_t>(channel)).data();
+        source != nullptr ? void(std::copy_n(source, frames, to))
+                          : void(std::fill_n(to, frames, 0.0F));
+    }
+    bool output_ready() override { return true; }
+    bool reset_requested() override { return false; }
+
+  private:
+    void run() {
+        const platform::ScopedThreadRole role(platform::ThreadRole::audio_device);
+        const platform::ScopedTimerResolution resolution;
+        const double start_ns = static_cast<double>(platform::nanosecond_clock());
+        double last_heard_ns = 0;
+        for (std::uint64_t period = 1; running_; ++period) {
+            const double deadline_ns =
+                start_ns + frames_to_ns(static_cast<double>(period * buffer_size_));
+            sleep_until(deadline_ns);
+            callback_(context_, static_cast<std::int32_t>(period % 2));
+            const auto& sound = output_.front();
+            const auto loudest = std::max_element(sound.begin(), sound.end());
+            const double ns =
+                deadline_ns + frames_to_ns(static_cast<double>(loudest - sound.begin()));
+            // An impulse between two frames may fall into two periods.
+            if (*loudest > threshold && ns > last_heard_ns + frames_to_ns(2))
+                heard_.add(last_heard_ns = ns);
+            std::swap(input_, output_);
+        }
+    }
+    static void sleep_until(double ns) {
+        const auto whole = static_cast<std::int64_t>(ns);
+        const timespec when{.tv_sec = whole / 1'000'000'000, .tv_nsec = whole % 1'000'000'000};
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
+    }
+
+    HeardTimes& heard_;
+    BufferSwitchCallback callback_ = nullptr;
+    void* context_ = nullptr;
+    std::array<std::vector<float>, 2> output_;
+    std::array<std::vector<float>, 2> input_;
+    std::atomic<bool> running_{false};
+    platform::Thread thread_;
+};
+
+/// A folder for as long as the object lives.
+class WorkFolder {
+  public:
+    WorkFolder() { std::filesystem::create_directory(path_); }
+    WorkFolder(const WorkFolder&) = delete;
+    WorkFolder& operator=(const WorkFolder&) = delete;
+    ~WorkFolder() { std::filesystem::remove_all(path_); }
+    std::string file(const char* name) const { return (path_ / name).string(); }
+
+  private:
+    std::filesystem::path path_ = std::filesystem::temp_directory_path() /
+                                  ("tavistro-latency-probe-" + std::to_string(getpid()));
+};
+
+void write_impulse(const std::string& path) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    std::vector<float> samples(rate / impulses_per_second);
+    samples.front() = level;
+    SNDFILE* const file = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (file == nullptr) throw std::runtime_error("cannot write " + path);
+    sf_write_float(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(file);
+}
+
+/// Times of the impulses on one of the server's channels.
+std::vector<double> impulse_times(const server::ReferenceServer& server, std::size_t channel) {
+    std::vector<double> times;
+    for (const auto& block : server.bus_history(channel)) {
+        const auto loudest = std::max_element(block.samples.begin(), block.samples.end());
+        const double ns = static_cast<double>(block.time_ns) +
+                          frames_to_ns(static_cast<double>(loudest - block.samples.begin()));
+        if (*loudest > threshold && (times.empty() || ns > times.back() + frames_to_ns(2)))
+            times.push_back(ns);
+    }
+    return times;
+}
+
+/// A delay and when it was seen.
+struct Delay {
+    double at_ns;
+    double ms;
+};
+
+/// From each start to the first arrival behind it; those without one are left out.
+std::vector<Delay> delays(const std::vector<double>& starts_ns,
+                          const std::vector<double>& arrivals_ns) {
+    std::vector<Delay> found;
+    for (const double start : starts_ns) {
+        const auto arrival = std::upper_bound(arrivals_ns.begin(), arrivals_ns.end(), start);
+        if (arrival != arrivals_ns.end() && *arrival < start + 1e9 / impulses_per_second)
+            found.push_back({*arrival, (*arrival - start) * 1e-6});
+    }
+    return found;
+}
+
+/// By how much what was shown at about the same time is above each delay measured.
+std::vector<Delay> excess(const std::vector<Delay>& shown, const std::vector<Delay>& measured) {
+    std::vector<Delay> found;
+    for (const Delay& delay : measured) {
+        const auto nearest = std::min_element(
+            shown.begin(), shown.end(), [&delay](const Delay& one, const Delay& other) {
+                return std::abs(one.at_ns - delay.at_ns) < std::abs(other.at_ns - delay.at_ns);
+            });
+        if (nearest != shown.end()) found.push_back({delay.at_ns, nearest->ms - delay.ms});
+    }
+    return found;
+}
+
+nlohmann::json spread(const std::vector<Delay>& all) {
+    if (all.empty()) return nullptr;
+    std::vector<double> values;
+    for (const Delay& delay : all)
+        values.push_back(delay.ms);
+    std::sort(values.begin(), values.end());
+    return {{"median", values[values.size() / 2]},
+            {"min", values.front()},
+            {"max", values.back()},
+            {"count", values.size()}};
+}
+
+nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
+    const WorkFolder folder;
+    write_impulse(folder.file("impulse.wav"));
+    server::ServerOptions options{.port = 0, .format = {rate, frames}};
+    options.plays = {{.path = folder.file("impulse.wav"), .channel = 0}};
+    server::ReferenceServer server(options);
+    if (const std::string error = server.start(); !error.empty()) throw std::runtime_error(error);
+
+    const auto client_id = static_cast<std::uint32_t>(getpid());
+    const std::string configuration = folder.file("client.ini");
+    std::ofstream(configuration) << "[network]\nserver_ip = 127.0.0.1\nserver_port = "
+                                 << server.port() << "\nclient_id = " << client_id
+                                 << "\n[latency]\nclient_latency_blocks = " << latency_blocks
+                                 << "\n[tavistro]\ndriver_inputs = 2, 3\ndriver_outputs = 0, 1\n"
+                                    "[asio]\ndriver_name = probe\ninput_map = 0, 1\n"
+                                    "output_map = 0, 1\n";
+    HeardTimes heard;
+    EngineRuntime engine([&] { return std::make_unique<ProbeDevice>(heard); });
+    if (!engine.start(configuration.c_str())) throw std::runtime_error("the engine does not start");
+    std::this_thread::sleep_for(settling);
+    if (engine.snapshot_state().state != TAVISTRO_STATE_RUNNING)
+        throw std::runtime_error("the engine does not run");
+
+    host::StatsReader stats;
+    if (!stats.open(client_id)) throw std::runtime_error("no statistics block");
+    const auto first = stats.read();
+    auto last = first;
+    heard.take();
+    // The last blocks of the run may still be under way when it ends.
+    server.enable_history(static_cast<std::size_t>(seconds * rate / frames));
+    std::vector<Delay> shown;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(milliseconds(20));
+        last = stats.read();
+        if (last)
+            shown.push_back({static_cast<double>(platform::nanosecond_clock()),
+                             last->server_to_output_last_us * 1e-3});
+    }
+    if (!first || !last) throw std::runtime_error("the statistics block has gone");
+    engine.stop();
+    server.stop();
+
+    const std::vector<double> sent = impulse_times(server, 0);
+    const std::vector<Delay> to_output = delays(sent, heard.take());
+    return {{"frames", frames},
+            {"client_latency_blocks", latency_blocks},
+            {"seconds", seconds},
+            {"block_ms", frames_to_ns(frames) * 1e-6},
+            {"server_to_output_ms", spread(to_output)},
+            {"shown_ms", spread(shown)},
+            {"shown_above_measured_ms", spread(excess(shown, to_output))},
+            {"round_trip_ms", spread(delays(sent, impulse_times(server, 2)))},
+            {"underruns", last->underruns - first->underruns},
+            {"overruns", last->overruns - first->overruns}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Measures with impulses the way from server to output, and the round trip.");
+    std::uint16_t frames = 128;
+    int latency_blocks = 6;
+    int seconds = 10;
+    app.add_option("--frames", frames, "frames per block")->check(CLI::Range(16, 2048));
+    app.add_option("--blocks", latency_blocks, "client_latency_blocks")->check(CLI::Range(1, 128));
+    app.add_option("--seconds", seconds, "how long, after 3 s that nothing is measured in")
+        ->check(CLI::Range(1, 3600));
+    try {
+        app.parse(argc, argv);
+        std::puts(probe(frames, latency_blocks, seconds).dump().c_str());
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "latency probe: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
