@@ -2,8 +2,8 @@
 //
 //     AsioPlayer player(make_device);
 //     player.start(settings, log, captured_input, telemetry);   // or start_loopback
-//     player.push_block(...); player.on_sync(...);              // from the network's receive
-//     thread player.stop();
+//     player.push_block(...); player.on_sync(...);  // from the network's receive thread
+//     player.stop();
 //
 // Threads: start, start_loopback, stop, construction and destruction belong to one controlling
 // thread. push_block, on_sync and capture_ratio may be called from any thread at any time, also

@@ -1,0 +1,28 @@
+// usage: block_cost receive|period CHANNELS: runs blocks of 128 frames, and calls measured_work for
+// the named part of each, where a tool that counts instructions can tell it from the rest.
+#include <cstdlib>
+#include <functional>
+#include <string_view>
+
+#include "cost/block_rig.h"
+
+namespace {
+int blocks_measured = 0;
+}
+
+extern "C" [[gnu::noipa]] void measured_work(const std::function<void()>& work) {
+    work();
+    ++blocks_measured;  // behind the work, or else this function would jump there and be left
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3) return 2;
+    const bool receives = std::string_view(argv[1]) == "receive";
+    tavistro::test::BlockRig rig(static_cast<std::uint16_t>(std::atoi(argv[2])));
+    for (int block = 0; block < 100; ++block) {
+        rig.next_block();
+        receives ? measured_work([&] { rig.receive(); }) : rig.receive();
+        receives ? rig.run_period() : measured_work([&] { rig.run_period(); });
+    }
+    return blocks_measured == 100 ? 0 : 1;
+}

@@ -1,0 +1,103 @@
+// One stream through a client's session and player, wired as in an engine but without its threads
+// and socket, and on a clock moved by hand: the same work every time.
+#pragma once
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "audio/asio_player.h"
+#include "audio/test_device.h"
+#include "net/client_session.h"
+#include "net/protocol.h"
+#include "net/server_messages.h"
+#include "support/movable_clock.h"
+
+namespace tavistro::test {
+
+class BlockRig {
+  public:
+    static constexpr std::uint16_t frames = 128;
+    static constexpr std::uint32_t sample_rate = 48000;
+
+    /// As many channels out as in, with everything at its steady state.
+    explicit BlockRig(std::uint16_t channels) {
+        set_manual_clock();
+        TavistroProtocol::ClientSettings settings;
+        settings.driver_inputs.resize(channels);
+        settings.driver_outputs.resize(channels);
+        session_.reset(settings, {.log = {},
+                                  .block =
+                                      [this](const TavistroProtocol::CompletedOutputBlock& block) {
+                                          player_.push_block(
+                                              block.sequence, block.sample_rate, block.frames,
+                                              block.channels, block.samples,
+                                              block.server_time_local_ns, block.arrival_time_ns,
+                                              block.delivery_time_ns);
+                                      },
+                                  .sync = [this](const auto& sync) { player_.on_sync(sync); },
+                                  .telemetry = {}});
+        session_.run(server);
+        session_.set_capture_format(sample_rate, frames);
+
+        AudioDeviceSettings audio;
+        for (std::int32_t channel = 0; channel < channels; ++channel)
+            audio.output_channel_map.push_back(channel);
+        audio.input_channel_map = audio.output_channel_map;
+        player_.start(audio, {},
+                      [this](std::uint32_t rate, std::uint16_t count, std::uint16_t width,
+                             const std::vector<float>& samples) {
+                          // A ratio at which the resampler has work to do.
+                          session_.push_captured_input(rate, count, width, samples, 1.0001);
+                      },
+                      {});
+        const std::vector<float> samples(std::size_t{channels} * frames, 0.25F);
+        TavistroProtocol::encode_audio_block({1, 0, sample_rate, frames, channels, samples}, 1200,
+                                             fragments_);
+        for (int block = 0; block < 100; ++block)
+            run_block();
+    }
+    BlockRig(const BlockRig&) = delete;
+    BlockRig& operator=(const BlockRig&) = delete;
+    ~BlockRig() { use_running_clock(); }
+
+    /// The time of the next block comes, with its datagrams.
+    void next_block() {
+        advance_clock_ns(block_ns);
+        ++sequence_;
+        sync_ = TavistroProtocol::encode_sync(
+            1, {sequence_, sample_rate, frames, 0, sequence_ * frames});
+        for (auto& fragment : fragments_)
+            std::memcpy(&fragment[sequence_offset], &sequence_, sizeof sequence_);
+    }
+    /// They are taken; captured input goes out.
+    void receive() {
+        session_.handle_datagram(sync_, server);
+        for (const auto& fragment : fragments_)
+            session_.handle_datagram(fragment, server);
+    }
+    /// The device plays a period and captures one.
+    void run_period() { panel_->period(); }
+
+    void run_block() {
+        next_block();
+        receive();
+        run_period();
+    }
+    std::size_t datagrams_sent() const { return datagrams_sent_; }
+
+  private:
+    static constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
+    static constexpr std::size_t sequence_offset = 16;
+    static constexpr std::uint64_t block_ns = std::uint64_t{frames} * 1'000'000'000 / sample_rate;
+
+    std::size_t datagrams_sent_ = 0;
+    std::uint32_t sequence_ = 0;
+    TavistroProtocol::Datagram sync_;
+    TavistroProtocol::DatagramList fragments_;
+    std::shared_ptr<DevicePanel> panel_ = std::make_shared<DevicePanel>();
+    AsioPlayer player_{[this] { return std::make_unique<TestDevice>(panel_); }};
+    ClientSession session_{[this](auto, const auto&) { return ++datagrams_sent_ > 0; }};
+};
+
+}  // namespace tavistro::test

@@ -1,0 +1,39 @@
+// What a block may cost besides arithmetic once a stream runs.
+#include <gtest/gtest.h>
+
+#include "cost/block_rig.h"
+#include "support/realtime_guard.h"
+
+namespace tavistro::test {
+namespace {
+
+template <typename Work>
+RealtimeViolations cost_of(Work work) {
+    reset_realtime_violations();
+    const RealtimeScope scope;
+    work();
+    return realtime_violations();
+}
+
+TEST(SteadyState, ABlockAllocatesNothingAndAPeriodLocksNothing) {
+    struct Case {
+        std::uint16_t channels;
+        std::size_t fragments;
+    };
+    for (const auto& [channels, fragments] : {Case{2, 1}, Case{32, 16}}) {
+        SCOPED_TRACE(channels);
+        BlockRig rig(channels);
+        for (int block = 0; block < 800; ++block) {  // two seconds, reports included
+            rig.next_block();
+            const std::size_t sent_before = rig.datagrams_sent();
+            const RealtimeViolations receiving = cost_of([&] { rig.receive(); });
+            ASSERT_EQ(rig.datagrams_sent() - sent_before, fragments) << "the block that goes back";
+            ASSERT_EQ(receiving.allocations + receiving.sleeps, 0U) << block;
+            ASSERT_LE(receiving.locks, 9 + fragments) << "none of them waits for a period";
+            ASSERT_EQ(cost_of([&] { rig.run_period(); }).total(), 0U) << block;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tavistro::test
