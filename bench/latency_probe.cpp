@@ -5,13 +5,10 @@
 // nothing of its own: what it is handed in a period counts as heard from the period's deadline on,
 // and goes into the next period's input.
 #include <sndfile.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -22,6 +19,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "bench/sleeping_device.h"
 #include "engine/engine_runtime.h"
 #include "platform/clock.h"
 #include "tools/host/stats_reader.h"
@@ -30,6 +28,7 @@
 namespace {
 
 using namespace tavistro;
+using namespace tavistro::bench;
 using std::chrono::milliseconds;
 
 constexpr int rate = 48000;
@@ -59,92 +58,24 @@ class HeardTimes {
     std::vector<double> ns_;
 };
 
-/// A stereo device whose inputs repeat its outputs one period later.
-class ProbeDevice : public AudioDevice {
+/// Notes when an impulse comes out.
+class ProbeDevice : public SleepingDevice {
   public:
     explicit ProbeDevice(HeardTimes& heard) : heard_(heard) {}
     ~ProbeDevice() override { close(); }
 
-    bool open(const AudioDeviceSettings& settings, LogCallback, BufferSwitchCallback callback,
-              void* context) override {
-        buffer_size_ = settings.block_size;
-        sample_rate_ = settings.sample_rate;
-        callback_ = callback;
-        context_ = context;
-        for (auto& channel : output_)
-            channel.assign(buffer_size_, 0.0F);
-        input_ = output_;
-        return true;
-    }
-    bool start() override {
-        running_ = true;
-        return thread_.start("probe-device", [this] { run(); });
-    }
-    void close() override {
-        running_ = false;
-        thread_.join();
-    }
-    void read_input(std::int32_t channel, std::int32_t, float* destination,
-                    std::int32_t frames) override {
-        std::copy_n(input_.at(static_cast<std::size_t>(channel)).data(), frames, destination);
-    }
-    void write_output(std::int32_t channel, std::int32_t, const float* source,
-                      std::int32_t frames) override {
-        float* const to = output_.at(static_cast<std::size_t>(channel)).data();
-        source != nullptr ? void(std::copy_n(source, frames, to))
-                          : void(std::fill_n(to, frames, 0.0F));
-    }
-    bool output_ready() override { return true; }
-    bool reset_requested() override { return false; }
-
   private:
-    void run() {
-        const platform::ScopedThreadRole role(platform::ThreadRole::audio_device);
-        const platform::ScopedTimerResolution resolution;
-        const double start_ns = static_cast<double>(platform::nanosecond_clock());
-        double last_heard_ns = 0;
-        for (std::uint64_t period = 1; running_; ++period) {
-            const double deadline_ns =
-                start_ns + frames_to_ns(static_cast<double>(period * buffer_size_));
-            sleep_until(deadline_ns);
-            callback_(context_, static_cast<std::int32_t>(period % 2));
-            const auto& sound = output_.front();
-            const auto loudest = std::max_element(sound.begin(), sound.end());
-            const double ns =
-                deadline_ns + frames_to_ns(static_cast<double>(loudest - sound.begin()));
-            // An impulse between two frames may fall into two periods.
-            if (*loudest > threshold && ns > last_heard_ns + frames_to_ns(2))
-                heard_.add(last_heard_ns = ns);
-            std::swap(input_, output_);
-        }
-    }
-    static void sleep_until(double ns) {
-        const auto whole = static_cast<std::int64_t>(ns);
-        const timespec when{.tv_sec = whole / 1'000'000'000, .tv_nsec = whole % 1'000'000'000};
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
+    void played(double deadline_ns) override {
+        const auto& sound = output(0);
+        const auto loudest = std::max_element(sound.begin(), sound.end());
+        const double ns = deadline_ns + frames_to_ns(static_cast<double>(loudest - sound.begin()));
+        // An impulse between two frames may fall into two periods.
+        if (*loudest > threshold && ns > last_heard_ns_ + frames_to_ns(2))
+            heard_.add(last_heard_ns_ = ns);
     }
 
     HeardTimes& heard_;
-    BufferSwitchCallback callback_ = nullptr;
-    void* context_ = nullptr;
-    std::array<std::vector<float>, 2> output_;
-    std::array<std::vector<float>, 2> input_;
-    std::atomic<bool> running_{false};
-    platform::Thread thread_;
-};
-
-/// A folder for as long as the object lives.
-class WorkFolder {
-  public:
-    WorkFolder() { std::filesystem::create_directory(path_); }
-    WorkFolder(const WorkFolder&) = delete;
-    WorkFolder& operator=(const WorkFolder&) = delete;
-    ~WorkFolder() { std::filesystem::remove_all(path_); }
-    std::string file(const char* name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_ = std::filesystem::temp_directory_path() /
-                                  ("tavistro-latency-probe-" + std::to_string(getpid()));
+    double last_heard_ns_ = 0;
 };
 
 void write_impulse(const std::string& path) {
@@ -226,12 +157,7 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
 
     const auto client_id = static_cast<std::uint32_t>(getpid());
     const std::string configuration = folder.file("client.ini");
-    std::ofstream(configuration) << "[network]\nserver_ip = 127.0.0.1\nserver_port = "
-                                 << server.port() << "\nclient_id = " << client_id
-                                 << "\n[latency]\nclient_latency_blocks = " << latency_blocks
-                                 << "\n[tavistro]\ndriver_inputs = 2, 3\ndriver_outputs = 0, 1\n"
-                                    "[asio]\ndriver_name = probe\ninput_map = 0, 1\n"
-                                    "output_map = 0, 1\n";
+    write_configuration(configuration, server.port(), client_id, latency_blocks, 2);
     HeardTimes heard;
     EngineRuntime engine([&] { return std::make_unique<ProbeDevice>(heard); });
     if (!engine.start(configuration.c_str())) throw std::runtime_error("the engine does not start");
