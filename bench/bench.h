@@ -36,6 +36,7 @@ void add_for_every_shape(const std::string& name,
 void add_audio_benches();
 void add_net_benches();
 void add_engine_benches();
+void add_system_benches();
 
 /// The same noise between +-0.5 every time.
 std::vector<float> noise(std::size_t samples);

@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     tavistro::bench::add_audio_benches();
     tavistro::bench::add_net_benches();
     tavistro::bench::add_engine_benches();
+    tavistro::bench::add_system_benches();
     PlainNames<benchmark::ConsoleReporter> table(benchmark::ConsoleReporter::OO_Tabular);
     PlainNames<benchmark::JSONReporter> file;
     benchmark::RunSpecifiedBenchmarks(&table, writes_file ? &file : nullptr);
