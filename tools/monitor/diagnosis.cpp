@@ -26,6 +26,7 @@ constexpr double control_ppm = 350;
 constexpr double least_replaced_per_s = 0.5;
 constexpr double least_replaced = 5;
 constexpr double least_late_us = 2500;
+constexpr double most_pauses_per_s = 3;  // of a busy computer, that a device may miss periods for
 constexpr double spare_blocks = 3;
 
 constexpr std::pair<Cause, std::string_view> cause_names[] = {
@@ -122,6 +123,7 @@ class Judgement {
         }
         if (judge_format(ppm)) return true;
         if (std::abs(ppm) < most_ppm_of_a_clock) return false;
+        if (ppm < 0 && host_missed(-ppm)) return true;
         if (ppm < 0) {
             tell(Cause::device_stall, -ppm,
                  text("the device missed %.1f %% of its periods; %s", -ppm / 1e4,
@@ -156,12 +158,20 @@ class Judgement {
         return another_rate || nothing_queued;
     }
 
+    // Shorter pauses than two blocks any buffer holds.
+    bool host_late() const {
+        return host_pause_us() > std::max(least_late_us, 2 * in_.block_us()) && slips() > 0;
+    }
+    /// A device whose thread waits for a processor misses its periods: `ppm`, microseconds in each
+    /// second, is no more than some such waits a second.
+    bool host_missed(double ppm) const {
+        return host_late() && ppm <= most_pauses_per_s * host_pause_us();
+    }
+
     /// Whether this computer let the engine's threads wait.
     bool judge_host() {
+        if (!host_late()) return false;
         const double pause_us = host_pause_us();
-        // Shorter ones than two blocks any buffer holds.
-        const bool late = pause_us > std::max(least_late_us, 2 * in_.block_us());
-        if (!late || slips() == 0) return false;
         tell(Cause::host_overload, static_cast<double>(slips()),
              text("this computer let threads wait for up to %.1f ms, %.1f blocks (%s); %s",
                   pause_us / 1e3, pause_us / in_.block_us(),

@@ -160,7 +160,8 @@ TEST(ExplainRecording, NamesWhatAClockOrALateComputerDoes) {
                           Case{"slow_device", {}, {Cause::device_too_slow}, "about 38"},
                           Case{"fast_device", {}, {Cause::device_too_fast}, "about 39"},
                           Case{"uneven_device", {}, {Cause::buffer_too_small}, "unevenly"},
-                          Case{"uneven_device", 40'000, {Cause::host_overload}, "40.0 ms"}}) {
+                          Case{"uneven_device", 40'000, {Cause::host_overload}, "40.0 ms"},
+                          Case{"busy_host", {}, {Cause::host_overload}, "40.6 ms"}}) {
         SCOPED_TRACE(c.recording);
         std::vector<Sample> samples = recording(c.recording);
         ASSERT_GT(samples.size(), 10U);
