@@ -1,14 +1,12 @@
 # What `cmake --install` and `cpack` take, and where to. Nothing installed knows the folder that it was
 # built in or installed to: the whole tree can be moved.
 #
-# Components: runtime (the library and its drivers), development, tools.
+# Components: runtime (the library and its driver without hardware), jack (the driver for JACK),
+# development, tools, documents.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# The ASIO drivers of the project. Each is installed to asio-drivers/ beside the engine library, where
-# an engine on Linux looks for drivers.
-set(drivers tavistro-test-driver tavistro-jack)
 set(tools tavistro-server tavistro-host tavistro-monitor)
 
 if(WIN32)
@@ -31,11 +29,15 @@ install(TARGETS tavistro_engine EXPORT tavistro
                 NAMELINK_COMPONENT development
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-foreach(driver IN LISTS drivers)
-  if(TARGET ${driver})
-    install(TARGETS ${driver} LIBRARY DESTINATION ${engine_dir}/asio-drivers COMPONENT runtime)
+# Beside the library, where an engine on Linux looks for drivers.
+function(install_driver target component)
+  if(TARGET ${target})
+    install(TARGETS ${target} LIBRARY DESTINATION ${engine_dir}/asio-drivers
+                              COMPONENT ${component})
   endif()
-endforeach()
+endfunction()
+install_driver(tavistro-test-driver runtime)
+install_driver(tavistro-jack jack)
 
 # Development
 install(DIRECTORY include/tavistro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
@@ -50,19 +52,17 @@ install(FILES ${PROJECT_BINARY_DIR}/tavistroConfigVersion.cmake DESTINATION ${cm
 configure_file(cmake/tavistro.pc.in tavistro.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavistro.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
-install(FILES docs/hosting.md docs/protocol.md docs/security.md docs/threads.md docs/windows.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
-# Tools, and what their users read
+# Tools
 if(TAVISTRO_BUILD_TOOLS)
   if(NOT WIN32)
     set_target_properties(tavistro-host PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
     install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   endif()
   install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro COMPONENT tools
-          FILES_MATCHING PATTERN "*.ini")
-  install(FILES CHANGELOG.md docs/configuration.md docs/jack.md docs/networks.md
-              docs/drift.md docs/latency.md docs/troubleshooting.md
-          DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
+
+# Documents, side by side as in the sources: their links lead to each other.
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
+        PATTERN man EXCLUDE)
+install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)

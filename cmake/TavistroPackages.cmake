@@ -4,7 +4,10 @@ set(CPACK_PACKAGE_VENDOR Tavistro)
 set(CPACK_PACKAGE_CONTACT "Tavistro maintainers <maintainers@tavistro.invalid>" CACHE STRING
     "Whom packages name as their maintainer")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_COMPONENTS_ALL runtime development tools documents)
+if(TARGET tavistro-jack)
+  list(APPEND CPACK_COMPONENTS_ALL jack)
+endif()
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 
@@ -32,6 +35,12 @@ else()
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The engine's library and its driver without hardware.")
 
+  # A package of its own: the library does without JACK.
+  set(CPACK_DEBIAN_JACK_PACKAGE_NAME tavistro-driver-jack)
+  set(CPACK_DEBIAN_JACK_PACKAGE_SECTION sound)
+  set(CPACK_DEBIAN_JACK_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
+  set(CPACK_COMPONENT_JACK_DESCRIPTION "The engine's driver for JACK servers.")
+
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavistro-engine-dev)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
@@ -41,8 +50,15 @@ else()
   set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavistro-tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS tavistro-doc)
   set(CPACK_COMPONENT_TOOLS_DESCRIPTION
       "A reference server, a console host and a monitor of running engines.")
+
+  set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_NAME tavistro-doc)
+  set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_SECTION doc)
+  set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_ARCHITECTURE all)
+  set(CPACK_COMPONENT_DOCUMENTS_DESCRIPTION
+      "Documents for users and authors of hosts, configurations, small hosts in four languages.")
 endif()
 
 include(CPack)

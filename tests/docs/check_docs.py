@@ -1,11 +1,12 @@
 """usage: check_docs.py SOURCE_FOLDER BUILD_FOLDER: links of the documents lead somewhere, the commands in
-them exist and know the options given, and docs/hosting.md names every code of the engine's header."""
+them exist and know the options given, and docs/hosting.md names every code of the engine's header.
+With one folder, that of installed documents: their links lead somewhere."""
 import pathlib
 import re
 import subprocess
 import sys
 
-root, build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+root, *build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
 faults = []
 helps = {}
 
@@ -18,7 +19,7 @@ def help_of(tool):
     """The options of a tool and its subcommands, and the names of the subcommands."""
     if tool not in helps:
         def ask(*words):
-            return subprocess.run([build / tool, *words, "--help"], capture_output=True, text=True).stdout
+            return subprocess.run([build[0] / tool, *words, "--help"], capture_output=True, text=True).stdout
         text = ask()
         commands = re.findall(r"^  (\w+) ", text.split("Subcommands:")[1], re.M) if "Subcommands:" in text else []
         options = re.findall(r"--[a-z][a-z-]+|(?<![\w-])-[a-z]\b", text + "".join(ask(c) for c in commands))
@@ -60,6 +61,8 @@ commands_checked = 0
 for path in [*root.glob("*.md"), *(root / "docs").glob("*.md")]:
     text = path.read_text()
     check_links(path, text)
+    if not build:
+        continue
     lines = re.findall(r"^ {4}(.*)$", text, re.M) + re.findall(r"`([^`\n]+)`", text)
     for line in lines:
         command = re.split(r" {2,}|[#;|>&]", line.strip(), maxsplit=1)[0]
@@ -67,6 +70,9 @@ for path in [*root.glob("*.md"), *(root / "docs").glob("*.md")]:
                     command):
             check_command(path, command)
             commands_checked += 1
+if not build:
+    print("\n".join(faults))
+    sys.exit(1 if faults else 0)
 codes = re.findall(r"^    (TAVISTRO_[A-Z_]+) = \d", (root / "include/tavistro/engine.h").read_text(), re.M)
 hosting = (root / "docs/hosting.md").read_text()
 faults.extend(f"hosting.md: nothing about {code}" for code in codes if f"`{code}`" not in hosting)

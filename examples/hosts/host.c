@@ -1,4 +1,4 @@
-/* usage: consumer CONFIG: plays until something is heard. Reads the record as bytes, as a host
+/* usage: host CONFIG: plays until something is heard. Reads the record as bytes, as a host
  * whose language has no such headers would. Status 0 when all is well, else the number of the step.
  */
 #define _POSIX_C_SOURCE 199309L /* nanosleep */

@@ -1,4 +1,4 @@
-"""usage: consumer.py LIBRARY CONFIG: plays until something is heard; a failed step is an exception."""
+"""usage: host.py LIBRARY CONFIG: plays until something is heard; a failed step is an exception."""
 import ctypes
 import sys
 import time

@@ -1,4 +1,4 @@
-// usage: Consumer.exe CONFIG: plays until something is heard. Status 0 when all is well, else the
+// usage: Host.exe CONFIG: plays until something is heard. Status 0 when all is well, else the
 // number of the step that was not.
 using System;
 using System.Runtime.InteropServices;

@@ -1,4 +1,4 @@
-// usage: consumer CONFIG: plays until something is heard. Status 0 when all is well, else the
+// usage: host CONFIG: plays until something is heard. Status 0 when all is well, else the
 // number of the step that was not.
 #include <tavistro/engine.h>
 #include <tavistro/stats_block.h>
