@@ -54,8 +54,11 @@ class BlockRig {
         const std::vector<float> samples(std::size_t{channels} * frames, 0.25F);
         TavistroProtocol::encode_audio_block({1, 0, sample_rate, frames, channels, samples}, 1200,
                                              fragments_);
-        for (int block = 0; block < 100; ++block)
-            run_block();
+        for (int block = 0; block < 100; ++block) {
+            next_block();
+            receive(block % 10 == 9);
+            run_period();
+        }
     }
     BlockRig(const BlockRig&) = delete;
     BlockRig& operator=(const BlockRig&) = delete;
@@ -70,20 +73,15 @@ class BlockRig {
         for (auto& fragment : fragments_)
             std::memcpy(&fragment[sequence_offset], &sequence_, sizeof sequence_);
     }
-    /// They are taken; captured input goes out.
-    void receive() {
+    /// They are taken, but for a lost block only the Sync; captured input goes out.
+    void receive(bool lost = false) {
         session_.handle_datagram(sync_, server);
+        if (lost) return;
         for (const auto& fragment : fragments_)
             session_.handle_datagram(fragment, server);
     }
     /// The device plays a period and captures one.
     void run_period() { panel_->period(); }
-
-    void run_block() {
-        next_block();
-        receive();
-        run_period();
-    }
     std::size_t datagrams_sent() const { return datagrams_sent_; }
 
   private:

@@ -8,7 +8,6 @@
 #include "net/server_messages.h"
 #include "platform/clock.h"
 #include "support/movable_clock.h"
-#include "support/realtime_guard.h"
 
 namespace tavistro::test {
 namespace {
@@ -142,32 +141,6 @@ TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
     receive_block(1);
     EXPECT_EQ(blocks.back().sequence, 1U);
     EXPECT_EQ(lines.back(), "[net] recvBlocksPerSec=4 duplicateBlocksPerSec=1 rttUs=0/0/0");
-}
-
-TEST_F(Session, SteadyStreamAllocatesNothing) {
-    std::uint64_t counted = 0;
-    const auto count = [&](const auto&) { ++counted; };
-    ClientSession quiet([&](auto, const auto&) { return ++counted > 0; });
-    quiet.reset(two_in_two_out(), {count, count, count, count});
-    quiet.run(server);
-    quiet.set_capture_format(test_rate, frames);
-    const std::vector<float> input = ramp(2 * frames);
-    for (std::uint32_t sequence = 0; sequence < 60; ++sequence) {
-        const Datagram sync = encode_sync(7, {sequence, test_rate, frames, 0, 1});
-        // Every tenth block is lost, so that silence is made as well.
-        const DatagramList audio = block_datagrams(sequence - sequence % 10 / 9, frames, 2, 64);
-        advance_clock_ms(100);
-        reset_realtime_violations();
-        {
-            const RealtimeScope scope;
-            quiet.push_captured_input(test_rate, frames, 2, input, 1.0);
-            quiet.handle_datagram(sync, server);
-            for (const Datagram& datagram : audio)
-                quiet.handle_datagram(datagram, server);
-        }
-        EXPECT_TRUE(sequence < 30 || realtime_violations().allocations == 0) << sequence;
-    }
-    EXPECT_GE(counted, 3 * 60U) << "blocks, notices and input flow";
 }
 
 TEST(Statistics, PercentilesAreInclusiveBucketBounds) {
