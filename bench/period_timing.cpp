@@ -57,8 +57,10 @@ Timing timing(const std::vector<double>& seen_us, double period_us) {
     for (const double at : seen_us) {
         result.lateness_us.push_back(std::max(0.0, at - deadline));
         deadline += period_us;
-        // As the device does: one missed period is made up for, those before it are dropped.
-        const double missed = std::max(0.0, std::floor((at - deadline) / period_us));
+        // As the device does: less than a period behind is made up for, more is dropped.
+        const double behind = (at - deadline) / period_us;
+        if (behind < 1) continue;
+        const double missed = std::floor(behind) + 1;
         deadline += missed * period_us;
         result.dropped += std::llround(missed);
     }

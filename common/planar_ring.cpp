@@ -7,7 +7,7 @@ namespace tavistro {
 
 namespace {
 
-constexpr std::size_t line_samples = 16;  // of a cache line
+constexpr std::size_t line_samples = cache_line_bytes / sizeof(float);
 
 /// Samples from one row to the next. An odd number of cache lines, so that the same frame of all
 /// rows does not compete for one place in the cache.

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
+#include "common/cache_line.h"
 #include "common/row_loops.h"
 #include "common/simd.h"
 #include "platform/realtime.h"
@@ -61,7 +61,7 @@ class PlanarRing {
     std::size_t channels_ = 0;
     std::size_t capacity_ = 0;
     std::size_t stride_ = 0;  ///< samples from one row to the next
-    std::vector<float> samples_;
+    CacheLineVector<float> samples_;
 };
 
 }  // namespace tavistro

@@ -1,5 +1,6 @@
 #include <immintrin.h>
 
+#include <cstdint>
 #include <cstring>
 
 #include "common/row_loops.h"
@@ -11,7 +12,8 @@ namespace {
 constexpr std::size_t step = 4;    // doubles of a vector
 constexpr std::size_t octave = 8;  // floats of a vector
 
-/// Rows are mostly too short for a call of memcpy to be worth it.
+/// Rows are mostly too short for a call of memcpy to be worth it. Vectors are stored where they do
+/// not cross a line of the cache, which on some processors takes twice as long.
 TAVISTRO_AVX2 void copy(float* to, std::size_t to_stride, const float* from,
                         std::size_t from_stride, std::size_t rows, std::size_t count) noexcept {
     constexpr std::size_t short_row = 256;
@@ -19,7 +21,10 @@ TAVISTRO_AVX2 void copy(float* to, std::size_t to_stride, const float* from,
         return row_loops_baseline.copy(to, to_stride, from, from_stride, rows, count);
     const std::size_t last = count - octave;
     for (; rows > 0; --rows, to += to_stride, from += from_stride) {
-        for (std::size_t i = 0; i < last; i += octave)
+        _mm256_storeu_ps(to, _mm256_loadu_ps(from));
+        const std::size_t aligned =
+            octave - reinterpret_cast<std::uintptr_t>(to) / sizeof(float) % octave;
+        for (std::size_t i = aligned; i < last; i += octave)
             _mm256_storeu_ps(to + i, _mm256_loadu_ps(from + i));
         _mm256_storeu_ps(to + last, _mm256_loadu_ps(from + last));
     }

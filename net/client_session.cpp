@@ -91,9 +91,7 @@ void ClientSession::handle_datagram(std::span<const std::uint8_t> datagram,
                                     const platform::Ipv4Endpoint& source) {
     using TavistroProtocol::MessageType;
     if (!running() || source != server_) return;
-    const auto header = TavistroProtocol::decode_header(datagram);
-    if (!header) return;
-    switch (header.message.type) {
+    switch (TavistroProtocol::type_of(datagram)) {
         case MessageType::Audio:
             return handle_audio(datagram);
         case MessageType::Sync:

@@ -151,6 +151,8 @@ bool encode_audio_block(const AudioBlockView& block, std::uint32_t udp_payload_b
                         DatagramList& datagrams);
 
 Decoded<Header> decode_header(std::span<const std::uint8_t> bytes);
+/// Of a datagram with a valid header; MessageType{} for any other bytes.
+MessageType type_of(std::span<const std::uint8_t> bytes);
 /// Header, then type, then size: what every message of a fixed size must pass.
 DecodeResult decode_expected(std::span<const std::uint8_t> bytes, MessageType type,
                              std::size_t exact_bytes);

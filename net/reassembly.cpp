@@ -1,5 +1,6 @@
 #include "net/reassembly.h"
 
+#include <algorithm>
 #include <span>
 
 namespace tavistro {
@@ -29,6 +30,7 @@ bool Reassembly::offer(const AudioFragment& fragment, CompletedOutputBlock& comp
     slot.store(fragment);
     if (slot.received_count != slot.fragment_count) return false;
 
+    slot.silence_rest();
     completed.sequence = slot.sequence;
     completed.sample_rate = slot.sample_rate;
     completed.frames = slot.frames;
@@ -42,13 +44,13 @@ void Reassembly::Slot::clear() {
     sequence = sample_rate = 0;
     frames = channels = fragment_count = received_count = 0;
     in_use = false;
-    samples.clear();
+    filled = 0;
     received.clear();
 }
 
 void Reassembly::Slot::open_for(const AudioFragment& fragment) {
     clear();  // also what is left when memory runs out below
-    samples.assign(static_cast<std::size_t>(fragment.frames) * fragment.channels, 0.0F);
+    samples.resize(static_cast<std::size_t>(fragment.frames) * fragment.channels);
     received.assign(fragment.count, 0);
     sequence = fragment.sequence;
     sample_rate = fragment.sample_rate;
@@ -65,14 +67,26 @@ bool Reassembly::Slot::belongs_to(const AudioFragment& fragment) const {
 }
 
 void Reassembly::Slot::store(const AudioFragment& fragment) {
-    const std::size_t run_bytes = 4 * static_cast<std::size_t>(fragment.frame_count);
-    for (std::size_t j = 0; j < fragment.channel_count; ++j) {
-        const std::size_t first = (fragment.first_channel + j) * frames + fragment.first_frame;
-        TavistroProtocol::read_samples(fragment.payload.subspan(j * run_bytes, run_bytes),
-                                       std::span(samples).subspan(first, fragment.frame_count));
+    // Mostly fragments come in their order, and each continues where the one before ended.
+    const std::size_t begin =
+        static_cast<std::size_t>(fragment.first_channel) * frames + fragment.first_frame;
+    const bool one_piece = fragment.channel_count == 1 || fragment.frame_count == frames;
+    if (begin != filled || !one_piece) silence_rest();
+    if (filled < samples.size()) filled += fragment.sample_count();
+
+    const std::size_t pieces = one_piece ? 1 : fragment.channel_count;
+    const std::size_t piece = fragment.sample_count() / pieces;
+    for (std::size_t j = 0; j < pieces; ++j) {
+        TavistroProtocol::read_samples(fragment.payload.subspan(j * 4 * piece, 4 * piece),
+                                       std::span(samples).subspan(begin + j * frames, piece));
     }
     received[fragment.index] = 1;
     ++received_count;
+}
+
+void Reassembly::Slot::silence_rest() {
+    std::fill(samples.begin() + static_cast<std::ptrdiff_t>(filled), samples.end(), 0.0F);
+    filled = samples.size();
 }
 
 }  // namespace tavistro

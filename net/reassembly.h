@@ -38,12 +38,15 @@ class Reassembly {
         std::uint16_t received_count = 0;
         bool in_use = false;
         std::vector<float> samples;          ///< planar
+        std::size_t filled = 0;              ///< of the samples; those behind are not set yet
         std::vector<std::uint8_t> received;  ///< one flag per fragment
 
         void clear();
         void open_for(const TavistroProtocol::AudioFragment& fragment);
         bool belongs_to(const TavistroProtocol::AudioFragment& fragment) const;
         void store(const TavistroProtocol::AudioFragment& fragment);
+        /// Makes silent what is not set yet.
+        void silence_rest();
     };
 
     std::size_t channels_ = 0;

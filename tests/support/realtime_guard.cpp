@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <new>
 
 #include "support/scope_depth.h"
@@ -52,6 +53,21 @@ void* operator new(std::size_t size) {
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     count(allocations);
     return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    // Where the memory itself begins stands in front of what is handed out.
+    std::size_t space = size + static_cast<std::size_t>(alignment);
+    void* const begin = operator new(space + sizeof(void*));
+    void* memory = static_cast<void**>(begin) + 1;
+    std::align(static_cast<std::size_t>(alignment), size, memory, space);
+    static_cast<void**>(memory)[-1] = begin;
+    return memory;
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    if (memory != nullptr) operator delete(static_cast<void**>(memory)[-1]);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t alignment) noexcept {
+    operator delete(memory, alignment);
 }
 void operator delete(void* memory) noexcept {
     count(allocations);
