@@ -69,10 +69,16 @@ class SleepingDevice : public AudioDevice {
         const double start_ns = static_cast<double>(platform::nanosecond_clock());
         const double period_ns = 1e9 * buffer_size_ / sample_rate_;
         for (std::uint64_t period = 1; running_; ++period) {
-            const double deadline_ns = start_ns + static_cast<double>(period) * period_ns;
-            sleep_until(deadline_ns);
+            const auto deadline_ns = [&] {
+                return start_ns + static_cast<double>(period) * period_ns;
+            };
+            sleep_until(deadline_ns());
+            // Periods that are over by now are lost, as with hardware.
+            const double late_ns =
+                static_cast<double>(platform::nanosecond_clock()) - deadline_ns();
+            period += static_cast<std::uint64_t>(std::max(0.0, late_ns) / period_ns);
             callback_(context_, static_cast<std::int32_t>(period % 2));
-            played(deadline_ns);
+            played(deadline_ns());
             std::swap(input_, output_);
         }
     }
