@@ -10,7 +10,6 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 
 CHANNELS = 8
 FRAGMENTS = 4  # of a block of 128 frames: two channels each
@@ -37,24 +36,21 @@ def steady_calls(server, host, configuration):
         path, trace = os.path.join(folder, "client.ini"), os.path.join(folder, "trace")
         with open(path, "w", encoding="ascii") as file:
             file.write(text)
-        with subprocess.Popen([host, "run", path], stdout=subprocess.DEVNULL) as client:
-            time.sleep(3)
-            strace = subprocess.Popen(["strace", "-qq", "-f", "-Y", "-o", trace, "-p", str(client.pid)])
-            time.sleep(4)
-            strace.send_signal(signal.SIGINT)
-            strace.wait()
-            client.send_signal(signal.SIGINT)
+        subprocess.run(["strace", "-qq", "-f", "-Y", "-ttt", "-o", trace, host, "run", path, "--seconds", "8"],
+                       stdout=subprocess.DEVNULL, check=True)
         running.send_signal(signal.SIGINT)
         running.stdout.read()
         with open(trace, encoding="utf-8", errors="replace") as file:
-            lines = file.read().splitlines()
+            lines = [(line, re.match(r"\d+<(.*?)> ([\d.]+) (\w+)?", line)) for line in file.read().splitlines()]
+    ended = float(lines[-1][1][2])
     calls = collections.defaultdict(collections.Counter)
     blocks = 0
-    for line in lines:
-        begun = re.match(r"\d+<(.*?)> (\w+)\(", line)
-        if begun:
-            calls[begun[1]][begun[2]] += 1
-        blocks += "<tav-receive>" in line and "recvfrom" in line and line.endswith(" = 44")  # bytes of a Sync
+    for line, (thread, at, call) in ((line, found.groups()) for line, found in lines):
+        if not ended - 5 < float(at) < ended - 1:
+            continue
+        if call:
+            calls[thread][call] += 1
+        blocks += thread == "tav-receive" and "recvfrom" in line and line.endswith(" = 44")  # bytes of a Sync
     return calls, blocks
 
 
