@@ -76,8 +76,12 @@ int main(int argc, char** argv) {
     int seconds = 10;
     app.add_option("--frames", settings.block_size, "frames per period")
         ->check(CLI::Range(16, 2048));
-    app.add_option("--seconds", seconds)->check(CLI::Range(1, 3600));
-    CLI11_PARSE(app, argc, argv);
+    app.add_option("--seconds", seconds, "how long")->check(CLI::Range(1, 3600));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
     const double period_us = 1e6 * settings.block_size / settings.sample_rate;
     const auto seen = period_ends_us(settings, seconds);
     if (seen.empty()) {
