@@ -105,7 +105,8 @@ TEST_F(Limits, DescriptorsThatRunOutAreTheErrorOfThePartThatNeedsOne) {
     std::set<Error> seen;
     for (rlim_t more = 0; more <= 6; ++more)
         seen.insert(outcome_with(RLIMIT_NOFILE, open_descriptors, more));
-    EXPECT_EQ(seen, (std::set<Error>{outcomes[0], outcomes[1], outcomes[2], outcomes[5]}));
+    // The socket never goes without: it needs one, and making the block needed two for a moment.
+    EXPECT_EQ(seen, (std::set<Error>{outcomes[0], outcomes[1], outcomes[5]}));
 }
 
 TEST_F(Limits, MemoryThatRunsOutEndsTheRunAndNotTheHost) {
