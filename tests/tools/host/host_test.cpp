@@ -138,7 +138,9 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
 
 /// Runs the command on a file of this text; `out` and `errors` are what it says.
 int check_text(const std::string& text, std::ostream& out, std::ostream& errors) {
-    const std::string path = testing::TempDir() + "tavistro_host_check.ini";
+    // Of this test alone: others run at the same time.
+    const std::string path = testing::TempDir() + "tavistro_host_" +
+                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".ini";
     std::ofstream(path, std::ios::binary) << text;
     const int code = check_config(path, out, errors);
     std::filesystem::remove(path);
