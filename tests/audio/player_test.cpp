@@ -9,6 +9,7 @@
 
 #include "audio/test_device.h"
 #include "platform/clock.h"
+#include "support/eventually.h"
 #include "support/movable_clock.h"
 
 namespace tavistro::test {
@@ -46,11 +47,10 @@ class Player : public testing::Test {
         player.push_block(0, sample_rate, frames, 2, samples, server_ns, 0, delivery_ns);
     }
     void wait_until(const std::function<bool()>& reached) {
-        for (int tries = 0; tries < 10'000; ++tries, platform::sleep_ms(1)) {
+        EXPECT_TRUE(eventually([&] {
             const std::lock_guard guard(mutex);
-            if (reached()) return;
-        }
-        ADD_FAILURE() << "did not happen";
+            return reached();
+        }));
     }
 
     AudioDeviceSettings settings;

@@ -4,13 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <mutex>
 
 #include "net/discovery.h"
 #include "net/net_inputs.h"
 #include "net/server_messages.h"
-#include "platform/clock.h"
+#include "support/eventually.h"
 #include "tools/server/reference_server.h"
 
 namespace tavistro::test {
@@ -19,13 +18,6 @@ namespace {
 using Verdict = ServerChoice::Verdict;
 
 constexpr std::uint16_t frames = 128;
-
-/// Waits for what other threads will make true; gives up only when something is broken.
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 4000 && !condition(); ++i)
-        platform::sleep_ms(5);
-    return condition();
-}
 
 constexpr std::uint64_t nonce = 0x1234567890;
 const Datagram good = encode_discover_reply({7, nonce, 99});

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <fstream>
 #include <random>
-#include <thread>
 
 namespace tavistro::test {
 namespace {
@@ -16,15 +15,6 @@ std::uint32_t next_client_id() {
 }
 
 }  // namespace
-
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 ConfigFile::ConfigFile(std::uint16_t port, const std::string& more)
     : client_id_(next_client_id()),

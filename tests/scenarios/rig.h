@@ -1,20 +1,14 @@
 // An engine, a reference server and a configuration file, and what a test asks of them.
 #pragma once
 
-#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 #include "engine/engine_runtime.h"
+#include "support/eventually.h"
 #include "tools/server/reference_server.h"
 
 namespace tavistro::test {
-
-/// Polls until the condition holds. False when it does not within the limit, which is there to end
-/// a test that hangs and is no measure of speed.
-bool eventually(const std::function<bool()>& condition,
-                std::chrono::seconds limit = std::chrono::seconds(30));
 
 /// A configuration file for as long as the object lives.
 class ConfigFile {

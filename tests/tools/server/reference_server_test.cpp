@@ -3,23 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "net/server_messages.h"
-#include "platform/clock.h"
+#include "support/eventually.h"
 
 namespace tavistro::server {
 namespace {
 
 using namespace TavistroProtocol;
-
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 10000; ++i) {
-        if (condition()) return true;
-        platform::sleep_ms(2);
-    }
-    return false;
-}
 
 /// Receives channel 0.
 class Client {
@@ -75,7 +65,8 @@ TEST(ReferenceServer, StartedAgainGoesOnAboveOnTheSamePort) {
     ReferenceServer second(ServerOptions{.bind_address = platform::ipv4_loopback, .port = port});
     EXPECT_NE(second.start().find(std::to_string(port)), std::string::npos) << "port in use";
     EXPECT_TRUE(server.change_format(96000, 32));
-    ASSERT_TRUE(eventually([&] { return server.snapshot().next_sequence - last_sequence > 50; }));
+    ASSERT_TRUE(
+        test::eventually([&] { return server.snapshot().next_sequence - last_sequence > 50; }));
     last_sequence = server.snapshot().next_sequence;  // may not be sent yet
     server.stop();
     ASSERT_EQ(server.start(), "");
