@@ -37,7 +37,7 @@ bool ClientSession::end() {
     if (!running_.exchange(false)) return false;
     if (settings_.client_id == 0) return true;
     try {
-        send_(TavistroProtocol::encode_leave(settings_.client_id, session_id_), server_);
+        send_one(TavistroProtocol::encode_leave(settings_.client_id, session_id_));
     } catch (const std::bad_alloc&) {
         // The server forgets a client that it does not hear.
     }
@@ -64,7 +64,7 @@ void ClientSession::send_announce() {
     const auto datagram = TavistroProtocol::encode_announce(
         {settings_.client_id, session_id_, settings_.input_latency_blocks,
          settings_.output_latency_blocks, settings_.driver_inputs, settings_.driver_outputs});
-    if (!send_(datagram, server_)) log("[net] Failed to send announce.");
+    if (!send_one(datagram)) log("[net] Failed to send announce.");
 }
 
 void ClientSession::ping_tick() {
@@ -84,7 +84,7 @@ void ClientSession::ping_tick() {
         server_clock_.ping_sent(ping, now_ms);
     }
     if (telemetry) report(*telemetry);
-    send_(TavistroProtocol::encode_ping(ping), server_);
+    send_one(TavistroProtocol::encode_ping(ping));
 }
 
 void ClientSession::handle_datagram(std::span<const std::uint8_t> datagram,
@@ -245,10 +245,8 @@ void ClientSession::send_captured_block(const SyncInfo& sync) {
                                               uplink_datagrams_)) {
         return;
     }
-    for (const TavistroProtocol::Datagram& datagram : uplink_datagrams_) {
-        if (!running()) break;
-        send_(datagram, server_);
-    }
+    uplink_run_.assign(uplink_datagrams_.begin(), uplink_datagrams_.end());
+    if (running()) send_(uplink_run_, server_);
     const std::lock_guard lock(mutex_);
     last_uplink_sequence_ = sequence;
 }

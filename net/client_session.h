@@ -39,9 +39,10 @@ struct ClientCallbacks {
 /// While it runs, one receive thread calls handle_datagram and any thread the rest.
 class ClientSession {
   public:
-    /// Sends one datagram to the server; true when the whole of it was taken. Called by any thread
-    /// that calls the session, with no lock held.
-    using Send = std::function<bool(std::span<const std::uint8_t>, const platform::Ipv4Endpoint&)>;
+    /// Sends datagrams, none of them empty, in order to the server; true when it took all of them.
+    /// Called by any thread that calls the session, with no lock held.
+    using Send = std::function<bool(std::span<const platform::DatagramBytes>,
+                                    const platform::Ipv4Endpoint&)>;
 
     explicit ClientSession(Send send) : send_(std::move(send)) {}
 
@@ -86,6 +87,7 @@ class ClientSession {
     void deliver_completed();
     void deliver_silence(const DeliveryTracker::Verdict& gap);
     void send_captured_block(const TavistroProtocol::SyncInfo& sync);
+    bool send_one(platform::DatagramBytes datagram) const { return send_({&datagram, 1}, server_); }
     void report(const ClientTelemetry& telemetry) const;
     void log_interval(const ClientTelemetry& telemetry);
 
@@ -115,6 +117,7 @@ class ClientSession {
     TavistroProtocol::CompletedOutputBlock silence_;
     std::vector<float> uplink_samples_;
     TavistroProtocol::DatagramList uplink_datagrams_;
+    std::vector<platform::DatagramBytes> uplink_run_;  ///< the same, to be sent
     std::string interval_line_;
 };
 

@@ -25,8 +25,9 @@ void try_to(const Step& step) {
 }  // namespace
 
 TavistroClient::TavistroClient()
-    : session_([this](std::span<const std::uint8_t> datagram, const platform::Ipv4Endpoint& to) {
-          return socket_.send_to(datagram, to);
+    : session_([this](std::span<const platform::DatagramBytes> datagrams,
+                      const platform::Ipv4Endpoint& to) {
+          return socket_.send_run(datagrams, to).count == datagrams.size();
       }) {}
 
 bool TavistroClient::start(const TavistroProtocol::ClientSettings& settings, Log log,
@@ -100,6 +101,7 @@ bool TavistroClient::start_threads() {
 
 void TavistroClient::receive_loop() {
     const platform::ScopedThreadRole role(platform::ThreadRole::network_receive);
+    socket_.receive_in_runs();
     while (session_.running()) {
         const platform::ReceiveResult received = socket_.receive(receive_buffer_);
         if (received.status == platform::ReceiveStatus::closed) return;
@@ -108,8 +110,9 @@ void TavistroClient::receive_loop() {
             if (session_.running()) platform::sleep_ms(receive_error_pause_ms);
             continue;
         }
-        const auto datagram = std::span(receive_buffer_).first(received.size);
-        try_to([&] { session_.handle_datagram(datagram, received.source); });
+        platform::for_each_datagram(received, receive_buffer_, [&](const auto& datagram) {
+            try_to([&] { session_.handle_datagram(datagram, received.source); });
+        });
     }
 }
 

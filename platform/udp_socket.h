@@ -1,6 +1,7 @@
 // One IPv4 UDP socket whose blocked receive can be ended from another thread.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,9 @@ struct SocketOptions {
     Ipv4Endpoint bind;  ///< zeros: every interface, a port of the system's choice
 };
 
+/// The content of one datagram.
+using DatagramBytes = std::span<const std::uint8_t>;
+
 enum class ReceiveStatus {
     datagram,   ///< `size` bytes from `source`, possibly 0 bytes
     timed_out,  ///< the receive timeout ran out
@@ -49,7 +53,26 @@ struct ReceiveResult {
     ReceiveStatus status;
     std::size_t size = 0;
     Ipv4Endpoint source{};
+    /// Bytes of each datagram: more than one lie in the buffer, one behind the other, when this is
+    /// less than `size`; the last one may be shorter. Only after receive_in_runs().
+    std::size_t datagram_size = size;
 };
+
+/// What the system took of several datagrams.
+struct SentDatagrams {
+    std::size_t count = 0;
+    std::size_t bytes = 0;
+};
+
+/// Calls `handle` with each datagram that `received` brought into `buffer`, in order.
+template <typename Handle>
+void for_each_datagram(const ReceiveResult& received, DatagramBytes buffer, const Handle& handle) {
+    DatagramBytes rest = buffer.first(received.size);
+    do {
+        handle(rest.first(std::min(received.datagram_size, rest.size())));
+        rest = rest.subspan(std::min(received.datagram_size, rest.size()));
+    } while (!rest.empty());
+}
 
 /// The socket. open() and release() belong to one controlling thread; every other operation may be
 /// called by any number of threads at once in between.
@@ -73,11 +96,19 @@ class UdpSocket {
     /// 0 waits without limit.
     bool set_receive_timeout(std::uint32_t ms) noexcept;
     bool enable_broadcast() noexcept;
+    /// From now on one receive may bring several datagrams of one sender, where the system can do
+    /// that; elsewhere nothing changes.
+    void receive_in_runs() noexcept;
 
     /// True only when the whole datagram was taken. False without a call for an empty one, or when
     /// the socket is closed.
-    bool send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoint& to) noexcept;
-    /// Waits for one datagram. Interruptions by signals are resumed.
+    bool send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept;
+    /// The same for several, none of them empty, in order. A run of equal sizes, of which only the
+    /// last may be shorter, is one call where the system can do that; on the network they are
+    /// datagrams like any other.
+    SentDatagrams send_run(std::span<const DatagramBytes> datagrams,
+                           const Ipv4Endpoint& to) noexcept;
+    /// Waits for a datagram, or a run of them. Interruptions by signals are resumed.
     ReceiveResult receive(std::span<std::uint8_t> buffer) noexcept;
 
     /// Ends every receive, now and later. Idempotent.
@@ -88,6 +119,7 @@ class UdpSocket {
 
   private:
     std::atomic<bool> open_{false};
+    std::atomic<bool> sends_runs_{true};  ///< until the system refuses one
     std::atomic<std::uint32_t> receive_timeout_ms_{0};
     std::intptr_t handle_ = -1;
 };

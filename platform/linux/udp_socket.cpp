@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -12,6 +13,7 @@
 #include <limits>
 
 #include "platform/clock.h"
+#include "platform/linux/datagram_run.h"
 
 namespace tavistro::platform {
 namespace {
@@ -82,6 +84,7 @@ bool UdpSocket::open(const SocketOptions& options) noexcept {
         return false;
     }
     receive_timeout_ms_ = 0;
+    sends_runs_ = true;
     open_.store(true, std::memory_order_release);
     return true;
 }
@@ -108,9 +111,14 @@ bool UdpSocket::enable_broadcast() noexcept {
            setsockopt(descriptor(handle_), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == 0;
 }
 
+void UdpSocket::receive_in_runs() noexcept {
+    const int on = 1;
+    if (is_open()) setsockopt(descriptor(handle_), SOL_UDP, UDP_GRO, &on, sizeof on);
+}
+
 // Audio that cannot leave at once is late: a full send buffer refuses the datagram instead of
 // holding the sending thread.
-bool UdpSocket::send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoint& to) noexcept {
+bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept {
     if (datagram.empty() || !is_open()) return false;
     const sockaddr_in address = to_system(to);
     ssize_t sent = 0;
@@ -122,11 +130,36 @@ bool UdpSocket::send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoi
     return sent == static_cast<ssize_t>(datagram.size());
 }
 
-// Without a timeout one blocking call per datagram: waiting for the socket first would double the
-// calls of the thread that handles every fragment.
+SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
+                                  const Ipv4Endpoint& to) noexcept {
+    SentDatagrams sent;
+    while (!datagrams.empty() && is_open()) {
+        const auto run = datagrams.first(sends_runs_ ? run_length(datagrams) : 1);
+        if (run.size() > 1) {
+            const ssize_t bytes = send_as_one(descriptor(handle_), run, to_system(to));
+            if (bytes >= 0) {
+                sent.count += run.size();
+                sent.bytes += static_cast<std::size_t>(bytes);
+            } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
+                // Old kernels cannot, nor some interfaces, nor any for datagrams above their MTU.
+                sends_runs_ = false;
+                continue;
+            }
+        } else if (send_to(run.front(), to)) {
+            sent.count += 1;
+            sent.bytes += run.front().size();
+        }
+        datagrams = datagrams.subspan(run.size());
+    }
+    return sent;
+}
+
+// Without a timeout one blocking call per datagram or run: waiting for the socket first would
+// double the calls of the thread that handles every fragment.
 ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
     const std::uint32_t timeout_ms = receive_timeout_ms_;
     const std::int64_t started = performance_counter();
+    RunReceive receive_now(buffer);
     while (is_open()) {
         if (timeout_ms != 0) {
             pollfd wait{descriptor(handle_), POLLIN, 0};
@@ -134,13 +167,11 @@ ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
             if (ready == 0) return {ReceiveStatus::timed_out};
             if (ready < 0 && errno != EINTR) return {ReceiveStatus::failed};
         }
-        sockaddr_in source{};
-        socklen_t source_size = sizeof source;
-        const ssize_t size = ::recvfrom(descriptor(handle_), buffer.data(), buffer.size(),
-                                        timeout_ms != 0 ? MSG_DONTWAIT : 0,
-                                        reinterpret_cast<sockaddr*>(&source), &source_size);
+        const ssize_t size = receive_now(descriptor(handle_), timeout_ms != 0 ? MSG_DONTWAIT : 0);
         if (size >= 0 && is_open()) {
-            return {ReceiveStatus::datagram, static_cast<std::size_t>(size), from_system(source)};
+            const auto received = static_cast<std::size_t>(size);
+            return {ReceiveStatus::datagram, received, from_system(receive_now.source()),
+                    receive_now.datagram_size(received)};
         }
         if (size < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
             return {ReceiveStatus::failed};

@@ -126,9 +126,22 @@ bool UdpSocket::enable_broadcast() noexcept {
     return is_open() && set_option(handle_, SO_BROADCAST, 1);
 }
 
-bool UdpSocket::send_to(std::span<const std::uint8_t> datagram, const Ipv4Endpoint& to) noexcept {
+void UdpSocket::receive_in_runs() noexcept {}
+
+bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept {
     if (datagram.empty() || datagram.size() > max_datagram_bytes || !is_open()) return false;
     return send(handle_, datagram, to) == static_cast<int>(datagram.size());
+}
+
+SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
+                                  const Ipv4Endpoint& to) noexcept {
+    SentDatagrams sent;
+    for (const DatagramBytes& datagram : datagrams) {
+        if (!send_to(datagram, to)) continue;
+        sent.count += 1;
+        sent.bytes += datagram.size();
+    }
+    return sent;
 }
 
 // The reports of unreachable ports stay switched on: they are receive errors like any other.

@@ -95,7 +95,10 @@ class BlockRig {
     TavistroProtocol::DatagramList fragments_;
     std::shared_ptr<DevicePanel> panel_ = std::make_shared<DevicePanel>();
     AsioPlayer player_{[this] { return std::make_unique<TestDevice>(panel_); }};
-    ClientSession session_{[this](auto, const auto&) { return ++datagrams_sent_ > 0; }};
+    ClientSession session_{[this](auto datagrams, const auto&) {
+        datagrams_sent_ += datagrams.size();
+        return true;
+    }};
 };
 
 }  // namespace tavistro::test

@@ -11,9 +11,9 @@ import subprocess
 import sys
 import tempfile
 
-CHANNELS = 8
-FRAGMENTS = 4  # of a block of 128 frames: two channels each
-PER_BLOCK = {"tav-receive": {"recvfrom": 1 + FRAGMENTS, "sendto": FRAGMENTS, "pwrite64": 1}, "tav-loopback": {}}
+CHANNELS = 8  # a block of 128 frames has four fragments
+# The notice, the fragments in one run, and likewise back.
+PER_BLOCK = {"tav-receive": {"recvmsg": 2, "sendmsg": 1, "pwrite64": 1}, "tav-loopback": {}}
 # Waiting for the next period takes as many as it takes, sleeping and yielding.
 WAITING = {"tav-loopback": {"clock_nanosleep", "sched_yield"}, "tav-receive": set()}
 # Reports, pings, and locks that two threads happened to want at once.
@@ -50,7 +50,7 @@ def steady_calls(server, host, configuration):
             continue
         if call:
             calls[thread][call] += 1
-        blocks += thread == "tav-receive" and "recvfrom" in line and line.endswith(" = 44")  # bytes of a Sync
+        blocks += thread == "tav-receive" and "recvmsg" in line and line.endswith(" = 44")  # bytes of a Sync
     return calls, blocks
 
 

@@ -227,7 +227,10 @@ class Rig {
     }
 
     fuzz::Input in_;
-    ClientSession session_{[this](auto datagram, const auto& to) { return on_send(datagram, to); }};
+    ClientSession session_{[this](auto datagrams, const auto& to) {
+        return std::all_of(datagrams.begin(), datagrams.end(),
+                           [&](const auto& datagram) { return on_send(datagram, to); });
+    }};
     ClientSettings settings_;
     CaptureRing ring_;  ///< fed and read as the session's own should be
     Ping ping_;

@@ -42,9 +42,10 @@ class Session : public testing::Test {
     std::vector<CompletedOutputBlock> blocks;
     std::size_t syncs = 0;
     std::vector<ClientTelemetry> reports;
-    ClientSession session{[this](auto datagram, const auto& to) {
+    ClientSession session{[this](auto datagrams, const auto& to) {
         EXPECT_EQ(to, server);
-        sent.emplace_back(datagram.begin(), datagram.end());
+        for (const auto& datagram : datagrams)
+            sent.emplace_back(datagram.begin(), datagram.end());
         return true;
     }};
 };

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <numeric>
 #include <thread>
+#include <vector>
 
 namespace tavistro::platform {
 namespace {
@@ -46,6 +48,52 @@ TEST(UdpSocket, CarriesDatagramsIncludingEmptyTimeoutsAndBusyPort) {
     EXPECT_FALSE(c.is_open());
 }
 
+std::vector<std::vector<std::uint8_t>> receive_all(UdpSocket& socket, std::size_t count) {
+    std::vector<std::uint8_t> buffer(max_datagram_bytes);
+    std::vector<std::vector<std::uint8_t>> datagrams;
+    socket.set_receive_timeout(2000);
+    while (datagrams.size() < count) {
+        const ReceiveResult got = socket.receive(buffer);
+        if (got.status != ReceiveStatus::datagram) break;
+        for_each_datagram(got, buffer, [&](DatagramBytes datagram) {
+            datagrams.emplace_back(datagram.begin(), datagram.end());
+        });
+    }
+    return datagrams;
+}
+
+TEST(UdpSocket, ARunArrivesAsTheDatagramsThatWereSent) {
+    struct Case {
+        const char* what;
+        std::vector<std::size_t> sizes;
+    };
+    const Case cases[] = {
+        {"a block whose last fragment is shorter", {1072, 1072, 1072, 400}},
+        {"sizes that rise and fall", {44, 1072, 1072, 300, 300, 1072}},
+        {"more than one piece may be cut into", std::vector<std::size_t>(150, 100)},
+        {"more than one piece may hold", std::vector<std::size_t>(20, 9000)},
+        {"the largest", {max_datagram_bytes, max_datagram_bytes}},
+    };
+    for (const auto& [what, sizes] : cases) {
+        for (const bool in_runs : {false, true}) {
+            SCOPED_TRACE(testing::Message() << what << (in_runs ? ", received in runs" : ""));
+            UdpSocket from;
+            UdpSocket to;
+            ASSERT_TRUE(from.open(on_loopback()));
+            ASSERT_TRUE(to.open({.recv_buffer_bytes = 1 << 20, .bind = on_loopback().bind}));
+            if (in_runs) to.receive_in_runs();
+            std::vector<std::vector<std::uint8_t>> sent;
+            for (const std::size_t size : sizes)
+                sent.emplace_back(size, static_cast<std::uint8_t>(sent.size()));
+            const std::vector<DatagramBytes> run(sent.begin(), sent.end());
+            const SentDatagrams taken = from.send_run(run, to.local_endpoint());
+            EXPECT_EQ(taken.count, sizes.size());
+            EXPECT_EQ(taken.bytes, std::accumulate(sizes.begin(), sizes.end(), std::size_t{0}));
+            EXPECT_EQ(receive_all(to, sizes.size()), sent);
+        }
+    }
+}
+
 TEST(UdpSocket, CloseWakesEveryReceiverAndRefusesEverySend) {
     UdpSocket socket;
     ASSERT_TRUE(socket.open(on_loopback()));
@@ -62,6 +110,7 @@ TEST(UdpSocket, CloseWakesEveryReceiverAndRefusesEverySend) {
     second.join();
     receive();
     EXPECT_FALSE(socket.send_to(hello, self));
+    EXPECT_EQ(socket.send_run(std::vector<DatagramBytes>(3, hello), self).count, 0U);
 }
 
 }  // namespace

@@ -187,6 +187,7 @@ void ReferenceServer::begin_session(SourceList sources) {
 
 void ReferenceServer::run_receive() {
     const platform::ScopedThreadRole role(platform::ThreadRole::network_receive);
+    socket_.receive_in_runs();
     std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
     int failures_in_a_row = 0;
     while (running_.load()) {
@@ -199,12 +200,15 @@ void ReferenceServer::run_receive() {
             continue;
         }
         failures_in_a_row = 0;
-        ++traffic_.datagrams_received;
         traffic_.bytes_received += received.size;
-        const auto end = buffer.begin() + static_cast<std::ptrdiff_t>(received.size);
-        meet_faults(
-            uplink_lane_,
-            {RoutedDatagram::Direction::from_client, received.source, {buffer.begin(), end}});
+        platform::for_each_datagram(received, buffer, [&](const auto& datagram) {
+            ++traffic_.datagrams_received;
+            meet_faults(uplink_lane_,
+                        {RoutedDatagram::Direction::from_client,
+                         received.source,
+                         {datagram.begin(), datagram.end()}},
+                        [this](const RoutedDatagram& copy) { pass_on(copy); });
+        });
     }
 }
 
@@ -236,9 +240,12 @@ void ReferenceServer::send_outbox() {
     // The client whose block is counted already: its datagrams follow each other.
     platform::Ipv4Endpoint lost_to;
     platform::Ipv4Endpoint held_back_to;
+    departing_.clear();
     for (const RoutedDatagram& datagram : outbox_) {
         const auto header = TavistroProtocol::decode_header(datagram.bytes);
-        const Passage passage = meet_faults(block_lane_, datagram);
+        const Passage passage =
+            meet_faults(block_lane_, datagram,
+                        [this](const RoutedDatagram& copy) { departing_.push_back(&copy); });
         if (!header || header.message.type != TavistroProtocol::MessageType::Audio) {
             if (passage.copies == 0) ++traffic_.syncs_lost;
             continue;
@@ -250,6 +257,25 @@ void ReferenceServer::send_outbox() {
             ++traffic_.blocks_held_back;
         }
     }
+    send_departing();
+}
+
+void ReferenceServer::send_departing() {
+    for (auto next = departing_.begin(); next != departing_.end();) {
+        const platform::Ipv4Endpoint client = (*next)->client;
+        run_.clear();
+        for (; next != departing_.end() && (*next)->client == client; ++next)
+            run_.push_back((*next)->bytes);
+        send(run_, client);
+    }
+}
+
+void ReferenceServer::send(std::span<const platform::DatagramBytes> datagrams,
+                           const platform::Ipv4Endpoint& client) {
+    const platform::SentDatagrams sent = socket_.send_run(datagrams, client);
+    traffic_.datagrams_sent += sent.count;
+    traffic_.bytes_sent += sent.bytes;
+    traffic_.send_failures += datagrams.size() - sent.count;
 }
 
 void ReferenceServer::wait_for_work() {
@@ -278,7 +304,9 @@ bool ReferenceServer::change_format_locked(const StreamFormat& format) {
     return session_->change_format(format);
 }
 
-Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& datagram) {
+template <typename PassOn>
+Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& datagram,
+                                     const PassOn& pass_on) {
     const std::uint64_t now_ns = nanosecond_clock();
     Passage passage;
     {
@@ -309,12 +337,8 @@ void ReferenceServer::release_delayed() {
 
 void ReferenceServer::pass_on(const RoutedDatagram& datagram) {
     if (datagram.direction == RoutedDatagram::Direction::from_client) return handle(datagram);
-    if (socket_.send_to(datagram.bytes, datagram.client)) {
-        ++traffic_.datagrams_sent;
-        traffic_.bytes_sent += datagram.bytes.size();
-    } else {
-        ++traffic_.send_failures;
-    }
+    const platform::DatagramBytes bytes = datagram.bytes;
+    send({&bytes, 1}, datagram.client);
 }
 
 void ReferenceServer::handle(const RoutedDatagram& datagram) {
@@ -325,7 +349,8 @@ void ReferenceServer::handle(const RoutedDatagram& datagram) {
     }
     if (!answer) return;
     meet_faults(reply_lane_,
-                {RoutedDatagram::Direction::to_client, datagram.client, std::move(*answer)});
+                {RoutedDatagram::Direction::to_client, datagram.client, std::move(*answer)},
+                [this](const RoutedDatagram& copy) { pass_on(copy); });
 }
 
 }  // namespace tavistro::server

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -93,9 +94,14 @@ class ReferenceServer {
     void wait_for_work();
     void apply_timed_change();
     bool change_format_locked(const StreamFormat& format);
-    Passage meet_faults(FaultLane& lane, const RoutedDatagram& datagram);
+    /// Calls pass_on with each copy that need not wait, and queues the others.
+    template <typename PassOn>
+    Passage meet_faults(FaultLane& lane, const RoutedDatagram& datagram, const PassOn& pass_on);
     /// Passes the outbox on and counts what becomes of its blocks.
     void send_outbox();
+    void send_departing();
+    void send(std::span<const platform::DatagramBytes> datagrams,
+              const platform::Ipv4Endpoint& client);
     void release_delayed();
     void pass_on(const RoutedDatagram& datagram);
     void handle(const RoutedDatagram& datagram);
@@ -113,7 +119,10 @@ class ReferenceServer {
     DelayQueue delayed_;
     Traffic traffic_;
 
-    std::vector<RoutedDatagram> outbox_;  ///< of the clock thread
+    // The clock thread's own.
+    std::vector<RoutedDatagram> outbox_;
+    std::vector<const RoutedDatagram*> departing_;  ///< of the outbox, what faults let pass
+    std::vector<platform::DatagramBytes> run_;
 
     mutable std::mutex mutex_;  ///< guards everything below
     std::optional<MixingSession> session_;
