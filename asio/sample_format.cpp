@@ -227,7 +227,7 @@ void samples_to_float(const void* driver_buffer, std::uint32_t code, std::span<f
         destination = destination.subspan(done);
         from += done * format.bytes;
     }
-    format.to_float(from, destination);
+    if (!destination.empty()) format.to_float(from, destination);
 }
 
 void samples_from_float(void* driver_buffer, std::uint32_t code, std::span<const float> source,
@@ -240,7 +240,7 @@ void samples_from_float(void* driver_buffer, std::uint32_t code, std::span<const
         source = source.subspan(done);
         to += done * format.bytes;
     }
-    format.from_float(to, source);
+    if (!source.empty()) format.from_float(to, source);
 }
 
 void write_silence(void* driver_buffer, std::uint32_t code, std::size_t frames) noexcept {

@@ -66,9 +66,21 @@ TAVISTRO_AVX2 inline __m256i times_full_scale(const float* from) noexcept {
     return _mm256_cvttps_epi32(_mm256_castsi256_ps(towards_zero));
 }
 
-/// The same for 32 bits and four samples: the product in double precision.
-TAVISTRO_AVX2 inline __m128i times_full_scale_32(__m128 samples) noexcept {
-    return _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(samples), _mm256_set1_pd(scale<32>)));
+/// The same for 32 bits, where 2^31 times a sample is exact and the product is less by at most one.
+/// Where the former, p, is a whole number, the product truncated is p - 1. Elsewhere it is p
+/// truncated: p has 24 digits, so that its fraction is larger than the sample, p / 2^31. Both are
+/// p rounded up, less 1; and -p likewise.
+TAVISTRO_AVX2 inline __m256i times_full_scale_32(const float* from) noexcept {
+    const __m256 samples = _mm256_loadu_ps(from);
+    const __m256 sizes =
+        _mm256_min_ps(_mm256_set1_ps(1.0F), _mm256_andnot_ps(_mm256_set1_ps(-0.0F), samples));
+    const __m256 above = _mm256_ceil_ps(_mm256_mul_ps(sizes, _mm256_set1_ps(0x1p31F)));
+    const __m256 not_zero = _mm256_cmp_ps(sizes, _mm256_setzero_ps(), _CMP_GT_OQ);
+    // 2^31 converts to 0x80000000, from where 1 less is the largest integer; as one, the mask is
+    // -1.
+    const __m256i results =
+        _mm256_add_epi32(_mm256_cvttps_epi32(above), _mm256_castps_si256(not_zero));
+    return _mm256_sign_epi32(results, _mm256_castps_si256(samples));
 }
 
 template <typename Byte>
@@ -83,6 +95,7 @@ auto* vector128(Byte* bytes) noexcept {
 
 TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
                                        std::size_t count) noexcept {
+#pragma GCC unroll 4
     for (std::size_t i = 0; i < count; i += step) {
         const __m128i packed = _mm_loadu_si128(vector128(from + 2 * i));
         _mm256_storeu_ps(to + i, over_full_scale<16>(_mm256_cvtepi16_epi32(packed)));
@@ -96,6 +109,7 @@ TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
     const __m256i upper_bytes =
         _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 4, 5, 6, -1, 7,
                          8, 9, -1, 10, 11, 12, -1, 13, 14, 15);
+#pragma GCC unroll 4
     for (std::size_t i = 0; i < count; i += step) {
         const __m128i first = _mm_loadu_si128(vector128(from + 3 * i));
         const __m128i second = _mm_loadu_si128(vector128(from + 3 * i + 8));
@@ -107,6 +121,7 @@ TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
 
 TAVISTRO_AVX2 void int32_to_float_avx2(const unsigned char* from, float* to,
                                        std::size_t count) noexcept {
+#pragma GCC unroll 4
     for (std::size_t i = 0; i < count; i += step) {
         _mm_storeu_ps(to + i, over_full_scale_32(_mm_loadu_si128(vector128(from + 4 * i))));
         _mm_storeu_ps(to + i + 4,
@@ -119,6 +134,7 @@ TAVISTRO_AVX2 void int16_from_float_avx2(unsigned char* to, const float* from,
     const __m256i lower_bytes =
         _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4, 5, 8, 9,
                          12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
+#pragma GCC unroll 4
     for (std::size_t i = 0; i < count; i += step) {
         const __m256i halves = _mm256_shuffle_epi8(times_full_scale<16>(from + i), lower_bytes);
         const __m256i packed = _mm256_permute4x64_epi64(halves, 0b1000);
@@ -132,6 +148,7 @@ TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
         _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
                          8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
     const __m256i used_words = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+#pragma GCC unroll 4
     for (std::size_t i = 0; i < count; i += step) {
         const __m256i halves = _mm256_shuffle_epi8(times_full_scale<24>(from + i), lower_bytes);
         const __m256i packed = _mm256_permutevar8x32_epi32(halves, used_words);
@@ -142,13 +159,9 @@ TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
 
 TAVISTRO_AVX2 void int32_from_float_avx2(unsigned char* to, const float* from,
                                          std::size_t count) noexcept {
-    for (std::size_t i = 0; i < count; i += step) {
-        const __m256 samples = load_limited(from + i);
-        _mm_storeu_si128(vector128(to + 4 * i),
-                         times_full_scale_32(_mm256_castps256_ps128(samples)));
-        _mm_storeu_si128(vector128(to + 4 * i + 16),
-                         times_full_scale_32(_mm256_extractf128_ps(samples, 1)));
-    }
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < count; i += step)
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + 4 * i), times_full_scale_32(from + i));
 }
 
 }  // namespace tavistro

@@ -91,7 +91,7 @@ void ClientSession::handle_datagram(std::span<const std::uint8_t> datagram,
                                     const platform::Ipv4Endpoint& source) {
     using TavistroProtocol::MessageType;
     if (!running() || source != server_) return;
-    switch (TavistroProtocol::type_of(datagram)) {
+    switch (TavistroProtocol::stated_type(datagram)) {
         case MessageType::Audio:
             return handle_audio(datagram);
         case MessageType::Sync:

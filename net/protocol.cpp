@@ -84,10 +84,6 @@ inline DecodeResult check_header(std::span<const std::uint8_t> bytes) {
     return DecodeResult::valid;
 }
 
-inline MessageType stated_type(std::span<const std::uint8_t> bytes) {
-    return static_cast<MessageType>(get<std::uint16_t>(bytes, 6));
-}
-
 bool lies_within_block(const AudioFragment& fragment) {
     if (fragment.frames == 0 || fragment.channels == 0) return false;
     if (fragment.channel_count == 0 || fragment.frame_count == 0) return false;
@@ -166,8 +162,9 @@ Decoded<Header> decode_header(std::span<const std::uint8_t> bytes) {
             {stated_type(bytes), get<std::uint32_t>(bytes, 8), get<std::uint32_t>(bytes, 12)}};
 }
 
-MessageType type_of(std::span<const std::uint8_t> bytes) {
-    return check_header(bytes) == DecodeResult::valid ? stated_type(bytes) : MessageType{};
+MessageType stated_type(std::span<const std::uint8_t> bytes) noexcept {
+    if (bytes.size() < wire::header_bytes) return {};
+    return static_cast<MessageType>(get<std::uint16_t>(bytes, 6));
 }
 
 DecodeResult decode_expected(std::span<const std::uint8_t> bytes, MessageType type,

@@ -151,8 +151,9 @@ bool encode_audio_block(const AudioBlockView& block, std::uint32_t udp_payload_b
                         DatagramList& datagrams);
 
 Decoded<Header> decode_header(std::span<const std::uint8_t> bytes);
-/// Of a datagram with a valid header; MessageType{} for any other bytes.
-MessageType type_of(std::span<const std::uint8_t> bytes);
+/// What the header says of itself, unchecked: which decoder to ask. MessageType{} for a datagram
+/// that is too short to have a header.
+MessageType stated_type(std::span<const std::uint8_t> bytes) noexcept;
 /// Header, then type, then size: what every message of a fixed size must pass.
 DecodeResult decode_expected(std::span<const std::uint8_t> bytes, MessageType type,
                              std::size_t exact_bytes);

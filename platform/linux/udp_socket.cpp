@@ -158,7 +158,7 @@ SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
 // double the calls of the thread that handles every fragment.
 ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
     const std::uint32_t timeout_ms = receive_timeout_ms_;
-    const std::int64_t started = performance_counter();
+    const std::int64_t started = timeout_ms != 0 ? performance_counter() : 0;
     RunReceive receive_now(buffer);
     while (is_open()) {
         if (timeout_ms != 0) {
