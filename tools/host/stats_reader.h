@@ -29,6 +29,10 @@ class StatsReader {
     /// not, or no longer, one of this layout.
     std::optional<tavistro_stats_block> read() const;
 
+    /// False when the engine whose block is open has died: its process is gone, the block stayed.
+    /// Where a block ends with its engine, always true.
+    bool is_held() const noexcept;
+
   private:
     using Words = std::array<std::uint64_t, TAVISTRO_STATS_BLOCK_BYTES / sizeof(std::uint64_t)>;
     /// Every word in one piece; false when no block is open or it has lost its size.

@@ -14,7 +14,8 @@ class ClientWatch {
     std::uint32_t client_id() const noexcept { return client_id_; }
 
     /// Reads the block as it is now. `time_ms` is milliseconds since 1970 and must not go back by
-    /// much: an engine that has not changed its block for three seconds counts as silent.
+    /// much: an engine that has not changed its block for five seconds counts as silent, and one
+    /// whose process has died at once.
     Sample look(std::int64_t time_ms);
 
   private:

@@ -21,22 +21,22 @@ constexpr double most_ppm_of_a_clock = 10'000;
 constexpr double least_ppm_told = 150;
 /// A fill that swings by blocks is never quite on target.
 constexpr double least_blocks_off = 1.5;
-/// Gain of the drift control: ppm per fill that is off by the whole target.
-constexpr double control_ppm = 350;
 constexpr double least_replaced_per_s = 0.5;
 constexpr double least_replaced = 5;
+constexpr double much_lost_percent = 10;
 constexpr double least_late_us = 2500;
+constexpr double least_notices_missed = 0.03;  ///< of all
 constexpr double most_pauses_per_s = 3;  // of a busy computer, that a device may miss periods for
 constexpr double spare_blocks = 3;
 
 constexpr std::pair<Cause, std::string_view> cause_names[] = {
-    {Cause::engine_absent, "no engine"},           {Cause::engine_silent, "engine silent"},
-    {Cause::engine_ended, "engine stopped"},       {Cause::engine_failed, "engine failed"},
-    {Cause::server_stopped, "server stopped"},     {Cause::format_mismatch, "format mismatch"},
-    {Cause::device_stall, "device stall"},         {Cause::host_overload, "host overload"},
-    {Cause::network_loss, "network loss"},         {Cause::late_network, "late network"},
-    {Cause::device_too_slow, "device too slow"},   {Cause::device_too_fast, "device too fast"},
-    {Cause::buffer_too_small, "buffer too small"},
+    {Cause::engine_absent, "no engine"},         {Cause::engine_silent, "engine silent"},
+    {Cause::engine_ended, "engine stopped"},     {Cause::engine_failed, "engine failed"},
+    {Cause::server_stopped, "server stopped"},   {Cause::format_mismatch, "format mismatch"},
+    {Cause::device_stall, "device stall"},       {Cause::host_overload, "host overload"},
+    {Cause::network_loss, "network loss"},       {Cause::missing_notices, "missing notices"},
+    {Cause::late_network, "late network"},       {Cause::device_too_slow, "device too slow"},
+    {Cause::device_too_fast, "device too fast"}, {Cause::buffer_too_small, "buffer too small"},
 };
 
 template <typename... Values>
@@ -85,7 +85,7 @@ class Judgement {
   public:
     explicit Judgement(std::span<const Step> steps)
         : from_s_(steps.front().from_s), until_s_(steps.back().until_s), in_(steps) {
-        judge_server();
+        judge_server(steps);
         if (in_.seconds < least_readings - 2 || !in_.has_format() || in_.last.target_frames == 0)
             return;
         spread_ = spread_of(in_);
@@ -100,16 +100,16 @@ class Judgement {
     void tell(Cause cause, double weight, std::string what) {
         findings_.push_back({cause, from_s_, until_s_, weight, std::move(what)});
     }
-    std::int64_t slips() const { return in_.underruns + in_.overruns; }
-    double host_pause_us() const {
-        return std::max({in_.host_late_us, in_.longest_period_us, in_.longest_delivery_us});
-    }
+    std::int64_t slips() const { return in_.slips(); }
+    double host_pause_us() const { return in_.longest_pause_us; }
 
-    void judge_server() {
+    void judge_server(std::span<const Step> steps) {
         if (in_.quiet_seconds == 0) return;
+        const bool nobody_wrote = std::ranges::all_of(
+            steps, [](const Step& step) { return is_same(step.before, step.after); });
         tell(Cause::server_stopped, in_.quiet_seconds,
-             text("nothing came from the server for %.0f s: it stopped, or the way to it is cut",
-                  in_.quiet_seconds));
+             text("nothing came from the server for %.0f s: it stopped, or the way to it is cut%s",
+                  in_.quiet_seconds, nobody_wrote ? "; or the engine hangs" : ""));
     }
 
     /// Whether the device runs its periods at all as the stream wants them.
@@ -158,9 +158,10 @@ class Judgement {
         return another_rate || nothing_queued;
     }
 
-    // Shorter pauses than two blocks any buffer holds.
+    // A pause now and then is not to blame for drop-outs at any time.
     bool host_late() const {
-        return host_pause_us() > std::max(least_late_us, 2 * in_.block_us()) && slips() > 0;
+        return host_pause_us() > in_.long_pause_us() && slips() > 0 &&
+               2 * in_.slips_beside_pauses >= slips();
     }
     /// A device whose thread waits for a processor misses its periods: `ppm`, microseconds in each
     /// second, is no more than some such waits a second.
@@ -176,7 +177,7 @@ class Judgement {
              text("this computer let threads wait for up to %.1f ms, %.1f blocks (%s); %s",
                   pause_us / 1e3, pause_us / in_.block_us(),
                   pause_us > in_.host_late_us ? "seen in the engine's own threads"
-                                              : "seen in the monitor's",
+                                              : "seen in the monitor's own thread",
                   drop_outs(in_).c_str()));
         return true;
     }
@@ -187,15 +188,20 @@ class Judgement {
             replaced > least_replaced_per_s && replaced * in_.seconds > least_replaced;
         const bool came_late = lost && in_.repeated_per_s > replaced / 2;
         if (lost && !came_late) {
+            const double percent = 100 * replaced / in_.blocks_per_s();
             tell(Cause::network_loss, replaced,
-                 text("%.1f blocks a second (%.1f %%) never came; silence was played for them",
-                      replaced, 100 * replaced / in_.blocks_per_s()));
+                 text("%.1f blocks a second (%.1f %%) never came; silence was played for them%s",
+                      replaced, percent,
+                      percent < much_lost_percent ? ""
+                                                  : "; or another engine has this client_id, and "
+                                                    "the server serves them in turn"));
         } else if (came_late) {
             tell(Cause::late_network, replaced,
                  text("%.1f blocks a second (%.1f %%) came after their turn; silence was played "
                       "for them",
                       replaced, 100 * replaced / in_.blocks_per_s()));
         }
+        if (!lost) judge_notices();
         const bool held = slips() == 0;
         // What the buffer holds with ease is no finding, and a few late blocks are not to blame for
         // many drop-outs.
@@ -203,7 +209,11 @@ class Judgement {
                                          : std::max(least_late_us, in_.block_us());
         const bool late = spread_.at_least > told_from_us && 2 * spread_.late >= slips() &&
                           !(host_explains && spread_.at_least < 2 * host_pause_us());
-        if (!late) return came_late || (lost && in_.underruns == 0);
+        // Many blocks lost in a row outlast the buffer, and the silence for them is too much for it
+        // then.
+        const bool loss_explains = lost && in_.overruns <= in_.underruns &&
+                                   static_cast<double>(in_.underruns) <= replaced * in_.seconds;
+        if (!late) return came_late || loss_explains;
         const double needed = std::ceil(spread_.at_most / in_.block_us()) + spare_blocks;
         if (!came_late) {
             tell(Cause::late_network, spread_.at_most / 1e3,
@@ -218,13 +228,23 @@ class Judgement {
         return true;
     }
 
+    void judge_notices() {
+        const double missed = 1 - in_.notices_per_s / in_.blocks_per_s();
+        if (missed < least_notices_missed) return;
+        tell(
+            Cause::missing_notices, missed,
+            text("%.1f %% of the notices of the server's clock never came, while the audio did; no "
+                 "input was sent for them",
+                 100 * missed));
+    }
+
     /// Whether the two clocks, or the device's punctuality, are more than the buffer holds.
     void judge_clocks() {
         const double slipped_ppm = 1e6 * static_cast<double>(in_.overruns - in_.underruns) *
                                    in_.last.stream_block_frames /
                                    static_cast<double>(std::max<std::int64_t>(
                                        in_.rendered_frames, in_.last.stream_block_frames));
-        const double held_ppm = control_ppm * in_.mean_error_frames / in_.last.target_frames;
+        const double held_ppm = in_.read_speed_ppm;
         const double server_faster_ppm = slipped_ppm + held_ppm;
         const auto [fewer, more] = std::minmax(in_.underruns, in_.overruns);
         const bool like_a_clock = 10 * fewer <= more && std::abs(slipped_ppm) < most_ppm_of_a_clock;
@@ -257,6 +277,15 @@ class Judgement {
     std::vector<Finding> findings_;
 };
 
+/// Without the readings of an engine that had died or hung already.
+std::span<const Sample> until_the_last_word(std::span<const Sample> samples) {
+    if (samples.back().presence != Presence::silent) return samples;
+    while (samples.size() > 1 && samples[samples.size() - 2].stats &&
+           is_same(*samples[samples.size() - 2].stats, *samples.back().stats))
+        samples = samples.first(samples.size() - 1);
+    return samples;
+}
+
 /// Neighbours of one cause become one.
 void merge(std::vector<Finding>& all, std::vector<Finding> more) {
     constexpr double neighbourhood_s = piece_s;
@@ -278,7 +307,7 @@ void merge(std::vector<Finding>& all, std::vector<Finding> more) {
 
 void judge_presence(std::span<const Sample> samples, std::vector<Finding>& findings) {
     const Sample& last = samples.back();
-    const double at = static_cast<double>(last.time_ms - samples.front().time_ms) / 1000.0;
+    const double at = seconds_between(samples.front(), last);
     const auto tell = [&](Cause cause, std::string what) {
         findings.push_back({cause, at, at, 1, std::move(what)});
     };
@@ -304,11 +333,12 @@ std::string_view cause_text(Cause cause) {
 std::vector<Finding> diagnose(std::span<const Sample> samples) {
     std::vector<Finding> findings;
     if (samples.empty()) return findings;
-    const std::vector<Step> steps = steps_of(samples);
+    const std::vector<Step> steps = steps_of(until_the_last_word(samples));
     for (std::span<const Step> rest(steps); !rest.empty();) {
         const double end_s = rest.front().from_s + piece_s;
-        const auto end =
-            std::ranges::find_if(rest, [=](const Step& step) { return step.from_s >= end_s; });
+        const auto end = std::ranges::find_if(rest, [&](const Step& step) {
+            return step.from_s >= end_s || !step.same_format(rest.front());
+        });
         const auto count = static_cast<std::size_t>(end - rest.begin());
         merge(findings, Judgement(rest.first(count)).take());
         rest = rest.subspan(count);

@@ -24,6 +24,7 @@ enum class Cause {
     device_stall,
     host_overload,
     network_loss,
+    missing_notices,
     late_network,
     device_too_slow,  ///< than the server
     device_too_fast,

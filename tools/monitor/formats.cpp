@@ -193,6 +193,16 @@ std::string to_prometheus(std::span<const Sample> samples) {
     text.family("tavistro_up", FieldKind::gauge, "Whether an engine of this client_id is running");
     for (const Sample& sample : samples)
         text.value("tavistro_up", sample.client_id, "", sample.presence == Presence::alive ? 1 : 0);
+    text.family(
+        "tavistro_blocks_replaced_per_sec", FieldKind::gauge,
+        "Blocks queued beyond those received, in the last second: silence for lost ones. The "
+        "two are counted in seconds of their own, so judge by averages");
+    for (const Sample& sample : samples) {
+        if (sample.presence != Presence::alive) continue;
+        text.value("tavistro_blocks_replaced_per_sec", sample.client_id, "",
+                   std::int64_t{sample.stats->player_recv_blocks_per_sec} -
+                       sample.stats->client_recv_blocks_per_sec);
+    }
     for (const Field& field : fields()) {
         if (field.name == "client_id") continue;
         const std::string name = prometheus_name(field);

@@ -23,20 +23,20 @@ constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::milliseconds pause_after_failure{100};
 constexpr int most_connections = 64;
 
-tcp::endpoint endpoint_of(const std::string& text) {
+std::optional<tcp::endpoint> endpoint_of(const std::string& text) {
     const std::size_t colon = text.rfind(':');
     std::string address = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
     const std::string port_text = colon == std::string::npos ? text : text.substr(colon + 1);
     if (address.size() > 2 && address.front() == '[' && address.back() == ']')
         address = address.substr(1, address.size() - 2);
+    if (address == "localhost") address = "127.0.0.1";
     std::uint16_t port = 0;
     const char* const end = port_text.data() + port_text.size();
     const auto parsed = std::from_chars(port_text.data(), end, port);
     beast::error_code error;
     const auto ip = asio::ip::make_address(address, error);
-    if (error || parsed.ec != std::errc() || parsed.ptr != end || port_text.empty())
-        throw std::runtime_error("'" + text + "' is not [ADDR:]PORT");
-    return {ip, port};
+    if (error || parsed.ec != std::errc() || parsed.ptr != end || port_text.empty()) return {};
+    return tcp::endpoint{ip, port};
 }
 
 /// One connection: requests one after the other, until the client closes or is too slow.
@@ -129,10 +129,15 @@ class HttpServer::Listener {
     std::thread thread_;
 };
 
+bool is_http_address(const std::string& address) {
+    return endpoint_of(address).has_value();
+}
+
 HttpServer::HttpServer(const std::string& address, Pages pages) {
-    const tcp::endpoint endpoint = endpoint_of(address);
+    const auto endpoint = endpoint_of(address);
+    if (!endpoint) throw std::runtime_error("'" + address + "' is not [ADDR:]PORT");
     try {
-        listener_ = std::make_unique<Listener>(endpoint, std::move(pages));
+        listener_ = std::make_unique<Listener>(*endpoint, std::move(pages));
     } catch (const boost::system::system_error& error) {
         throw std::runtime_error("cannot listen at " + address + ": " + error.code().message());
     }

@@ -15,6 +15,9 @@ struct HttpPage {
     std::string body;
 };
 
+/// Whether `address` is "[ADDR:]PORT", with a number or localhost as ADDR.
+bool is_http_address(const std::string& address);
+
 class HttpServer {
   public:
     /// The page of a target ("/metrics", "/samples.json?after=5"); nothing for one that does not

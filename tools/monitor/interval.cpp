@@ -11,10 +11,6 @@ namespace {
 constexpr double shortest_step_s = 0.9;
 constexpr double longest_step_s = 10;
 
-bool is_running(const Sample& sample) {
-    return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
-}
-
 /// Counters start anew with each start of the network client or the player.
 bool one_run(const tavistro_stats_block& before, const tavistro_stats_block& after) {
     return after.rendered_frames >= before.rendered_frames &&
@@ -30,6 +26,29 @@ std::uint32_t risen(std::uint32_t before, std::uint32_t after) {
 
 }  // namespace
 
+bool is_running(const Sample& sample) {
+    return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
+}
+
+double read_speed_ppm(const tavistro_stats_block& stats) {
+    constexpr double correction_ppm = 350;
+    constexpr double most_ppm = 4500;
+    if (stats.target_frames == 0) return 0;
+    const double fill = (static_cast<double>(stats.min_frames) + stats.max_frames) / 2;
+    const double off = (fill - stats.target_frames) / stats.target_frames;
+    return std::clamp(stats.ratio_ppm + correction_ppm * off, -most_ppm, most_ppm);
+}
+
+std::uint32_t Step::longest_pause_us() const {
+    return std::max({host_late_us,
+                     risen(before.callback_duration_max_us, after.callback_duration_max_us),
+                     risen(before.block_callback_max_us, after.block_callback_max_us)});
+}
+
+std::int64_t Step::slips() const {
+    return std::int64_t{after.underruns} - before.underruns + after.overruns - before.overruns;
+}
+
 std::vector<Step> steps_of(std::span<const Sample> samples) {
     std::vector<Step> steps;
     const Sample* previous = nullptr;
@@ -40,14 +59,12 @@ std::vector<Step> steps_of(std::span<const Sample> samples) {
             continue;
         }
         host_late_us = std::max(host_late_us, sample.host_late_us.value_or(0));
-        const auto seconds_at = [&](const Sample& s) {
-            return static_cast<double>(s.time_ms - samples.front().time_ms) / 1000.0;
-        };
         const bool comparable = previous != nullptr && one_run(*previous->stats, *sample.stats);
-        const double seconds = comparable ? seconds_at(sample) - seconds_at(*previous) : 0;
+        const double seconds = comparable ? seconds_between(*previous, sample) : 0;
         if (comparable && seconds >= 0 && seconds < shortest_step_s) continue;
         if (comparable && seconds > 0 && seconds <= longest_step_s)
-            steps.push_back({seconds_at(*previous), seconds_at(sample), host_late_us,
+            steps.push_back({seconds_between(samples.front(), *previous),
+                             seconds_between(samples.front(), sample), host_late_us,
                              *previous->stats, *sample.stats});
         previous = &sample;
         host_late_us = 0;
@@ -64,9 +81,10 @@ Interval::Interval(std::span<const Step> steps) {
         was_quiet = step.server_is_quiet();
         last = step.after;
     }
+    add_pauses(steps);
     if (seconds == 0) return;
-    for (double* rate :
-         {&received_per_s, &repeated_per_s, &queued_per_s, &periods_per_s, &mean_error_frames})
+    for (double* rate : {&received_per_s, &repeated_per_s, &queued_per_s, &periods_per_s,
+                         &mean_error_frames, &read_speed_ppm, &notices_per_s})
         *rate /= seconds;
 }
 
@@ -86,13 +104,30 @@ void Interval::add(const Step& step) {
     rendered_frames += static_cast<std::int64_t>(b.rendered_frames - a.rendered_frames);
     mean_error_frames += s * ((static_cast<double>(b.min_frames) + b.max_frames) / 2 -
                               static_cast<double>(b.target_frames));
+    read_speed_ppm += s * monitor::read_speed_ppm(b);
     for (std::size_t i = 0; i < sync_delays.size(); ++i)
         sync_delays[i] += b.sync_delay_histogram[i] - a.sync_delay_histogram[i];
-    host_late_us = std::max(host_late_us, step.host_late_us);
-    longest_period_us =
-        std::max(longest_period_us, risen(a.callback_duration_max_us, b.callback_duration_max_us));
-    longest_delivery_us =
-        std::max(longest_delivery_us, risen(a.block_callback_max_us, b.block_callback_max_us));
+    // Notices are counted once the clocks are known; before, none is missed.
+    notices_per_s += a.sync_delay_samples != 0
+                         ? static_cast<double>(b.sync_delay_samples - a.sync_delay_samples)
+                         : s * b.stream_sample_rate / b.stream_block_frames;
+}
+
+void Interval::add_pauses(std::span<const Step> steps) {
+    if (!has_format()) return;
+    bool paused = false;
+    for (const Step& step : steps) {
+        const bool pauses = step.longest_pause_us() > long_pause_us();
+        if (pauses || paused) slips_beside_pauses += step.slips();
+        paused = pauses;
+        host_late_us = std::max(host_late_us, step.host_late_us);
+        longest_pause_us = std::max(longest_pause_us, step.longest_pause_us());
+    }
+}
+
+double Interval::long_pause_us() const {
+    constexpr double shortest_us = 2500;
+    return std::max(shortest_us, 2 * block_us());
 }
 
 double Interval::replaced_per_s() const {

@@ -11,6 +11,10 @@
 
 namespace tavistro::monitor {
 
+/// How much faster than its clock the device's side reads the buffer, in ppm: what the clocks seem
+/// to differ by, and what brings a fill that is off by the whole target back. Negative for slower.
+double read_speed_ppm(const tavistro_stats_block& stats);
+
 /// Two readings of one run of the audio path, a second or more apart.
 struct Step {
     double from_s;
@@ -20,14 +24,25 @@ struct Step {
     tavistro_stats_block after;
 
     double seconds() const { return until_s - from_s; }
+    /// The longest that this computer was seen to let a thread wait.
+    std::uint32_t longest_pause_us() const;
+    std::int64_t slips() const;
+    bool same_format(const Step& other) const {
+        return after.stream_sample_rate == other.after.stream_sample_rate &&
+               after.stream_block_frames == other.after.stream_block_frames;
+    }
     /// Not one notice of the server's clock arrived.
     bool server_is_quiet() const { return after.sync_delay_samples == before.sync_delay_samples; }
 };
 
+/// An engine writes, and plays.
+bool is_running(const Sample& sample);
+
 /// Pairs of consecutive readings of an engine that runs, without those across a restart.
 std::vector<Step> steps_of(std::span<const Sample> samples);
 
-/// Sums and averages over steps during which the server was heard. Rates are per second.
+/// Sums and averages over steps of one format during which the server was heard. Rates are per
+/// second.
 struct Interval {
     explicit Interval(std::span<const Step> steps);
 
@@ -43,16 +58,20 @@ struct Interval {
     std::int64_t dropped = 0;  ///< blocks, overruns among them
     std::int64_t rendered_frames = 0;
     double mean_error_frames = 0;  ///< fill minus target
+    double read_speed_ppm = 0;     ///< as of a single reading
     Histogram sync_delays{};       ///< of the interval alone
+    double notices_per_s = 0;      ///< of the server's clock, from when the clocks were known
     std::uint32_t host_late_us = 0;
-    std::uint32_t longest_period_us = 0;    ///< work of a period, where it was a new maximum
-    std::uint32_t longest_delivery_us = 0;  ///< of a block, likewise
+    std::uint32_t longest_pause_us = 0;    ///< host_late_us and what the engine's threads met
+    std::int64_t slips_beside_pauses = 0;  ///< in steps with a long pause, or right behind one
     tavistro_stats_block last{};
 
+    /// Device periods without a block, and blocks without a place.
+    std::int64_t slips() const { return underruns + overruns; }
+    /// Shorter pauses than two blocks any buffer holds.
+    double long_pause_us() const;
     double block_us() const { return 1e6 * last.stream_block_frames / last.stream_sample_rate; }
-    double blocks_per_s() const {
-        return static_cast<double>(last.stream_sample_rate) / last.stream_block_frames;
-    }
+    double blocks_per_s() const { return 1e6 / block_us(); }
     double latency_blocks() const {
         return static_cast<double>(last.target_frames) / last.stream_block_frames;
     }
@@ -62,6 +81,7 @@ struct Interval {
 
   private:
     void add(const Step& step);
+    void add_pauses(std::span<const Step> steps);
 };
 
 }  // namespace tavistro::monitor

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <chrono>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -98,14 +99,30 @@ std::ofstream open_for_writing(const std::string& path) {
     return file;
 }
 
-std::vector<Sample> recording_at(const std::string& path) {
+/// Of the clients wanted, or of all if none is named.
+std::vector<Sample> recording_at(const std::string& path,
+                                 const std::vector<std::uint32_t>& client_ids) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw std::runtime_error("cannot read " + path);
+    std::vector<Sample> samples;
     try {
-        return read_recording(file);
+        samples = read_recording(file);
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(path + ": " + error.what());
     }
+    std::erase_if(samples, [&](const Sample& sample) {
+        return !client_ids.empty() &&
+               std::ranges::find(client_ids, sample.client_id) == client_ids.end();
+    });
+    if (samples.empty()) throw std::runtime_error(path + ": no reading of such an engine");
+    return samples;
+}
+
+/// A recording may hold what will not come again: it is not overwritten.
+std::ofstream open_recording(const std::string& path) {
+    if (std::filesystem::exists(path))
+        throw std::runtime_error(path + " exists already; name another file to record to");
+    return open_for_writing(path);
 }
 
 Histories by_client(const std::vector<Sample>& samples) {
@@ -127,8 +144,10 @@ bool explain(const Histories& histories, std::ostream& out) {
         const auto findings = diagnose(samples);
         out << "client " << id << '\n';
         for (const Finding& finding : findings) {
-            out << "  " << time_text(finding.from_s) << " to " << time_text(finding.until_s) << "  "
-                << cause_text(finding.cause) << ": " << finding.text << '\n';
+            out << "  ";
+            if (finding.until_s > finding.from_s)
+                out << time_text(finding.from_s) << " to " << time_text(finding.until_s) << "  ";
+            out << cause_text(finding.cause) << ": " << finding.text << '\n';
         }
         found = found || !findings.empty();
         if (!findings.empty()) continue;
@@ -136,12 +155,9 @@ bool explain(const Histories& histories, std::ostream& out) {
             out << "  too short a time to judge\n";
         } else {
             out << "  nothing wrong in "
-                << time_text(static_cast<double>(samples.back().time_ms - samples.front().time_ms) /
-                             1000.0)
-                << '\n';
+                << time_text(seconds_between(samples.front(), samples.back())) << '\n';
         }
     }
-    if (histories.empty()) out << "the recording is empty\n";
     return found;
 }
 
@@ -176,8 +192,10 @@ class Screen {
             lines.clear();
             for (const Sample& sample : samples)
                 lines.push_back(short_view(sample, size.columns));
+            lines.emplace_back("a higher window shows more");
             lines.resize(std::min(lines.size(), size.rows));
         }
+        if (redraws_ && lines.size() < size.rows) lines.emplace_back("Ctrl-C ends");
         put(lines);
     }
 
@@ -220,7 +238,7 @@ void follow(const Options& options, const std::atomic<bool>& stop, const Functio
 
 int watch(const Options& options, std::ostream& out, const std::atomic<bool>& stop) {
     std::ofstream record;
-    if (!options.record_path.empty()) record = open_for_writing(options.record_path);
+    if (!options.record_path.empty()) record = open_recording(options.record_path);
     Newest newest;
     std::optional<HttpServer> server;
     if (!options.http_address.empty()) {
@@ -248,7 +266,7 @@ int watch(const Options& options, std::ostream& out, const std::atomic<bool>& st
 }
 
 int write_report(const Options& options, std::ostream& out) {
-    const std::vector<Sample> samples = recording_at(options.recording_path);
+    const std::vector<Sample> samples = recording_at(options.recording_path, {});
     std::ostringstream explanation;
     explain(by_client(samples), explanation);
     const std::string path =
@@ -263,7 +281,7 @@ int write_report(const Options& options, std::ostream& out) {
 int explain_now_or_then(const Options& options, std::ostream& out, const std::atomic<bool>& stop) {
     Histories histories;
     if (!options.recording_path.empty()) {
-        histories = by_client(recording_at(options.recording_path));
+        histories = by_client(recording_at(options.recording_path, options.client_ids));
     } else {
         follow(options, stop, [&](const std::vector<Sample>& samples) {
             for (const Sample& sample : samples)

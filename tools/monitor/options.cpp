@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "tools/monitor/http_server.h"
 #include "tools/number_range.h"
 
 namespace tavistro::monitor {
@@ -37,9 +38,14 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     app.add_option("--interval", options.interval_s, "Seconds from one reading to the next")
         ->check(number_range(0.05, 3600.0));
     app.add_option("--seconds", options.seconds, "End after so many seconds")->check(time);
-    app.add_option("--record", options.record_path, "Also write every reading to FILE");
+    app.add_option("--record", options.record_path,
+                   "Also write every reading to FILE, which must not exist yet");
     app.add_option("--http", options.http_address,
-                   "Also serve a page and /metrics for Prometheus at [ADDR:]PORT");
+                   "Also serve a page and /metrics for Prometheus at [ADDR:]PORT; ADDR is a "
+                   "number or localhost, which is the default")
+        ->check([](const std::string& text) {
+            return is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
+        });
 
     CLI::App* const report =
         app.add_subcommand("report", "Turn a recording into one HTML page with plots");
@@ -58,6 +64,12 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         app.parse(argc, argv);
         if (report->parsed() && explain->parsed())
             throw CLI::ValidationError("report and explain do not go together");
+        const bool watches = !report->parsed() && !explain->parsed();
+        if (!watches && (options.once || json || csv || !options.record_path.empty() ||
+                         !options.http_address.empty()))
+            throw CLI::ValidationError(
+                "--once, --json, --csv, --record and --http are for watching alone");
+        if (options.client_ids.empty() && options.recording_path.empty()) options.client_ids = {1};
     } catch (const CLI::Success& help) {
         exit_code = app.exit(help);
         return std::nullopt;

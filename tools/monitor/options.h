@@ -13,7 +13,7 @@ struct Options {
     enum class Format { view, json, csv };
 
     Task task = Task::watch;
-    std::vector<std::uint32_t> client_ids{1};
+    std::vector<std::uint32_t> client_ids;  ///< of a recording; empty for all of it
     Format format = Format::view;
     bool once = false;
     double interval_s = 1;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <optional>
 
 #include "tavistro/stats_block.h"
@@ -24,5 +25,13 @@ struct Sample {
     std::optional<std::uint32_t> host_late_us{};
     std::optional<tavistro_stats_block> stats{};  ///< nothing when absent
 };
+
+inline double seconds_between(const Sample& first, const Sample& second) {
+    return static_cast<double>(second.time_ms - first.time_ms) / 1000.0;
+}
+
+inline bool is_same(const tavistro_stats_block& a, const tavistro_stats_block& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
 
 }  // namespace tavistro::monitor

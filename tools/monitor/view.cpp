@@ -5,7 +5,7 @@
 
 #include "tavistro/engine.h"
 #include "tools/host/texts.h"
-#include "tools/monitor/fields.h"
+#include "tools/monitor/interval.h"
 
 namespace tavistro::monitor {
 
@@ -22,8 +22,9 @@ double ms(double microseconds) {
     return microseconds / 1000.0;
 }
 
-std::string presence_line(const Sample& sample) {
-    const std::string who = "client " + std::to_string(sample.client_id) + "   ";
+/// `numbers` stand between the client and its state.
+std::string presence_line(const Sample& sample, const std::string& numbers = {}) {
+    const std::string who = "client " + std::to_string(sample.client_id) + "   " + numbers;
     if (!sample.stats) return who + "no engine with this client_id; waiting for a start";
     const tavistro_stats_block& s = *sample.stats;
     std::string line = who;
@@ -36,7 +37,7 @@ std::string presence_line(const Sample& sample) {
     line += host::state_text(s.state);
     if (s.stream_sample_rate > 0)
         line += text("   %u Hz, %u frames", s.stream_sample_rate, s.stream_block_frames);
-    if (sample.presence == Presence::silent) line += "   NOBODY WRITES: process dead or hanging";
+    if (sample.presence == Presence::silent) line += "   NOBODY WRITES: dead or hanging";
     return line;
 }
 
@@ -54,10 +55,12 @@ std::string buffer_line(const tavistro_stats_block& s) {
                 s.target_frames, ms(s.buffer_us));
 }
 
+/// Percentiles are upper bounds of buckets.
 std::string delay_line(const char* name, std::uint32_t last, std::uint32_t min, std::uint32_t p50,
                        std::uint32_t p95, std::uint32_t p99, std::uint32_t max) {
+    const auto at_most = [max](std::uint32_t bound) { return ms(std::min(bound, max)); };
     return text("%-8s last %.2f  min %.2f  p50 %.2f  p95 %.2f  p99 %.2f  max %.2f ms", name,
-                ms(last), ms(min), ms(p50), ms(p95), ms(p99), ms(max));
+                ms(last), ms(min), at_most(p50), at_most(p95), at_most(p99), ms(max));
 }
 
 constexpr const char* bucket_heading =
@@ -79,14 +82,25 @@ std::string histogram_line(const char* name, const std::uint32_t (&counts)[10]) 
     return line + " %";
 }
 
-std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block* before) {
+/// Blocks a second that never came, of late; empty for next to none.
+std::string loss_text(std::span<const Sample> history) {
+    constexpr std::size_t lately = 10;
+    constexpr double least_told = 0.5;
+    const auto steps = steps_of(history.last(std::min(history.size(), lately)));
+    const Interval interval(steps);
+    const bool told = interval.seconds > 0 && interval.replaced_per_s() > least_told;
+    return told ? text("never came %.1f/s  ", interval.replaced_per_s()) : "";
+}
+
+std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block* before,
+                       const std::string& loss) {
     const auto one = [&](const char* name, std::uint32_t tavistro_stats_block::*count) {
         std::string item = text("%s %u", name, s.*count);
         if (before != nullptr && s.*count > before->*count)
             item += text(" (+%u)", s.*count - before->*count);
         return item;
     };
-    return "drops    " + one("underruns", &tavistro_stats_block::underruns) + "  " +
+    return "drops    " + loss + one("underruns", &tavistro_stats_block::underruns) + "  " +
            one("overruns", &tavistro_stats_block::overruns) + "  " +
            one("playback", &tavistro_stats_block::playback_dropped) + "  " +
            one("capture", &tavistro_stats_block::capture_dropped);
@@ -109,16 +123,17 @@ void add_wrapped(std::vector<std::string>& lines, std::string rest, std::size_t 
 }
 
 void add_numbers(std::vector<std::string>& lines, const tavistro_stats_block& s,
-                 const tavistro_stats_block* before) {
+                 const tavistro_stats_block* before, const std::string& loss) {
     lines.push_back(buffer_line(s));
     lines.push_back(
         text("         lowest %u, highest %u in the last second", s.min_frames, s.max_frames));
-    lines.push_back(text("clock    server %+d ppm against the device%s", s.ratio_ppm,
+    lines.push_back(text("speed    buffer read %+.0f ppm to hold its fill (clocks estimated %+d)%s",
+                         read_speed_ppm(s), s.ratio_ppm,
                          s.clock_synced != 0 ? "" : "   (offset not known yet)"));
     lines.push_back(text("a second received %u (again %u)  queued %u  periods %u  rendered %u",
                          s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec,
                          s.player_recv_blocks_per_sec, s.callbacks_per_sec, s.dequeued_per_sec));
-    lines.push_back(drops_line(s, before));
+    lines.push_back(drops_line(s, before, loss));
     lines.push_back(delay_line("rtt", s.rtt_last_us, s.rtt_min_us, s.rtt_p50_us, s.rtt_p95_us,
                                s.rtt_p99_us, s.rtt_max_us));
     lines.push_back(delay_line("sync", s.sync_delay_last_us, s.sync_delay_min_us,
@@ -145,7 +160,8 @@ std::vector<std::string> view(std::span<const Sample> history, std::span<const F
     if (now.stats) {
         const Sample* const earlier = history.size() > 1 ? &history[history.size() - 2] : nullptr;
         add_numbers(lines, *now.stats,
-                    earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr);
+                    earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr,
+                    loss_text(history));
     }
     for (const Finding& finding : findings) {
         if (finding.cause <= Cause::engine_failed) continue;  // the first line says so
@@ -158,13 +174,14 @@ std::vector<std::string> view(std::span<const Sample> history, std::span<const F
 }
 
 std::string short_view(const Sample& sample, std::size_t width) {
-    std::string line = presence_line(sample);
+    std::string line;
     if (sample.stats) {
         const tavistro_stats_block& s = *sample.stats;
-        line +=
-            text("   buffer %u/%u  drops %u+%u+%u+%u", s.playback_buffer_frames, s.target_frames,
-                 s.underruns, s.overruns, s.playback_dropped, s.capture_dropped);
+        line =
+            text("drops %u+%u+%u+%u  buffer %u/%u  ", s.underruns, s.overruns, s.playback_dropped,
+                 s.capture_dropped, s.playback_buffer_frames, s.target_frames);
     }
+    line = presence_line(sample, line);
     cut(line, width);
     return line;
 }

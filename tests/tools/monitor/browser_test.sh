@@ -21,14 +21,14 @@ page() {
     timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage \
         --user-data-dir="$work/profile" --virtual-time-budget=5000 --dump-dom "$1" 2>"$work/browser"
 }
-# draws NAME: the document on standard input shows the client and four charts with lines of numbers.
+# draws NAME: the document on standard input shows the client and four charts with 15 lines of numbers.
 draws() {
     cat >"$work/$1"
     local lines
     lines=$(grep -oP '<path d="M[\d.]+ [\d.]+L' "$work/$1" | wc -l)
-    if ((lines != 12)) || ! grep -q '<h2>client 77</h2>' "$work/$1" ||
+    if ((lines != 15)) || ! grep -q '<h2>client 77</h2>' "$work/$1" ||
         ! grep -qP 'Running.*48000 Hz, 128 frames' "$work/$1"; then
-        echo "$1: $lines lines instead of 12 are drawn:" >&2
+        echo "$1: $lines lines instead of 15 are drawn:" >&2
         tail -c 3000 "$work/$1" "$work/browser" >&2
         exit 1
     fi

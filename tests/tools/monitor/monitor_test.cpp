@@ -149,7 +149,7 @@ TEST_F(Http, AnswersWhatItHasAndRefusesTheRest) {
 
     const auto pages = [](std::string_view) { return std::optional<HttpPage>(); };
     for (const std::string& address :
-         {std::string(), std::string("x"), std::string("70000"), std::string("localhost:80"),
+         {std::string(), std::string("x"), std::string("70000"), std::string("elsewhere:80"),
           std::string("80 "), std::to_string(server.port())})
         EXPECT_THROW(HttpServer(address, pages), std::runtime_error) << address;
 }

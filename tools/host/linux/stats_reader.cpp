@@ -1,6 +1,7 @@
 #include "tools/host/stats_reader.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -23,6 +24,15 @@ bool StatsReader::open(std::uint32_t client_id) {
 void StatsReader::close() noexcept {
     if (handle_ != -1) ::close(static_cast<int>(handle_));
     handle_ = -1;
+}
+
+// Engines hold a shared lock for as long as they live. Should one start in this very instant, it
+// tries again.
+bool StatsReader::is_held() const noexcept {
+    const int fd = static_cast<int>(handle_);
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) return true;
+    flock(fd, LOCK_UN);
+    return false;
 }
 
 bool StatsReader::copy_to(Words& words) const {

@@ -25,6 +25,10 @@ void StatsReader::close() noexcept {
     handle_ = -1;
 }
 
+bool StatsReader::is_held() const noexcept {
+    return true;
+}
+
 bool StatsReader::copy_to(Words& words) const {
     if (handle_ == -1) return false;
     // The engine writes while we read: volatile makes each word one load.
