@@ -14,6 +14,7 @@
 #include "tools/host/run_command.h"
 #include "tools/host/servers_command.h"
 #include "tools/number_range.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::host {
 
@@ -42,6 +43,7 @@ void add_address(CLI::App& command, std::optional<std::uint32_t>& address) {
 int run_tool(int argc, char** argv) {
     CLI::App app("Console host for the Tavistro engine", "tavistro-host");
     app.require_subcommand(1);
+    add_version_flag(app);
 
     RunOptions options;
     CLI::App* const run = app.add_subcommand("run", "Run the engine and show what it does");
@@ -69,8 +71,8 @@ int run_tool(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::Success& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& asked_to_tell) {
+        return app.exit(asked_to_tell);
     } catch (const CLI::ParseError& error) {
         std::cerr << "tavistro-host: " << error.what() << "\n" << usage;
         return wrong_arguments;
