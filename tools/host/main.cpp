@@ -5,6 +5,7 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/driver_registry.h"
 #include "platform/udp_socket.h"
@@ -38,6 +39,14 @@ void add_address(CLI::App& command, std::optional<std::uint32_t>& address) {
             if (!address) throw CLI::ValidationError("--address", text + " is no IPv4 address");
         },
         "Ask this address alone");
+}
+
+/// CLI11 asks for a subcommand before it looks at what it did not understand.
+std::string fault_text(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining();
+    if (unknown.empty() || !app.get_subcommands().empty()) return error.what();
+    const char* const kind = unknown.front().starts_with('-') ? "option" : "subcommand";
+    return std::string("unknown ").append(kind).append(" '").append(unknown.front()).append("'");
 }
 
 int run_tool(int argc, char** argv) {
@@ -74,7 +83,7 @@ int run_tool(int argc, char** argv) {
     } catch (const CLI::Success& asked_to_tell) {
         return app.exit(asked_to_tell);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "tavistro-host: " << error.what() << "\n" << usage;
+        std::cerr << "tavistro-host: " << fault_text(app, error) << "\n" << usage;
         return wrong_arguments;
     }
     if (check->parsed()) return check_config(checked_path, std::cout, std::cerr);
