@@ -14,6 +14,7 @@
 #include "tools/host/engine_library.h"
 #include "tools/host/run_command.h"
 #include "tools/host/servers_command.h"
+#include "tools/host/twin_check.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
 
@@ -92,6 +93,7 @@ int run_tool(int argc, char** argv) {
         platform::look_for_drivers_beside(engine_library_path());
         return list_devices(devices_json, std::cout, std::cerr);
     }
+    warn_of_twin(options.config_path, std::cerr);
     return run_engine(options);
 }
 
