@@ -126,7 +126,10 @@ class HumanReport : public Report {
         } else {
             row("statistics") << "none were published\n";
         }
-        row("cpu") << fixed(summary.cpu_seconds / summary.seconds, 3) << " s per second of audio\n";
+        if (summary.has_played()) {
+            row("cpu") << fixed(summary.cpu_seconds / summary.seconds, 3)
+                       << " s per second of audio\n";
+        }
         row("last state") << state_text(summary.last.state) << '\n';
         row("last error") << error_text(summary.last.error_code) << std::endl;
     }
