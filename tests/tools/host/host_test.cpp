@@ -152,7 +152,6 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
     EXPECT_EQ(line_of(out.str(), "announce_period_ms"), "announce_period_ms 1000 default 1..3999");
     EXPECT_EQ(line_of(out.str(), "loopback_device"), "loopback_device 1 file");
     EXPECT_EQ(line_of(out.str(), "capture_capacity_blocks"), "capture_capacity_blocks 12 derived");
-    EXPECT_EQ(out.str().find("warning"), std::string::npos);
 }
 
 /// Runs the command on a file of this text; `out` and `errors` are what it says.
@@ -171,8 +170,9 @@ TEST(CheckCommand, NamesTheFaultAndTheMisspeltKeyBehindIt) {
     std::ostringstream errors;
     EXPECT_EQ(check_text("[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n", out, errors),
               1);
-    EXPECT_EQ(errors.str(), "Missing required key [network] server_port\n");
-    EXPECT_EQ(out.str(),
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(errors.str(),
+              "Missing required key [network] server_port\n"
               "warning: line 3: unknown key 'servre_port' in [network]: did you mean "
               "'server_port'?\n");
 }
