@@ -65,4 +65,14 @@ endif()
 # Documents, side by side as in the sources: their links lead to each other.
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents
         PATTERN man EXCLUDE)
-install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
+# The README's links to the headers lead to where they are installed. How to change the project is no
+# installed page, so the line that links to it is left out.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
+file(READ README.md readme)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_DOCDIR}
+           OUTPUT_VARIABLE doc_to_include)
+string(REPLACE "](include/" "](${doc_to_include}/" readme "${readme}")
+string(REGEX REPLACE "\n- \\[HACKING\\.md\\][^\n]*" "" readme "${readme}")
+file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
+install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        COMPONENT documents)

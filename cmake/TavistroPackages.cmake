@@ -3,7 +3,6 @@
 set(CPACK_PACKAGE_VENDOR Tavistro)
 set(CPACK_PACKAGE_CONTACT "Tavistro maintainers <maintainers@tavistro.invalid>" CACHE STRING
     "Whom packages name as their maintainer")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_COMPONENTS_ALL runtime development tools documents)
 if(TARGET tavistro-jack)
   list(APPEND CPACK_COMPONENTS_ALL jack)
@@ -29,36 +28,36 @@ else()
   set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
   set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # the soname tells what is compatible
   set(runtime_package libtavistro-engine${PROJECT_VERSION_MAJOR})
+  # One line each, which package tools show in lists: a summary for all would stand in its place.
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+  set(engine "networked low-latency audio client engine")
   set(same_version "(= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-  set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The engine's library and its driver without hardware.")
+  set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${engine}: library")
 
   # A package of its own: the library does without JACK.
   set(CPACK_DEBIAN_JACK_PACKAGE_NAME tavistro-driver-jack)
   set(CPACK_DEBIAN_JACK_PACKAGE_SECTION sound)
   set(CPACK_DEBIAN_JACK_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
-  set(CPACK_COMPONENT_JACK_DESCRIPTION "The engine's driver for JACK servers.")
+  set(CPACK_COMPONENT_JACK_DESCRIPTION "${engine}: driver for JACK")
 
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavistro-engine-dev)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
-  set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-      "Headers, CMake package and pkg-config file for programs that embed the engine.")
+  set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${engine}: headers, CMake and pkg-config files")
 
   set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavistro-tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS tavistro-doc)
-  set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-      "A reference server, a console host and a monitor of running engines.")
+  set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${engine}: server, console host, monitor")
 
   set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_NAME tavistro-doc)
   set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_SECTION doc)
   set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_ARCHITECTURE all)
-  set(CPACK_COMPONENT_DOCUMENTS_DESCRIPTION
-      "Documents for users and authors of hosts, configurations, small hosts in four languages.")
+  set(CPACK_COMPONENT_DOCUMENTS_DESCRIPTION "${engine}: documents, examples")
 endif()
 
 include(CPack)

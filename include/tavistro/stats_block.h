@@ -20,6 +20,10 @@
  * - Zero means "nothing yet" until the first report. The block goes away when the run ends and its
  *   last holder has closed it; a handle or mapping that is kept shows the last values. A new run
  *   makes a new block (or clears the one still held): reopen when state is 6 or 7.
+ * - The counters of the player (underruns, overruns, playback_dropped, capture_dropped,
+ *   rendered_frames) and its longest times start anew with each start of the audio path: also after
+ *   a recovery of the device or a change of the stream's format, within a run. Those of the network
+ *   client go on.
  * - Two engines with one client_id share one block and overwrite each other.
  *
  * Plain C99; usable from C++.

@@ -23,7 +23,7 @@ def help_of(tool):
         text = ask()
         commands = re.findall(r"^  (\w+) ", text.split("Subcommands:")[1], re.M) if "Subcommands:" in text else []
         options = re.findall(r"--[a-z][a-z-]+|(?<![\w-])-[a-z]\b", text + "".join(ask(c) for c in commands))
-        helps[tool] = set(options) | {"--help", "--version"}, commands
+        helps[tool] = set(options) | {"--help"}, commands
     return helps[tool]
 
 

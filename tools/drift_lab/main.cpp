@@ -15,6 +15,7 @@
 
 #include "tools/drift_lab/two_clocks.h"
 #include "tools/number_range.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::drift_lab {
 
@@ -170,6 +171,7 @@ int run_tool(int argc, char** argv) {
         "of the playback buffer in blocks, underruns / overruns",
         "tavistro-drift-lab");
     app.require_subcommand(1);
+    add_version_flag(app);
     app.fallthrough();
     app.add_option("--latency", options.latencies, "client_latency_blocks, one or more")
         ->check(CLI::Range(1, 128))

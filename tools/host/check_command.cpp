@@ -93,9 +93,9 @@ int check_config(const std::string& path, std::ostream& out, std::ostream& error
         list_keys(config, sections_of(bytes), out);
         list_derived(config, out);
     }
-    for (const std::string& warning : config_warnings(bytes))
-        out << "warning: " << warning << '\n';
     if (!valid) errors << error << '\n';
+    for (const std::string& warning : config_warnings(bytes))
+        errors << "warning: " << warning << '\n';
     return valid ? 0 : 1;
 }
 

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "tools/host/read_speed.h"
 #include "tools/host/report.h"
 #include "tools/host/texts.h"
 
@@ -70,9 +71,10 @@ std::string state_and_status_text(const tavistro_engine_state& state) {
 std::string stats_text(const tavistro_stats_block& stats) {
     std::ostringstream text;
     text << "  buffer " << stats.playback_buffer_frames << '/' << stats.target_frames << " ("
-         << milliseconds(stats.buffer_us) << ") " << std::showpos << stats.ratio_ppm
-         << std::noshowpos << " ppm  rtt " << milliseconds(stats.rtt_last_us) << "  drops "
-         << stats.playback_dropped << '+' << stats.capture_dropped;
+         << milliseconds(stats.buffer_us) << ") read " << std::showpos
+         << std::lround(read_speed_ppm(stats)) << std::noshowpos << " ppm  rtt "
+         << milliseconds(stats.rtt_last_us) << "  drops " << stats.playback_dropped << '+'
+         << stats.capture_dropped;
     return text.str();
 }
 
@@ -126,7 +128,10 @@ class HumanReport : public Report {
         } else {
             row("statistics") << "none were published\n";
         }
-        row("cpu") << fixed(summary.cpu_seconds / summary.seconds, 3) << " s per second of audio\n";
+        if (summary.has_played()) {
+            row("cpu") << fixed(summary.cpu_seconds / summary.seconds, 3)
+                       << " s per second of audio\n";
+        }
         row("last state") << state_text(summary.last.state) << '\n';
         row("last error") << error_text(summary.last.error_code) << std::endl;
     }

@@ -96,7 +96,8 @@ class JsonReport : public Report {
 
     void summary(const RunSummary& summary) override {
         Json line = line_json("summary", summary.seconds, summary.last);
-        line["cpu_seconds_per_second"] = summary.cpu_seconds / summary.seconds;
+        line["cpu_seconds_per_second"] =
+            summary.has_played() ? Json(summary.cpu_seconds / summary.seconds) : Json();
         line["stats"] = summary.stats ? stats_json(*summary.stats) : Json();
         write(line);
     }

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/driver_registry.h"
 #include "platform/udp_socket.h"
@@ -13,7 +14,9 @@
 #include "tools/host/engine_library.h"
 #include "tools/host/run_command.h"
 #include "tools/host/servers_command.h"
+#include "tools/host/twin_check.h"
 #include "tools/number_range.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::host {
 
@@ -39,9 +42,18 @@ void add_address(CLI::App& command, std::optional<std::uint32_t>& address) {
         "Ask this address alone");
 }
 
+/// CLI11 asks for a subcommand before it looks at what it did not understand.
+std::string fault_text(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining();
+    if (unknown.empty() || !app.get_subcommands().empty()) return error.what();
+    const char* const kind = unknown.front().starts_with('-') ? "option" : "subcommand";
+    return std::string("unknown ").append(kind).append(" '").append(unknown.front()).append("'");
+}
+
 int run_tool(int argc, char** argv) {
     CLI::App app("Console host for the Tavistro engine", "tavistro-host");
     app.require_subcommand(1);
+    add_version_flag(app);
 
     RunOptions options;
     CLI::App* const run = app.add_subcommand("run", "Run the engine and show what it does");
@@ -69,10 +81,10 @@ int run_tool(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::Success& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& asked_to_tell) {
+        return app.exit(asked_to_tell);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "tavistro-host: " << error.what() << "\n" << usage;
+        std::cerr << "tavistro-host: " << fault_text(app, error) << "\n" << usage;
         return wrong_arguments;
     }
     if (check->parsed()) return check_config(checked_path, std::cout, std::cerr);
@@ -81,6 +93,7 @@ int run_tool(int argc, char** argv) {
         platform::look_for_drivers_beside(engine_library_path());
         return list_devices(devices_json, std::cout, std::cerr);
     }
+    warn_of_twin(options.config_path, std::cerr);
     return run_engine(options);
 }
 

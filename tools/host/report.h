@@ -16,10 +16,12 @@ struct RunSummary {
     double seconds;                             ///< from the start to the end of the stop
     double cpu_seconds;                         ///< processor time of the process in between
     tavistro_engine_state last;                 ///< the record after the stop
-    std::optional<tavistro_stats_block> stats;  ///< the last report, nothing when there was none
+    std::optional<tavistro_stats_block> stats;  ///< of the whole run, nothing when there were none
+
+    bool has_played() const { return stats && stats->rendered_frames > 0; }
 };
 
-/// Times are seconds since the start of the run.
+/// Times are seconds since the start of the run, and counts are those of the whole run.
 class Report {
   public:
     virtual ~Report() = default;

@@ -10,6 +10,7 @@
 #include "tools/host/event_follower.h"
 #include "tools/host/process_time.h"
 #include "tools/host/report.h"
+#include "tools/host/run_totals.h"
 #include "tools/host/stats_reader.h"
 #include "tools/host/texts.h"
 
@@ -47,14 +48,13 @@ class RunWatch {
         if (state_.state != state_before) report_.state_changed(seconds(), state_);
         for (const NewEvent& event : events_.take_new(state_))
             report_.event(seconds(), event);
+        read_stats();  // at each look: a restart of the audio path may be the next
         if (Clock::now() < next_status_) return;
         next_status_ += status_period;
-        read_stats();
         report_.status(seconds(), state_, stats_);
     }
 
     void summarize() {
-        read_stats();
         report_.summary({seconds(), process_cpu_seconds() - cpu_seconds_at_start_, state_, stats_});
     }
 
@@ -70,7 +70,7 @@ class RunWatch {
     void read_stats() {
         const bool published = state_.state > TAVISTRO_STATE_STARTING && !ended();
         if (published) stats_reader_.open(state_.client_id);
-        if (auto stats = stats_reader_.read()) stats_ = stats;
+        if (const auto block = stats_reader_.read()) stats_ = totals_.add(*block);
     }
 
     tavistro_engine* engine_;
@@ -81,6 +81,7 @@ class RunWatch {
     tavistro_engine_state state_{};
     EventFollower events_;
     StatsReader stats_reader_;
+    RunTotals totals_;
     std::optional<tavistro_stats_block> stats_;
 };
 

@@ -73,8 +73,9 @@ constexpr Text advice[] = {
      "Is the server running, are server_ip and server_port right, and does a firewall let UDP "
      "through?"},
     {TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-     "Do input_map and output_map fit the device, and is the driver of driver_name installed and "
-     "free unless loopback_device is on?"},
+     "Do input_map and output_map fit the device, does it offer the stream's block size and rate "
+     "(tavistro-host devices), and is the driver of driver_name installed and free unless "
+     "loopback_device is on?"},
     {TAVISTRO_ERROR_STATS_BLOCK_FAILED,
      "Does another user's process hold the statistics block of this client_id?"},
     {TAVISTRO_ERROR_SERVER_INCOMPATIBLE, "Server and engine must speak the same protocol version."},

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tavistro/engine.h"
+#include "tools/host/read_speed.h"
 
 namespace tavistro::monitor {
 
@@ -28,15 +29,6 @@ std::uint32_t risen(std::uint32_t before, std::uint32_t after) {
 
 bool is_running(const Sample& sample) {
     return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
-}
-
-double read_speed_ppm(const tavistro_stats_block& stats) {
-    constexpr double correction_ppm = 350;
-    constexpr double most_ppm = 4500;
-    if (stats.target_frames == 0) return 0;
-    const double fill = (static_cast<double>(stats.min_frames) + stats.max_frames) / 2;
-    const double off = (fill - stats.target_frames) / stats.target_frames;
-    return std::clamp(stats.ratio_ppm + correction_ppm * off, -most_ppm, most_ppm);
 }
 
 std::uint32_t Step::longest_pause_us() const {
@@ -104,7 +96,7 @@ void Interval::add(const Step& step) {
     rendered_frames += static_cast<std::int64_t>(b.rendered_frames - a.rendered_frames);
     mean_error_frames += s * ((static_cast<double>(b.min_frames) + b.max_frames) / 2 -
                               static_cast<double>(b.target_frames));
-    read_speed_ppm += s * monitor::read_speed_ppm(b);
+    read_speed_ppm += s * host::read_speed_ppm(b);
     for (std::size_t i = 0; i < sync_delays.size(); ++i)
         sync_delays[i] += b.sync_delay_histogram[i] - a.sync_delay_histogram[i];
     // Notices are counted once the clocks are known; before, none is missed.

@@ -11,10 +11,6 @@
 
 namespace tavistro::monitor {
 
-/// How much faster than its clock the device's side reads the buffer, in ppm: what the clocks seem
-/// to differ by, and what brings a fill that is off by the whole target back. Negative for slower.
-double read_speed_ppm(const tavistro_stats_block& stats);
-
 /// Two readings of one run of the audio path, a second or more apart.
 struct Step {
     double from_s;

@@ -5,6 +5,7 @@
 
 #include "tools/monitor/http_server.h"
 #include "tools/number_range.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::monitor {
 
@@ -29,6 +30,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
 
     CLI::App app("Watches running engines through their statistics blocks", "tavistro-monitor");
     app.footer("CLIENT_ID is that of the engine's configuration, 1 by default.");
+    add_version_flag(app);
     app.add_option("CLIENT_ID", options.client_ids, "Engines to watch")->check(client_id);
     app.add_flag("--once", options.once, "One reading; exit status 1 when no engine runs");
     bool json = false;

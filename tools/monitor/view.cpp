@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tavistro/engine.h"
+#include "tools/host/read_speed.h"
 #include "tools/host/texts.h"
 #include "tools/monitor/interval.h"
 
@@ -128,7 +129,7 @@ void add_numbers(std::vector<std::string>& lines, const tavistro_stats_block& s,
     lines.push_back(
         text("         lowest %u, highest %u in the last second", s.min_frames, s.max_frames));
     lines.push_back(text("speed    buffer read %+.0f ppm to hold its fill (clocks estimated %+d)%s",
-                         read_speed_ppm(s), s.ratio_ppm,
+                         host::read_speed_ppm(s), s.ratio_ppm,
                          s.clock_synced != 0 ? "" : "   (offset not known yet)"));
     lines.push_back(text("a second received %u (again %u)  queued %u  periods %u  rendered %u",
                          s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec,

@@ -9,6 +9,7 @@
 #include "platform/udp_socket.h"
 #include "tools/number_range.h"
 #include "tools/server/argument_values.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::server {
 
@@ -159,6 +160,7 @@ ParsedArguments parse_arguments(int argc, const char* const* argv) {
     CommandLine command;
     FormatChange change;
     CLI::App app("Mixes audio for Tavistro clients.", "tavistro-server");
+    add_version_flag(app);
     add_stream(app, command);
     add_audio(app, command.options);
     add_faults(app, command.options);
@@ -167,6 +169,8 @@ ParsedArguments parse_arguments(int argc, const char* const* argv) {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
         return {.command = {}, .message = app.help(), .exit_code = 0};
+    } catch (const CLI::CallForVersion& version) {
+        return {.command = {}, .message = version.what() + std::string("\n"), .exit_code = 0};
     } catch (const CLI::ParseError& error) {
         return refused(error.what());
     }

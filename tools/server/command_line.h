@@ -18,7 +18,7 @@ struct CommandLine {
 /// Arguments that make sense, or what to say and to exit with instead.
 struct ParsedArguments {
     std::optional<CommandLine> command;
-    std::string message;  ///< the help (exit code 0) or the fault and the usage (2)
+    std::string message;  ///< the help or the version (exit code 0), or the fault and the usage (2)
     int exit_code = 0;
 };
 

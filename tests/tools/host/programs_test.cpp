@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "support/eventually.h"
 #include "tools/host/run_command.h"
+#include "tools/host/twin_check.h"
 #include "tools/server/server_program.h"
 
 namespace tavistro::host {
@@ -34,12 +37,18 @@ TEST(Programs, PlayAndTellOfIt) {
             served_code = server::run_server_program(static_cast<int>(arguments.size()),
                                                      arguments.data(), served, errors);
         });
+        const auto id = static_cast<std::uint32_t>(std::stoul("77" + port));
+        auto is_seen = std::async(std::launch::async, [id] {
+            return test::eventually([id] { return engine_plays_as(id); });
+        });
         auto* const console = std::cout.rdbuf(told.rdbuf());
         const int told_code = run_engine({config, 4.0, json});
         std::cout.rdbuf(console);
         server.join();
         EXPECT_EQ(served_code, 0) << errors.str();
         EXPECT_EQ(told_code, 0);
+        EXPECT_TRUE(is_seen.get());
+        EXPECT_FALSE(engine_plays_as(id));
         const std::string client = (json ? "\"client_id\":77" : "client 77") + port;
         EXPECT_NE(served.str().find(client), std::string::npos) << served.str();
         const char* const last = json ? "\"type\":\"summary\"" : "last state  Stopped";

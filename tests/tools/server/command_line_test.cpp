@@ -78,6 +78,9 @@ TEST(CommandLine, WrongArgumentsEndWithUsageAndTwo) {
         EXPECT_NE(run.err.str().find("usage:"), std::string::npos) << run.err.str();
     }
     EXPECT_EQ(ProgramRun("--help").exit_code, 0);
+    const ProgramRun version("--version");
+    EXPECT_EQ(version.exit_code, 0);
+    EXPECT_TRUE(version.out.str().starts_with("tavistro-server ")) << version.out.str();
 }
 
 TEST(ServerProgram, SaysWhyItCannotStart) {
