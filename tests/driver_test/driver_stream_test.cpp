@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 #include <vector>
 
 #include "driver_test/driver_rig.h"
@@ -12,20 +11,12 @@
 namespace tavistro::test {
 namespace {
 
-using server::ReferenceServer;
-
 std::string list(const std::vector<int>& numbers) {
     std::string text;
     for (const int number : numbers)
         text += std::to_string(number) + ",";
     text.pop_back();
     return text;
-}
-
-std::string first_channels(std::size_t count) {
-    std::vector<int> numbers(count);
-    std::iota(numbers.begin(), numbers.end(), 0);
-    return list(numbers);
 }
 
 TEST(DriverStream, ATuneComesBackWhateverTheMannersOfTheDriver) {
@@ -36,31 +27,25 @@ TEST(DriverStream, ATuneComesBackWhateverTheMannersOfTheDriver) {
     for (const char* service : {"time_info", "output_ready"})
         driver.set(service, "0");
     driver.set("ppm", "200");
-    // Periods long enough for a driver that makes a thread for each.
-    ReferenceServer server({.port = 0,
-                            .format = {48000, 512},
-                            .melodies = {{.channel = 0}, {.channel = 1, .level = 0.5F}},
-                            .measures = {{0, 2}, {1, 3}}});
-    ASSERT_EQ(server.start(), "");
-    // Buffers that outlast the pauses of a machine under load; what remains of those is a pitch
-    // that wavers.
-    const ConfigFile config(server.port(),
-                            on_test_driver("[latency]\nclient_latency_blocks = 16\n"));
-    Engine engine;
-    ASSERT_TRUE(engine.start(config));
+    // Periods long enough for a driver that makes a thread for each, and buffers that outlast the
+    // pauses of a machine under load; what remains of those is a pitch that wavers.
+    Rig rig({.format = {48000, 512},
+             .melodies = {{.channel = 0}, {.channel = 1, .level = 0.5F}},
+             .measures = {{0, 2}, {1, 3}}},
+            on_test_driver("[latency]\nclient_latency_blocks = 16\n"));
     EXPECT_TRUE(eventually([&] {
-        return std::ranges::all_of(server.snapshot().measures, [](const auto& measure) {
+        return std::ranges::all_of(rig.server.snapshot().measures, [](const auto& measure) {
             return measure.report.correlation_max > 0.85;
         });
     })) << "state "
-        << engine.state().state;
+        << rig.engine.state().state;
     for (const char* command : {"bad_index", "repeat_rate", "overload"})
         driver.fire(command);
-    EXPECT_TRUE(input_flows(server));
-    EXPECT_TRUE(engine.runs());
-    EXPECT_EQ(engine.state().event_count, 0U) << "nothing that asks for a restart";
-    engine.stop();
-    EXPECT_TRUE(engine.in_state(TAVISTRO_STATE_STOPPED));
+    EXPECT_TRUE(input_flows(rig.server));
+    EXPECT_TRUE(rig.engine.runs());
+    EXPECT_EQ(rig.engine.state().event_count, 0U) << "nothing that asks for a restart";
+    rig.engine.stop();
+    EXPECT_TRUE(rig.engine.in_state(TAVISTRO_STATE_STOPPED));
     EXPECT_EQ(driver.count("objects"), 0);
 }
 
@@ -76,8 +61,8 @@ TEST(DriverStream, LevelsComeBackWithinOneStepOfTheSampleType) {
     const std::vector types{0, 1, 2, 3, 4, 8, 9, 10, 11, 16, 18, 20, 24, 25, 26, 27};
     std::vector<int> input_types = types;
     input_types.resize(2 * types.size(), 19);
-    const std::string inputs = first_channels(input_types.size());
-    const std::string outputs = first_channels(types.size());
+    const std::string inputs = channel_list(0, input_types.size());
+    const std::string outputs = channel_list(0, types.size());
     DriverRemote driver;
     driver.set("inputs", std::to_string(input_types.size()));
     driver.set("outputs", std::to_string(types.size()));
@@ -86,17 +71,11 @@ TEST(DriverStream, LevelsComeBackWithinOneStepOfTheSampleType) {
     driver.set("input_level", "-0.9");
     driver.set("loop_offset", std::to_string(types.size()));
     // A block in one datagram: under Wine each costs far more than its samples do.
-    ReferenceServer server({.port = 0, .format = {48000, 256}, .udp_payload_bytes = 65507});
-    ASSERT_EQ(server.start(), "");
-    server.enable_history(8);
-    const ConfigFile config(
-        server.port(),
-        on_test_driver("input_map = " + inputs + "\noutput_map = " + outputs +
-                       "\n[tavistro]\ndriver_inputs = " + inputs + "\ndriver_outputs = " + outputs +
-                       "\n[transport]\nudp_payload_bytes = 65507\n"));
-    Engine engine;
-    ASSERT_TRUE(engine.start(config));
-
+    Rig rig({.format = {48000, 256}, .udp_payload_bytes = 65507},
+            on_test_driver("input_map = " + inputs + "\noutput_map = " + outputs +
+                           "\n[tavistro]\ndriver_inputs = " + inputs + "\ndriver_outputs = " +
+                           outputs + "\n[transport]\nudp_payload_bytes = 65507\n"));
+    rig.server.enable_history(8);
     for (std::size_t i = 0; i < types.size(); ++i) {
         SCOPED_TRACE(types[i]);
         const int bits = bits_of(types[i]);
@@ -104,7 +83,7 @@ TEST(DriverStream, LevelsComeBackWithinOneStepOfTheSampleType) {
         const double level = static_cast<float>(-0.9 / static_cast<double>(i + 1));
         const auto holds = [&](std::size_t channel, double tolerance) {
             const auto near = [&](float sample) { return std::abs(sample - level) <= tolerance; };
-            const auto blocks = server.bus_history(channel);
+            const auto blocks = rig.server.bus_history(channel);
             return blocks.size() == 8 && std::ranges::all_of(blocks, [&](const auto& block) {
                        return std::ranges::all_of(block.samples, near);
                    });

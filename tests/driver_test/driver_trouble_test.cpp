@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <optional>
 #include <span>
 #include <thread>
 #include <vector>
@@ -17,8 +15,6 @@
 
 namespace tavistro::test {
 namespace {
-
-using server::ReferenceServer;
 
 // Whether an engine shows something, however briefly.
 class Watch {
@@ -54,42 +50,17 @@ std::vector<Happening> events(const Engine& engine) {
     return all;
 }
 
-class OnTestDriver : public ::testing::Test {
-  protected:
-    void start(const std::string& more = {}) {
-        ASSERT_EQ(server.start(), "");
-        config.emplace(server.port(), on_test_driver(more));
-        ASSERT_TRUE(engine.start(*config));
-    }
-    void start_running() {
-        ASSERT_NO_FATAL_FAILURE(start());
-        ASSERT_TRUE(eventually([&] { return engine.runs() && input_flows(server); }));
-    }
-    bool tune_comes_back() {
-        server.enable_history(0);
-        server.enable_history(8);
-        return eventually([&] {
-            const auto blocks = server.bus_history(2);
-            return blocks.size() == 8 &&
-                   std::ranges::any_of(blocks.back().samples,
-                                       [](float sample) { return sample > 0.01F; });
-        });
-    }
-
-    DriverRemote driver;
-    ReferenceServer server{{.port = 0, .melodies = {{.channel = 0}}}};
-    std::optional<ConfigFile> config;
-    Engine engine;
-};
-
-class Recovery : public OnTestDriver, public ::testing::WithParamInterface<const char*> {};
+class Recovery : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(Recovery, IsShownAndBringsTheAudioBack) {
     const std::string command = GetParam();
     const bool stall = command == "stall";
     const std::uint32_t category =
         stall ? TAVISTRO_CATEGORY_DEVICE_STALL : TAVISTRO_CATEGORY_DEVICE_RESET;
-    ASSERT_NO_FATAL_FAILURE(start_running());
+    DriverRemote driver;
+    Rig rig(with_tune, on_test_driver());
+    const Engine& engine = rig.engine;
+    ASSERT_TRUE(rig.plays());
     driver.set("rate", "44100");  // for a changed rate
     const Watch warning(engine, {TAVISTRO_LEVEL_WARNING, category,
                                  stall ? TAVISTRO_MESSAGE_DEVICE_STALLED
@@ -112,7 +83,7 @@ TEST_P(Recovery, IsShownAndBringsTheAudioBack) {
     // "running normally", or what a machine under load has done to the buffer since.
     EXPECT_TRUE(eventually([&] { return !engine.shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED); }));
     EXPECT_TRUE(engine.runs());
-    EXPECT_TRUE(tune_comes_back());
+    EXPECT_TRUE(rig.sounds(2));
     EXPECT_EQ(engine.state().error_code, 0U);
     EXPECT_EQ(driver.count("objects"), 1);
 }
@@ -121,75 +92,44 @@ INSTANTIATE_TEST_SUITE_P(Troubles, Recovery,
                          ::testing::Values("reset", "resync", "rate_changed", "stall"),
                          [](const auto& param) { return std::string(param.param); });
 
-TEST_F(OnTestDriver, ThreeRecoveriesThatFailEndTheRun) {
-    ASSERT_NO_FATAL_FAILURE(start_running());
+TEST(DriverTrouble, ADriverThatVanishesEndsTheRunAfterThreeRecoveries) {
+    DriverRemote driver;
+    Rig rig({}, on_test_driver());
+    ASSERT_TRUE(rig.plays());
     driver.fire("vanish");
-    ASSERT_TRUE(soon([&] { return engine.in_state(TAVISTRO_STATE_FAILED); }));
-    const auto all = events(engine);
-    EXPECT_EQ(all.size(), 8U) << "a request, three attempts that fail, the end";
-    EXPECT_EQ(all.back(), (Happening{TAVISTRO_EVENT_GAVE_UP, TAVISTRO_CATEGORY_DEVICE_STALL, 3,
-                                     TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-                                     TAVISTRO_MESSAGE_EVENT_RECOVERY_GAVE_UP}));
-    EXPECT_EQ(engine.state().error_code, TAVISTRO_ERROR_AUDIO_DEVICE_FAILED);
-    EXPECT_EQ(engine.state().error_detail, TAVISTRO_MESSAGE_RECOVERY_GAVE_UP);
-    engine.stop();
-    EXPECT_TRUE(engine.in_state(TAVISTRO_STATE_FAILED));
+    ASSERT_TRUE(soon([&] { return rig.engine.in_state(TAVISTRO_STATE_FAILED); }));
+    EXPECT_EQ(
+        events(rig.engine).back(),
+        (Happening{TAVISTRO_EVENT_GAVE_UP, TAVISTRO_CATEGORY_DEVICE_STALL, 3,
+                   TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_EVENT_RECOVERY_GAVE_UP}));
+    rig.engine.stop();
     EXPECT_EQ(driver.count("objects"), 0);
 }
 
-TEST_F(OnTestDriver, StartAttemptsAreTwelveUnlessTheHostStops) {
-    driver.set("fail", "init");
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_TRUE(eventually([&] { return engine.shows(TAVISTRO_MESSAGE_ASIO_RETRY_WAIT); }));
-    engine.stop();
-    EXPECT_TRUE(engine.in_state(TAVISTRO_STATE_STOPPED));
-    EXPECT_EQ(engine.state().error_code, 0U);
-
-    const std::int64_t inits = driver.count("init");
-    ASSERT_TRUE(engine.start(*config));
-    ASSERT_TRUE(soon([&] { return engine.in_state(TAVISTRO_STATE_FAILED); }));
-    EXPECT_EQ(driver.count("init") - inits, 12);
-    EXPECT_EQ(engine.state().error_detail, TAVISTRO_MESSAGE_ASIO_FAILED);
-    EXPECT_EQ(driver.count("objects"), 0);
-}
-
-TEST_F(OnTestDriver, AnotherRateThanTheStreamsIsShown) {
-    driver.set("rate", "44100");
-    driver.set("fixed_rate", "1");
-    ASSERT_NO_FATAL_FAILURE(start());
-    EXPECT_TRUE(soon([&] {
-        return shown(engine) == Shown{TAVISTRO_LEVEL_WARNING,
-                                      TAVISTRO_CATEGORY_SAMPLE_RATE_MISMATCH,
-                                      TAVISTRO_MESSAGE_SAMPLE_RATE_DIFFERS};
-    }));
-    EXPECT_EQ(engine.state().device_sample_rate, 44100U);
-    EXPECT_TRUE(engine.runs());
-}
-
-TEST_F(OnTestDriver, ResetsAmidFormatChangesEndInTheLastFormat) {
+TEST(DriverTrouble, ResetsAmidFormatChangesEndInTheLastFormat) {
     constexpr int changes = 41;
-    ASSERT_NO_FATAL_FAILURE(start_running());
+    DriverRemote driver;
+    Rig rig(with_tune, on_test_driver());
+    ASSERT_TRUE(rig.plays());
     for (int i = 0; i < changes; ++i) {
-        ASSERT_TRUE(server.change_format(i % 2 == 0 ? 96000 : 48000, i % 2 == 0 ? 256 : 128));
+        const bool even = i % 2 == 0;
+        ASSERT_TRUE(rig.server.change_format(even ? 96000 : 48000, even ? 256 : 128));
         if (i % 3 != 0) driver.fire(i % 3 == 1 ? "reset" : "rate_changed");
-        std::this_thread::sleep_for(std::chrono::milliseconds(i % 2 == 0 ? 50 : 130));
+        std::this_thread::sleep_for(std::chrono::milliseconds(even ? 50 : 130));
     }
-    EXPECT_TRUE(soon([&] {
-        const auto state = engine.state();
-        return state.state == TAVISTRO_STATE_RUNNING && state.device_sample_rate == 96000 &&
-               state.device_block_frames == 256;
-    }));
-    EXPECT_TRUE(tune_comes_back());
-    EXPECT_EQ(engine.state().error_code, 0U);
+    EXPECT_TRUE(soon([&] { return rig.engine.runs_at(96000, 256); }));
+    EXPECT_TRUE(rig.sounds(2));
+    EXPECT_EQ(rig.engine.state().error_code, 0U);
     EXPECT_EQ(driver.count("objects"), 1);
 }
 
-TEST_F(OnTestDriver, AStopWaitsForADriverThatIsLongInInit) {
+TEST(DriverTrouble, AStopWaitsForADriverThatIsLongInInit) {
+    DriverRemote driver;
     driver.set("init_delay_ms", "300");
-    ASSERT_NO_FATAL_FAILURE(start());
+    Rig rig({}, on_test_driver());
     ASSERT_TRUE(eventually([&] { return driver.count("init") == 1; }));
-    engine.stop();
-    EXPECT_TRUE(engine.in_state(TAVISTRO_STATE_STOPPED));
+    rig.engine.stop();
+    EXPECT_TRUE(rig.engine.in_state(TAVISTRO_STATE_STOPPED));
     EXPECT_EQ(driver.count("objects"), 0);
     EXPECT_EQ(driver.count("init"), 1);
 }

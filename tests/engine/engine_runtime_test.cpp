@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "audio/test_device.h"
-#include "engine/scripted_server.h"
+#include "support/scripted_server.h"
 #include "platform/clock.h"
 #include "support/movable_clock.h"
 
