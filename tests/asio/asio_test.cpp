@@ -171,6 +171,7 @@ TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
     driver.set("fail", "start");
     EXPECT_TRUE(open());
     EXPECT_FALSE(device.start());
+    EXPECT_FALSE(driver.set("fail", "no such call") || driver.set("no such option", "1"));
     settings.block_size = 96;
     expect_failure("unsupported bufferSize=96 min=32 max=2048 preferred=128 granularity=-1");
     settings.block_size = 0;
