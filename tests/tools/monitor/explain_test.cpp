@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "driver_test/driver_rig.h"
+#include "platform/clock.h"
 #include "scenarios/rig.h"
 #include "tools/monitor/client_watch.h"
 #include "tools/monitor/diagnosis.h"
@@ -22,12 +23,6 @@ using monitor::Cause;
 using monitor::Finding;
 using monitor::Sample;
 using server::FaultOptions;
-
-std::int64_t now_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 struct Fault {
     const char* name;
@@ -61,7 +56,8 @@ class ExplainEnd : public ::testing::Test {
         return eventually(
             [&] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-                samples.push_back(watch->look(now_ms()));
+                samples.push_back(
+                    watch->look(static_cast<std::int64_t>(platform::millisecond_tick())));
                 if (samples.size() > readings) samples.erase(samples.begin());
                 findings = monitor::diagnose(samples);
                 return condition();
