@@ -44,6 +44,8 @@ class Line : public Rig {
         }
         return *reader_.read();
     }
+    /// A reader keeps the last values.
+    std::uint32_t last_state() const { return reader_.read()->state; }
     /// From the server's time of a block to its playing: a full buffer, and what the line adds to
     /// the way and to the estimate of the server's clock.
     bool delay_is_bounded() {
@@ -94,6 +96,12 @@ TEST_P(Network, IsHeardNoMoreOftenThanItDoesHarm) {
     }
     EXPECT_TRUE(numbers.client_duplicate_blocks_per_sec > 0 ||
                 condition.faults.duplicate_percent == 0);
+    EXPECT_GT(numbers.rtt_samples, 0U);
+    EXPECT_GT(numbers.sync_delay_samples, 0U);
+    EXPECT_GT(numbers.callbacks_per_sec, 0U);
+    EXPECT_GT(numbers.client_recv_blocks_per_sec, 0U);
+    EXPECT_EQ(numbers.stream_sample_rate, 48000U);
+    EXPECT_EQ(numbers.target_frames, 128 * condition.latency_blocks);
     EXPECT_TRUE(line.delay_is_bounded());
     EXPECT_TRUE(line.engine.runs());
     EXPECT_EQ(line.engine.state().error_code, 0U);
@@ -140,6 +148,8 @@ TEST(NetworkCut, IsReportedWhileItLastsAndHealsWithoutTheHost) {
         EXPECT_TRUE(eventually([&] { return !line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST); }));
         EXPECT_TRUE(line.delay_is_bounded());
         EXPECT_EQ(line.engine.state().event_count, 0U);
+        line.engine.stop();
+        EXPECT_EQ(line.last_state(), TAVISTRO_STATE_STOPPED);
     }
 }
 

@@ -5,8 +5,6 @@
 #include <algorithm>
 
 #include "scenarios/rig.h"
-#include "tavistro/stats_block.h"
-#include "tools/host/stats_reader.h"
 
 namespace tavistro::test {
 namespace {
@@ -56,29 +54,6 @@ INSTANTIATE_TEST_SUITE_P(Widths, Stream,
                          ::testing::Values(Width{"Stereo", 2, {48000, 512}},
                                            Width{"SixteenChannels", 16, {12000, 128}}),
                          [](const auto& param) { return param.param.name; });
-
-TEST(StreamNumbers, ReachOtherProcessesThroughTheStatisticsBlock) {
-    Rig rig;
-    ASSERT_TRUE(rig.plays());
-    host::StatsReader reader;
-    ASSERT_TRUE(reader.open(rig.config.client_id()));
-    tavistro_stats_block block{};
-    EXPECT_TRUE(eventually([&] {
-        block = reader.read().value_or(tavistro_stats_block{});
-        return block.state == TAVISTRO_STATE_RUNNING && block.rtt_samples > 0 &&
-               block.sync_delay_samples > 0 && block.callbacks_per_sec > 0 &&
-               block.client_recv_blocks_per_sec > 0 && block.rendered_frames > 0;
-    }));
-    EXPECT_EQ(block.client_id, rig.config.client_id());
-    EXPECT_EQ(block.stream_sample_rate, 48000U);
-    EXPECT_EQ(block.target_frames, 6U * 128U);
-    EXPECT_EQ(rig.server.snapshot().input.duplicates, 0U) << "a notice has been answered twice";
-    EXPECT_EQ(rig.server.snapshot().input.mismatched, 0U);
-    rig.engine.stop();
-    ASSERT_TRUE(reader.read());
-    EXPECT_EQ(reader.read()->state, static_cast<std::uint32_t>(TAVISTRO_STATE_STOPPED))
-        << "a reader keeps the last values";
-}
 
 }  // namespace
 }  // namespace tavistro::test
