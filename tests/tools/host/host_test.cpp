@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -103,17 +104,9 @@ TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
     }
 }
 
-/// The words of the first line of `text` that begins with `word`, blanks squeezed.
-std::string line_of(const std::string& text, const std::string& word) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string joined;
-        for (std::string next; words >> next;)
-            joined += (joined.empty() ? "" : " ") + next;
-        if (joined.starts_with(word + " ")) return joined;
-    }
-    return {};
+/// Whether the command lists a setting like this; the columns are blanks apart.
+bool lists(const std::ostringstream& out, const std::string& pattern) {
+    return std::regex_search(out.str(), std::regex("\n *" + pattern + "\n"));
 }
 
 TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
@@ -121,10 +114,10 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
     std::ostringstream errors;
     ASSERT_EQ(check_config(TAVISTRO_EXAMPLES "/loopback.ini", out, errors), 0) << errors.str();
     EXPECT_EQ(errors.str(), "");
-    EXPECT_EQ(line_of(out.str(), "server_port"), "server_port 28010 file 1..65535");
-    EXPECT_EQ(line_of(out.str(), "announce_period_ms"), "announce_period_ms 1000 default 1..3999");
-    EXPECT_EQ(line_of(out.str(), "loopback_device"), "loopback_device 1 file");
-    EXPECT_EQ(line_of(out.str(), "capture_capacity_blocks"), "capture_capacity_blocks 12 derived");
+    for (const char* setting :
+         {"server_port +28010 +file +1..65535", "announce_period_ms +1000 +default +1..3999",
+          "loopback_device +1 +file *", "capture_capacity_blocks +12 +derived *"})
+        EXPECT_TRUE(lists(out, setting)) << setting;
     EXPECT_EQ(out.str().find("warning"), std::string::npos);
 }
 
@@ -150,8 +143,7 @@ TEST(CheckCommand, NamesTheMisspeltKeyBehindAFaultAndKeepsColumnsApart) {
 
     const std::string name(40, 'n');
     EXPECT_EQ(check_text(text + "server_port=1\n[asio]\ndriver_name=" + name, out, errors), 0);
-    EXPECT_EQ(line_of(out.str(), "driver_name"),
-              "driver_name " + name + " file not empty unless loopback");
+    EXPECT_TRUE(lists(out, "driver_name +" + name + " +file +not empty unless loopback"));
 }
 
 TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {
