@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 
@@ -95,12 +96,16 @@ class Device : public testing::Test {
             [](void* self, std::int32_t half) { static_cast<Device*>(self)->on_period(half); },
             this);
     }
-    /// Plays 0.5 on the first output, silence on the second; they come back on the inputs.
+    /// Plays 0.5 and less by a step each time on the first output, silence on the second; they come
+    /// back on the inputs.
     void on_period(std::int32_t half) {
         const RealtimeScope scope;
         for (const std::int32_t channel : {0, 1})
             device.read_input(channel, half, inputs[channel], 128);
-        device.write_output(0, half, half_level.data(), 128);
+        if (periods > 0 && !std::ranges::equal(inputs[0], played)) ++changed_periods;
+        for (float& sample : played)
+            sample = 0.5F - step * static_cast<float>(++sent);
+        device.write_output(0, half, played, 128);
         device.write_output(1, half, nullptr, 128);
         ready = device.output_ready();
         if (periods++ == 0) first_input = inputs[0][127];
@@ -113,8 +118,11 @@ class Device : public testing::Test {
     DriverControl& driver = DriverControl::instance();
     AudioDeviceSettings settings;
     Lines lines;
-    const std::vector<float> half_level = std::vector<float>(128, 0.5F);
+    float step = 0.0F;
+    int sent = 0;
+    float played[128] = {};
     float inputs[2][128] = {};
+    std::atomic<int> changed_periods{0};
     float first_input = 0.0F;
     std::atomic<int> periods{0};
     std::atomic<bool> ready{false};
@@ -149,6 +157,16 @@ TEST_F(Device, OpensAtTheDriversRateRunsAndCloses) {
     EXPECT_EQ(inputs[1][127], 0.0F);
 }
 
+TEST_F(Device, CarriesEverySampleToTheDriverAndBackWithinOnePeriod) {
+    for (const char* types : {"input_types", "output_types"})
+        driver.set(types, "19");  // 32-bit float, which holds all of them
+    step = 0x1p-20F;
+    ASSERT_TRUE(open() && device.start());
+    wait_for_periods(20);
+    device.close();
+    EXPECT_EQ(changed_periods, 0);
+}
+
 TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
     const auto expect_failure = [this](const std::string& line) {
         EXPECT_FALSE(open());
@@ -171,6 +189,7 @@ TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
     driver.set("fail", "start");
     EXPECT_TRUE(open());
     EXPECT_FALSE(device.start());
+    EXPECT_FALSE(driver.set("fail", "no such call") || driver.set("no such option", "1"));
     settings.block_size = 96;
     expect_failure("unsupported bufferSize=96 min=32 max=2048 preferred=128 granularity=-1");
     settings.block_size = 0;

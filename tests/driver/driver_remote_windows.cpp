@@ -4,16 +4,9 @@
 #include <filesystem>
 
 #include "driver/driver_remote.h"
+#include "platform/windows/library.h"
 
 namespace tavistro::test {
-namespace {
-
-template <typename Function>
-Function find(HMODULE module, const char* name) {
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
-
-}  // namespace
 
 const tavistro_test_driver_controls* load_test_driver() {
     std::array<wchar_t, 1024> program{};
@@ -22,9 +15,9 @@ const tavistro_test_driver_controls* load_test_driver() {
                       "tavistro-test-driver.dll";
     const HMODULE module = LoadLibraryW(file.c_str());
     if (module == nullptr) return nullptr;
-    const auto enlist = find<HRESULT(WINAPI*)()>(module, "DllRegisterServer");
-    const auto control =
-        find<tavistro_test_driver_control_function>(module, TAVISTRO_TEST_DRIVER_CONTROL_NAME);
+    const auto enlist = platform::find_function<HRESULT(WINAPI*)()>(module, "DllRegisterServer");
+    const auto control = platform::find_function<tavistro_test_driver_control_function>(
+        module, TAVISTRO_TEST_DRIVER_CONTROL_NAME);
     if (enlist == nullptr || control == nullptr || enlist() != S_OK) return nullptr;
     return control();
 }

@@ -1,27 +1,31 @@
-// An engine on the test driver, and a server for it.
+// An engine on the test driver.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "driver/driver_remote.h"
 #include "scenarios/rig.h"
+#include "support/movable_clock.h"
 
 namespace tavistro::test {
 
 /// Settings for a ConfigFile: the test driver, then `more` in section [asio].
-std::string on_test_driver(const std::string& more = {});
+inline std::string on_test_driver(const std::string& more = {}) {
+    return "loopback_device = 0\n[asio]\ndriver_name = Tavistro Test Driver\n" + more;
+}
 
 /// Like eventually(), but time passes about ten times as fast for engine and server. The driver's
 /// clock is its own.
-bool soon(const std::function<bool()>& condition);
-
-/// What a host shows first.
-struct Shown {
-    std::uint32_t level;
-    std::uint32_t category;
-    std::uint32_t message;
-    friend bool operator==(const Shown&, const Shown&) = default;
-};
-Shown shown(const Engine& engine);
+inline bool soon(const std::function<bool()>& condition) {
+    constexpr int polls_per_step = 20;  // of about 2 ms each
+    constexpr std::uint64_t step_ms = 400;
+    int polls = 0;
+    return eventually([&] {
+        if (condition()) return true;
+        if (++polls % polls_per_step == 0) advance_clock_ms(step_ms);
+        return false;
+    });
+}
 
 }  // namespace tavistro::test

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "audio/test_device.h"
-#include "engine/scripted_server.h"
 #include "platform/clock.h"
 #include "support/movable_clock.h"
+#include "support/scripted_server.h"
 
 namespace tavistro {
 namespace {
@@ -139,6 +139,9 @@ TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_used_when_it_comes_
     EXPECT_GE(state.events[1].time_ms, state.events[0].time_ms + 1000) << "a pause in between";
 
     configure("discovery_timeout_ms=200\n");
+    ASSERT_TRUE(start());
+    await(in(TAVISTRO_STATE_STARTING));
+    EXPECT_EQ(stop(), (Pair{0, 0})) << "while asking for the server";
     ASSERT_TRUE(start());
     state = await(shows(TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT));
     EXPECT_EQ(error_of(state), (Pair{4, 14}));

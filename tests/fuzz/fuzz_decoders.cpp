@@ -1,5 +1,6 @@
-// Every decoder on the same bytes: as they came, and behind a header that is made to fit. Whatever
-// decodes encodes to the same bytes again, those apart that no decoder reads.
+// Every decoder on the same bytes: as they came, behind a header that is made to fit, and in sound
+// messages before and after one byte of them changes. Whatever decodes encodes to the same bytes
+// again, those apart that no decoder reads.
 #include <initializer_list>
 #include <utility>
 
@@ -20,9 +21,9 @@ bool same_without(Ranges unread, Bytes bytes, const Datagram& encoded) {
     return encoded == expected;
 }
 
-void check_audio(Bytes bytes, std::uint32_t client_id) {
+bool check_audio(Bytes bytes, std::uint32_t client_id) {
     const auto decoded = decode_audio(bytes);
-    if (!decoded) return;
+    if (!decoded) return false;
     const AudioFragment& f = decoded.message;
     REQUIRE(f.index < f.count && f.channel_count > 0 && f.frame_count > 0);
     REQUIRE(f.first_channel + f.channel_count <= f.channels);
@@ -31,20 +32,24 @@ void check_audio(Bytes bytes, std::uint32_t client_id) {
     REQUIRE(f.payload.size() == 4 * f.sample_count());
     std::vector<float> samples(f.sample_count());
     read_samples(f.payload, samples);
-    if (f.count > 1 || samples.size() != std::size_t{f.frames} * f.channels) return;
+    if (f.count > 1 || samples.size() != std::size_t{f.frames} * f.channels) return true;
     DatagramList list;
     REQUIRE(encode_audio_block(
         {client_id, f.sequence, f.sample_rate, f.frames, f.channels, samples}, 65507, list));
     REQUIRE(list.size() == 1 && same_without({{40, 8}}, bytes, list.front()));
+    return true;
 }
 
-void check(Bytes bytes) {
+/// How many decoders take the bytes.
+int check(Bytes bytes) {
+    int taken = 0;
     const auto header = decode_header(bytes);
     const std::uint32_t client_id = header.message.client_id;
     REQUIRE(!header || (header.message.length == bytes.size() && client_id != 0));
     const auto round_trip = [&](MessageType type, const auto& decoded, auto encode, Ranges unread) {
         if (!header) REQUIRE(decoded.result == header.result);
         if (!decoded) return;
+        ++taken;
         REQUIRE(header.message.type == type);
         REQUIRE(same_without(unread, bytes, encode(decoded.message)));
     };
@@ -57,17 +62,43 @@ void check(Bytes bytes) {
     round_trip(MessageType::Pong, decode_pong(bytes), encode_pong, {});
     round_trip(MessageType::Sync, decode_sync(bytes),
                [&](const SyncInfo& sync) { return encode_sync(client_id, sync); }, {{26, 2}});
-    check_audio(bytes, client_id);
+    taken += check_audio(bytes, client_id);
     const std::uint64_t nonce = reply.message.nonce;
     REQUIRE(!reply || is_foreign_reply(bytes, client_id, nonce));
     REQUIRE(!reply || !is_foreign_reply(bytes, client_id, nonce + 1));
     REQUIRE(!is_foreign_reply(bytes, client_id + 1, nonce) || !header);
+    return taken;
+}
+
+DatagramList sound_messages(tavistro::fuzz::Input& in) {
+    const std::uint32_t client_id = 1U + in.take();
+    const auto nonce = in.take<std::uint64_t>(), time = in.take<std::uint64_t>();
+    const auto number = in.take<std::uint32_t>();
+    const std::uint16_t frames = 1U + in.below(9), channels = 1U + in.below(9);
+    const auto samples = in.samples(std::size_t{frames} * channels);
+    DatagramList list;
+    encode_audio_block({client_id, number, number, frames, channels, samples}, 52U + in.below(100),
+                       list);
+    std::vector<std::int32_t> inputs(in.below(9)), outputs(channels, in.take());
+    list.push_back(encode_announce({client_id, number, 6, channels, inputs, outputs}));
+    list.push_back(encode_discover({client_id, nonce}));
+    list.push_back(encode_discover_reply({client_id, nonce, frames}));
+    list.push_back(encode_ping({client_id, nonce, time}));
+    list.push_back(encode_pong({client_id, nonce, time, nonce, time}));
+    list.push_back(encode_sync(client_id, {number, number, frames, nonce, time}));
+    return list;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     check({data, size});
+    tavistro::fuzz::Input in(data, size);
+    for (Datagram& datagram : sound_messages(in)) {
+        REQUIRE(check(datagram) == 1);
+        datagram[in.below(256) % datagram.size()] ^= in.take();
+        check(datagram);
+    }
     if (size < wire::header_bytes) return 0;
     Datagram fitting(data, data + size);
     wire::put_header(fitting, static_cast<MessageType>(data[6] % 9), data[12]);

@@ -1,6 +1,6 @@
-// usage: TARGET_replay MUTATIONS FOLDER...: a fuzz target without a fuzzer. Runs every input of the
-// folders that exist, then so many mutations of them, always the same ones. When a check fails, the
-// input is printed as a regression file holds it.
+// usage: TARGET_replay MUTATIONS FOLDER...: a fuzz target without a fuzzer. Runs some noise and
+// every input of the folders that exist, then so many mutations of them, always the same ones. When
+// a check fails, the input is printed as a regression file holds it.
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -72,12 +72,15 @@ int main(int argc, char** argv) {
             for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
                 paths.push_back(entry.path());
     std::ranges::sort(paths);
-    std::vector<Bytes> seeds;
-    for (const auto& path : paths)
-        run(seeds.emplace_back(read(path)));
-    REQUIRE(!seeds.empty());
-
     std::mt19937 engine;
+    std::vector<Bytes> seeds(24, Bytes(400));
+    for (Bytes& noise : seeds)
+        std::ranges::generate(noise, [&] { return static_cast<std::uint8_t>(engine()); });
+    for (const auto& path : paths)
+        seeds.push_back(read(path));
+    for (const Bytes& seed : seeds)
+        run(seed);
+
     const int mutations = std::stoi(argv[1]);
     for (int i = 0; i < mutations; ++i) {
         Bytes bytes = seeds[engine() % seeds.size()];

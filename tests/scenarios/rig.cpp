@@ -1,5 +1,8 @@
 #include "scenarios/rig.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <random>
@@ -14,7 +17,24 @@ std::uint32_t next_client_id() {
     return id++;
 }
 
+server::ServerOptions on_free_port(server::ServerOptions options) {
+    options.port = 0;
+    return options;
+}
+
+std::uint16_t port_of_started(server::ReferenceServer& server) {
+    EXPECT_EQ(server.start(), "");
+    return server.port();
+}
+
 }  // namespace
+
+std::string channel_list(std::size_t first, std::size_t count) {
+    std::string list;
+    for (std::size_t i = 0; i < count; ++i)
+        list += std::to_string(first + i) + ",";
+    return list;
+}
 
 ConfigFile::ConfigFile(std::uint16_t port, const std::string& more)
     : client_id_(next_client_id()),
@@ -39,6 +59,26 @@ std::uint64_t input_blocks(const server::ReferenceServer& server) {
 bool input_flows(const server::ReferenceServer& server, std::uint64_t count) {
     const std::uint64_t before = input_blocks(server);
     return eventually([&] { return input_blocks(server) >= before + count; });
+}
+
+Rig::Rig(server::ServerOptions options, const std::string& settings)
+    : server(on_free_port(std::move(options))), config(port_of_started(server), settings) {
+    EXPECT_TRUE(engine.start(config));
+}
+
+bool Rig::plays() const {
+    return eventually([&] { return engine.runs(); }) && input_flows(server);
+}
+
+bool Rig::sounds(std::size_t channel) {
+    constexpr std::size_t kept = 8;
+    server.enable_history(0);
+    server.enable_history(kept);
+    return eventually([&] {
+        const auto blocks = server.bus_history(channel);
+        return blocks.size() == kept &&
+               std::ranges::any_of(blocks.back().samples, [](float s) { return s > 0.01F; });
+    });
 }
 
 }  // namespace tavistro::test

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -40,15 +41,11 @@ TEST(Texts, EveryCodeOfTheInterfaceHasItsOwnText) {
         EXPECT_EQ(table.text(table.last + 1), "unknown");
     }
     EXPECT_EQ(error_text(8), "unknown");
-}
 
-TEST(Texts, InvalidConfigurationSendsPeopleToCheck) {
     tavistro_engine_state state{};
     state.error_code = TAVISTRO_ERROR_CONFIG_INVALID;
     state.error_detail = TAVISTRO_MESSAGE_CONFIG_NOT_LOADED;
-    EXPECT_EQ(failure_text(state, "my.ini"),
-              "The configuration could not be loaded. "
-              "For the reason run: tavistro-host check my.ini");
+    EXPECT_TRUE(failure_text(state, "my.ini").ends_with("run: tavistro-host check my.ini"));
 }
 
 /// A record whose history ends with the event before `next_sequence`.
@@ -100,7 +97,6 @@ TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
     state.output_meters[0] = {5, 250};
     tavistro_stats_block stats{};
     stats.ratio_ppm = -20;
-    stats.rtt_max_us = 900;
     stats.rendered_frames = 1;
     report->state_changed(0.5, state);
     report->event(0.6, {record_with_events(8, 1).events[0], 2});
@@ -108,39 +104,28 @@ TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
     report->summary({2.0, 0.5, state, stats});
     report->summary({2.0, 0.5, state, std::nullopt});
 
+    const std::pair<const char*, const char*> expected[] = {
+        {"state", R"({"state": {"code": 3, "text": "Running"}})"},
+        {"event", R"({"sequence": 7, "missed_before": 2})"},
+        {"status", R"({"device": {"sample_rate": 44100}, "stats": null,
+                       "output_meters": [{"channel": 5, "peak_permille": 250}]})"},
+        {"summary", R"({"cpu_seconds_per_second": 0.25, "stats": {"ratio_ppm": -20}})"},
+        {"summary", R"({"cpu_seconds_per_second": null})"}};
     std::istringstream lines(out.str());
-    std::vector<nlohmann::json> objects;
-    for (std::string line; std::getline(lines, line);) {
-        objects.push_back(nlohmann::json::parse(line));
+    for (const auto& [type, fields] : expected) {
+        std::string line;
+        std::getline(lines, line);
+        const auto object = nlohmann::json::parse(line);
+        EXPECT_EQ(object["type"], type);
+        auto merged = object;
+        merged.update(nlohmann::json::parse(fields), true);
+        EXPECT_EQ(merged, object) << fields;
     }
-    ASSERT_EQ(objects.size(), 5U);
-    EXPECT_EQ(objects[0]["type"], "state");
-    EXPECT_EQ(objects[0]["state"]["text"], "Running");
-    EXPECT_EQ(objects[1]["type"], "event");
-    EXPECT_EQ(objects[1]["sequence"], 7);
-    EXPECT_EQ(objects[1]["missed_before"], 2);
-    EXPECT_EQ(objects[2]["type"], "status");
-    EXPECT_EQ(objects[2]["device"]["sample_rate"], 44100);
-    EXPECT_EQ(objects[2]["output_meters"].dump(), R"([{"channel":5,"peak_permille":250}])");
-    EXPECT_TRUE(objects[2]["stats"].is_null());
-    EXPECT_EQ(objects[3]["type"], "summary");
-    EXPECT_EQ(objects[3]["cpu_seconds_per_second"], 0.25);
-    EXPECT_TRUE(objects[4]["cpu_seconds_per_second"].is_null());
-    EXPECT_EQ(objects[3]["stats"]["ratio_ppm"], -20);
-    EXPECT_EQ(objects[3]["stats"]["rtt_max_us"], 900);
 }
 
-/// The words of the first line of `text` that begins with `word`, blanks squeezed.
-std::string line_of(const std::string& text, const std::string& word) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string joined;
-        for (std::string next; words >> next;)
-            joined += (joined.empty() ? "" : " ") + next;
-        if (joined.starts_with(word + " ")) return joined;
-    }
-    return {};
+/// Whether the command lists a setting like this; the columns are blanks apart.
+bool lists(const std::ostringstream& out, const std::string& pattern) {
+    return std::regex_search(out.str(), std::regex("\n *" + pattern + "\n"));
 }
 
 TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
@@ -148,10 +133,10 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
     std::ostringstream errors;
     ASSERT_EQ(check_config(TAVISTRO_EXAMPLES "/loopback.ini", out, errors), 0) << errors.str();
     EXPECT_EQ(errors.str(), "");
-    EXPECT_EQ(line_of(out.str(), "server_port"), "server_port 28010 file 1..65535");
-    EXPECT_EQ(line_of(out.str(), "announce_period_ms"), "announce_period_ms 1000 default 1..3999");
-    EXPECT_EQ(line_of(out.str(), "loopback_device"), "loopback_device 1 file");
-    EXPECT_EQ(line_of(out.str(), "capture_capacity_blocks"), "capture_capacity_blocks 12 derived");
+    for (const char* setting :
+         {"server_port +28010 +file +1..65535", "announce_period_ms +1000 +default +1..3999",
+          "loopback_device +1 +file *", "capture_capacity_blocks +12 +derived *"})
+        EXPECT_TRUE(lists(out, setting)) << setting;
 }
 
 /// Runs the command on a file of this text; `out` and `errors` are what it says.
@@ -165,29 +150,19 @@ int check_text(const std::string& text, std::ostream& out, std::ostream& errors)
     return code;
 }
 
-TEST(CheckCommand, NamesTheFaultAndTheMisspeltKeyBehindIt) {
-    std::ostringstream out;
-    std::ostringstream errors;
-    EXPECT_EQ(check_text("[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n", out, errors),
-              1);
+TEST(CheckCommand, NamesTheMisspeltKeyBehindAFaultAndKeepsColumnsApart) {
+    const std::string text = "[network]\nserver_ip=auto\nservre_port=1\nclient_id=1\n";
+    std::ostringstream out, errors;
+    EXPECT_EQ(check_text(text, out, errors), 1);
     EXPECT_EQ(out.str(), "");
     EXPECT_EQ(errors.str(),
               "Missing required key [network] server_port\n"
               "warning: line 3: unknown key 'servre_port' in [network]: did you mean "
               "'server_port'?\n");
-}
 
-TEST(CheckCommand, KeepsALongValueApartFromTheNextColumn) {
     const std::string name(40, 'n');
-    std::ostringstream out;
-    std::ostringstream errors;
-    EXPECT_EQ(check_text("[network]\nserver_ip=auto\nserver_port=1\nclient_id=1\n"
-                         "[asio]\ndriver_name=" +
-                             name,
-                         out, errors),
-              0);
-    EXPECT_EQ(line_of(out.str(), "driver_name"),
-              "driver_name " + name + " file not empty unless loopback");
+    EXPECT_EQ(check_text(text + "server_port=1\n[asio]\ndriver_name=" + name, out, errors), 0);
+    EXPECT_TRUE(lists(out, "driver_name +" + name + " +file +not empty unless loopback"));
 }
 
 TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {

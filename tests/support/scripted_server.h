@@ -1,9 +1,10 @@
-// A server that says only what a test tells it to: it answers the client's discover, and sends a
-// sync when asked.
+// A server that says only what a test tells it to: it answers the client's discover, and sends what
+// it is given.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "net/server_messages.h"
@@ -25,14 +26,16 @@ class ScriptedServer {
     }
 
     std::uint16_t port() const { return socket_.local_endpoint().port; }
-    /// To the client that asked last.
+    /// The client that asked last, and what goes there.
+    platform::Ipv4Endpoint client() const { return {platform::ipv4_loopback, client_port_}; }
+    void send(std::span<const std::uint8_t> datagram) { socket_.send_to(datagram, client()); }
     void send_sync(std::uint32_t sample_rate, std::uint16_t block_frames) {
-        socket_.send_to(TavistroProtocol::encode_sync(
-                            client_id_, {++sequence_, sample_rate, block_frames, 0, 0}),
-                        {platform::ipv4_loopback, client_port_});
+        send(TavistroProtocol::encode_sync(client_id_,
+                                           {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
-    std::atomic<bool> mute{false};  ///< answers nothing, as if it were not there
+    std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
+    std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
     std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< that it claims
 
   private:
@@ -41,7 +44,9 @@ class ScriptedServer {
         for (;;) {
             const auto received = socket_.receive(buffer);
             if (received.status == platform::ReceiveStatus::closed) return;
-            const auto discover = TavistroProtocol::decode_discover({buffer.data(), received.size});
+            const std::span bytes(buffer.data(), received.size);
+            if (TavistroProtocol::decode_audio(bytes)) ++audio_received;
+            const auto discover = TavistroProtocol::decode_discover(bytes);
             if (!discover || mute) continue;
             client_id_ = discover.message.client_id;
             client_port_ = received.source.port;
