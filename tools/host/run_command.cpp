@@ -21,7 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto poll_period = 20ms;
+constexpr auto poll_period = 50ms;
 constexpr auto status_period = 1s;
 
 volatile std::sig_atomic_t stop_requested = 0;

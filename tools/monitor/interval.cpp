@@ -12,6 +12,10 @@ namespace {
 constexpr double shortest_step_s = 0.9;
 constexpr double longest_step_s = 10;
 
+bool is_running(const Sample& sample) {
+    return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
+}
+
 /// Counters start anew with each start of the network client or the player.
 bool one_run(const tavistro_stats_block& before, const tavistro_stats_block& after) {
     return after.rendered_frames >= before.rendered_frames &&
@@ -26,10 +30,6 @@ std::uint32_t risen(std::uint32_t before, std::uint32_t after) {
 }
 
 }  // namespace
-
-bool is_running(const Sample& sample) {
-    return sample.presence == Presence::alive && sample.stats->state == TAVISTRO_STATE_RUNNING;
-}
 
 std::uint32_t Step::longest_pause_us() const {
     return std::max({host_late_us,

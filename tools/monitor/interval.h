@@ -31,9 +31,6 @@ struct Step {
     bool server_is_quiet() const { return after.sync_delay_samples == before.sync_delay_samples; }
 };
 
-/// An engine writes, and plays.
-bool is_running(const Sample& sample);
-
 /// Pairs of consecutive readings of an engine that runs, without those across a restart.
 std::vector<Step> steps_of(std::span<const Sample> samples);
 
