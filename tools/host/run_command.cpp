@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto poll_period = 50ms;
 constexpr auto status_period = 1s;
+constexpr auto first_status = 1200ms;  // the engine's first report comes a second after it runs
 
 volatile std::sig_atomic_t stop_requested = 0;
 
@@ -76,7 +77,7 @@ class RunWatch {
     tavistro_engine* engine_;
     Report& report_;
     Clock::time_point start_ = Clock::now();
-    Clock::time_point next_status_ = start_ + status_period;
+    Clock::time_point next_status_ = start_ + first_status;
     double cpu_seconds_at_start_ = process_cpu_seconds();
     tavistro_engine_state state_{};
     EventFollower events_;
