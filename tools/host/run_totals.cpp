@@ -9,12 +9,11 @@ namespace {
 
 using Block = tavistro_stats_block;
 
-constexpr std::uint32_t Block::*counters[] = {&Block::underruns, &Block::overruns,
-                                              &Block::playback_dropped, &Block::capture_dropped};
-
 Block joined(const Block& before, Block now) {
-    for (const auto counter : counters)
-        now.*counter += before.*counter;
+    now.underruns += before.underruns;
+    now.overruns += before.overruns;
+    now.playback_dropped += before.playback_dropped;
+    now.capture_dropped += before.capture_dropped;
     now.rendered_frames += before.rendered_frames;
     now.server_to_output_max_us =
         std::max(now.server_to_output_max_us, before.server_to_output_max_us);
@@ -24,8 +23,9 @@ Block joined(const Block& before, Block now) {
 /// The rendered frames alone would miss a first start that was over within a report, a fault
 /// counter alone one that counted no less.
 bool started_anew(const Block& before, const Block& now) {
-    const auto fell = [&](auto counter) { return now.*counter < before.*counter; };
-    return fell(&Block::rendered_frames) || std::ranges::any_of(counters, fell);
+    return now.rendered_frames < before.rendered_frames || now.underruns < before.underruns ||
+           now.overruns < before.overruns || now.playback_dropped < before.playback_dropped ||
+           now.capture_dropped < before.capture_dropped;
 }
 
 }  // namespace

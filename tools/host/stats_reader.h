@@ -29,8 +29,8 @@ class StatsReader {
     /// not, or no longer, one of this layout.
     std::optional<tavistro_stats_block> read() const;
 
-    /// False when the engine whose block is open has died: its process is gone, the block stayed.
-    /// Where a block ends with its engine, always true.
+    /// False when no block is open or its engine has died: the process is gone, the block stayed.
+    /// Where a block ends with its engine, an open one is always held.
     bool is_held() const noexcept;
 
   private:

@@ -29,6 +29,7 @@ void StatsReader::close() noexcept {
 // Engines hold a shared lock for as long as they live. Should one start in this very instant, it
 // tries again.
 bool StatsReader::is_held() const noexcept {
+    if (handle_ == -1) return false;
     const int fd = static_cast<int>(handle_);
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) return true;
     flock(fd, LOCK_UN);

@@ -26,7 +26,7 @@ void StatsReader::close() noexcept {
 }
 
 bool StatsReader::is_held() const noexcept {
-    return true;
+    return handle_ != -1;
 }
 
 bool StatsReader::copy_to(Words& words) const {
