@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -123,9 +122,17 @@ TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
     }
 }
 
-/// Whether the command lists a setting like this; the columns are blanks apart.
-bool lists(const std::ostringstream& out, const std::string& pattern) {
-    return std::regex_search(out.str(), std::regex("\n *" + pattern + "\n"));
+/// Whether a line of these words, however far apart, is listed.
+bool lists(const std::ostringstream& out, const std::string& words) {
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream parts(line);
+        std::string joined;
+        for (std::string part; parts >> part;)
+            joined += (joined.empty() ? "" : " ") + part;
+        if (joined == words) return true;
+    }
+    return false;
 }
 
 TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
@@ -134,8 +141,8 @@ TEST(CheckCommand, ListsTheSettingsOfTheExampleWithTheirOrigin) {
     ASSERT_EQ(check_config(TAVISTRO_EXAMPLES "/loopback.ini", out, errors), 0) << errors.str();
     EXPECT_EQ(errors.str(), "");
     for (const char* setting :
-         {"server_port +28010 +file +1..65535", "announce_period_ms +1000 +default +1..3999",
-          "loopback_device +1 +file *", "capture_capacity_blocks +12 +derived *"})
+         {"server_port 28010 file 1..65535", "announce_period_ms 1000 default 1..3999",
+          "loopback_device 1 file", "capture_capacity_blocks 12 derived"})
         EXPECT_TRUE(lists(out, setting)) << setting;
 }
 
@@ -162,7 +169,7 @@ TEST(CheckCommand, NamesTheMisspeltKeyBehindAFaultAndKeepsColumnsApart) {
 
     const std::string name(40, 'n');
     EXPECT_EQ(check_text(text + "server_port=1\n[asio]\ndriver_name=" + name, out, errors), 0);
-    EXPECT_TRUE(lists(out, "driver_name +" + name + " +file +not empty unless loopback"));
+    EXPECT_TRUE(lists(out, "driver_name " + name + " file not empty unless loopback"));
 }
 
 TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {
