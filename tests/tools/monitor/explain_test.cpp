@@ -6,6 +6,7 @@
 #include <chrono>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -140,9 +141,11 @@ TEST(ExplainRecording, NamesWhatAClockOrALateComputerDoes) {
         std::optional<std::uint32_t> host_late_us;  ///< instead of the recorded one
         std::vector<Cause> causes;
         const char* words;
+        std::size_t late_readings = 1000;  ///< from the sixth on
     };
     for (const Case& c : {Case{"quiet", {}, {}, ""}, Case{"quiet", 40'000, {}, ""},
                           Case{"slow_device", {}, {Cause::device_too_slow}, "about 38"},
+                          Case{"slow_device", 40'000, {Cause::device_too_slow}, "about 38", 1},
                           Case{"fast_device", {}, {Cause::device_too_fast}, "about 39"},
                           Case{"uneven_device", {}, {Cause::buffer_too_small}, "unevenly"},
                           Case{"uneven_device", 40'000, {Cause::host_overload}, "40.0 ms"},
@@ -150,7 +153,8 @@ TEST(ExplainRecording, NamesWhatAClockOrALateComputerDoes) {
         SCOPED_TRACE(c.recording);
         std::vector<Sample> samples = recording(c.recording);
         ASSERT_GT(samples.size(), 10U);
-        for (Sample& sample : samples) {
+        for (Sample& sample :
+             std::span(samples).subspan(5).first(std::min(c.late_readings, samples.size() - 5))) {
             if (c.host_late_us) sample.host_late_us = c.host_late_us;
         }
         const auto findings = monitor::diagnose(samples);
