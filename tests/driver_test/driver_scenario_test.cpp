@@ -30,8 +30,7 @@ int bits_of(int type) {
 }
 
 // Each sample type has an input with a level of its own, which the server sends to the output of
-// the same type; that comes back, converted by the driver's own arithmetic, as 32-bit float. The
-// driver has bad manners and a clock of its own besides.
+// the same type; that comes back, converted by the driver's own arithmetic, as 32-bit float.
 TEST(Driver, LevelsComeBackWithinOneStepOfTheSampleType) {
     const std::vector types{0, 1, 2, 3, 4, 8, 9, 10, 11, 16, 18, 20, 24, 25, 26, 27};
     std::vector<int> input_types = types;
@@ -39,12 +38,6 @@ TEST(Driver, LevelsComeBackWithinOneStepOfTheSampleType) {
     const std::string inputs = channel_list(0, input_types.size());
     const std::string outputs = channel_list(0, types.size());
     DriverRemote driver;
-    for (const char* manner :
-         {"callback_in_create", "callback_in_start", "callback_in_stop", "noise", "foreign_thread"})
-        driver.set(manner, "1");
-    for (const char* service : {"time_info", "output_ready"})
-        driver.set(service, "0");
-    driver.set("ppm", "200");
     driver.set("inputs", std::to_string(input_types.size()));
     driver.set("outputs", std::to_string(types.size()));
     driver.set("input_types", list(input_types));
@@ -57,8 +50,6 @@ TEST(Driver, LevelsComeBackWithinOneStepOfTheSampleType) {
                            "\n[tavistro]\ndriver_inputs = " + inputs + "\ndriver_outputs = " +
                            outputs + "\n[transport]\nudp_payload_bytes = 65507\n"));
     ASSERT_TRUE(rig.plays());
-    for (const char* command : {"bad_index", "repeat_rate", "overload"})
-        driver.fire(command);
     rig.server.enable_history(8);
     for (std::size_t i = 0; i < types.size(); ++i) {
         SCOPED_TRACE(types[i]);
@@ -77,6 +68,24 @@ TEST(Driver, LevelsComeBackWithinOneStepOfTheSampleType) {
         EXPECT_TRUE(eventually([&] { return holds(i, rounding); }));
         EXPECT_TRUE(eventually([&] { return holds(i + types.size(), rounding + step); }));
     }
+}
+
+TEST(Driver, BadMannersAndAClockOfItsOwnCostNoRestart) {
+    DriverRemote driver;
+    for (const char* manner :
+         {"callback_in_create", "callback_in_start", "callback_in_stop", "noise", "foreign_thread"})
+        driver.set(manner, "1");
+    for (const char* service : {"time_info", "output_ready"})
+        driver.set(service, "0");
+    driver.set("ppm", "200");
+    // Periods long enough for a driver that makes a thread for each.
+    Rig rig({.format = {48000, 512}, .melodies = {{.channel = 0}}},
+            on_test_driver("[latency]\nclient_latency_blocks = 16\n"));
+    ASSERT_TRUE(rig.plays());
+    for (const char* command : {"bad_index", "repeat_rate", "overload"})
+        driver.fire(command);
+    EXPECT_TRUE(rig.sounds(2));
+    EXPECT_TRUE(rig.engine.runs());
     EXPECT_EQ(rig.engine.state().event_count, 0U) << "nothing that asks for a restart";
     rig.engine.stop();
     EXPECT_EQ(driver.count("objects"), 0);
