@@ -52,8 +52,13 @@ void ClientSession::release() {
     server_clock_.forget_ping();
 }
 
-void ClientSession::log(const std::string& line) const {
-    if (callbacks_.log) callbacks_.log(line);
+void ClientSession::log(const char* line) const noexcept {
+    if (!callbacks_.log) return;
+    try {
+        callbacks_.log(line);
+    } catch (const std::bad_alloc&) {
+        // The line is lost and nothing else.
+    }
 }
 
 void ClientSession::report(const ClientTelemetry& telemetry) const {

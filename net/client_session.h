@@ -60,7 +60,7 @@ class ClientSession {
     bool running() const noexcept { return running_.load(std::memory_order_acquire); }
     const TavistroProtocol::ClientSettings& settings() const noexcept { return settings_; }
     /// Controlling thread and the session's own callers, while no reset is under way.
-    void log(const std::string& line) const;
+    void log(const char* line) const noexcept;
 
     /// Registers with the server, again and again; logs when the datagram could not be sent.
     void send_announce();

@@ -34,18 +34,24 @@ bool TavistroClient::start(const TavistroProtocol::ClientSettings& settings, Log
                            BlockCallback block, SyncCallback sync, TelemetryCallback telemetry) {
     if (session_.running()) return true;
     last_error_ = ClientError::None;
-    session_.reset(settings,
-                   {std::move(log), std::move(block), std::move(sync), std::move(telemetry)});
-    const auto server = connect();
-    if (!server) return false;
-    session_.run(*server);
-    if (!start_threads()) {
-        last_error_ = ClientError::Thread;
+    try {
+        session_.reset(settings,
+                       {std::move(log), std::move(block), std::move(sync), std::move(telemetry)});
+        const auto server = connect();
+        if (!server) return false;
+        session_.run(*server);
+        if (!start_threads()) {
+            last_error_ = ClientError::Thread;
+            stop();
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        last_error_ = session_.running() ? ClientError::Thread : ClientError::Socket;
         stop();
         return false;
     }
-    session_.send_announce();
-    session_.ping_tick();
+    try_to([this] { session_.send_announce(); });
+    try_to([this] { session_.ping_tick(); });
     session_.log("[net] Client started.");
     return true;
 }
@@ -61,7 +67,11 @@ void TavistroClient::stop() {
 }
 
 bool TavistroClient::set_capture_format(std::uint32_t sample_rate, std::uint16_t frames) {
-    return session_.set_capture_format(sample_rate, frames);
+    try {
+        return session_.set_capture_format(sample_rate, frames);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void TavistroClient::push_captured_input(std::uint32_t sample_rate, std::uint16_t frames,
@@ -80,7 +90,7 @@ std::optional<platform::Ipv4Endpoint> TavistroClient::connect() {
         return {};
     }
     const FoundServer found =
-        find_server(socket_, settings, [this](const std::string& line) { session_.log(line); });
+        find_server(socket_, settings, [this](const auto& line) { session_.log(line.c_str()); });
     if (!found.server) {
         last_error_ = found.error;
         disconnect();

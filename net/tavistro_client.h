@@ -38,7 +38,8 @@ class TavistroClient {
 
     /// Finds and checks the server (waiting up to settings.discovery_timeout_ms), starts the
     /// threads and registers. True when running, also when it was already: the callbacks given then
-    /// are dropped and nothing changes. False with last_error() set, everything undone.
+    /// are dropped and nothing changes. False with last_error() set, everything undone, also when
+    /// memory ran out: the error is that of the step which found none.
     ///
     /// Any callback may be empty; none is called with a lock held.
     /// - log: the controlling thread and both threads of the client.
@@ -58,7 +59,8 @@ class TavistroClient {
 
     /// Says in which blocks captured input will be pushed and sent (Hz, frames per block), and
     /// begins the stream anew: the next notice and the next block are accepted whatever their
-    /// sequence. Input held so far is forgotten. False when either is 0. Allocates.
+    /// sequence. Input held so far is forgotten. Allocates. False when either is 0 or memory does
+    /// not suffice.
     bool set_capture_format(std::uint32_t sample_rate, std::uint16_t frames);
 
     /// Adds one planar block of captured input (channel c, frame f at c * frames + f), one channel
