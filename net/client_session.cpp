@@ -11,6 +11,13 @@ namespace tavistro {
 
 using TavistroProtocol::SyncInfo;
 
+namespace {
+
+constexpr int leave_tries = 10;
+constexpr std::uint32_t leave_pause_ms = 10;
+
+}  // namespace
+
 void ClientSession::reset(const TavistroProtocol::ClientSettings& settings,
                           ClientCallbacks callbacks) {
     settings_ = settings;
@@ -33,21 +40,44 @@ void ClientSession::run(const platform::Ipv4Endpoint& server) {
     running_.store(true, std::memory_order_release);
 }
 
+// Sends take no lock: the receive thread would wait for the periodic thread, which has a lower
+// priority. They are counted before running_ is read, in one total order with end(): either a send
+// finds the session ended, or end() waits for it.
+bool ClientSession::send(std::span<const platform::DatagramBytes> datagrams) const {
+    sends_under_way_.fetch_add(1);
+    const bool sent = running_.load() && send_(datagrams, server_);
+    sends_under_way_.fetch_sub(1);
+    return sent;
+}
+
 bool ClientSession::end() {
     if (!running_.exchange(false)) return false;
-    if (settings_.client_id == 0) return true;
+    while (sends_under_way_.load() != 0)
+        platform::sleep_ms(1);
+    if (settings_.client_id != 0) leave();
+    return true;
+}
+
+void ClientSession::leave() const {
     try {
-        send_one(TavistroProtocol::encode_leave(settings_.client_id, session_id_));
+        const auto datagram = TavistroProtocol::encode_leave(settings_.client_id, session_id_);
+        const platform::DatagramBytes bytes = datagram;
+        for (int i = 0; i < leave_tries && !send_({&bytes, 1}, server_); ++i)
+            platform::sleep_ms(leave_pause_ms);
     } catch (const std::bad_alloc&) {
         // The server forgets a client that it does not hear.
     }
-    return true;
 }
 
 void ClientSession::release() {
     callbacks_.telemetry = nullptr;
+    completed_ = {};
+    silence_ = {};
+    uplink_samples_ = {};
+    uplink_datagrams_ = {};
+    uplink_run_ = {};
     const std::lock_guard lock(mutex_);
-    reassembly_.clear();
+    reassembly_.release();
     capture_ring_ = CaptureRing();
     server_clock_.forget_ping();
 }
@@ -161,13 +191,13 @@ ClientSession::SyncVerdict ClientSession::judge_sync(const SyncInfo& sync) {
 }
 
 void ClientSession::handle_audio(std::span<const std::uint8_t> datagram) {
+    const std::uint64_t arrival_time_ns = platform::nanosecond_clock();
     const auto fragment = TavistroProtocol::decode_audio(datagram);
     if (!fragment) return;
     {
         const std::lock_guard lock(mutex_);
         if (!reassembly_.offer(fragment.message, completed_)) return;
-        // Not sooner: reading the clock costs as much as taking in a fragment that completes none.
-        completed_.arrival_time_ns = platform::nanosecond_clock();
+        completed_.arrival_time_ns = arrival_time_ns;
         const auto times = server_clock_.block_times(completed_.sequence);
         completed_.server_time_ns = times.server_ns;
         completed_.server_time_local_ns = times.local_ns;
@@ -208,7 +238,7 @@ void ClientSession::deliver_silence(const DeliveryTracker::Verdict& gap) {
     silence_.sample_rate = completed_.sample_rate;
     silence_.frames = completed_.frames;
     silence_.channels = completed_.channels;
-    silence_.samples.assign(completed_.samples.size(), 0.0F);
+    silence_.samples.resize(completed_.samples.size());  // never anything but zeros
     for (std::uint32_t i = 0; i < gap.missing; ++i) {
         silence_.sequence = gap.first_missing + i;
         callbacks_.block(silence_);
@@ -251,7 +281,7 @@ void ClientSession::send_captured_block(const SyncInfo& sync) {
         return;
     }
     uplink_run_.assign(uplink_datagrams_.begin(), uplink_datagrams_.end());
-    if (running()) send_(uplink_run_, server_);
+    send(uplink_run_);
     const std::lock_guard lock(mutex_);
     last_uplink_sequence_ = sequence;
 }

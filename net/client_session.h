@@ -51,10 +51,11 @@ class ClientSession {
     void reset(const TavistroProtocol::ClientSettings& settings, ClientCallbacks callbacks);
     /// From now on datagrams of `server` count.
     void run(const platform::Ipv4Endpoint& server);
-    /// Stops sending and handling, with a word of leave to the server. False when it was not
-    /// running; nothing happens then.
+    /// Stops sending and handling, waits for sends that other threads are inside, and leaves the
+    /// server: nothing follows the leave message. A send buffer without room for it gets 100 ms.
+    /// False when the session was not running; nothing happens then.
     bool end();
-    /// Gives up what the session holds of the stream, and the telemetry callback.
+    /// Gives up what the session holds of the stream, its storage and the telemetry callback.
     void release();
 
     bool running() const noexcept { return running_.load(std::memory_order_acquire); }
@@ -87,7 +88,10 @@ class ClientSession {
     void deliver_completed();
     void deliver_silence(const DeliveryTracker::Verdict& gap);
     void send_captured_block(const TavistroProtocol::SyncInfo& sync);
-    bool send_one(platform::DatagramBytes datagram) const { return send_({&datagram, 1}, server_); }
+    /// Sends unless the session has ended.
+    bool send(std::span<const platform::DatagramBytes> datagrams) const;
+    bool send_one(platform::DatagramBytes datagram) const { return send({&datagram, 1}); }
+    void leave() const;
     void report(const ClientTelemetry& telemetry) const;
     void log_interval(const ClientTelemetry& telemetry);
 
@@ -102,6 +106,7 @@ class ClientSession {
     std::uint32_t session_id_ = 0;
     platform::Ipv4Endpoint server_;
     std::atomic<bool> running_{false};
+    mutable std::atomic<std::uint32_t> sends_under_way_{0};
 
     std::mutex mutex_;  ///< guards what follows, up to the receive thread's own
     std::optional<std::uint32_t> last_sync_sequence_;

@@ -18,6 +18,10 @@ void Reassembly::clear() {
         slot.clear();
 }
 
+void Reassembly::release() {
+    slots_ = {};
+}
+
 bool Reassembly::offer(const AudioFragment& fragment, CompletedOutputBlock& completed) {
     if (fragment.channels != channels_) return false;
     Slot& slot = slots_[fragment.sequence % slot_count];
@@ -30,7 +34,7 @@ bool Reassembly::offer(const AudioFragment& fragment, CompletedOutputBlock& comp
     slot.store(fragment);
     if (slot.received_count != slot.fragment_count) return false;
 
-    slot.silence_rest();
+    slot.complete();
     completed.sequence = slot.sequence;
     completed.sample_rate = slot.sample_rate;
     completed.frames = slot.frames;
@@ -45,12 +49,17 @@ void Reassembly::Slot::clear() {
     frames = channels = fragment_count = received_count = 0;
     in_use = false;
     filled = 0;
+    waiting.clear();
+    waiting_fragments.clear();
     received.clear();
 }
 
 void Reassembly::Slot::open_for(const AudioFragment& fragment) {
     clear();  // also what is left when memory runs out below
-    samples.resize(static_cast<std::size_t>(fragment.frames) * fragment.channels);
+    const auto size = static_cast<std::size_t>(fragment.frames) * fragment.channels;
+    if (samples.capacity() < size) samples = {};  // rather than copied
+    samples.reserve(size);
+    if (samples.size() > size) samples.resize(size);
     received.assign(fragment.count, 0);
     sequence = fragment.sequence;
     sample_rate = fragment.sample_rate;
@@ -66,27 +75,56 @@ bool Reassembly::Slot::belongs_to(const AudioFragment& fragment) const {
            fragment_count == fragment.count;
 }
 
+std::size_t Reassembly::Slot::sample_count() const {
+    return static_cast<std::size_t>(frames) * channels;
+}
+
 void Reassembly::Slot::store(const AudioFragment& fragment) {
-    // Mostly fragments come in their order, and each continues where the one before ended.
     const std::size_t begin =
         static_cast<std::size_t>(fragment.first_channel) * frames + fragment.first_frame;
     const bool one_piece = fragment.channel_count == 1 || fragment.frame_count == frames;
-    if (begin != filled || !one_piece) silence_rest();
-    if (filled < samples.size()) filled += fragment.sample_count();
+    const std::size_t count = fragment.sample_count();
+    const bool whole = filled == sample_count();
+    if (whole || (waiting_fragments.empty() && one_piece && begin == filled)) {
+        if (!whole) filled += count;
+        if (samples.size() < filled) samples.resize(filled);
+        put_in_place(fragment);
+    } else {
+        waiting_fragments.push_back(fragment);
+        waiting.insert(waiting.end(), fragment.payload.begin(), fragment.payload.end());
+        // Fragments that overlap could wait without end.
+        if (waiting.size() >= sample_count() * sizeof(float)) complete();
+    }
+    received[fragment.index] = 1;
+    ++received_count;
+}
 
+void Reassembly::Slot::put_in_place(const AudioFragment& fragment) {
+    const std::size_t begin =
+        static_cast<std::size_t>(fragment.first_channel) * frames + fragment.first_frame;
+    const bool one_piece = fragment.channel_count == 1 || fragment.frame_count == frames;
     const std::size_t pieces = one_piece ? 1 : fragment.channel_count;
     const std::size_t piece = fragment.sample_count() / pieces;
     for (std::size_t j = 0; j < pieces; ++j) {
         TavistroProtocol::read_samples(fragment.payload.subspan(j * 4 * piece, 4 * piece),
                                        std::span(samples).subspan(begin + j * frames, piece));
     }
-    received[fragment.index] = 1;
-    ++received_count;
 }
 
-void Reassembly::Slot::silence_rest() {
-    std::fill(samples.begin() + static_cast<std::ptrdiff_t>(filled), samples.end(), 0.0F);
+void Reassembly::Slot::complete() {
+    const std::size_t touched = std::min(samples.size(), sample_count());
+    std::fill(samples.begin() + static_cast<std::ptrdiff_t>(filled),
+              samples.begin() + static_cast<std::ptrdiff_t>(touched), 0.0F);
+    samples.resize(sample_count());
     filled = samples.size();
+    std::span<const std::uint8_t> payloads = waiting;
+    for (AudioFragment& fragment : waiting_fragments) {
+        fragment.payload = payloads.first(4 * fragment.sample_count());
+        payloads = payloads.subspan(fragment.payload.size());
+        put_in_place(fragment);
+    }
+    waiting.clear();
+    waiting_fragments.clear();
 }
 
 }  // namespace tavistro

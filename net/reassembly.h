@@ -13,6 +13,9 @@ namespace tavistro {
 /// Eight blocks under construction; a block uses slot sequence mod 8 and pushes out an older one
 /// that is still incomplete there. Storage is kept from block to block: a stream of equal blocks
 /// allocates only while its first ones come. Not thread-safe.
+///
+/// What a block claims to be costs nothing: memory is touched only for samples that have come, and
+/// for the others once the block is complete.
 class Reassembly {
   public:
     static constexpr std::size_t slot_count = 8;
@@ -21,6 +24,8 @@ class Reassembly {
     void reset(std::size_t channels);
     /// Forgets every incomplete block.
     void clear();
+    /// The same, and gives the storage back.
+    void release();
 
     /// Takes one decoded fragment. True when it completes its block: `completed` then has the
     /// block's sequence, format and samples (parts that no fragment carried are silent); its times
@@ -37,16 +42,22 @@ class Reassembly {
         std::uint16_t fragment_count = 0;
         std::uint16_t received_count = 0;
         bool in_use = false;
-        std::vector<float> samples;          ///< planar
-        std::size_t filled = 0;              ///< of the samples; those behind are not set yet
-        std::vector<std::uint8_t> received;  ///< one flag per fragment
+        /// Planar. Fragments that continue what is there are put in at once; from the first one on
+        /// that does not, they wait until the block is complete.
+        std::vector<float> samples;
+        std::size_t filled = 0;             ///< samples in their place; those behind mean nothing
+        std::vector<std::uint8_t> waiting;  ///< payloads, one behind the other
+        std::vector<TavistroProtocol::AudioFragment> waiting_fragments;  ///< without their payloads
+        std::vector<std::uint8_t> received;                              ///< one flag per fragment
 
         void clear();
         void open_for(const TavistroProtocol::AudioFragment& fragment);
         bool belongs_to(const TavistroProtocol::AudioFragment& fragment) const;
         void store(const TavistroProtocol::AudioFragment& fragment);
-        /// Makes silent what is not set yet.
-        void silence_rest();
+        void put_in_place(const TavistroProtocol::AudioFragment& fragment);
+        /// Makes the samples whole: silence where none have come, then those that waited.
+        void complete();
+        std::size_t sample_count() const;
     };
 
     std::size_t channels_ = 0;

@@ -57,6 +57,7 @@ bool TavistroClient::start(const TavistroProtocol::ClientSettings& settings, Log
 }
 
 void TavistroClient::stop() {
+    socket_.wind_down();
     const bool was_running = session_.end();
     socket_.close();
     periodic_thread_.join();
@@ -100,6 +101,7 @@ std::optional<platform::Ipv4Endpoint> TavistroClient::connect() {
 
 void TavistroClient::disconnect() {
     socket_.release();
+    receive_buffer_ = {};
     if (std::exchange(network_started_, false)) platform::stop_network_stack();
 }
 

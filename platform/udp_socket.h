@@ -74,12 +74,13 @@ void for_each_datagram(const ReceiveResult& received, DatagramBytes buffer, cons
     } while (!rest.empty());
 }
 
-/// The socket. open() and release() belong to one controlling thread; every other operation may be
-/// called by any number of threads at once in between.
+/// The socket. open() and release() belong to one controlling thread; in between one thread at a
+/// time may receive and any number may call the rest.
 ///
-/// Ending: close() refuses further sends and wakes a blocked receive, but keeps the descriptor, so
-/// that no thread still inside a call can meet a descriptor number that the system has given away
-/// again. release() frees it once every thread that used the socket has been joined.
+/// Ending: close() refuses further sends and ends a waiting send or receive, whatever the network
+/// does, but keeps the descriptor, so that no thread still inside a call can meet a descriptor
+/// number that the system has given away again. release() frees it once every thread that used the
+/// socket has been joined. A last word before close() is sent after wind_down().
 class UdpSocket {
   public:
     UdpSocket() noexcept = default;
@@ -100,28 +101,39 @@ class UdpSocket {
     /// that; elsewhere nothing changes.
     void receive_in_runs() noexcept;
 
-    /// True only when the whole datagram was taken. False without a call for an empty one, or when
-    /// the socket is closed.
+    /// True only when the whole datagram was taken. Waits while the send buffer has no room for it.
+    /// False without a call for an empty one, or when the socket is closed.
     bool send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept;
     /// The same for several, none of them empty, in order. A run of equal sizes, of which only the
     /// last may be shorter, is one call where the system can do that; on the network they are
     /// datagrams like any other.
     SentDatagrams send_run(std::span<const DatagramBytes> datagrams,
                            const Ipv4Endpoint& to) noexcept;
-    /// Waits for a datagram, or a run of them. Interruptions by signals are resumed.
+    /// Waits for a datagram, or a run of them. Interruptions by signals are resumed. One thread at
+    /// a time.
     ReceiveResult receive(std::span<std::uint8_t> buffer) noexcept;
 
-    /// Ends every receive, now and later. Idempotent.
+    /// From now on no send waits for room, and a send of several that is under way ends before its
+    /// next call. One that waits gives up within 20 ms.
+    void wind_down() noexcept { winding_down_.store(true, std::memory_order_release); }
+    /// Ends every receive and every waiting send, now and later. Idempotent.
     void close() noexcept;
     /// close(), then frees the descriptor. No other thread may be inside the socket. Idempotent.
     void release() noexcept;
     bool is_open() const noexcept { return open_.load(std::memory_order_acquire); }
 
   private:
+    /// Waits a moment for room to send; false when nobody is to wait for it any more.
+    bool wait_for_room() noexcept;
+
     std::atomic<bool> open_{false};
-    std::atomic<bool> sends_runs_{true};  ///< until the system refuses one
+    std::atomic<bool> winding_down_{false};
+    std::atomic<bool> sends_runs_{true};  ///< until the system says that it cannot
     std::atomic<std::uint32_t> receive_timeout_ms_{0};
     std::intptr_t handle_ = -1;
+    // What a receive waits for, where the system has events.
+    [[maybe_unused]] void* arrived_ = nullptr;
+    [[maybe_unused]] void* closing_ = nullptr;
 };
 
 }  // namespace tavistro::platform

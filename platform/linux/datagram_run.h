@@ -19,7 +19,8 @@ namespace tavistro::platform {
 /// How many datagrams from the first on, of one that has at least one, can be one piece.
 std::size_t run_length(std::span<const DatagramBytes> datagrams) noexcept;
 
-/// Sends a run, of at least two, without waiting. The bytes taken, or -1 with the reason in errno.
+/// Sends a run, of at least two, without waiting for room. The bytes taken, or -1 with the reason
+/// in errno.
 ssize_t send_as_one(int socket, std::span<const DatagramBytes> run, sockaddr_in to) noexcept;
 
 /// One receive, with the sender and the size of each datagram in what came.

@@ -41,6 +41,25 @@ void request_buffer(int socket, int option, std::uint32_t bytes) noexcept {
     setsockopt(socket, SOL_SOCKET, option, &size, sizeof size);
 }
 
+/// How long a send that waits for room goes without looking whether it still should.
+constexpr int room_slice_ms = 20;
+
+bool no_room(int error) noexcept {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+/// Some interfaces cannot send runs, nor any for datagrams above their MTU. Everything else, a lost
+/// route for instance, passes.
+bool runs_do_not_work(int error) noexcept {
+    return error == EINVAL || error == EMSGSIZE || error == EIO || error == EOPNOTSUPP;
+}
+
+/// Kernels that do not know runs would send one as one datagram.
+bool knows_runs(int socket) noexcept {
+    const int off = 0;
+    return setsockopt(socket, SOL_UDP, UDP_SEGMENT, &off, sizeof off) == 0;
+}
+
 /// Time left of a receive timeout.
 int poll_timeout(std::uint32_t timeout_ms, std::int64_t started) noexcept {
     const std::int64_t elapsed_ms = (performance_counter() - started) / 1'000'000;
@@ -84,7 +103,8 @@ bool UdpSocket::open(const SocketOptions& options) noexcept {
         return false;
     }
     receive_timeout_ms_ = 0;
-    sends_runs_ = true;
+    winding_down_ = false;
+    sends_runs_ = knows_runs(descriptor(handle_));
     open_.store(true, std::memory_order_release);
     return true;
 }
@@ -116,8 +136,15 @@ void UdpSocket::receive_in_runs() noexcept {
     if (is_open()) setsockopt(descriptor(handle_), SOL_UDP, UDP_GRO, &on, sizeof on);
 }
 
-// Audio that cannot leave at once is late: a full send buffer refuses the datagram instead of
-// holding the sending thread.
+// The send itself never blocks: a wait inside it could be ended by shutting the socket down only,
+// after which there is no last word.
+bool UdpSocket::wait_for_room() noexcept {
+    if (winding_down_.load(std::memory_order_acquire) || !is_open()) return false;
+    pollfd wait{descriptor(handle_), POLLOUT, 0};
+    ::poll(&wait, 1, room_slice_ms);
+    return true;
+}
+
 bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept {
     if (datagram.empty() || !is_open()) return false;
     const sockaddr_in address = to_system(to);
@@ -126,7 +153,7 @@ bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept
         sent = ::sendto(descriptor(handle_), datagram.data(), datagram.size(),
                         MSG_NOSIGNAL | MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address),
                         sizeof address);
-    } while (sent < 0 && errno == EINTR);
+    } while (sent < 0 && (errno == EINTR || (no_room(errno) && wait_for_room())));
     return sent == static_cast<ssize_t>(datagram.size());
 }
 
@@ -136,12 +163,14 @@ SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
     while (!datagrams.empty() && is_open()) {
         const auto run = datagrams.first(sends_runs_ ? run_length(datagrams) : 1);
         if (run.size() > 1) {
-            const ssize_t bytes = send_as_one(descriptor(handle_), run, to_system(to));
+            ssize_t bytes = 0;
+            do {
+                bytes = send_as_one(descriptor(handle_), run, to_system(to));
+            } while (bytes < 0 && no_room(errno) && wait_for_room());
             if (bytes >= 0) {
                 sent.count += run.size();
                 sent.bytes += static_cast<std::size_t>(bytes);
-            } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS) {
-                // Old kernels cannot, nor some interfaces, nor any for datagrams above their MTU.
+            } else if (runs_do_not_work(errno)) {
                 sends_runs_ = false;
                 continue;
             }
@@ -149,6 +178,7 @@ SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
             sent.count += 1;
             sent.bytes += run.front().size();
         }
+        if (winding_down_.load(std::memory_order_acquire)) break;
         datagrams = datagrams.subspan(run.size());
     }
     return sent;

@@ -9,8 +9,9 @@
 #include "platform/windows/datagram_receive.h"
 
 // Shutting a socket down does not end a receive on every system, and closing it meanwhile would
-// leave the receiver with a handle that the system may give away again. close() therefore sends the
-// socket an empty datagram from itself; the receiver that it wakes finds the socket closed.
+// leave the receiver with a handle that the system may give away again. A receive therefore waits
+// for an event of close() beside its datagram. Sends do not block in the system; they wait for room
+// here, where they can be told to give up.
 
 namespace tavistro::platform {
 namespace {
@@ -64,10 +65,12 @@ int send(std::intptr_t socket, std::span<const std::uint8_t> datagram,
                     reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-void wake_receiver(std::intptr_t socket) noexcept {
-    Ipv4Endpoint self = endpoint_of(socket);
-    if (self.address == 0) self.address = ipv4_loopback;  // bound to every interface
-    send(socket, {}, self);
+/// How long a send that waits for room goes without looking whether it still should.
+constexpr timeval room_slice{.tv_sec = 0, .tv_usec = 20'000};
+
+bool never_block(std::intptr_t socket) noexcept {
+    u_long on = 1;
+    return ioctlsocket(socket_of(socket), static_cast<long>(FIONBIO), &on) == 0;
 }
 
 }  // namespace
@@ -102,14 +105,19 @@ bool UdpSocket::open(const SocketOptions& options) noexcept {
         static_cast<std::intptr_t>(WSASocketW(AF_INET, SOCK_DGRAM, IPPROTO_UDP, nullptr, 0,
                                               WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
     if (handle_ == -1) return false;
+    arrived_ = WSACreateEvent();
+    closing_ = WSACreateEvent();
     request_buffer(handle_, SO_RCVBUF, options.recv_buffer_bytes);
     request_buffer(handle_, SO_SNDBUF, options.send_buffer_bytes);
     // Otherwise another program could take the port over.
     set_option(handle_, SO_EXCLUSIVEADDRUSE, 1);
-    if (!bind_to(handle_, options.bind)) {
+    if (arrived_ == WSA_INVALID_EVENT || closing_ == WSA_INVALID_EVENT || !never_block(handle_) ||
+        !bind_to(handle_, options.bind)) {
         release();
         return false;
     }
+    receive_timeout_ms_ = 0;
+    winding_down_ = false;
     open_.store(true, std::memory_order_release);
     return true;
 }
@@ -119,7 +127,9 @@ Ipv4Endpoint UdpSocket::local_endpoint() const noexcept {
 }
 
 bool UdpSocket::set_receive_timeout(std::uint32_t ms) noexcept {
-    return is_open() && set_option(handle_, SO_RCVTIMEO, static_cast<int>(ms));
+    if (!is_open()) return false;
+    receive_timeout_ms_ = ms;
+    return true;
 }
 
 bool UdpSocket::enable_broadcast() noexcept {
@@ -128,45 +138,65 @@ bool UdpSocket::enable_broadcast() noexcept {
 
 void UdpSocket::receive_in_runs() noexcept {}
 
+bool UdpSocket::wait_for_room() noexcept {
+    if (winding_down_.load(std::memory_order_acquire) || !is_open()) return false;
+    fd_set waiting{};
+    waiting.fd_count = 1;
+    waiting.fd_array[0] = socket_of(handle_);
+    timeval slice = room_slice;
+    select(0, nullptr, &waiting, nullptr, &slice);
+    return true;
+}
+
 bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept {
     if (datagram.empty() || datagram.size() > max_datagram_bytes || !is_open()) return false;
-    return send(handle_, datagram, to) == static_cast<int>(datagram.size());
+    int sent = 0;
+    do {
+        sent = send(handle_, datagram, to);
+    } while (sent < 0 && WSAGetLastError() == WSAEWOULDBLOCK && wait_for_room());
+    return sent == static_cast<int>(datagram.size());
 }
 
 SentDatagrams UdpSocket::send_run(std::span<const DatagramBytes> datagrams,
                                   const Ipv4Endpoint& to) noexcept {
     SentDatagrams sent;
     for (const DatagramBytes& datagram : datagrams) {
-        if (!send_to(datagram, to)) continue;
-        sent.count += 1;
-        sent.bytes += datagram.size();
+        if (send_to(datagram, to)) {
+            sent.count += 1;
+            sent.bytes += datagram.size();
+        }
+        if (winding_down_.load(std::memory_order_acquire)) break;
     }
     return sent;
 }
 
 // The reports of unreachable ports stay switched on: they are receive errors like any other.
 ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
+    if (!is_open()) return {ReceiveStatus::closed};
+    const std::uint32_t timeout_ms = receive_timeout_ms_;
     sockaddr_in source{};
-    const int size = is_open() ? receive_datagram(socket_of(handle_), buffer, source) : 0;
-    const int error = size < 0 ? WSAGetLastError() : 0;
-    if (!is_open()) {
-        wake_receiver(handle_);  // the next one, should there be another
-        return {ReceiveStatus::closed};
+    const int size = receive_datagram(socket_of(handle_), buffer, source, {arrived_, closing_},
+                                      timeout_ms == 0 ? WSA_INFINITE : timeout_ms);
+    if (!is_open()) return {ReceiveStatus::closed};
+    if (size < 0) {
+        return {WSAGetLastError() == WSAETIMEDOUT ? ReceiveStatus::timed_out
+                                                  : ReceiveStatus::failed};
     }
-    if (error == WSAETIMEDOUT) return {ReceiveStatus::timed_out};
-    if (error != 0) return {ReceiveStatus::failed};
     return {ReceiveStatus::datagram, static_cast<std::size_t>(size), from_system(source)};
 }
 
 void UdpSocket::close() noexcept {
-    if (!open_.exchange(false, std::memory_order_acq_rel)) return;
-    wake_receiver(handle_);
+    if (open_.exchange(false, std::memory_order_acq_rel)) WSASetEvent(closing_);
 }
 
 void UdpSocket::release() noexcept {
     close();
     if (handle_ != -1) closesocket(socket_of(handle_));
     handle_ = -1;
+    for (void** event : {&arrived_, &closing_}) {
+        if (*event != nullptr) WSACloseEvent(*event);
+        *event = nullptr;
+    }
 }
 
 }  // namespace tavistro::platform

@@ -10,6 +10,7 @@
 #include "net/net_inputs.h"
 #include "net/server_messages.h"
 #include "support/eventually.h"
+#include "support/scripted_server.h"
 #include "tools/server/reference_server.h"
 
 namespace tavistro::test {
@@ -124,6 +125,28 @@ TEST(Client, RunsWithTheServerThatItFindsOrSaysWhyNot) {
         EXPECT_TRUE(eventually([&] { return server.snapshot().sessions_left == running; }));
         EXPECT_EQ(blocks, blocks_at_stop);
     }
+}
+
+TEST(Client, SaysNothingAfterItHasLeft) {
+    ScriptedServer server;
+    auto settings = two_in_two_out();
+    settings.server_ip = "127.0.0.1";
+    settings.server_port = server.port();
+    settings.udp_payload_bytes = 52;  // a sample each: sending a block takes its time
+    settings.capture_capacity_blocks = 4;
+    TavistroClient client;
+    for (std::uint64_t run = 1; run <= 30; ++run) {
+        ASSERT_TRUE(client.start(settings, {}, {}, {}, {}));
+        ASSERT_TRUE(client.set_capture_format(test_rate, 2000));
+        client.push_captured_input(test_rate, 2000, 2, ramp(4000), 1.0);
+        client.push_captured_input(test_rate, 2000, 2, ramp(4000), 1.0);
+        const std::uint64_t before = server.audio_received;
+        server.send_sync(test_rate, 2000);
+        EXPECT_TRUE(eventually([&] { return server.audio_received > before; }));
+        client.stop();
+        EXPECT_TRUE(eventually([&] { return server.leaves == run; }));
+    }
+    EXPECT_EQ(server.received_after_leave, 0U);
 }
 
 }  // namespace

