@@ -121,6 +121,31 @@ void receive_block(benchmark::State& state, const Shape& shape) {
     });
 }
 
+/// Datagrams of 52 bytes that claim to be part of the largest block there is: the time of each is
+/// what a forger takes from the receive thread. `fragments` 1: each is a whole block.
+void forged_datagram(benchmark::State& state, std::uint8_t fragments) {
+    constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
+    constexpr float sample = 1.0F;
+    TavistroProtocol::DatagramList forged;
+    TavistroProtocol::encode_audio_block({1, 0, sample_rate, 1, 1, {&sample, 1}}, 52, forged);
+    TavistroProtocol::Datagram& datagram = forged.front();
+    datagram[24] = datagram[25] = 0xFF;  // frames of the block
+    datagram[26] = 32;                   // its channels
+    datagram[38] = fragments;
+    TavistroProtocol::ClientSettings settings;
+    settings.driver_outputs.resize(32);
+    ClientSession session([](auto, const auto&) { return true; });
+    session.reset(settings, {.log = {}, .block = [](const auto&) {}, .sync = {}, .telemetry = {}});
+    session.run(server);
+    std::uint32_t sequence = 0;
+    for (auto _ : state) {
+        sequence += 2;  // with a block that is missing before it
+        std::memcpy(&datagram[16], &sequence, sizeof sequence);
+        session.handle_datagram(datagram, server);
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+
 }  // namespace
 
 void add_net_benches() {
@@ -128,6 +153,8 @@ void add_net_benches() {
     add_for_every_shape("uplink_pull", uplink_pull);
     add_for_every_shape("encode_block", encode_block);
     add_for_every_shape("receive_block", receive_block);
+    benchmark::RegisterBenchmark("forged_fragment", forged_datagram, std::uint8_t{2});
+    benchmark::RegisterBenchmark("forged_block", forged_datagram, std::uint8_t{1});
 }
 
 }  // namespace tavistro::bench

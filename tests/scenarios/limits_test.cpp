@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 
+#include "net/client_session.h"
 #include "scenarios/rig.h"
 #include "support/movable_clock.h"
 
@@ -116,6 +117,50 @@ TEST_F(Limits, MemoryThatRunsOutEndsTheRunAndNotTheHost) {
         seen.insert(outcome_with(RLIMIT_AS, address_space_bytes, more));
     EXPECT_TRUE(seen.contains(works)) << "the sweep ends too early";
     EXPECT_GE(seen.size(), 3U) << "too few parts were met by it";
+}
+
+rlim_t resident_bytes() {
+    rlim_t all = 0;
+    rlim_t resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return resident * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
+    constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
+    constexpr float sample = 1.0F;
+    constexpr std::uint64_t largest_block = 65535 * 32 * sizeof(float);
+    TavistroProtocol::DatagramList forged;
+    ASSERT_TRUE(
+        TavistroProtocol::encode_audio_block({1, 0, 48000, 1, 1, {&sample, 1}}, 52, forged));
+    TavistroProtocol::Datagram& datagram = forged.front();
+    datagram[24] = datagram[25] = 0xFF;  // frames of the block
+    datagram[26] = 32;                   // its channels
+    TavistroProtocol::ClientSettings settings;
+    settings.driver_outputs.resize(32);
+    std::uint64_t blocks = 0;
+    ClientSession session([](auto, const auto&) { return true; });
+    session.reset(settings, {{}, [&](const auto&) { ++blocks; }, {}, {}});
+    session.run(server);
+    const rlim_t before = resident_bytes();
+    for (const std::uint8_t first_frame : {std::uint8_t{0}, std::uint8_t{200}}) {
+        for (std::uint8_t sequence = 1; sequence <= 8; ++sequence) {
+            datagram[16] = sequence;
+            datagram[32] = first_frame;
+            datagram[38] = 2;  // fragments
+            session.handle_datagram(datagram, server);
+        }
+    }
+    EXPECT_LT(resident_bytes(), before + largest_block / 2) << "blocks that are not complete";
+    for (std::uint8_t sequence = 20; sequence < 28; ++sequence) {
+        datagram[16] = sequence;
+        datagram[38] = 1;
+        session.handle_datagram(datagram, server);
+    }
+    EXPECT_EQ(blocks, 8U);
+    session.end();
+    session.release();
+    EXPECT_LT(resident_bytes(), before + largest_block / 2) << "after the run";
 }
 
 TEST(ConfigPath, ThatIsNoSettingsFileFailsTheRunWithoutHoldingItUp) {

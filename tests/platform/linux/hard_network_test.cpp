@@ -119,6 +119,36 @@ TEST(HardNetwork, ALargeBlockArrivesWholeOverASlowLink) {
     });
 }
 
+TEST(HardNetwork, ASendThatWaitsForRoomGivesUpWhenItIsTold) {
+    in_own_network([] {
+        if (!system_does("ip link set lo up && "
+                         "tc qdisc add dev lo root tbf rate 100kbit burst 64kb limit 8mb"))
+            _exit(no_such_network);
+        for (const bool by_close : {false, true}) {
+            UdpSocket from;
+            UdpSocket to;
+            ASSERT_TRUE(from.open(on_loopback(stock_buffer_bytes)));
+            ASSERT_TRUE(to.open(on_loopback()));
+            const Block block(456, 1200);
+            std::atomic<bool> ended{false};
+            std::thread sender([&] {
+                EXPECT_LT(from.send_run(block.datagrams, to.local_endpoint()).count, 456U);
+                ended = true;
+            });
+            std::this_thread::sleep_for(50ms);
+            EXPECT_FALSE(ended) << "it does not wait";
+            by_close ? from.close() : from.wind_down();
+            std::this_thread::sleep_for(300ms);
+            EXPECT_TRUE(ended);
+            if (!ended) _exit(1);
+            sender.join();
+            const auto begin = Clock::now();
+            EXPECT_FALSE(from.send_to(block.datagrams[0], to.local_endpoint())) << "no room";
+            EXPECT_LT(Clock::now() - begin, 1s) << "a last word does not wait";
+        }
+    });
+}
+
 TEST(HardNetwork, RunsAreSentAgainOnceALostRouteIsBack) {
     in_own_network([] {
         if (!system_does("ip link set lo up")) _exit(no_such_network);
