@@ -83,6 +83,7 @@ TEST_F(NamedMemoryTest, TakesWritesWhateverOthersDoToItAndShowsNoFieldHalfWritte
     done = true;
     vandal.join();
     EXPECT_EQ(torn, 0);
+    fields.fill(5);
     EXPECT_TRUE(memory.store(8, fields));
     EXPECT_EQ(first_word(), 0U) << "lost to the vandal, and not written since";
     EXPECT_TRUE(memory.store(0, std::array<std::uint64_t, 1>{7}));
