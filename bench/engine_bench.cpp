@@ -1,5 +1,10 @@
 // What the engine shows to others. It does not depend on the stream; the shapes say what it adds
 // to each sample of a block.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <vector>
+
 #include "bench/bench.h"
 #include "engine/state_record.h"
 #include "engine/stats_block.h"
@@ -20,27 +25,55 @@ void state_snapshot(benchmark::State& state, const Shape& shape) {
         });
 }
 
-void stats_block_write(benchmark::State& state, const Shape& shape) {
+/// `write` on an open block.
+template <typename Write>
+void stats_block_write(benchmark::State& state, const Shape& shape, const Write& write) {
     StatsBlock block;
     if (!block.open(unused_client_id)) {
         state.SkipWithError("no shared memory");
         return;
     }
-    PlayerTelemetry telemetry;
     measure(
         state, shape.batch(), shape.samples(), sizeof(tavistro_stats_block), [] {},
         [&] {
-            ++telemetry.callbacks_total;
-            block.write_player_telemetry(telemetry);
+            write(block);
             return true;
         });
+}
+
+void stats_block_client(benchmark::State& state, const Shape& shape) {
+    ClientTelemetry telemetry;
+    stats_block_write(state, shape, [&](StatsBlock& block) {
+        ++telemetry.rtt_samples;
+        block.write_client_telemetry(telemetry);
+    });
+}
+
+void stats_block_player(benchmark::State& state, const Shape& shape) {
+    PlayerTelemetry telemetry;
+    stats_block_write(state, shape, [&](StatsBlock& block) {
+        ++telemetry.renderedFrames;
+        block.write_player_telemetry(telemetry);
+    });
+}
+
+/// What the system itself takes for as many bytes in one piece.
+void stats_block_pwrite(benchmark::State& state, const Shape& shape) {
+    const std::vector<char> bytes(sizeof(tavistro_stats_block));
+    const int object = memfd_create("stats_block_pwrite", 0);
+    measure(
+        state, shape.batch(), shape.samples(), bytes.size(), [] {},
+        [&] { return pwrite(object, bytes.data(), bytes.size(), 0) > 0; });
+    close(object);
 }
 
 }  // namespace
 
 void add_engine_benches() {
     add_for_every_shape("state_snapshot", state_snapshot);
-    add_for_every_shape("stats_block_write", stats_block_write);
+    add_for_every_shape("stats_block_client", stats_block_client);
+    add_for_every_shape("stats_block_player", stats_block_player);
+    add_for_every_shape("stats_block_pwrite", stats_block_pwrite);
 }
 
 }  // namespace tavistro::bench

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <concepts>
+#include <cstddef>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <span>
 #include <string>
+#include <type_traits>
 
 namespace tavistro {
 namespace {
@@ -33,20 +35,74 @@ void put(std::span<std::uint32_t, TAVISTRO_STATS_HISTOGRAM_BUCKETS> fields,
         put(fields[i], values[i]);
 }
 
+/// Fields on their way into the block. Those put one after another leave together as long as they
+/// are neighbours of one width.
+class Fields {
+  public:
+    explicit Fields(platform::NamedMemory& memory) noexcept : memory_(memory) {}
+
+    tavistro_stats_block block{};  ///< in the block's own layout; holds what was put
+
+    /// Precondition: `field` is one of `block`.
+    template <typename Field, typename Value>
+    void operator()(Field& field, const Value& value) noexcept {
+        using Single = std::remove_all_extents_t<Field>;
+        put(field, value);
+        const auto begin = static_cast<std::size_t>(reinterpret_cast<const char*>(&field) -
+                                                    reinterpret_cast<const char*>(&block));
+        if (begin != end_ || sizeof(Single) != width_) {
+            store();
+            begin_ = begin;
+            width_ = sizeof(Single);
+        }
+        end_ = begin + sizeof field;
+    }
+
+    /// True when everything put so far is in the block.
+    bool store() noexcept {
+        if (width_ == sizeof(std::uint32_t)) store_run<std::uint32_t>();
+        if (width_ == sizeof(std::uint64_t)) store_run<std::uint64_t>();
+        begin_ = end_;
+        return stored_;
+    }
+
+  private:
+    template <typename Word>
+    void store_run() noexcept {
+        const auto* first =
+            reinterpret_cast<const Word*>(reinterpret_cast<const char*>(&block) + begin_);
+        stored_ =
+            memory_.store(begin_, std::span(first, (end_ - begin_) / sizeof(Word))) && stored_;
+    }
+
+    platform::NamedMemory& memory_;
+    std::size_t begin_ = 0;  ///< of what is still to be stored
+    std::size_t end_ = 0;
+    std::size_t width_ = 0;  ///< of each field of that
+    bool stored_ = true;
+};
+
 }  // namespace
 
-bool StatsBlock::open(std::uint32_t client_id) {
+bool StatsBlock::open(std::uint32_t client_id) noexcept {
     const std::lock_guard lock(mutex_);
     if (memory_.is_open()) return true;
-    const std::string name = "TavistroEngineStats_" + std::to_string(client_id) + "_v6";
-    if (!memory_.open(name, TAVISTRO_STATS_BLOCK_BYTES)) return false;
+    try {
+        const std::string name = "TavistroEngineStats_" + std::to_string(client_id) + "_v6";
+        if (!memory_.open(name, TAVISTRO_STATS_BLOCK_BYTES)) return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     // Readers know a block by its magic, so that goes first and comes back last.
-    copy_ = {};
-    copy_.layout_version = TAVISTRO_STATS_LAYOUT_VERSION;
-    put(copy_.client_id, client_id);
-    bool clean = publish();
-    std::memcpy(copy_.magic, TAVISTRO_STATS_MAGIC, sizeof copy_.magic);
-    clean = publish() && clean;
+    constexpr std::array<std::uint64_t, TAVISTRO_STATS_BLOCK_BYTES / sizeof(std::uint64_t)> zeros{};
+    bool clean = memory_.store(0, zeros);
+    Fields fields(memory_);
+    fields(fields.block.layout_version, TAVISTRO_STATS_LAYOUT_VERSION);
+    fields(fields.block.client_id, client_id);
+    clean = fields.store() && clean;
+    std::array<std::uint32_t, 1> magic;
+    std::memcpy(magic.data(), TAVISTRO_STATS_MAGIC, sizeof magic);
+    clean = memory_.store(0, magic) && clean;
     if (!clean) memory_.close();
     return clean;
 }
@@ -60,34 +116,29 @@ template <typename Write>
 void StatsBlock::update(const Write& write) noexcept {
     const std::lock_guard lock(mutex_);
     if (!memory_.is_open()) return;
-    write(copy_);
-    publish();
-}
-
-bool StatsBlock::publish() noexcept {
-    // No field crosses a boundary of 8 bytes, so that readers see each field whole.
-    using Words = std::array<std::uint64_t, TAVISTRO_STATS_BLOCK_BYTES / sizeof(std::uint64_t)>;
-    return memory_.publish(std::bit_cast<Words>(copy_));
+    Fields fields(memory_);
+    write(fields.block, fields);
+    fields.store();
 }
 
 void StatsBlock::write_state(std::uint32_t state) noexcept {
-    update([=](auto& block) { put(block.state, state); });
+    update([=](auto& block, auto& put) { put(block.state, state); });
 }
 
 void StatsBlock::write_error(std::uint32_t error_code) noexcept {
-    update([=](auto& block) { put(block.error_code, error_code); });
+    update([=](auto& block, auto& put) { put(block.error_code, error_code); });
 }
 
 void StatsBlock::write_stream_format(std::uint32_t sample_rate,
                                      std::uint32_t block_frames) noexcept {
-    update([&](auto& block) {
+    update([&](auto& block, auto& put) {
         put(block.stream_sample_rate, sample_rate);
         put(block.stream_block_frames, block_frames);
     });
 }
 
 void StatsBlock::write_client_telemetry(const ClientTelemetry& telemetry) noexcept {
-    update([&](auto& block) {
+    update([&](auto& block, auto& put) {
         put(block.client_recv_blocks_per_sec, telemetry.recvBlocksPerSec);
         put(block.client_duplicate_blocks_per_sec, telemetry.duplicateBlocksPerSec);
         put(block.rtt_samples, telemetry.rtt_samples);
@@ -115,7 +166,7 @@ void StatsBlock::write_client_telemetry(const ClientTelemetry& telemetry) noexce
 }
 
 void StatsBlock::write_player_telemetry(const PlayerTelemetry& telemetry) noexcept {
-    update([&](auto& block) {
+    update([&](auto& block, auto& put) {
         put(block.player_recv_blocks_per_sec, telemetry.recvBlocksPerSec);
         put(block.callbacks_per_sec, telemetry.callbacksPerSec);
         put(block.dequeued_per_sec, telemetry.dequeuedPerSec);

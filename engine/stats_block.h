@@ -1,7 +1,8 @@
 // The engine's side of the statistics block that other processes read (tavistro/stats_block.h).
 //
 // Open for the length of one run. Every write may come from any non-real-time thread at any time;
-// while the block is closed it goes nowhere, so callers need not ask.
+// while the block is closed it goes nowhere, so callers need not ask. A write stores the fields
+// that are its own and no others: another engine may hold the same block.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +18,9 @@ namespace tavistro {
 class StatsBlock {
   public:
     /// Makes the run's block, or takes over and clears the one that another process still holds.
-    /// True when open already. False when the system refuses; nothing is held then.
-    bool open(std::uint32_t client_id);
+    /// True when open already. False when the system refuses or memory runs out; nothing is held
+    /// then.
+    bool open(std::uint32_t client_id) noexcept;
     void close() noexcept;
 
     void write_state(std::uint32_t state) noexcept;
@@ -28,16 +30,14 @@ class StatsBlock {
     void write_player_telemetry(const PlayerTelemetry& telemetry) noexcept;
 
   private:
-    /// Writes to the copy and publishes it whole, unless the block is closed.
+    /// Stores the fields that `write` puts, unless the block is closed.
     template <typename Write>
     void update(const Write& write) noexcept;
-    bool publish() noexcept;
 
     /// Keeps the block open during a write: a refused second start, for instance, writes its error
     /// from the host's thread while the worker closes the block.
     std::mutex mutex_;
     platform::NamedMemory memory_;
-    tavistro_stats_block copy_{};  ///< what the block holds, as far as it is up to the engine
 };
 
 }  // namespace tavistro

@@ -27,10 +27,12 @@ class NamedMemory {
     void close() noexcept;
     bool is_open() const noexcept { return handle_ != -1; }
 
-    /// Makes `words` the block's contents from its beginning; a reader sees each word whole, before
-    /// or after. Harmless whatever other processes have done to the block, which is whole again
-    /// afterwards. False when the system refuses. Precondition: open.
-    bool publish(std::span<const std::uint64_t> words) noexcept;
+    /// Stores neighbouring fields of one width, the first of them `offset` bytes into the block,
+    /// and leaves the rest of the block alone; a reader sees each field whole, before or after.
+    /// Harmless whatever other processes have done to the block. False when the system refuses.
+    /// Preconditions: open; `offset` is a multiple of the width.
+    bool store(std::size_t offset, std::span<const std::uint32_t> fields) noexcept;
+    bool store(std::size_t offset, std::span<const std::uint64_t> fields) noexcept;
 
   private:
     /// On systems where nobody can take mapped memory away.

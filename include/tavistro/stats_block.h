@@ -12,7 +12,8 @@
  *   but any user may shrink the object, and touching a page that is gone ends the reader (SIGBUS).
  * - Check magic and layout_version before anything else, and again after reopening.
  * - In a mapping read each field once, through a volatile pointer or an atomic load of its own
- *   width: the engine stores every field in one piece, so a field is never half written.
+ *   width: the engine stores every field in one piece, so a field is never half written. On Linux
+ *   the kernel copies, on some older processors the last field of a range byte by byte.
  * - There is no lock and no generation count. Fields of one report may come from two consecutive
  *   reports, and the network half and the player half are written by different threads.
  *   Differences between two readings taken more than a second apart are sound.
@@ -24,7 +25,8 @@
  *   rendered_frames) and its longest times start anew with each start of the audio path: also after
  *   a recovery of the device or a change of the stream's format, within a run. Those of the network
  *   client go on.
- * - Two engines with one client_id share one block and overwrite each other.
+ * - Two engines with one client_id share one block: each field shows what was last written to it,
+ *   by either, and the one that starts later clears all of it.
  *
  * Plain C99; usable from C++.
  */

@@ -14,7 +14,9 @@
 //
 // The block is written through the descriptor and not through a mapping: everybody may shrink the
 // object, and touching a mapped page that is gone would end the process. A write makes the object
-// as long as it has to be. The kernel copies aligned words of 8 bytes in one piece.
+// as long as it has to be; what lies before it and was lost reads as zero from then on. The kernel
+// copies aligned fields in one piece, save for the last 4 bytes of a range on processors whose
+// `rep movsb` is slow for a few bytes: there a byte at a time may be seen.
 
 namespace tavistro::platform {
 namespace {
@@ -79,6 +81,14 @@ bool has_size(int fd, std::size_t bytes) noexcept {
            ftruncate(fd, static_cast<off_t>(bytes)) == 0;
 }
 
+bool write_at(int fd, std::size_t offset, std::span<const std::byte> bytes) noexcept {
+    ssize_t written = 0;
+    do {
+        written = pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    } while (written < 0 && errno == EINTR);
+    return written == static_cast<ssize_t>(bytes.size());
+}
+
 }  // namespace
 
 bool NamedMemory::open(const std::string& name, std::size_t bytes) {
@@ -90,12 +100,12 @@ bool NamedMemory::open(const std::string& name, std::size_t bytes) {
     return false;
 }
 
-bool NamedMemory::publish(std::span<const std::uint64_t> words) noexcept {
-    ssize_t written = 0;
-    do {
-        written = pwrite(static_cast<int>(handle_), words.data(), words.size_bytes(), 0);
-    } while (written < 0 && errno == EINTR);
-    return written == static_cast<ssize_t>(words.size_bytes());
+bool NamedMemory::store(std::size_t offset, std::span<const std::uint32_t> fields) noexcept {
+    return write_at(static_cast<int>(handle_), offset, std::as_bytes(fields));
+}
+
+bool NamedMemory::store(std::size_t offset, std::span<const std::uint64_t> fields) noexcept {
+    return write_at(static_cast<int>(handle_), offset, std::as_bytes(fields));
 }
 
 void NamedMemory::close() noexcept {

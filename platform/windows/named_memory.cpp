@@ -23,6 +23,14 @@ HANDLE create_or_open(const std::wstring& name, std::size_t bytes) noexcept {
                               name.c_str());
 }
 
+template <typename Field>
+bool exchange_each(void* view, std::size_t offset, std::span<const Field> fields) noexcept {
+    auto* to = reinterpret_cast<Field*>(static_cast<std::byte*>(view) + offset);
+    for (const Field field : fields)
+        std::atomic_ref(*to++).exchange(field);
+    return true;
+}
+
 }  // namespace
 
 bool NamedMemory::open(const std::string& name, std::size_t bytes) {
@@ -35,11 +43,12 @@ bool NamedMemory::open(const std::string& name, std::size_t bytes) {
     return view_ != nullptr;
 }
 
-bool NamedMemory::publish(std::span<const std::uint64_t> words) noexcept {
-    auto* to = static_cast<std::uint64_t*>(view_);
-    for (const std::uint64_t word : words)
-        std::atomic_ref(*to++).exchange(word);
-    return true;
+bool NamedMemory::store(std::size_t offset, std::span<const std::uint32_t> fields) noexcept {
+    return exchange_each(view_, offset, fields);
+}
+
+bool NamedMemory::store(std::size_t offset, std::span<const std::uint64_t> fields) noexcept {
+    return exchange_each(view_, offset, fields);
 }
 
 void NamedMemory::close() noexcept {

@@ -12,8 +12,8 @@ import sys
 import tempfile
 
 CHANNELS = 8  # a block of 128 frames has four fragments
-# The notice, the fragments in one run, and likewise back.
-PER_BLOCK = {"tav-receive": {"recvmsg": 2, "sendmsg": 1, "pwrite64": 1}, "tav-loopback": {}}
+# The notice, the fragments in one run, and likewise back; the client's statistics lie in two places.
+PER_BLOCK = {"tav-receive": {"recvmsg": 2, "sendmsg": 1, "pwrite64": 2}, "tav-loopback": {}}
 # Waiting for the next period takes as many as it takes, sleeping and yielding.
 WAITING = {"tav-loopback": {"clock_nanosleep", "sched_yield"}, "tav-receive": set()}
 # Reports, pings, and locks that two threads happened to want at once.

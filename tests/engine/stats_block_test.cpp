@@ -6,16 +6,62 @@
 #include <unistd.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
-#include <cstring>
-#include <numeric>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "tools/host/stats_reader.h"
 
 namespace tavistro {
 namespace {
+
+using Words = std::array<std::uint32_t, 72>;
+
+struct Operation {
+    const char* name;
+    void (*write)(StatsBlock& block, std::uint32_t base);  ///< `base` and its offset in each field
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> fields;  ///< from offset to offset
+};
+
+void write_client(StatsBlock& block, std::uint32_t base) {
+    ClientTelemetry from{base + 28,  base + 32,  base + 36,  base + 40,  base + 44,  base + 48,
+                         base + 52,  base + 56,  base + 60,  base + 64,  {},         true,
+                         base + 72,  base + 116, base + 120, base + 124, base + 128, base + 132,
+                         base + 136, base + 140, {},         base + 252, base + 256};
+    for (std::uint32_t i = 0; i < latency_bucket_count; ++i) {
+        from.rtt_histogram[i] = base + 76 + 4 * i;
+        from.sync_delay_histogram[i] = base + 144 + 4 * i;
+    }
+    block.write_client_telemetry(from);
+}
+
+void write_player(StatsBlock& block, std::uint32_t base) {
+    PlayerTelemetry from;
+    from.recvBlocksPerSec = base + 184, from.callbacksPerSec = base + 188;
+    from.dequeuedPerSec = base + 192, from.playback_buffer_frames = base + 196;
+    from.minFrames = base + 200, from.maxFrames = base + 204, from.target_frames = base + 208;
+    from.error_frames = base + 212.5, from.buffer_ms = (base + 216.5) / 1e3;
+    from.buffer_blocks = (base + 220.5) / 1e2, from.pll_ratio = 1.0 + (base + 224.5) / 1e6;
+    from.callback_duration_last_us = base + 228, from.callback_duration_max_us = base + 232;
+    from.underruns = base + 236, from.overruns = base + 240, from.playbackDropped = base + 244;
+    from.captureDropped = base + 248, from.queue_latency_last_us = base + 260;
+    from.queue_latency_max_us = base + 264, from.server_to_output_last_us = base + 268;
+    from.server_to_output_max_us = base + 272, from.renderedFrames = base + 280;
+    block.write_player_telemetry(from);
+}
+
+const Operation operations[] = {
+    {"state", [](auto& block, auto base) { block.write_state(base + 8); }, {{8, 12}}},
+    {"error", [](auto& block, auto base) { block.write_error(base + 12); }, {{12, 16}}},
+    {"format",
+     [](auto& block, auto base) { block.write_stream_format(base + 20, base + 24); },
+     {{20, 28}}},
+    {"client", write_client, {{28, 184}, {252, 260}}},
+    {"player", write_player, {{184, 252}, {260, 276}, {280, 284}}},
+};
 
 class StatsBlockTest : public testing::Test {
   protected:
@@ -23,61 +69,48 @@ class StatsBlockTest : public testing::Test {
         std::array<std::uint64_t, 36> remains;
         remains.fill(0xEEEEEEEEEEEEEEEE);
         other_holder_.open("TavistroEngineStats_" + std::to_string(id_) + "_v6", sizeof remains);
-        other_holder_.publish(remains);
+        other_holder_.store(0, remains);
         stats_.open(id_);
         EXPECT_TRUE(reader_.open(id_));
     }
     tavistro_stats_block block() const { return reader_.read().value_or(tavistro_stats_block{}); }
+    Words words() const { return std::bit_cast<Words>(block()); }
     /// Of this process alone, so that tests running side by side do not meet.
     const std::uint32_t id_ = 3'000'000'000u + static_cast<std::uint32_t>(getpid());
+    Words cleared_{std::bit_cast<std::uint32_t>(std::array{'T', 'E', 'N', 'G'}), 6, 0, 0,
+                   2147483647};  // the name carries the whole id
     platform::NamedMemory other_holder_;
     StatsBlock stats_;
     host::StatsReader reader_;
 };
 
 TEST_F(StatsBlockTest, a_block_is_cleared_when_opened_and_left_alone_when_closed) {
-    tavistro_stats_block expected{};
-    std::memcpy(expected.magic, "TENG", 4);
-    expected.layout_version = 6;
-    expected.client_id = 2147483647;  // the name carries the whole id
-    const tavistro_stats_block found = block();
-    EXPECT_EQ(0, std::memcmp(&found, &expected, sizeof expected));
-
-    stats_.write_state(3);
-    stats_.write_error(7);
-    EXPECT_TRUE(stats_.open(id_)) << "open already, and not cleared again";
+    EXPECT_EQ(words(), cleared_);
+    for (const Operation& operation : operations)
+        operation.write(stats_, 1000);
+    const Words full = words();
+    EXPECT_TRUE(stats_.open(id_));
+    EXPECT_EQ(words(), full) << "was open already, and is not cleared again";
     stats_.close();
-    stats_.write_state(6);
-    EXPECT_EQ(block().state, 3u);
-    EXPECT_EQ(block().error_code, 7u);
+    for (const Operation& operation : operations)
+        operation.write(stats_, 2000);
+    EXPECT_EQ(words(), full);
+    EXPECT_TRUE(stats_.open(id_));
+    EXPECT_EQ(words(), cleared_);
 }
 
-TEST_F(StatsBlockTest, every_field_has_its_place) {
-    ClientTelemetry client{28, 32,  36,  40,  44,  48,  52,  56,  60, 64,  {}, true,
-                           72, 116, 120, 124, 128, 132, 136, 140, {}, 252, 256};
-    std::iota(client.rtt_histogram.begin(), client.rtt_histogram.end(), 76);
-    std::iota(client.sync_delay_histogram.begin(), client.sync_delay_histogram.end(), 144);
-    PlayerTelemetry player;
-    player.recvBlocksPerSec = 184, player.callbacksPerSec = 188, player.dequeuedPerSec = 192;
-    player.playback_buffer_frames = 196, player.minFrames = 200, player.maxFrames = 204;
-    player.target_frames = 208, player.error_frames = 212.0, player.buffer_ms = 0.216;
-    player.buffer_blocks = 2.2, player.pll_ratio = 1.0002245;
-    player.callback_duration_last_us = 228, player.callback_duration_max_us = 232;
-    player.underruns = 236, player.overruns = 240, player.playbackDropped = 244;
-    player.captureDropped = 248, player.queue_latency_last_us = 260;
-    player.queue_latency_max_us = 264, player.server_to_output_last_us = 268;
-    player.server_to_output_max_us = 272, player.renderedFrames = 280;
-    stats_.write_client_telemetry(client);
-    stats_.write_player_telemetry(player);
-
-    const tavistro_stats_block found = block();
-    for (std::uint32_t offset = 28; offset <= 280; offset += 4) {
-        std::uint32_t word;
-        std::memcpy(&word, reinterpret_cast<const char*>(&found) + offset, sizeof word);
-        std::uint32_t expected = offset == 68 ? 1 : offset == 276 ? 0 : offset;
-        if (offset >= 76 && offset < 116) expected = 76 + (offset - 76) / 4;
-        if (offset >= 144 && offset < 184) expected = 144 + (offset - 144) / 4;
-        EXPECT_EQ(word, expected) << "at offset " << offset;
+TEST_F(StatsBlockTest, a_write_stores_its_own_fields_and_leaves_those_of_another_engine) {
+    StatsBlock other_engine;
+    ASSERT_TRUE(other_engine.open(id_));
+    Words expected = cleared_;
+    for (const std::uint32_t base : {1000u, 2000u, 3000u}) {
+        for (const Operation& operation : operations) {
+            operation.write(base == 2000 ? other_engine : stats_, base);
+            for (const auto& [from, to] : operation.fields)
+                for (std::uint32_t offset = from; offset < to; offset += 4)
+                    expected[offset / 4] = offset == 68 ? 1 : base + offset;
+            EXPECT_EQ(words(), expected) << operation.name << " of " << base;
+        }
     }
 }
 

@@ -36,7 +36,7 @@ TEST(NamedMemory, AnotherProcessReadsAndWritesTheBlockThatTheLastHolderTakesAway
     // The statement runs in a second process, which has come through all the lines above itself.
     EXPECT_EXIT(std::exit(*processes == 2 ? 0 : 1), testing::ExitedWithCode(0), "");
     EXPECT_EQ(*processes, 2U);
-    EXPECT_TRUE(memory.publish(std::array<std::uint64_t, 2>{7, 8}));
+    EXPECT_TRUE(memory.store(0, std::array<std::uint64_t, 2>{7, 8}));
     EXPECT_EQ(*processes, 7U);
 
     memory.close();
