@@ -47,10 +47,6 @@ std::string number_text(double value) {
 
 }  // namespace
 
-// One record for all devices: no driver outlives it.
-const AsioCallbacks AsioDevice::driver_callbacks{buffer_switch, sample_rate_changed, message,
-                                                 buffer_switch_time_info};
-
 AsioDevice::~AsioDevice() {
     AsioDevice::close();
 }
@@ -130,6 +126,7 @@ bool AsioDevice::choose_buffer_size() {
 }
 
 bool AsioDevice::create_buffers() {
+    driver_callbacks_ = {buffer_switch, sample_rate_changed, message, buffer_switch_time_info};
     buffer_infos_.clear();
     for (const std::int32_t channel : settings_.input_channel_map)
         buffer_infos_.push_back({.isInput = 1, .channel = channel, .half = {}});
@@ -137,37 +134,42 @@ bool AsioDevice::create_buffers() {
         buffer_infos_.push_back({.isInput = 0, .channel = channel, .half = {}});
     return driver_->createBuffers(
                buffer_infos_.data(), static_cast<std::int32_t>(buffer_infos_.size()),
-               static_cast<std::int32_t>(buffer_size_), &driver_callbacks) == kAsioOk ||
+               static_cast<std::int32_t>(buffer_size_), &driver_callbacks_) == kAsioOk ||
            fail("[asio] createBuffers failed.");
 }
 
 bool AsioDevice::identify_channels() {
     const std::span<const AsioBufferInfo> buffers(buffer_infos_);
     const std::size_t input_count = settings_.input_channel_map.size();
-    if (!identify(buffers.first(input_count), inputs_))
+    if (!identify(true, settings_.input_channel_map, buffers.first(input_count), inputs_))
         return fail("[asio] getChannelInfo failed for input.");
-    if (!identify(buffers.subspan(input_count), outputs_))
+    if (!identify(false, settings_.output_channel_map, buffers.subspan(input_count), outputs_))
         return fail("[asio] getChannelInfo failed for output.");
     return true;
 }
 
-bool AsioDevice::identify(std::span<const AsioBufferInfo> buffers, std::vector<Channel>& channels) {
+bool AsioDevice::identify(bool inputs, const std::vector<std::int32_t>& channel_map,
+                          std::span<const AsioBufferInfo> buffers, std::vector<Channel>& channels) {
     channels.clear();
-    for (const AsioBufferInfo& buffer : buffers) {
+    for (std::size_t i = 0; i < buffers.size(); ++i) {
+        // Asked by the map: of `buffers` only the addresses are the driver's to fill.
         AsioChannelInfo info{};
-        info.channel = buffer.channel;
-        info.isInput = buffer.isInput;
+        info.channel = channel_map[i];
+        info.isInput = inputs ? 1 : 0;
         if (driver_->getChannelInfo(&info) != kAsioOk) return false;
-        channels.push_back({.hardware_channel = buffer.channel,
+        channels.push_back({.hardware_channel = channel_map[i],
                             .sample_type = static_cast<std::uint32_t>(info.type),
-                            .halves = {buffer.half[0], buffer.half[1]}});
+                            .halves = {buffers[i].half[0], buffers[i].half[1]}});
     }
     return true;
 }
 
 void AsioDevice::silence_outputs() noexcept {
-    // No driver promises clean buffers, and one half plays before the first period fills it.
+    // No driver promises clean buffers, and one half plays before the first period fills it. How
+    // long a buffer of an unknown type is cannot be told: one-bit types have eight frames in a
+    // byte.
     for (const Channel& channel : outputs_) {
+        if (!is_known_sample_type(channel.sample_type)) continue;
         for (void* half : channel.halves)
             if (half != nullptr) write_silence(half, channel.sample_type, buffer_size_);
     }

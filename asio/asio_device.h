@@ -68,20 +68,21 @@ class AsioDevice : public AudioDevice {
     void describe() const;
     void probe_output_ready();
 
-    bool identify(std::span<const AsioBufferInfo> buffers, std::vector<Channel>& channels);
+    bool identify(bool inputs, const std::vector<std::int32_t>& channel_map,
+                  std::span<const AsioBufferInfo> buffers, std::vector<Channel>& channels);
     void describe(const char* logical, const char* hardware,
                   const std::vector<Channel>& channels) const;
     bool fail(const std::string& line) const;
     void log(const std::string& line) const;
 
-    // What the driver calls, and where it leads once there is a current device.
+    // What the driver calls, and where it leads once there is a current device. A buffer index
+    // other than 0 and 1 is ignored.
     static void buffer_switch(std::int32_t half, std::int32_t process_now) noexcept;
     static AsioTimeRecord* buffer_switch_time_info(AsioTimeRecord* time, std::int32_t half,
                                                    std::int32_t process_now) noexcept;
     static void sample_rate_changed(double rate) noexcept;
     static std::int32_t message(std::int32_t selector, std::int32_t value, void* text,
                                 double* option) noexcept;
-    static const AsioCallbacks driver_callbacks;
 
     AudioDeviceSettings settings_;
     LogCallback log_;
@@ -90,7 +91,9 @@ class AsioDevice : public AudioDevice {
 
     std::unique_ptr<AsioDrivers> drivers_;
     AsioDriver* driver_ = nullptr;
-    std::vector<AsioBufferInfo> buffer_infos_;  ///< the driver's own view; inputs, then outputs
+    // The driver may keep and overwrite both until its buffers are disposed of.
+    AsioCallbacks driver_callbacks_{};
+    std::vector<AsioBufferInfo> buffer_infos_;  ///< inputs, then outputs
     std::vector<Channel> inputs_;               ///< in map order
     std::vector<Channel> outputs_;
     std::atomic<bool> output_ready_supported_{false};

@@ -10,8 +10,9 @@
 
 namespace tavistro {
 
-/// Takes one line of text without a line end. May be empty. Called on the thread that opens, starts
-/// or stops a device, never from a period.
+/// Takes one line of text without a line end. May be empty. A device calls it on the thread that
+/// opens it; the player also on the threads that bring it blocks and sync notices and on the
+/// loopback thread, possibly while a device is being opened. Never called on a driver's thread.
 using LogCallback = std::function<void(const std::string&)>;
 
 /// Called by the device once per period on its own thread, with the context given to open() and

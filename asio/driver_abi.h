@@ -107,7 +107,8 @@ class AsioDriver {
     virtual std::uint32_t AddRef() noexcept = 0;
     virtual std::uint32_t Release() noexcept = 0;
 
-    /// True (1) on success, unlike the others; a failed driver may only be released.
+    /// True (1) on success, unlike the others. A driver that failed may still be told to stop and
+    /// to dispose of its buffers before it is released.
     virtual std::int32_t init(void* window) noexcept = 0;
     virtual void getDriverName(char* name) noexcept = 0;  ///< up to 32 bytes
     virtual std::int32_t getDriverVersion() noexcept = 0;
@@ -131,10 +132,9 @@ class AsioDriver {
                                            AsioCount64* nanoseconds) noexcept = 0;
     virtual std::int32_t getChannelInfo(AsioChannelInfo* info) noexcept = 0;
     /// All channels of the session at once. `callbacks` must stay until disposeBuffers has
-    /// returned.
+    /// returned. A sloppy driver writes into both, beyond the buffers' addresses.
     virtual std::int32_t createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
-                                       std::int32_t frames,
-                                       const AsioCallbacks* callbacks) noexcept = 0;
+                                       std::int32_t frames, AsioCallbacks* callbacks) noexcept = 0;
     virtual std::int32_t disposeBuffers() noexcept = 0;
     virtual std::int32_t controlPanel() noexcept = 0;
     virtual std::int32_t future(std::int32_t selector, void* parameter) noexcept = 0;

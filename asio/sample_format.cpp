@@ -209,6 +209,10 @@ constexpr std::size_t fast_part(std::size_t count) noexcept {
 
 }  // namespace
 
+bool is_known_sample_type(std::uint32_t code) noexcept {
+    return format_of(code).to_float != other.to_float;
+}
+
 const char* sample_type_name(std::uint32_t code) noexcept {
     return format_of(code).name;
 }

@@ -15,6 +15,9 @@
 
 namespace tavistro {
 
+/// False for a code that is not converted.
+bool is_known_sample_type(std::uint32_t code) noexcept;
+
 /// Name of the type as drivers' developers know it, "Other" for an unknown code.
 const char* sample_type_name(std::uint32_t code) noexcept;
 

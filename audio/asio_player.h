@@ -54,13 +54,15 @@ class AsioPlayer {
 
     /// Stops what runs, then opens and starts a device of the factory. Any callback may be empty.
     /// The captured-input and telemetry callbacks run inside push_block and on_sync, one at a time,
-    /// and must not start or stop the player; none is called any more once stop() has returned.
-    /// False, with one log line and the player stopped, when the channel maps are not usable, the
-    /// device cannot be had, opened or started, or memory does not suffice.
+    /// and must not start or stop the player; the log callback runs there too, and inside the
+    /// start. None is called any more once stop() has returned. False, with one log line and the
+    /// player stopped, when the channel maps are not usable, the device cannot be had, opened or
+    /// started, or memory does not suffice.
     bool start(const AudioDeviceSettings& settings, LogCallback log,
                CapturedInputCallback captured_input, TelemetryCallback telemetry);
     /// The same on the virtual loopback device. The callbacks also run on its thread, once per
-    /// period. Only the sizes of the channel maps matter.
+    /// period. Only the sizes of the channel maps matter. A thread that cannot be created is a
+    /// failed start as well.
     bool start_loopback(const AudioDeviceSettings& settings, LogCallback log,
                         CapturedInputCallback captured_input, TelemetryCallback telemetry);
     /// Ends the periods, closes the device and drops the callbacks and every buffer. Idempotent;

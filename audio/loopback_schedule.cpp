@@ -4,6 +4,8 @@
 #include <cmath>
 #include <utility>
 
+#include "audio/scaled_ticks.h"
+
 namespace tavistro {
 
 namespace {
@@ -83,7 +85,7 @@ std::uint32_t LoopbackSchedule::duplicates() const noexcept {
 std::int64_t LoopbackSchedule::elapsed_ms(std::int64_t now) const noexcept {
     const std::int64_t ticks = now - start_;
     if (ticks < 0 || frequency_ < 1) return -1;
-    return ticks * 1000 / frequency_;
+    return scaled_ticks(ticks, 1000, frequency_);
 }
 
 std::uint32_t LoopbackSchedule::stall_ms(std::int64_t now) const noexcept {

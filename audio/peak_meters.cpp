@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "audio/atomic_maximum.h"
 
@@ -43,7 +44,10 @@ void MeterSchedule::configure(double sample_rate, std::int32_t block_frames) noe
     meter_divisor_ = 1;
     if (!(sample_rate > 0.0) || block_frames <= 0) return;
     const double periods = sample_rate / static_cast<double>(block_frames) / updates_per_second;
-    if (periods > 1.0) meter_divisor_ = static_cast<std::uint32_t>(periods + 0.5);
+    // A driver may claim any rate, infinity included.
+    constexpr double highest = std::numeric_limits<std::uint32_t>::max();
+    if (periods > 1.0)
+        meter_divisor_ = static_cast<std::uint32_t>(std::min(periods + 0.5, highest));
 }
 
 bool MeterSchedule::tick() noexcept {

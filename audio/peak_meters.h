@@ -16,7 +16,8 @@ namespace tavistro {
 /// samples.
 TAVISTRO_REALTIME std::uint32_t peak_permille(std::span<const float> samples) noexcept;
 
-/// The meters of one direction, for at most max_meters channels.
+/// The meters of one direction, for at most max_meters channels. Those of the outputs show what is
+/// played, on the virtual device as well.
 class PeakMeters {
   public:
     /// All meters at 0. While neither side is inside.
@@ -37,7 +38,8 @@ class PeakMeters {
 /// Says in which periods the meters are worth their time: about 30 times a second. Device thread.
 class MeterSchedule {
   public:
-    /// `sample_rate` in Hz; a rate or period that is not above 0 makes every period due.
+    /// `sample_rate` in Hz, any number; a rate or period that is not above 0 makes every period
+    /// due.
     void configure(double sample_rate, std::int32_t block_frames) noexcept;
     /// Counts one period; true when its meters are due.
     TAVISTRO_REALTIME bool tick() noexcept;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "audio/atomic_maximum.h"
+#include "audio/scaled_ticks.h"
 #include "platform/clock.h"
 
 namespace tavistro {
@@ -137,7 +138,8 @@ void PeriodPath::end_period() noexcept {
 
 void PeriodPath::record_duration(std::int64_t start, std::int64_t end) noexcept {
     if (frequency_ < 1 || end < start) return;
-    const auto duration_us = static_cast<std::uint64_t>((end - start) * 1'000'000 / frequency_);
+    const auto duration_us =
+        static_cast<std::uint64_t>(scaled_ticks(end - start, 1'000'000, frequency_));
     callback_duration_last_us_.store(duration_us, std::memory_order_relaxed);
     raise_to(callback_duration_max_us_, duration_us);
 }

@@ -52,7 +52,8 @@ class PeriodPath {
     TAVISTRO_REALTIME void begin_period() noexcept;
     /// The same for a period that renders nothing of its own: the drift is left alone.
     TAVISTRO_REALTIME void begin_duplicate() noexcept;
-    /// Renders the period's block. `start` is the performance counter at the period's start.
+    /// Renders the period's block and shows it on the output meters when they are due. `start` is
+    /// the performance counter at the period's start.
     TAVISTRO_REALTIME void render(std::int64_t start) noexcept;
     /// Captures what was rendered, output channel i as input channel i: zeros where there is no
     /// such output, nothing was rendered or the input is silent.

@@ -38,13 +38,13 @@ void PlaybackBuffer::release() noexcept {
     shape_ = {};
     ring_ = {};
     origins_.reset();
-    write_index_.value.store(0, std::memory_order_relaxed);
-    read_index_.value.store(0, std::memory_order_relaxed);
-    write_position_ = 0;
-    read_position_ = 0;
-    playing_ = false;
-    starve_count_ = 0;
-    frac_pos_ = 0.0;
+    producer_.write_index.store(0, std::memory_order_relaxed);
+    device_.read_index.store(0, std::memory_order_relaxed);
+    producer_.position = 0;
+    device_.position = 0;
+    device_.playing = false;
+    device_.starve_count = 0;
+    device_.frac_pos = 0.0;
     drift_.reset();
     counters_.clear();
     fill_statistics_.clear();
@@ -53,8 +53,8 @@ void PlaybackBuffer::release() noexcept {
 }
 
 std::uint64_t PlaybackBuffer::fill() const noexcept {
-    const std::uint64_t read = read_index_.value.load(std::memory_order_acquire);
-    const std::uint64_t written = write_index_.value.load(std::memory_order_acquire);
+    const std::uint64_t read = device_.read_index.load(std::memory_order_acquire);
+    const std::uint64_t written = producer_.write_index.load(std::memory_order_acquire);
     return std::min<std::uint64_t>(ring_.capacity(), written - read);
 }
 
@@ -67,11 +67,11 @@ bool PlaybackBuffer::push_block(const IncomingBlock& block) noexcept {
         count(counters_.playbackDropped);
         return false;
     }
-    const std::uint64_t written = write_index_.value.load(std::memory_order_relaxed);
-    ring_.write(write_position_, block.samples);
-    origin_at(write_position_).store(block);
-    write_position_ = ring_.advanced(write_position_, block.frames);
-    write_index_.value.store(written + block.frames, std::memory_order_release);
+    const std::uint64_t written = producer_.write_index.load(std::memory_order_relaxed);
+    ring_.write(producer_.position, block.samples);
+    origin_at(producer_.position).store(block);
+    producer_.position = ring_.advanced(producer_.position, block.frames);
+    producer_.write_index.store(written + block.frames, std::memory_order_release);
     count(counters_.received_blocks);
     fill_statistics_.record(fill());
     return true;
@@ -79,8 +79,8 @@ bool PlaybackBuffer::push_block(const IncomingBlock& block) noexcept {
 
 bool PlaybackBuffer::admit(const IncomingBlock& block) noexcept {
     if (!matches_shape(block)) return false;
-    const std::uint64_t used = write_index_.value.load(std::memory_order_relaxed) -
-                               read_index_.value.load(std::memory_order_acquire);
+    const std::uint64_t used = producer_.write_index.load(std::memory_order_relaxed) -
+                               device_.read_index.load(std::memory_order_acquire);
     if (used > ring_.capacity()) return false;
     if (block.frames > ring_.capacity() - used) {
         count(counters_.overruns);
@@ -108,7 +108,7 @@ void PlaybackBuffer::Origin::store(const IncomingBlock& block) noexcept {
 }
 
 bool PlaybackBuffer::render_period(PlaybackBlock& block, std::uint64_t period_start_ns) noexcept {
-    const bool was_playing = playing_;
+    const bool was_playing = device_.playing;
     double ratio_used = 1.0;
     std::uint64_t fill_found = 0;
     const bool rendered = render_block(block, ratio_used, fill_found);
@@ -135,13 +135,13 @@ bool PlaybackBuffer::render_block(PlaybackBlock& block, double& ratio_used,
     if (!describe(block)) return false;
     const std::span<float> output =
         std::span(block.samples).first(ring_.channels() * static_cast<std::size_t>(frames_of(1)));
-    if (ratio == 1.0 && frac_pos_ == 0.0) {
-        ring_.copy(read_position_, output);
+    if (ratio == 1.0 && device_.frac_pos == 0.0) {
+        ring_.copy(device_.position, output);
     } else {
-        ring_.interpolate({.position = read_position_,
+        ring_.interpolate({.position = device_.position,
                            .available = fill_found,
                            .ratio = ratio,
-                           .offset = frac_pos_},
+                           .offset = device_.frac_pos},
                           output);
     }
     consume(ratio, fill_found);
@@ -151,18 +151,18 @@ bool PlaybackBuffer::render_block(PlaybackBlock& block, double& ratio_used,
 }
 
 bool PlaybackBuffer::enough_to_play(std::uint64_t fill_found) noexcept {
-    if (!playing_) {
+    if (!device_.playing) {
         if (fill_found < frames_of(shape_.prebuffer_blocks)) return false;
-        playing_ = true;
+        device_.playing = true;
     }
     if (fill_found >= frames_of(1)) {
-        starve_count_ = 0;
+        device_.starve_count = 0;
         return true;
     }
-    starve_count_ += 1;
-    if (starve_count_ >= std::max(shape_.prebuffer_blocks, least_starve_limit)) {
-        playing_ = false;
-        frac_pos_ = 0.0;
+    device_.starve_count += 1;
+    if (device_.starve_count >= std::max(shape_.prebuffer_blocks, least_starve_limit)) {
+        device_.playing = false;
+        device_.frac_pos = 0.0;
     }
     return false;
 }
@@ -178,7 +178,7 @@ double PlaybackBuffer::playout_ratio(std::uint64_t fill_found) const noexcept {
 bool PlaybackBuffer::describe(PlaybackBlock& block) const noexcept {
     if (ring_.channels() > std::numeric_limits<std::uint16_t>::max()) return false;
     if (block.samples.size() < ring_.channels() * frames_of(1)) return false;
-    const Origin& origin = origin_at(read_position_);
+    const Origin& origin = origin_at(device_.position);
     block.sequence = origin.sequence.load(std::memory_order_relaxed);
     block.server_time_local_ns = origin.server_time_local_ns.load(std::memory_order_relaxed);
     block.arrival_time_ns = origin.arrival_time_ns.load(std::memory_order_relaxed);
@@ -190,13 +190,13 @@ bool PlaybackBuffer::describe(PlaybackBlock& block) const noexcept {
 }
 
 void PlaybackBuffer::consume(double ratio, std::uint64_t fill_found) noexcept {
-    frac_pos_ += static_cast<double>(shape_.block_frames) * ratio;
-    const std::uint64_t whole = std::min(static_cast<std::uint64_t>(frac_pos_), fill_found);
+    device_.frac_pos += static_cast<double>(shape_.block_frames) * ratio;
+    const std::uint64_t whole = std::min(static_cast<std::uint64_t>(device_.frac_pos), fill_found);
     if (whole == 0) return;
-    const std::uint64_t read = read_index_.value.load(std::memory_order_relaxed);
-    read_index_.value.store(read + whole, std::memory_order_release);
-    read_position_ = ring_.advanced(read_position_, static_cast<std::size_t>(whole));
-    frac_pos_ -= static_cast<double>(whole);
+    const std::uint64_t read = device_.read_index.load(std::memory_order_relaxed);
+    device_.read_index.store(read + whole, std::memory_order_release);
+    device_.position = ring_.advanced(device_.position, static_cast<std::size_t>(whole));
+    device_.frac_pos -= static_cast<double>(whole);
 }
 
 }  // namespace tavistro

@@ -17,6 +17,7 @@
 #include "audio/drift_estimator.h"
 #include "audio/playback_block.h"
 #include "audio/playback_statistics.h"
+#include "common/cache_line.h"
 #include "common/planar_ring.h"
 #include "platform/realtime.h"
 
@@ -70,7 +71,7 @@ class PlaybackBuffer {
     /// Buffered frames. Producer or device thread.
     std::uint64_t fill() const noexcept;
     /// False while prebuffering. Device thread.
-    bool playing() const noexcept { return playing_; }
+    bool playing() const noexcept { return device_.playing; }
 
     const PlaybackShape& shape() const noexcept { return shape_; }
     /// Fill that drift control aims at.
@@ -97,10 +98,21 @@ class PlaybackBuffer {
         std::atomic<std::uint64_t> arrival_time_ns{0};
         std::atomic<std::uint64_t> delivery_time_ns{0};
     };
-    /// A frame counter that only grows; on a cache line of its own, as each side stores one.
-    struct alignas(64) FrameIndex {
-        std::atomic<std::uint64_t> value{0};
+    // What a side stores in every block lies on a cache line that the other side never stores to.
+    // An index is a frame counter that only grows, and the one word that the other side reads.
+    struct alignas(cache_line_bytes) ProducerSide {
+        std::atomic<std::uint64_t> write_index{0};  ///< stored after the frames that it covers
+        std::size_t position = 0;                   ///< write_index in the ring
     };
+    struct alignas(cache_line_bytes) DeviceSide {
+        std::atomic<std::uint64_t> read_index{0};  ///< stored once the frames have been read
+        std::size_t position = 0;                  ///< read_index in the ring
+        bool playing = false;
+        std::uint64_t starve_count = 0;  ///< periods in a row without a block while playing
+        double frac_pos = 0.0;           ///< read position between two frames
+    };
+    static_assert(sizeof(ProducerSide) == cache_line_bytes &&
+                  sizeof(DeviceSide) == cache_line_bytes);
 
     std::uint64_t frames_of(std::uint64_t blocks) const noexcept {
         return static_cast<std::uint64_t>(shape_.block_frames) * blocks;
@@ -119,16 +131,8 @@ class PlaybackBuffer {
     PlanarRing ring_;
     std::unique_ptr<Origin[]> origins_;  ///< one per block of the ring
 
-    FrameIndex write_index_;  ///< stored by the producer after the frames it covers
-    FrameIndex read_index_;   ///< stored by the device thread once it has read the frames
-
-    std::size_t write_position_ = 0;  ///< the producer's own: write_index_ in the ring
-
-    // The device thread's own.
-    std::size_t read_position_ = 0;  ///< read_index_ in the ring
-    bool playing_ = false;
-    std::uint64_t starve_count_ = 0;  ///< periods in a row without a block while playing
-    double frac_pos_ = 0.0;           ///< read position between two frames
+    ProducerSide producer_;
+    DeviceSide device_;
 
     DriftEstimator drift_;
     PlaybackCounters counters_;

@@ -9,7 +9,8 @@
 
 namespace tavistro {
 
-/// Totals since the start of the player. Any thread.
+/// Totals since the start of the player. Each is counted by one side of the buffer alone, the
+/// producer or the device thread; any thread reads.
 struct PlaybackCounters {
     std::atomic<std::uint64_t> received_blocks{0};
     std::atomic<std::uint64_t> dequeued_blocks{0};

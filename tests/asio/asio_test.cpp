@@ -86,6 +86,7 @@ class Device : public testing::Test {
         device.close();
         EXPECT_EQ(realtime_violations().total(), 0U) << "inside a period";
         EXPECT_EQ(driver.count("objects"), 0);
+        EXPECT_EQ(driver.count("overwritten"), 0) << "bytes behind the driver's buffers";
         driver.restore();
     }
     bool open() {
@@ -134,6 +135,7 @@ TEST_F(Device, OpensAtTheDriversRateRunsAndCloses) {
     driver.set("fixed_rate", "1");
     driver.set("noise", "1");
     driver.set("input_types", "0,16");
+    driver.set("scribbles", "1");
     ASSERT_TRUE(open() && device.start());
     EXPECT_EQ(lines, (Lines{"[asio] setSampleRate failed.", "[asio] device=\"Fake\"",
                             "[asio] actual sample_rate=44100",
@@ -165,6 +167,8 @@ TEST_F(Device, CarriesEverySampleToTheDriverAndBackWithinOnePeriod) {
     wait_for_periods(20);
     device.close();
     EXPECT_EQ(changed_periods, 0);
+    driver.set("output_types", "32");  // one bit a frame, which no conversion knows
+    EXPECT_TRUE(open());
 }
 
 TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
@@ -207,7 +211,8 @@ TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
 }
 
 TEST_F(Device, TakesEveryPeriodOfADriverThatCallsOutOfTurnAndNothingElse) {
-    for (const char* option : {"callback_in_create", "callback_in_start", "callback_in_stop"})
+    for (const char* option :
+         {"callback_in_create", "callback_in_start", "callback_in_stop", "scribbles"})
         driver.set(option, "1");
     for (const char* time_info : {"0", "1"}) {
         driver.set("time_info", time_info);

@@ -43,6 +43,10 @@ TEST(LoopbackSchedule, FaultsComeByCountAndByTheMillisecond) {
         EXPECT_EQ(schedule.input_silent(now), silent) << ms;
         EXPECT_EQ(schedule.device_lost(now), lost) << ms;
     }
+    const LoopbackSchedule fine(settings, 1'000'000'000, 0);
+    const std::int64_t in_107_days = std::int64_t{107} * 86'400 * 1'000'000'000;
+    EXPECT_EQ(fine.stall_ms(in_107_days), 20U);
+    EXPECT_EQ(fine.stall_ms(in_107_days - 1), 0U);
 }
 
 TEST(LoopbackSchedule, DeadlinesFollowDriftMissedPeriodsAndJitter) {

@@ -1,9 +1,14 @@
+// The meters, and what a period measures besides.
 #include "audio/peak_meters.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <vector>
+
+#include "audio/period_path.h"
+#include "platform/clock.h"
 
 namespace tavistro {
 namespace {
@@ -28,8 +33,23 @@ TEST(MeterSchedule, IsDueAboutThirtyTimesASecond) {
     schedule.configure(48000, 128);
     for (int period = 0; period < 39; ++period)
         EXPECT_EQ(schedule.tick(), period % 13 == 0);
-    schedule.configure(0, 128);
-    EXPECT_TRUE(schedule.tick() && schedule.tick());
+    for (const double rate : {0.0, -48000.0, static_cast<double>(NAN)}) {
+        schedule.configure(rate, 128);
+        EXPECT_TRUE(schedule.tick() && schedule.tick());
+    }
+    for (const double rate : {1e300, static_cast<double>(INFINITY)}) {
+        schedule.configure(rate, 128);
+        EXPECT_EQ(schedule.meter_divisor(), std::numeric_limits<std::uint32_t>::max());
+    }
+}
+
+TEST(PeriodPath, MeasuresAPeriodThatTookHours) {
+    PeriodPath periods;
+    periods.prepare({.sample_rate = INFINITY, .block_frames = 128});
+    periods.record_duration(-7, 4 * 3600 * platform::performance_frequency());
+    EXPECT_EQ(periods.take_telemetry().callback_duration_last_us,
+              std::uint64_t{4} * 3600 * 1'000'000);
+    EXPECT_EQ(periods.take_telemetry().actual_sample_rate, 4'294'967'295U);
 }
 
 }  // namespace

@@ -78,7 +78,7 @@ struct Host {
         return selector == kAsioSupportsTimeInfo ||
                (selector == kAsioSelectorSupported && value == kAsioOverload);
     }
-    static constexpr AsioCallbacks callbacks{buffer_switch, rate_changed, message,
+    static inline AsioCallbacks callbacks{buffer_switch, rate_changed, message,
                                              buffer_switch_time_info};
 };
 

@@ -28,6 +28,7 @@ const std::map<std::string_view, std::vector<double>> defaults{
     {"output_ready", {1}},
     {"time_info", {2}},       // 0: never; 1: always; 2: as the host likes
     {"foreign_thread", {0}},  // every callback comes from a thread of its own
+    {"scribbles", {0}},       // overwrites what a host hands it, when it is done with that
     {"callback_in_create", {0}},
     {"callback_in_start", {0}},
     {"callback_in_stop", {0}},
@@ -75,6 +76,7 @@ void DriverControl::restore() {
     failing_.clear();
     commands_.clear();
     periods_ = 0;
+    overwritten_ = 0;
 }
 
 bool DriverControl::set(std::string_view name, std::string_view text) {
@@ -104,6 +106,7 @@ bool DriverControl::fire(std::string_view command) {
 std::int64_t DriverControl::count(std::string_view counter) {
     if (counter == "periods") return periods_;
     if (counter == "objects") return objects_;
+    if (counter == "overwritten") return overwritten_;
     const auto* made = made_.find(counter);
     return made != nullptr ? made->load() : -1;
 }

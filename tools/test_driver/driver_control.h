@@ -82,7 +82,8 @@ class DriverControl {
     /// The option "fail" is a list of calls (driver_calls) that fail until it is set again.
     bool set(std::string_view name, std::string_view text);
     bool fire(std::string_view command);
-    /// Calls made under their names, "periods", "objects" alive; -1 for anything else.
+    /// Calls made under their names, "periods", "objects" alive, bytes "overwritten" behind buffers
+    /// that have been disposed; -1 for anything else.
     std::int64_t count(std::string_view counter);
 
     DriverOptions options() const;
@@ -96,6 +97,7 @@ class DriverControl {
     void begin_run() noexcept { *commands_.find("stall") = false; }
     void count_period() noexcept { ++periods_; }
     void count_object(int change) noexcept { objects_ += change; }
+    void count_overwritten(std::int64_t bytes) noexcept { overwritten_ += bytes; }
 
   private:
     bool set_failing(std::string_view names);
@@ -107,6 +109,7 @@ class DriverControl {
     NamedValues<bool, driver_commands.size()> commands_{driver_commands};
     std::atomic<std::int64_t> periods_{0};
     std::atomic<std::int64_t> objects_{0};
+    std::atomic<std::int64_t> overwritten_{0};
 };
 
 /// The module's DriverControl as a table for those who load it.

@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 constexpr double lowest_rate = 44100;
 constexpr double highest_rate = 192000;
 constexpr std::uint8_t noise_byte = 0x5A;
+constexpr std::uint8_t guard_byte = 0xA5;
 /// A thread that was held up catches up with its periods, but not with more than this.
 constexpr std::chrono::seconds catch_up_limit{1};
 
@@ -48,9 +49,20 @@ struct Channel {
     bool is_input;
     std::int32_t number;
     std::int32_t type;
-    std::vector<std::uint8_t> half[2];
-    const Channel* looped_from;  ///< null for a constant level
+    std::size_t half_bytes;
+    std::vector<std::uint8_t> half[2];  ///< and room behind it that is no one's
+    const Channel* looped_from;         ///< null for a constant level
+
+    RawSamples samples(std::size_t index) { return RawSamples(half[index]).first(half_bytes); }
+    std::span<const std::uint8_t> samples(std::size_t index) const {
+        return std::span(half[index]).first(half_bytes);
+    }
 };
+
+/// Of one half; a one-bit type has eight frames in a byte.
+std::size_t bytes_of(std::int32_t type, std::size_t frames) {
+    return type == 32 || type == 33 ? frames / 8 : sample_bytes(type) * frames;
+}
 
 class TestDriver final : public AsioDriver {
   public:
@@ -108,8 +120,7 @@ class TestDriver final : public AsioDriver {
     }
     std::int32_t getChannelInfo(AsioChannelInfo* info) noexcept override;
     std::int32_t createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
-                               std::int32_t frames,
-                               const AsioCallbacks* callbacks) noexcept override;
+                               std::int32_t frames, AsioCallbacks* callbacks) noexcept override;
     std::int32_t disposeBuffers() noexcept override;
     std::int32_t controlPanel() noexcept override { return kAsioNotPresent; }
     std::int32_t future(std::int32_t, void*) noexcept override { return kAsioInvalidParameter; }
@@ -148,7 +159,7 @@ class TestDriver final : public AsioDriver {
     Stage stage_ = Stage::created;
     std::atomic<double> rate_{0};
     std::int32_t frames_ = 0;
-    const AsioCallbacks* callbacks_ = nullptr;
+    AsioCallbacks* callbacks_ = nullptr;
     bool with_time_info_ = false;
     bool foreign_thread_ = false;
     std::vector<Channel> channels_;
@@ -211,8 +222,7 @@ std::int32_t TestDriver::getChannelInfo(AsioChannelInfo* info) noexcept {
 }
 
 std::int32_t TestDriver::createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
-                                       std::int32_t frames,
-                                       const AsioCallbacks* callbacks) noexcept {
+                                       std::int32_t frames, AsioCallbacks* callbacks) noexcept {
     if (const std::int32_t error = control_.enter("createBuffers")) return error;
     if (stage_ != Stage::initialised || !accepts_size(frames)) return kAsioInvalidMode;
     const std::span wanted(channels, static_cast<std::size_t>(channel_count));
@@ -231,6 +241,7 @@ std::int32_t TestDriver::createBuffers(AsioBufferInfo* channels, std::int32_t ch
 std::int32_t TestDriver::disposeBuffers() noexcept {
     const std::int32_t answer = control_.enter("disposeBuffers");
     const bool prepared = stage_ >= Stage::prepared;
+    if (prepared && options_.on("scribbles")) *callbacks_ = {};
     release_buffers();
     return answer == kAsioOk && !prepared ? kAsioInvalidMode : answer;
 }
@@ -279,12 +290,17 @@ bool TestDriver::accepts_size(std::int32_t frames) const {
 
 void TestDriver::make_channels(std::span<AsioBufferInfo> wanted, std::int32_t frames) {
     const auto filling = static_cast<std::uint8_t>(options_.on("noise") ? noise_byte : 0);
+    const auto count = static_cast<std::size_t>(frames);
+    const std::size_t guard_bytes = count * sizeof(double);
     for (const AsioBufferInfo& info : wanted) {
         const bool is_input = info.isInput != 0;
         Channel& channel = channels_.emplace_back(
-            Channel{is_input, info.channel, type_of(is_input, info.channel), {}, nullptr});
-        for (auto& half : channel.half)
-            half.assign(sample_bytes(channel.type) * static_cast<std::size_t>(frames), filling);
+            Channel{is_input, info.channel, type_of(is_input, info.channel), 0, {}, nullptr});
+        channel.half_bytes = bytes_of(channel.type, count);
+        for (auto& half : channel.half) {
+            half.assign(channel.half_bytes, filling);
+            half.resize(channel.half_bytes + guard_bytes, guard_byte);
+        }
     }
     for (std::size_t i = 0; i < wanted.size(); ++i) {
         Channel& channel = channels_[i];
@@ -292,6 +308,7 @@ void TestDriver::make_channels(std::span<AsioBufferInfo> wanted, std::int32_t fr
             channel.looped_from = find(false, channel.number - options_.number("loop_offset"));
         for (const std::size_t half : {0U, 1U})
             wanted[i].half[half] = channel.half[half].data();
+        if (options_.on("scribbles")) wanted[i].channel = wanted[i].isInput = -1;
     }
 }
 
@@ -314,6 +331,12 @@ void TestDriver::end_run() {
 
 void TestDriver::release_buffers() {
     end_run();
+    for (const Channel& channel : channels_) {
+        for (const auto& half : channel.half)
+            control_.count_overwritten(
+                std::ranges::count_if(std::span(half).subspan(channel.half_bytes),
+                                      [](std::uint8_t byte) { return byte != guard_byte; }));
+    }
     stage_ = std::min(stage_, Stage::initialised);
     channels_.clear();
     callbacks_ = nullptr;
@@ -367,9 +390,9 @@ void TestDriver::run_period() {
 void TestDriver::feed_inputs() {
     for (Channel& channel : channels_) {
         if (!channel.is_input) continue;
-        auto& target = channel.half[half_];
+        const RawSamples target = channel.samples(half_);
         if (const Channel* source = channel.looped_from) {
-            copy_samples(source->half[1 - half_], source->type, target, channel.type);
+            copy_samples(source->samples(1 - half_), source->type, target, channel.type);
         } else {
             fill_samples(target, channel.type,
                          options_.value("input_level") / (channel.number + 1));
