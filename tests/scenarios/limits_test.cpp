@@ -147,13 +147,15 @@ TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
         for (std::uint8_t sequence = 1; sequence <= 8; ++sequence) {
             datagram[16] = sequence;
             datagram[32] = first_frame;
-            datagram[38] = 2;  // fragments
+            datagram[36] = first_frame == 0 ? 0 : 1;  // which fragment
+            datagram[38] = 3;                         // of these
             session.handle_datagram(datagram, server);
         }
     }
     EXPECT_LT(resident_bytes(), before + largest_block / 2) << "blocks that are not complete";
     for (std::uint8_t sequence = 20; sequence < 28; ++sequence) {
         datagram[16] = sequence;
+        datagram[36] = 0;
         datagram[38] = 1;
         session.handle_datagram(datagram, server);
     }
