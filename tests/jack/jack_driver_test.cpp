@@ -79,7 +79,7 @@ struct Host {
                (selector == kAsioSelectorSupported && value == kAsioOverload);
     }
     static inline AsioCallbacks callbacks{buffer_switch, rate_changed, message,
-                                             buffer_switch_time_info};
+                                          buffer_switch_time_info};
 };
 
 /// Sends 1, 2, 3, ... to the host's far input and hears what the host sends back.

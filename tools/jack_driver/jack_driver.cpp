@@ -94,8 +94,7 @@ class JackDriver final : public AsioDriver, private JackListener {
                                    AsioCount64* nanoseconds) noexcept override;
     std::int32_t getChannelInfo(AsioChannelInfo* info) noexcept override;
     std::int32_t createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
-                               std::int32_t frames,
-                               AsioCallbacks* callbacks) noexcept override;
+                               std::int32_t frames, AsioCallbacks* callbacks) noexcept override;
     std::int32_t disposeBuffers() noexcept override;
     std::int32_t controlPanel() noexcept override { return kAsioNotPresent; }
     std::int32_t future(std::int32_t, void*) noexcept override { return kAsioInvalidParameter; }
@@ -228,8 +227,7 @@ std::int32_t JackDriver::getChannelInfo(AsioChannelInfo* info) noexcept {
 }
 
 std::int32_t JackDriver::createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
-                                       std::int32_t frames,
-                                       AsioCallbacks* callbacks) noexcept {
+                                       std::int32_t frames, AsioCallbacks* callbacks) noexcept {
     if (stage_ != Stage::initialised || frames < 1 ||
         static_cast<jack_nframes_t>(frames) != client_.period_frames())
         return kAsioInvalidMode;
