@@ -91,9 +91,9 @@ void EngineRuntime::run_stages(EngineConfig& config) {
         return set_state(TAVISTRO_STATE_STOPPED);
     }
     if (!set_capture_format(config.audio)) {
+        set_error(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED, TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
         client_.stop();
-        return set_failed(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED,
-                          TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
+        return set_state(TAVISTRO_STATE_FAILED);
     }
     set_stream_format(config.audio);
 

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -71,7 +70,8 @@ class EngineRuntime {
     // Starts with their retries and waits, on the worker (engine_start.cpp).
     enum class Attempt { started, failed, hopeless };
     struct RetryPlan;
-    bool start_with_retries(const RetryPlan& plan, const std::function<Attempt()>& try_once);
+    template <typename TryOnce, typename BeginPause>
+    bool start_with_retries(const RetryPlan& plan, TryOnce try_once, BeginPause begin_pause);
     bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
     Attempt start_client(const TavistroProtocol::ClientSettings& settings);
     bool start_asio_with_retries(const AudioDeviceSettings& audio);
@@ -89,9 +89,10 @@ class EngineRuntime {
 
     // The worker's checks while running; false ends the run (supervision.cpp).
     bool apply_pending_format_change(EngineConfig& config);
+    /// Clears a recovery request that is made while a recovery succeeds.
     bool run_device_recovery(const EngineConfig& config);
     void check_sync_loss();
-    void audio_restarted(const Status& status);
+    void reset_supervision() noexcept;
     bool give_up() noexcept;
     bool sync_is_stale() const noexcept;
 

@@ -34,7 +34,13 @@ class ScriptedServer {
                                            {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
+    /// The answer to the newest discover, which a mute server holds back.
+    void answer_held() {
+        send(TavistroProtocol::encode_discover_reply({client_id_, nonce_, port(), version}));
+    }
+
     std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
+    std::atomic<bool> held{false};                 ///< a discover has come
     std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
     std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< that it claims
 
@@ -47,12 +53,12 @@ class ScriptedServer {
             const std::span bytes(buffer.data(), received.size);
             if (TavistroProtocol::decode_audio(bytes)) ++audio_received;
             const auto discover = TavistroProtocol::decode_discover(bytes);
-            if (!discover || mute) continue;
+            if (!discover) continue;
             client_id_ = discover.message.client_id;
             client_port_ = received.source.port;
-            socket_.send_to(TavistroProtocol::encode_discover_reply(
-                                {client_id_, discover.message.nonce, port(), version}),
-                            received.source);
+            nonce_ = discover.message.nonce;
+            held = true;
+            if (!mute) answer_held();
         }
     }
 
@@ -60,6 +66,7 @@ class ScriptedServer {
     platform::Thread thread_;
     std::atomic<std::uint32_t> client_id_{0};
     std::atomic<std::uint16_t> client_port_{0};
+    std::atomic<std::uint64_t> nonce_{0};
     std::uint32_t sequence_ = 0;
 };
 
