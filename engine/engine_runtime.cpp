@@ -1,5 +1,6 @@
 #include "engine/engine_runtime.h"
 
+#include <new>
 #include <utility>
 
 #include "config/engine_config.h"
@@ -53,31 +54,48 @@ void EngineRuntime::stop() noexcept {
 }
 
 void EngineRuntime::run(const std::string& path) noexcept {
-    try {
-        EngineConfig config;
-        if (prepare(path, config)) run_stages(config);
-    } catch (...) {
-        end_after_exception();
+    if (auto config = load(path)) {
+        try {
+            if (prepare(*config)) run_stages(*config);
+        } catch (...) {
+            end_after_exception();
+        }
+    } else {
+        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
     }
     stats_.close();
 }
 
-bool EngineRuntime::prepare(const std::string& path, EngineConfig& config) {
-    std::string reason;  // the record carries no text
-    if (!load_engine_config(path, config, reason)) {
-        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
-        return false;
+std::optional<EngineConfig> EngineRuntime::load(const std::string& path) noexcept {
+    try {
+        EngineConfig config;
+        std::string reason;  // the record carries no text
+        if (load_engine_config(path, config, reason)) return config;
+    } catch (const std::bad_alloc&) {
+        // The defaults take memory too.
     }
+    return {};
+}
+
+bool EngineRuntime::prepare(const EngineConfig& config) {
     recovery_enabled_ = !config.loopback_device;
     record_.set_client_id(config.client.client_id);
     record_.set_meter_channels(config.client.driver_inputs, config.client.driver_outputs);
-    if (!stats_.open(config.client.client_id)) {
+    if (!open_stats(config.client.client_id)) {
         set_failed(TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED);
         return false;
     }
     stats_.write_error(TAVISTRO_ERROR_NONE);
     stats_.write_state(TAVISTRO_STATE_STARTING);
     return true;
+}
+
+bool EngineRuntime::open_stats(std::uint32_t client_id) noexcept {
+    try {
+        return stats_.open(client_id);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void EngineRuntime::run_stages(EngineConfig& config) {
@@ -133,8 +151,8 @@ void EngineRuntime::end_after_retries() noexcept {
     set_state(TAVISTRO_STATE_STOPPED, status_stopped);
 }
 
-/// Whatever throws on the worker has run out of memory; the run ends as if the part that was being
-/// brought up had failed for good.
+/// What the parts themselves do not answer for, such as an exception of the device factory, ends
+/// the run as if the part that was being brought up had failed for good. Allocates nothing.
 void EngineRuntime::end_after_exception() noexcept {
     stop_audio();
     client_.stop();

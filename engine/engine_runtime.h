@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,7 +62,9 @@ class EngineRuntime {
   private:
     // The worker, in the order of a run (engine_runtime.cpp).
     void run(const std::string& path) noexcept;
-    bool prepare(const std::string& path, EngineConfig& config);
+    std::optional<EngineConfig> load(const std::string& path) noexcept;
+    bool prepare(const EngineConfig& config);
+    bool open_stats(std::uint32_t client_id) noexcept;
     void run_stages(EngineConfig& config);
     void supervise_until_stopped(EngineConfig& config);
     void end_after_retries() noexcept;
