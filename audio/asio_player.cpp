@@ -127,14 +127,19 @@ void AsioPlayer::prepare_periods(double sample_rate, std::int32_t block_frames) 
                       .max_queue_blocks = settings_.max_queue_blocks});
 }
 
-bool AsioPlayer::fail(const std::string& line) {
+bool AsioPlayer::fail(const char* line) noexcept {
     log(line);
     stop();
     return false;
 }
 
-void AsioPlayer::log(const std::string& line) const {
-    if (callbacks_.log) callbacks_.log(line);
+/// A line that finds no memory is lost.
+void AsioPlayer::log(const char* line) const noexcept {
+    if (!callbacks_.log) return;
+    try {
+        callbacks_.log(line);
+    } catch (const std::bad_alloc&) {
+    }
 }
 
 void AsioPlayer::stop() {

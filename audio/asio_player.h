@@ -98,8 +98,8 @@ class AsioPlayer {
     bool open_and_start_device();
     bool open_and_start_loopback();
     void prepare_periods(double sample_rate, std::int32_t block_frames);
-    bool fail(const std::string& line);
-    void log(const std::string& line) const;
+    bool fail(const char* line) noexcept;
+    void log(const char* line) const noexcept;
 
     static void buffer_switch(void* context, std::int32_t buffer_index);
     TAVISTRO_REALTIME void on_period(std::int32_t buffer_index) noexcept;

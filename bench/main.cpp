@@ -2,6 +2,7 @@
 #include <string_view>
 
 #include "bench/bench.h"
+#include "support/chosen_simd_level.h"
 
 namespace {
 
@@ -18,12 +19,28 @@ class PlainNames : public Reporter {
     }
 };
 
+/// Takes `--simd=baseline` or `--simd=avx2` out of the arguments. False for a level that the
+/// processor does not have, or that there is not.
+bool take_simd_level(int& argc, char** argv) {
+    constexpr std::string_view option = "--simd=";
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (!argument.starts_with(option)) continue;
+        if (!tavistro::test::choose_simd_level(argument.substr(option.size()))) return false;
+        std::rotate(argv + i, argv + i + 1, argv + argc);
+        --argc;
+        return true;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const bool writes_file = std::any_of(argv, argv + argc, [](std::string_view argument) {
         return argument.starts_with("--benchmark_out=");
     });
+    if (!take_simd_level(argc, argv)) return 2;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     tavistro::bench::add_audio_benches();

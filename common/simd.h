@@ -18,8 +18,8 @@ enum class SimdLevel {
 /// The best level that this processor can run.
 SimdLevel best_simd_level() noexcept;
 
-/// The level of this process, chosen when the library is loaded: the best one, or the baseline when
-/// the environment variable TAVISTRO_SIMD is "baseline". Any thread; real-time safe.
+/// The level of this process: the best one, found out when the library is loaded. Any thread;
+/// real-time safe.
 SimdLevel simd_level() noexcept;
 
 }  // namespace tavistro

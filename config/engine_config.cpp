@@ -19,6 +19,7 @@ namespace {
 
 // The header of a datagram must fit, with room for audio, and the datagram into UDP over IPv4.
 constexpr std::uint32_t smallest_udp_payload_bytes = 52;
+constexpr const char* out_of_memory = "Out of memory.";  // short enough for a string to need none
 constexpr std::uint32_t largest_udp_payload_bytes = 65507;
 
 bool read_keys(std::span<const ConfigKey> keys, const IniSections& sections, EngineConfig& config,
@@ -54,16 +55,21 @@ EngineConfig::EngineConfig() {
 }
 
 bool load_engine_config(const std::string& path, EngineConfig& config, std::string& error) {
-    if (platform::is_regular_file(path.c_str())) {
-        std::ifstream file(path, std::ios::binary);
-        EngineConfig loaded;
-        const bool valid = read_engine_config(file, loaded, error);
-        if (file.is_open() && !file.bad()) {
-            if (valid) config = std::move(loaded);
-            return valid;
+    error.clear();
+    try {
+        if (platform::is_regular_file(path.c_str())) {
+            std::ifstream file(path, std::ios::binary);
+            EngineConfig loaded;
+            const bool valid = read_engine_config(file, loaded, error);
+            if (file.is_open() && !file.bad()) {
+                if (valid) config = std::move(loaded);
+                return valid;
+            }
         }
+        error = "Cannot open config file: " + path;
+    } catch (const std::bad_alloc&) {
+        error = out_of_memory;
     }
-    error = "Cannot open config file: " + path;
     return false;
 }
 
@@ -79,7 +85,7 @@ bool read_engine_config(std::istream& input, EngineConfig& config, std::string& 
         config = std::move(loaded);
         return true;
     } catch (const std::bad_alloc&) {
-        error = "Out of memory.";  // short enough to need none
+        error = out_of_memory;
         return false;
     }
 }

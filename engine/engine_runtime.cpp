@@ -1,5 +1,6 @@
 #include "engine/engine_runtime.h"
 
+#include <new>
 #include <utility>
 
 #include "config/engine_config.h"
@@ -53,21 +54,30 @@ void EngineRuntime::stop() noexcept {
 }
 
 void EngineRuntime::run(const std::string& path) noexcept {
-    try {
-        EngineConfig config;
-        if (prepare(path, config)) run_stages(config);
-    } catch (...) {
-        end_after_exception();
+    if (auto config = load(path)) {
+        try {
+            if (prepare(*config)) run_stages(*config);
+        } catch (...) {
+            end_after_exception();
+        }
+    } else {
+        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
     }
     stats_.close();
 }
 
-bool EngineRuntime::prepare(const std::string& path, EngineConfig& config) {
-    std::string reason;  // the record carries no text
-    if (!load_engine_config(path, config, reason)) {
-        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
-        return false;
+std::optional<EngineConfig> EngineRuntime::load(const std::string& path) noexcept {
+    try {
+        EngineConfig config;
+        std::string reason;  // the record carries no text
+        if (load_engine_config(path, config, reason)) return config;
+    } catch (const std::bad_alloc&) {
+        // The defaults take memory too.
     }
+    return {};
+}
+
+bool EngineRuntime::prepare(const EngineConfig& config) {
     recovery_enabled_ = !config.loopback_device;
     record_.set_client_id(config.client.client_id);
     record_.set_meter_channels(config.client.driver_inputs, config.client.driver_outputs);
@@ -91,9 +101,9 @@ void EngineRuntime::run_stages(EngineConfig& config) {
         return set_state(TAVISTRO_STATE_STOPPED);
     }
     if (!set_capture_format(config.audio)) {
+        set_error(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED, TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
         client_.stop();
-        return set_failed(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED,
-                          TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
+        return set_state(TAVISTRO_STATE_FAILED);
     }
     set_stream_format(config.audio);
 
@@ -133,8 +143,8 @@ void EngineRuntime::end_after_retries() noexcept {
     set_state(TAVISTRO_STATE_STOPPED, status_stopped);
 }
 
-/// Whatever throws on the worker has run out of memory; the run ends as if the part that was being
-/// brought up had failed for good.
+/// What the parts themselves do not answer for, such as an exception of the device factory, ends
+/// the run as if the part that was being brought up had failed for good. Allocates nothing.
 void EngineRuntime::end_after_exception() noexcept {
     stop_audio();
     client_.stop();

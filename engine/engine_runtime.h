@@ -12,7 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -62,7 +62,8 @@ class EngineRuntime {
   private:
     // The worker, in the order of a run (engine_runtime.cpp).
     void run(const std::string& path) noexcept;
-    bool prepare(const std::string& path, EngineConfig& config);
+    std::optional<EngineConfig> load(const std::string& path) noexcept;
+    bool prepare(const EngineConfig& config);
     void run_stages(EngineConfig& config);
     void supervise_until_stopped(EngineConfig& config);
     void end_after_retries() noexcept;
@@ -71,7 +72,8 @@ class EngineRuntime {
     // Starts with their retries and waits, on the worker (engine_start.cpp).
     enum class Attempt { started, failed, hopeless };
     struct RetryPlan;
-    bool start_with_retries(const RetryPlan& plan, const std::function<Attempt()>& try_once);
+    template <typename TryOnce, typename BeginPause>
+    bool start_with_retries(const RetryPlan& plan, TryOnce try_once, BeginPause begin_pause);
     bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
     Attempt start_client(const TavistroProtocol::ClientSettings& settings);
     bool start_asio_with_retries(const AudioDeviceSettings& audio);
@@ -89,9 +91,10 @@ class EngineRuntime {
 
     // The worker's checks while running; false ends the run (supervision.cpp).
     bool apply_pending_format_change(EngineConfig& config);
+    /// Clears a recovery request that is made while a recovery succeeds.
     bool run_device_recovery(const EngineConfig& config);
     void check_sync_loss();
-    void audio_restarted(const Status& status);
+    void reset_supervision() noexcept;
     bool give_up() noexcept;
     bool sync_is_stale() const noexcept;
 

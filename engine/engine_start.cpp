@@ -24,7 +24,6 @@ struct EngineRuntime::RetryPlan {
     tavistro_state_code state;
     tavistro_error_code error;
     tavistro_message_id attempt_status;
-    tavistro_message_id pause_status;
     tavistro_message_id exhausted_error;
     tavistro_message_id attempt_event;
     tavistro_message_id failed_event;
@@ -32,22 +31,20 @@ struct EngineRuntime::RetryPlan {
     tavistro_message_id gave_up_event;
 };
 
-bool EngineRuntime::start_with_retries(const RetryPlan& plan,
-                                       const std::function<Attempt()>& try_once) {
+/// `begin_pause` is called after each failure that another attempt follows.
+template <typename TryOnce, typename BeginPause>
+bool EngineRuntime::start_with_retries(const RetryPlan& plan, TryOnce try_once,
+                                       BeginPause begin_pause) {
     const auto record = [&](tavistro_event_kind kind, std::uint32_t attempt,
                             tavistro_error_code error, tavistro_message_id message) {
         record_.record_event({kind, plan.subject, attempt, max_start_attempts, error, message});
     };
-    const auto show = [&](tavistro_message_id message) {
-        set_state(plan.state, {TAVISTRO_LEVEL_PENDING, plan.subject, message});
-    };
-
     for (std::uint32_t attempt = 1; attempt <= max_start_attempts; ++attempt) {
         if (stop_requested_) return false;
         if (attempt > 1) {
             record(TAVISTRO_EVENT_ATTEMPT_STARTED, attempt, TAVISTRO_ERROR_NONE,
                    plan.attempt_event);
-            show(plan.attempt_status);
+            set_state(plan.state, {TAVISTRO_LEVEL_PENDING, plan.subject, plan.attempt_status});
         }
         const Attempt outcome = try_once();
         if (outcome == Attempt::hopeless) return false;
@@ -59,7 +56,7 @@ bool EngineRuntime::start_with_retries(const RetryPlan& plan,
         }
         record(TAVISTRO_EVENT_ATTEMPT_FAILED, attempt, plan.error, plan.failed_event);
         if (attempt == max_start_attempts) break;
-        show(plan.pause_status);
+        begin_pause();
         if (!wait_or_stop(retry_pause_ms)) return false;
     }
     if (stop_requested_) return false;
@@ -74,14 +71,19 @@ bool EngineRuntime::start_client_with_retries(const TavistroProtocol::ClientSett
         .state = TAVISTRO_STATE_STARTING,
         .error = TAVISTRO_ERROR_CLIENT_START_FAILED,
         .attempt_status = TAVISTRO_MESSAGE_CLIENT_ATTEMPT,
-        .pause_status = TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT,
         .exhausted_error = TAVISTRO_MESSAGE_CLIENT_FAILED,
         .attempt_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RETRY,
         .failed_event = TAVISTRO_MESSAGE_EVENT_CLIENT_FAILED,
         .recovered_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RECOVERED,
         .gave_up_event = TAVISTRO_MESSAGE_EVENT_CLIENT_GAVE_UP,
     };
-    return start_with_retries(plan, [&] { return start_client(settings); });
+    return start_with_retries(
+        plan, [&] { return start_client(settings); },
+        [this] {
+            set_error(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_ATTEMPT_FAILED);
+            set_state(TAVISTRO_STATE_STARTING, {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_NETWORK,
+                                                TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT});
+        });
 }
 
 EngineRuntime::Attempt EngineRuntime::start_client(
@@ -99,7 +101,6 @@ EngineRuntime::Attempt EngineRuntime::start_client(
                             TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE});
         return Attempt::hopeless;
     }
-    set_error(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_ATTEMPT_FAILED);
     return Attempt::failed;
 }
 
@@ -109,18 +110,20 @@ bool EngineRuntime::start_asio_with_retries(const AudioDeviceSettings& audio) {
         .state = TAVISTRO_STATE_RESTARTING,
         .error = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
         .attempt_status = TAVISTRO_MESSAGE_ASIO_ATTEMPT,
-        .pause_status = TAVISTRO_MESSAGE_ASIO_RETRY_WAIT,
         .exhausted_error = TAVISTRO_MESSAGE_ASIO_FAILED,
         .attempt_event = TAVISTRO_MESSAGE_EVENT_ASIO_RETRY,
         .failed_event = TAVISTRO_MESSAGE_EVENT_ASIO_FAILED,
         .recovered_event = TAVISTRO_MESSAGE_EVENT_ASIO_RECOVERED,
         .gave_up_event = TAVISTRO_MESSAGE_EVENT_ASIO_GAVE_UP,
     };
-    return start_with_retries(plan, [&] {
-        if (start_asio(audio)) return Attempt::started;
-        stop_audio();
-        return Attempt::failed;
-    });
+    return start_with_retries(
+        plan, [&] { return start_asio(audio) ? Attempt::started : Attempt::failed; },
+        [this] {
+            set_state(TAVISTRO_STATE_RESTARTING,
+                      {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_AUDIO_DEVICE,
+                       TAVISTRO_MESSAGE_ASIO_RETRY_WAIT});
+            stop_audio();
+        });
 }
 
 bool EngineRuntime::start_audio(const EngineConfig& config) {
@@ -174,15 +177,16 @@ bool EngineRuntime::set_capture_format(const AudioDeviceSettings& audio) {
 }
 
 bool EngineRuntime::wait_for_first_sync(AudioDeviceSettings& audio) {
-    while (!stop_requested_) {
+    for (;;) {
+        // The format before the stop: a stream that has come by now is shown with its format.
         if (const auto info = first_sync_.peek()) {
             audio.sample_rate = info->sample_rate;
             audio.block_size = info->block_frames;
             return true;
         }
+        if (stop_requested_) return false;
         worker_event_.wait_for_ms(sync_wait_slice_ms);
     }
-    return false;
 }
 
 bool EngineRuntime::wait_or_stop(std::uint32_t ms) {

@@ -45,7 +45,9 @@ bool EngineRuntime::apply_pending_format_change(EngineConfig& config) {
     }
     set_stream_format(config.audio);
     if (!start_audio(config)) return give_up();
-    audio_restarted(status_running);
+    set_state(TAVISTRO_STATE_RUNNING, status_running);
+    clear_error();
+    reset_supervision();
     return true;
 }
 
@@ -87,20 +89,21 @@ bool EngineRuntime::run_device_recovery(const EngineConfig& config) {
         recovery_request_.put(*reason);
         return true;
     }
+    clear_error();
     record(TAVISTRO_EVENT_RECOVERED, TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_EVENT_DEVICE_RECOVERED);
     // The last report of the old device may have asked again after its request was taken.
     recovery_request_.clear();
-    audio_restarted(
-        {TAVISTRO_LEVEL_HEALTHY, TAVISTRO_CATEGORY_ENGINE, TAVISTRO_MESSAGE_DEVICE_RECOVERED});
+    reset_supervision();
+    set_state(TAVISTRO_STATE_RUNNING, {TAVISTRO_LEVEL_HEALTHY, TAVISTRO_CATEGORY_ENGINE,
+                                       TAVISTRO_MESSAGE_DEVICE_RECOVERED});
     return true;
 }
 
-void EngineRuntime::audio_restarted(const Status& status) {
+/// After a restart of the audio path: the player's counters and the attempts begin anew.
+void EngineRuntime::reset_supervision() noexcept {
     supervision_.reset();
     recovery_attempts_ = 0;
     next_recovery_ms_ = 0;
-    clear_error();
-    set_state(TAVISTRO_STATE_RUNNING, status);
 }
 
 /// A failure while running ends the run; the teardown is that of a stop.

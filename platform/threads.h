@@ -8,7 +8,8 @@
 
 namespace tavistro::platform {
 
-/// A thread whose creation can fail without throwing. Signals of the host never run on it.
+/// A thread whose creation can fail without throwing. Handlers of the host never run on it, apart
+/// from those of the signals that report a fault of the thread itself.
 class Thread {
   public:
     Thread() noexcept = default;

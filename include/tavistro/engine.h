@@ -13,6 +13,11 @@
  *     tavistro_engine_stop(engine);
  *     tavistro_engine_destroy(engine);
  *
+ * Stop comes before the end: a library that is unloaded while a run is active takes the code away
+ * from its running threads, and the process crashes. A process that exits without a stop ends
+ * them with it; on Linux the statistics block stays behind then, /dev/shm/TavistroEngineStats_ID_v6
+ * with its last values, until a run with the same client_id has used it and closed.
+ *
  * Threads: tavistro_engine_get_state may be called from any thread at any time between create and
  * destroy. The other functions are called from one thread at a time. None may be called from a
  * real-time thread: all take locks.
@@ -250,6 +255,10 @@ TAVISTRO_API tavistro_engine* tavistro_engine_create(void);
 
 /*
  * Starts a run with the settings of an INI file. The path is copied before the call returns.
+ * It goes to the system's file opening byte by byte; on Windows that takes it as text in the ANSI
+ * code page of the process (GetACP), which is UTF-8 only where the program's manifest or the system
+ * says so.
+ *
  * Returns 1 when the run was launched: loading the file, finding the server and everything after
  * happen on the engine's own threads and show in the state record. Returns 0 when refused, with
  * the reason in error_code: no path, a run that was not stopped yet (also one that ended by

@@ -16,14 +16,20 @@
 namespace tavistro::platform {
 namespace {
 
-// A new thread inherits the mask of its creator: with every signal blocked meanwhile, the host's
-// handlers keep running on the host's threads only.
+// These report a fault of the thread that they are sent to; a host's crash handler must see it
+// there.
+constexpr int fault_signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
+
+// A new thread inherits the mask of its creator: with every signal but those of faults blocked
+// meanwhile, the host's other handlers keep running on the host's threads only.
 class ScopedSignalBlock {
   public:
     ScopedSignalBlock() noexcept {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &previous_);
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : fault_signals)
+            sigdelset(&blocked, fault);
+        pthread_sigmask(SIG_SETMASK, &blocked, &previous_);
     }
     ScopedSignalBlock(const ScopedSignalBlock&) = delete;
     ScopedSignalBlock& operator=(const ScopedSignalBlock&) = delete;

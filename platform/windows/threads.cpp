@@ -5,12 +5,14 @@
 #include <avrt.h>
 #include <timeapi.h>
 
+#include <algorithm>
+#include <array>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <utility>
 
 #include "platform/windows/library.h"
-#include "platform/windows/wide.h"
 
 namespace tavistro::platform {
 namespace {
@@ -31,12 +33,18 @@ RolePriority priority_of(ThreadRole role) noexcept {
     return {THREAD_PRIORITY_NORMAL, L"Audio", AVRT_PRIORITY_NORMAL};
 }
 
+constexpr std::size_t longest_name = 15;
+
 // Windows before 10 (1607) has no names for threads.
-void name_current_thread(const char* name) {
+void name_current_thread(const char* name) noexcept {
     using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
     const auto set_description =
         find_function<SetDescription>(GetModuleHandleW(L"kernel32.dll"), "SetThreadDescription");
-    if (set_description) set_description(GetCurrentThread(), widen(name).c_str());
+    if (!set_description) return;
+    std::array<wchar_t, longest_name + 1>
+        wide{};  // on the stack: a thread starts without memory too
+    std::copy_n(name, std::min(std::strlen(name), longest_name), wide.begin());
+    set_description(GetCurrentThread(), wide.data());
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <random>
-#include <string_view>
 
 #include "support/simd_levels.h"
 
@@ -71,12 +69,6 @@ TEST_P(PlanarRings, HoldAndBlendAsTheReferenceDoes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, PlanarRings, simd_levels, simd_level_name);
-
-TEST(SimdLevels, TheEnvironmentHoldsTheProcessAtTheBaseline) {
-    const char* const wish = std::getenv("TAVISTRO_SIMD");
-    const bool held = wish != nullptr && std::string_view(wish) == "baseline";
-    EXPECT_EQ(simd_level(), held ? SimdLevel::baseline : best_simd_level());
-}
 
 }  // namespace
 }  // namespace tavistro::test

@@ -1,10 +1,12 @@
-// usage: block_cost receive|period CHANNELS: runs blocks of 128 frames, and calls measured_work for
-// the named part of each, where a tool that counts instructions can tell it from the rest.
+// usage: block_cost baseline|avx2 receive|period CHANNELS: runs blocks of 128 frames, and calls
+// measured_work for the named part of each, where a tool that counts instructions can tell it from
+// the rest.
 #include <cstdlib>
 #include <functional>
 #include <string_view>
 
 #include "cost/block_rig.h"
+#include "support/chosen_simd_level.h"
 
 namespace {
 int blocks_measured = 0;
@@ -16,9 +18,9 @@ extern "C" [[gnu::noipa]] void measured_work(const std::function<void()>& work) 
 }
 
 int main(int argc, char** argv) {
-    if (argc != 3) return 2;
-    const bool receives = std::string_view(argv[1]) == "receive";
-    tavistro::test::BlockRig rig(static_cast<std::uint16_t>(std::atoi(argv[2])));
+    if (argc != 4 || !tavistro::test::choose_simd_level(argv[1])) return 2;
+    const bool receives = std::string_view(argv[2]) == "receive";
+    tavistro::test::BlockRig rig(static_cast<std::uint16_t>(std::atoi(argv[3])));
     for (int block = 0; block < 100; ++block) {
         rig.next_block();
         receives ? measured_work([&] { rig.receive(); }) : rig.receive();

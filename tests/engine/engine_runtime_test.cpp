@@ -7,13 +7,17 @@
 
 #include <fstream>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "audio/test_device.h"
 #include "platform/clock.h"
+#include "support/eventually.h"
 #include "support/movable_clock.h"
 #include "support/scripted_server.h"
 
@@ -126,6 +130,83 @@ class EngineRuntimeTest : public testing::Test {
         return std::make_unique<test::TestDevice>(device_);
     }};
 };
+
+/// What the record shows just before each event; the time of an event is read first.
+class EventOrder : public EngineRuntimeTest {
+  protected:
+    EventOrder() {
+        order = this;
+        test::call_at_readings([] {
+            const State state = order->runtime_.snapshot_state();
+            const std::lock_guard lock(order->mutex_);
+            order->before_[state.next_event_sequence] = state;
+        });
+    }
+    ~EventOrder() override {
+        runtime_.stop();
+        test::call_at_readings(nullptr);
+    }
+
+    std::array<std::uint32_t, 6> before(std::uint64_t event) {
+        const std::lock_guard lock(mutex_);
+        const State& s = before_[event];
+        return {s.state,        s.error_code,      s.error_detail,
+                s.status_level, s.status_category, s.status_message};
+    }
+
+  private:
+    static inline EventOrder* order = nullptr;
+    std::mutex mutex_;
+    std::map<std::uint64_t, State> before_;
+};
+
+TEST_F(EventOrder, each_event_comes_between_what_it_follows_and_what_it_announces) {
+    using Shown = std::array<std::uint32_t, 6>;
+    configure("discovery_timeout_ms=1\n");
+    server_.mute = true;
+    ASSERT_TRUE(start());
+    await_failure({4, 16});
+    EXPECT_EQ(before(1), (Shown{1, 0, 0, 3, 0, 3})) << "the first failure";
+    EXPECT_EQ(before(2), (Shown{1, 4, 14, 3, 1, 15})) << "the next attempt";
+    EXPECT_EQ(before(23), (Shown{1, 4, 14, 3, 1, 13})) << "the last failure";
+    EXPECT_EQ(before(24), (Shown{1, 4, 14, 3, 1, 13})) << "giving up";
+
+    server_.mute = false;
+    configure("");
+    device_->refusals = 1;
+    start_with_stream();
+    await(in(TAVISTRO_STATE_RUNNING));
+    EXPECT_EQ(before(1), (Shown{2, 7, 17, 4, 0, 17})) << "a device that failed";
+    EXPECT_EQ(before(2), (Shown{4, 7, 17, 3, 9, 19})) << "its next attempt";
+    EXPECT_EQ(before(3), (Shown{4, 0, 0, 3, 9, 18})) << "its success";
+
+    device_->refusals = 1;
+    device_->faulty = true;
+    await([](const State& s) { return s.event_count > 3; }, [&] { report(); });
+    await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { server_.send_sync(48000, 128); });
+    EXPECT_EQ(before(8), (Shown{4, 0, 0, 3, 10, 24})) << "a recovery";
+}
+
+TEST_F(EngineRuntimeTest, a_stream_that_comes_before_the_stop_is_noticed_wins_over_it) {
+    bool won = false;
+    for (int round = 0; round < 50 && !won; ++round) {
+        server_.mute = true;
+        server_.held = false;
+        ASSERT_TRUE(start());
+        ASSERT_TRUE(test::eventually([&] { return server_.held.load(); }));
+        std::thread stopper([&] { runtime_.stop(); });
+        platform::sleep_ms(5);  // until the stop is requested, while the client waits for an answer
+        server_.answer_held();
+        for (int i = 0; i < 20; ++i)
+            server_.send_sync(48000, 128);
+        stopper.join();
+        const State state = runtime_.snapshot_state();
+        EXPECT_EQ(state.state, TAVISTRO_STATE_STOPPED);
+        won = state.stream_sample_rate == 48000;
+        EXPECT_EQ(error_of(state), won ? (Pair{0, 0}) : (Pair{5, 9}));
+    }
+    EXPECT_TRUE(won) << "a stop was noticed first in every round";
+}
 
 TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_used_when_it_comes_late) {
     configure("discovery_timeout_ms=1\n");

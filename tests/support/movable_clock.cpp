@@ -1,5 +1,6 @@
 #include "support/movable_clock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -11,6 +12,8 @@ namespace {
 
 std::atomic<bool> manual{false};
 std::atomic<std::int64_t> moved_ns{0};
+std::atomic<void (*)()> at_reading{nullptr};
+std::atomic<std::uint32_t> longest_sleep_ms{UINT32_MAX};
 
 std::int64_t system_ns() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -32,6 +35,13 @@ void use_running_clock() {
     moved_ns = 0;
 }
 
+void call_at_readings(void (*hook)()) {
+    at_reading = hook;
+}
+void limit_sleeps_ms(std::uint32_t longest) {
+    longest_sleep_ms = longest;
+}
+
 void advance_clock_ns(std::uint64_t ns) {
     moved_ns += static_cast<std::int64_t>(ns);
 }
@@ -51,6 +61,7 @@ std::int64_t performance_frequency() noexcept {
 }
 
 std::uint64_t millisecond_tick() noexcept {
+    if (const auto hook = at_reading.load()) hook();
     return static_cast<std::uint64_t>(performance_counter() / 1'000'000);
 }
 
@@ -60,7 +71,8 @@ void sleep_ms(std::uint32_t ms) noexcept {
     } else if (ms == 0) {
         test::short_sleep();
     } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(std::min(ms, longest_sleep_ms.load())));
     }
 }
 

@@ -19,14 +19,25 @@ namespace {
 std::atomic<std::uint64_t> allocations{0};
 std::atomic<std::uint64_t> locks{0};
 std::atomic<std::uint64_t> sleeps{0};
+std::atomic<bool (*)()> refuses_allocation{nullptr};
 
 void count(std::atomic<std::uint64_t>& counter) {
     if (tavistro::test::scope_depth() > 0) counter.fetch_add(1, std::memory_order_relaxed);
 }
 
+void* allocated(std::size_t size) {
+    count(allocations);
+    const auto refuses = refuses_allocation.load();
+    return refuses != nullptr && refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
 }  // namespace
 
 namespace tavistro::test {
+
+void refuse_allocations(bool (*refuses)()) {
+    refuses_allocation = refuses;
+}
 
 RealtimeViolations realtime_violations() {
     return {allocations, locks, sleeps};
@@ -46,13 +57,11 @@ RealtimeScope::~RealtimeScope() {
 }  // namespace tavistro::test
 
 void* operator new(std::size_t size) {
-    count(allocations);
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+    if (void* memory = allocated(size)) return memory;
     throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    count(allocations);
-    return std::malloc(size == 0 ? 1 : size);
+    return allocated(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
     // Where the memory itself begins stands in front of what is handed out.

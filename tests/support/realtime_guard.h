@@ -17,6 +17,10 @@ struct RealtimeViolations {
 RealtimeViolations realtime_violations();
 void reset_realtime_violations();
 
+/// Asked at every allocation by operator new, on its thread; true lets it fail. Null: none fails.
+/// May not allocate.
+void refuse_allocations(bool (*refuses)());
+
 /// While it lives, what the calling thread does counts.
 class RealtimeScope {
   public:

@@ -34,7 +34,13 @@ class ScriptedServer {
                                            {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
+    /// The answer to the newest discover, which a mute server holds back.
+    void answer_held() {
+        send(TavistroProtocol::encode_discover_reply({client_id_, nonce_, port(), version}));
+    }
+
     std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
+    std::atomic<bool> held{false};                 ///< a discover has come
     std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
     std::atomic<std::uint64_t> leaves{0};
     /// Whatever came between the last leave and the next discover.
@@ -54,12 +60,12 @@ class ScriptedServer {
             const auto announce = TavistroProtocol::decode_announce(bytes);
             client_left_ = announce && is_leave(announce.message);
             if (client_left_) ++leaves;
-            if (!discover || mute) continue;
+            if (!discover) continue;
             client_id_ = discover.message.client_id;
             client_port_ = received.source.port;
-            socket_.send_to(TavistroProtocol::encode_discover_reply(
-                                {client_id_, discover.message.nonce, port(), version}),
-                            received.source);
+            nonce_ = discover.message.nonce;
+            held = true;
+            if (!mute) answer_held();
         }
     }
 
@@ -67,6 +73,7 @@ class ScriptedServer {
     platform::Thread thread_;
     std::atomic<std::uint32_t> client_id_{0};
     std::atomic<std::uint16_t> client_port_{0};
+    std::atomic<std::uint64_t> nonce_{0};
     std::uint32_t sequence_ = 0;
     bool client_left_ = false;
 };

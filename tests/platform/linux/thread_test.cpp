@@ -3,13 +3,14 @@
 
 #include <array>
 #include <csignal>
+#include <cstring>
 
 #include "platform/threads.h"
 
 namespace tavistro::platform {
 namespace {
 
-TEST(Thread, HasItsNameAndLeavesSignalsToTheHost) {
+TEST(Thread, HasItsNameAndLeavesSignalsToTheHostButThoseOfItsOwnFaults) {
     std::array<char, 16> name{};
     sigset_t blocked{};
     Thread thread;
@@ -21,7 +22,10 @@ TEST(Thread, HasItsNameAndLeavesSignalsToTheHost) {
     }));
     thread.join();
     EXPECT_STREQ(name.data(), "tav-something");
-    EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
+    for (const int signal : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE, SIGUSR1, SIGALRM})
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << strsignal(signal);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+        EXPECT_EQ(sigismember(&blocked, fault), 0) << strsignal(fault);
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGINT), 0) << "the creator's own mask must be back";
 }
