@@ -1,6 +1,7 @@
 #include "engine/engine_runtime.h"
 
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "config/engine_config.h"
@@ -9,6 +10,17 @@ namespace tavistro {
 namespace {
 
 constexpr std::uint32_t supervision_period_ms = 100;
+
+std::optional<EngineConfig> load(const std::string& path) noexcept {
+    try {
+        EngineConfig config;
+        std::string reason;  // the record carries no text
+        if (load_engine_config(path, config, reason)) return config;
+    } catch (const std::bad_alloc&) {
+        // The defaults take memory too.
+    }
+    return {};
+}
 
 }  // namespace
 
@@ -64,17 +76,6 @@ void EngineRuntime::run(const std::string& path) noexcept {
         set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
     }
     stats_.close();
-}
-
-std::optional<EngineConfig> EngineRuntime::load(const std::string& path) noexcept {
-    try {
-        EngineConfig config;
-        std::string reason;  // the record carries no text
-        if (load_engine_config(path, config, reason)) return config;
-    } catch (const std::bad_alloc&) {
-        // The defaults take memory too.
-    }
-    return {};
 }
 
 bool EngineRuntime::prepare(const EngineConfig& config) {

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -62,7 +61,6 @@ class EngineRuntime {
   private:
     // The worker, in the order of a run (engine_runtime.cpp).
     void run(const std::string& path) noexcept;
-    std::optional<EngineConfig> load(const std::string& path) noexcept;
     bool prepare(const EngineConfig& config);
     void run_stages(EngineConfig& config);
     void supervise_until_stopped(EngineConfig& config);
