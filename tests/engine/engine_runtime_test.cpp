@@ -188,6 +188,7 @@ TEST_F(EventOrder, each_event_comes_between_what_it_follows_and_what_it_announce
 }
 
 TEST_F(EngineRuntimeTest, a_stream_that_comes_before_the_stop_is_noticed_wins_over_it) {
+    configure("discovery_timeout_ms=5000\n");
     bool won = false;
     for (int round = 0; round < 50 && !won; ++round) {
         server_.mute = true;
