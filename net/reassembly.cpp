@@ -8,6 +8,21 @@ namespace tavistro {
 using TavistroProtocol::AudioFragment;
 using TavistroProtocol::CompletedOutputBlock;
 
+namespace {
+
+/// Index of the fragment's first sample in the planar block.
+std::size_t begin_of(const AudioFragment& fragment) noexcept {
+    return static_cast<std::size_t>(fragment.first_channel) * fragment.frames +
+           fragment.first_frame;
+}
+
+/// True when the fragment's samples lie in the block one behind the other.
+bool is_one_piece(const AudioFragment& fragment) noexcept {
+    return fragment.channel_count == 1 || fragment.frame_count == fragment.frames;
+}
+
+}  // namespace
+
 void Reassembly::reset(std::size_t channels) {
     channels_ = channels;
     clear();
@@ -50,7 +65,7 @@ void Reassembly::Slot::clear() {
     in_use = false;
     filled = 0;
     waiting.clear();
-    waiting_fragments.clear();
+    waiting_payloads.clear();
     received.clear();
 }
 
@@ -80,34 +95,34 @@ std::size_t Reassembly::Slot::sample_count() const {
 }
 
 void Reassembly::Slot::store(const AudioFragment& fragment) {
-    const std::size_t begin =
-        static_cast<std::size_t>(fragment.first_channel) * frames + fragment.first_frame;
-    const bool one_piece = fragment.channel_count == 1 || fragment.frame_count == frames;
-    const std::size_t count = fragment.sample_count();
     const bool whole = filled == sample_count();
-    if (whole || (waiting_fragments.empty() && one_piece && begin == filled)) {
-        if (!whole) filled += count;
+    const bool continues =
+        waiting.empty() && is_one_piece(fragment) && begin_of(fragment) == filled;
+    if (whole || continues) {
+        if (!whole) filled += fragment.sample_count();
         if (samples.size() < filled) samples.resize(filled);
-        put_in_place(fragment);
+        put_in_place(fragment, fragment.payload);
     } else {
-        waiting_fragments.push_back(fragment);
-        waiting.insert(waiting.end(), fragment.payload.begin(), fragment.payload.end());
+        // In this order nothing is amiss when memory runs out in between.
+        const std::size_t offset = waiting_payloads.size();
+        waiting_payloads.insert(waiting_payloads.end(), fragment.payload.begin(),
+                                fragment.payload.end());
+        waiting.push_back({fragment, offset});
         // Fragments that overlap could wait without end.
-        if (waiting.size() >= sample_count() * sizeof(float)) complete();
+        if (waiting_payloads.size() >= sample_count() * sizeof(float)) complete();
     }
     received[fragment.index] = 1;
     ++received_count;
 }
 
-void Reassembly::Slot::put_in_place(const AudioFragment& fragment) {
-    const std::size_t begin =
-        static_cast<std::size_t>(fragment.first_channel) * frames + fragment.first_frame;
-    const bool one_piece = fragment.channel_count == 1 || fragment.frame_count == frames;
-    const std::size_t pieces = one_piece ? 1 : fragment.channel_count;
+void Reassembly::Slot::put_in_place(const AudioFragment& fragment,
+                                    std::span<const std::uint8_t> payload) {
+    const std::size_t pieces = is_one_piece(fragment) ? 1 : fragment.channel_count;
     const std::size_t piece = fragment.sample_count() / pieces;
     for (std::size_t j = 0; j < pieces; ++j) {
-        TavistroProtocol::read_samples(fragment.payload.subspan(j * 4 * piece, 4 * piece),
-                                       std::span(samples).subspan(begin + j * frames, piece));
+        TavistroProtocol::read_samples(
+            payload.subspan(j * 4 * piece, 4 * piece),
+            std::span(samples).subspan(begin_of(fragment) + j * frames, piece));
     }
 }
 
@@ -117,14 +132,13 @@ void Reassembly::Slot::complete() {
               samples.begin() + static_cast<std::ptrdiff_t>(touched), 0.0F);
     samples.resize(sample_count());
     filled = samples.size();
-    std::span<const std::uint8_t> payloads = waiting;
-    for (AudioFragment& fragment : waiting_fragments) {
-        fragment.payload = payloads.first(4 * fragment.sample_count());
-        payloads = payloads.subspan(fragment.payload.size());
-        put_in_place(fragment);
+    for (const Waiting& early : waiting) {
+        put_in_place(early.fragment,
+                     std::span(waiting_payloads)
+                         .subspan(early.payload_offset, 4 * early.fragment.sample_count()));
     }
     waiting.clear();
-    waiting_fragments.clear();
+    waiting_payloads.clear();
 }
 
 }  // namespace tavistro

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "net/protocol.h"
@@ -34,6 +35,11 @@ class Reassembly {
                TavistroProtocol::CompletedOutputBlock& completed);
 
   private:
+    struct Waiting {
+        TavistroProtocol::AudioFragment fragment;  ///< its payload is elsewhere
+        std::size_t payload_offset;                ///< in waiting_payloads, bytes
+    };
+
     struct Slot {
         std::uint32_t sequence = 0;
         std::uint32_t sample_rate = 0;
@@ -45,16 +51,17 @@ class Reassembly {
         /// Planar. Fragments that continue what is there are put in at once; from the first one on
         /// that does not, they wait until the block is complete.
         std::vector<float> samples;
-        std::size_t filled = 0;             ///< samples in their place; those behind mean nothing
-        std::vector<std::uint8_t> waiting;  ///< payloads, one behind the other
-        std::vector<TavistroProtocol::AudioFragment> waiting_fragments;  ///< without their payloads
-        std::vector<std::uint8_t> received;                              ///< one flag per fragment
+        std::size_t filled = 0;        ///< samples in their place; those behind mean nothing
+        std::vector<Waiting> waiting;  ///< in the order of their arrival
+        std::vector<std::uint8_t> waiting_payloads;
+        std::vector<std::uint8_t> received;  ///< one flag per fragment
 
         void clear();
         void open_for(const TavistroProtocol::AudioFragment& fragment);
         bool belongs_to(const TavistroProtocol::AudioFragment& fragment) const;
         void store(const TavistroProtocol::AudioFragment& fragment);
-        void put_in_place(const TavistroProtocol::AudioFragment& fragment);
+        void put_in_place(const TavistroProtocol::AudioFragment& fragment,
+                          std::span<const std::uint8_t> payload);
         /// Makes the samples whole: silence where none have come, then those that waited.
         void complete();
         std::size_t sample_count() const;
