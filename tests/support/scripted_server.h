@@ -17,7 +17,7 @@ namespace tavistro::test {
 class ScriptedServer {
   public:
     ScriptedServer() {
-        socket_.open({.bind = {platform::ipv4_loopback, 0}});
+        socket_.open({.recv_buffer_bytes = 1 << 22, .bind = {platform::ipv4_loopback, 0}});
         thread_.start("server", [this] { answer(); });
     }
     ~ScriptedServer() {
