@@ -129,12 +129,15 @@ TEST(Trouble, StartsAndStopsLeaveNothingBehind) {
     ASSERT_EQ(server.start(), "");
     const ConfigFile config(server.port());
     Engine engine;
-    const std::size_t descriptors = entries("/proc/self/fd"), threads = entries("/proc/self/task");
+    const std::size_t threads = entries("/proc/self/task");
+    std::size_t descriptors = 0;
     for (int run = 0; run <= 20; ++run) {
         ASSERT_TRUE(engine.start(config));
         ASSERT_TRUE(eventually([&] { return engine.runs(); }));
         engine.stop();
-        ASSERT_EQ(entries("/proc/self/fd"), descriptors);
+        // A system may keep what the first run has made it open.
+        if (run == 0) descriptors = entries("/proc/self/fd");
+        ASSERT_EQ(entries("/proc/self/fd"), descriptors) << run;
         // The system may list a thread for a moment after it has been joined.
         ASSERT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; })) << run;
     }
