@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "tavistro/stats_block.h"
+#include "tools/monitor/totals.h"
 
 namespace tavistro::monitor {
 
@@ -21,9 +22,9 @@ struct Sample {
     std::uint32_t client_id = 0;
     Presence presence = Presence::absent;
     /// How much too late this computer woke a sleeping thread since the sample before, at most.
-    /// Nothing when it was not measured.
-    std::optional<std::uint32_t> host_late_us{};
+    std::uint32_t host_late_us = 0;
     std::optional<tavistro_stats_block> stats{};  ///< nothing when absent
+    Totals totals{};                              ///< of the run that `stats` belongs to
 };
 
 inline double seconds_between(const Sample& first, const Sample& second) {

@@ -1,0 +1,66 @@
+// What is said of an engine: facts, which were counted, and causes, which follow from them.
+//
+// explain, the live view, the page and the report all say what judge() gives.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/monitor/sample.h"
+
+namespace tavistro::monitor {
+
+enum class Cause {
+    engine_absent,
+    engine_silent,
+    engine_ended,
+    engine_failed,
+    server_silent,
+    format_mismatch,
+    network_loss,
+    missing_notices,
+    late_network,
+    device_stall,     ///< periods that the device missed
+    device_too_slow,  ///< than the server
+    device_too_fast,
+    device_uneven,
+    host_overload,
+};
+std::string_view cause_text(Cause cause);
+
+/// Something that was counted between two moments; `name` is short ("blocks lost"), `text` has the
+/// numbers.
+struct Fact {
+    std::string_view name;
+    double from_s;  ///< since the first sample
+    double until_s;
+    std::string text;
+};
+
+/// A side that a drop-out comes from.
+struct Finding {
+    Cause cause;
+    double from_s;
+    double until_s;
+    std::string text;
+};
+
+struct Account {
+    double watched_s = 0;
+    std::vector<Fact> facts;      ///< in the order of time
+    std::vector<Finding> causes;  ///< in the order of Cause
+    /// Set when something was heard that no cause explains: what would make it clear.
+    std::string not_clear_yet;
+
+    bool nothing_wrong() const { return causes.empty() && not_clear_yet.empty(); }
+};
+
+/// Samples of one client in the order of time.
+Account judge(std::span<const Sample> samples);
+
+/// The account in words: a line for each fact, then for each cause, none with an end.
+std::vector<std::string> account_lines(const Account& account);
+
+}  // namespace tavistro::monitor
