@@ -1,12 +1,15 @@
 #include "tools/monitor/formats.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <istream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "tools/monitor/fields.h"
+#include "tools/monitor/totals_fields.h"
 
 namespace tavistro::monitor {
 
@@ -59,13 +62,65 @@ tavistro_stats_block stats_from(const Json& json) {
     return stats;
 }
 
-Json sample_json(const Sample& sample) {
-    Json json{{"time_ms", sample.time_ms},
-              {"client_id", sample.client_id},
-              {"presence", name_of(sample.presence)}};
-    if (sample.host_late_us) json["host_late_us"] = *sample.host_late_us;
-    json["stats"] = sample.stats ? stats_json(*sample.stats) : Json();
+Json totals_json(const Totals& totals) {
+    Json json = Json::object();
+    for (const TotalsField& field : totals_fields())
+        std::visit([&](auto value) { json[std::string(field.name)] = value; },
+                   number(totals, field));
     return json;
+}
+
+Totals totals_from(const Json& json) {
+    Totals totals;
+    for (const TotalsField& field : totals_fields()) {
+        const Json& value = json.at(std::string(field.name));
+        if (field.is_real) {
+            set_number(totals, field, value.get<double>());
+        } else {
+            set_number(totals, field, value.get<std::int64_t>());
+        }
+    }
+    return totals;
+}
+
+Json sample_json(const Sample& sample) {
+    return {{"time_ms", sample.time_ms},
+            {"client_id", sample.client_id},
+            {"presence", name_of(sample.presence)},
+            {"host_late_us", sample.host_late_us},
+            {"stats", sample.stats ? stats_json(*sample.stats) : Json()},
+            {"totals", totals_json(sample.totals)}};
+}
+
+Json account_json(std::uint32_t client_id, const Account& account) {
+    Json json{{"client_id", client_id},
+              {"watched_s", account.watched_s},
+              {"facts", Json::array()},
+              {"causes", Json::array()},
+              {"not_clear_yet", account.not_clear_yet}};
+    for (const Fact& fact : account.facts)
+        json["facts"].push_back({{"name", fact.name},
+                                 {"from_s", fact.from_s},
+                                 {"until_s", fact.until_s},
+                                 {"text", fact.text}});
+    for (const Finding& finding : account.causes)
+        json["causes"].push_back({{"cause", cause_text(finding.cause)},
+                                  {"from_s", finding.from_s},
+                                  {"until_s", finding.until_s},
+                                  {"text", finding.text}});
+    return json;
+}
+
+/// As short as reads back exactly.
+std::string text_of(const TotalsNumber& number) {
+    std::array<char, 32> digits;
+    return std::visit(
+        [&](auto value) {
+            return std::string(
+                digits.data(),
+                std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr);
+        },
+        number);
 }
 
 /// Seconds, as Prometheus wants them, exactly: 250 is 0.00025.
@@ -82,9 +137,9 @@ class PrometheusText {
         text_.append(name).append(kind == FieldKind::counter ? " counter\n" : " gauge\n");
     }
     void value(const std::string& name, std::uint32_t client_id, const std::string& more_labels,
-               std::int64_t value) {
+               const TotalsNumber& value) {
         text_.append(name).append("{client_id=\"").append(std::to_string(client_id)).append("\"");
-        text_.append(more_labels).append("} ").append(std::to_string(value)).append("\n");
+        text_.append(more_labels).append("} ").append(text_of(value)).append("\n");
     }
     /// Buckets that include those below, as histogram_quantile() wants them.
     void buckets(const std::string& name, std::uint32_t client_id, const Histogram& counts) {
@@ -103,6 +158,13 @@ class PrometheusText {
   private:
     std::string text_;
 };
+
+// The monitor counts some of what the engine counts, but for as long as it watches.
+std::string prometheus_name(const TotalsField& field) {
+    std::string name = "tavistro_monitor_";
+    name.append(field.name);
+    return field.kind == FieldKind::counter ? name + "_total" : name;
+}
 
 std::string prometheus_name(const Field& field) {
     std::string name = "tavistro_";
@@ -124,13 +186,25 @@ Sample from_json(const std::string& line) {
         Sample sample{.time_ms = json.at("time_ms").get<std::int64_t>(),
                       .client_id = json.at("client_id").get<std::uint32_t>(),
                       .presence = presence_from(json.at("presence").get<std::string>())};
-        if (json.contains("host_late_us"))
-            sample.host_late_us = json["host_late_us"].get<std::uint32_t>();
+        if (!json.contains("totals"))
+            throw std::runtime_error("it has no totals, an older monitor made it");
+        sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
         if (!json.at("stats").is_null()) sample.stats = stats_from(json["stats"]);
+        sample.totals = totals_from(json["totals"]);
         return sample;
     } catch (const Json::exception& error) {
         throw std::runtime_error(error.what());
     }
+}
+
+std::string to_json_array(const Accounts& accounts) {
+    Json json = Json::array();
+    for (const auto& [client_id, account] : accounts)
+        json.push_back(account_json(client_id, account));
+    std::string text = json.dump();
+    for (std::size_t at = 0; (at = text.find('<', at)) != std::string::npos;)
+        text.replace(at, 1, "\\u003c");  // no end of the script, whatever the texts are
+    return text;
 }
 
 std::string to_json_array(std::span<const Sample> samples) {
@@ -167,13 +241,15 @@ std::string csv_heading() {
         for (std::size_t i = 0; i < TAVISTRO_STATS_HISTOGRAM_BUCKETS; ++i)
             text.append(",").append(field.name).append("_").append(std::to_string(i));
     }
+    for (const TotalsField& field : totals_fields())
+        text.append(",total_").append(field.name);
     return text;
 }
 
 std::string csv_row(const Sample& sample) {
     std::string text = std::to_string(sample.time_ms);
     text.append(",").append(name_of(sample.presence)).append(",");
-    if (sample.host_late_us) text += std::to_string(*sample.host_late_us);
+    text += std::to_string(sample.host_late_us);
     // Without a block only the client is known.
     tavistro_stats_block stats = sample.stats.value_or(tavistro_stats_block{});
     stats.client_id = sample.client_id;
@@ -185,6 +261,8 @@ std::string csv_row(const Sample& sample) {
         for (const std::uint32_t count : histogram(stats, field))
             text.append(",").append(std::to_string(count));
     }
+    for (const TotalsField& field : totals_fields())
+        text.append(",").append(text_of(number(sample.totals, field)));
     return text;
 }
 
@@ -192,17 +270,8 @@ std::string to_prometheus(std::span<const Sample> samples) {
     PrometheusText text;
     text.family("tavistro_up", FieldKind::gauge, "Whether an engine of this client_id is running");
     for (const Sample& sample : samples)
-        text.value("tavistro_up", sample.client_id, "", sample.presence == Presence::alive ? 1 : 0);
-    text.family(
-        "tavistro_blocks_replaced_per_sec", FieldKind::gauge,
-        "Blocks queued beyond those received, in the last second: silence for lost ones. The "
-        "two are counted in seconds of their own, so judge by averages");
-    for (const Sample& sample : samples) {
-        if (sample.presence != Presence::alive) continue;
-        text.value("tavistro_blocks_replaced_per_sec", sample.client_id, "",
-                   std::int64_t{sample.stats->player_recv_blocks_per_sec} -
-                       sample.stats->client_recv_blocks_per_sec);
-    }
+        text.value("tavistro_up", sample.client_id, "",
+                   std::int64_t{sample.presence == Presence::alive});
     for (const Field& field : fields()) {
         if (field.name == "client_id") continue;
         const std::string name = prometheus_name(field);
@@ -214,6 +283,14 @@ std::string to_prometheus(std::span<const Sample> samples) {
             } else {
                 text.value(name, sample.client_id, "", number(*sample.stats, field));
             }
+        }
+    }
+    for (const TotalsField& field : totals_fields()) {
+        const std::string name = prometheus_name(field);
+        text.family(name, field.kind, field.help);
+        for (const Sample& sample : samples) {
+            if (sample.presence == Presence::alive)
+                text.value(name, sample.client_id, "", number(sample.totals, field));
         }
     }
     return text.take();

@@ -76,7 +76,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
             response_.body() = std::move(page->body);
         } else {
             response_.result(http::status::not_found);
-            response_.body() = "no such page; there are /, /metrics and /samples.json\n";
+            response_.body() =
+                "no such page; there are /, /metrics, /samples.json and /diagnosis.json\n";
         }
         response_.prepare_payload();
         if (head) response_.body().clear();

@@ -9,14 +9,15 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <thread>
 
-#include "tools/monitor/client_watch.h"
 #include "tools/monitor/formats.h"
-#include "tools/monitor/host_probe.h"
 #include "tools/monitor/http_server.h"
+#include "tools/monitor/observer.h"
 #include "tools/monitor/page.h"
+#include "tools/monitor/screen.h"
 #include "tools/monitor/terminal.h"
 #include "tools/monitor/view.h"
 
@@ -28,34 +29,19 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Histories = std::map<std::uint32_t, std::vector<Sample>>;
 
-std::int64_t unix_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
+Histories by_client(std::span<const Sample> samples) {
+    Histories histories;
+    for (const Sample& sample : samples)
+        histories[sample.client_id].push_back(sample);
+    return histories;
 }
 
-/// The engines that are watched, all read at one time.
-class Watches {
-  public:
-    explicit Watches(const std::vector<std::uint32_t>& client_ids) {
-        for (const std::uint32_t id : client_ids)
-            watches_.emplace_back(id);
-    }
-    std::vector<Sample> look() {
-        const std::int64_t now = unix_ms();
-        const std::uint32_t host_late_us = probe_.take_longest_us();
-        std::vector<Sample> samples;
-        for (ClientWatch& watch : watches_) {
-            samples.push_back(watch.look(now));
-            samples.back().host_late_us = host_late_us;
-        }
-        return samples;
-    }
-
-  private:
-    HostProbe probe_;
-    std::deque<ClientWatch> watches_;
-};
+Accounts judge_each(std::span<const Sample> samples) {
+    Accounts accounts;
+    for (const auto& [id, history] : by_client(samples))
+        accounts.emplace(id, judge(history));
+    return accounts;
+}
 
 /// What the HTTP server shows; written by the monitor, read by the server's thread.
 class Newest {
@@ -67,28 +53,36 @@ class Newest {
         if (readings_.size() > kept_readings) readings_.pop_front();
     }
     std::optional<HttpPage> page(std::string_view target) const {
-        if (target == "/") return HttpPage{"text/html; charset=utf-8", live_page()};
-        const std::lock_guard lock(mutex_);
-        if (target == "/metrics") {
-            return HttpPage{"text/plain; version=0.0.4; charset=utf-8",
-                            readings_.empty() ? "" : to_prometheus(readings_.back())};
-        }
         constexpr std::string_view query = "/samples.json?after=";
+        constexpr const char* json = "application/json";
+        if (target == "/") return HttpPage{"text/html; charset=utf-8", live_page()};
+        if (target == "/metrics")
+            return HttpPage{"text/plain; version=0.0.4; charset=utf-8", to_prometheus(newest())};
+        if (target == "/diagnosis.json") return HttpPage{json, to_json_array(judge_each(after(0)))};
         std::int64_t after_ms = 0;
         if (target.starts_with(query)) {
             std::from_chars(target.data() + query.size(), target.data() + target.size(), after_ms);
         } else if (target != "/samples.json") {
             return std::nullopt;
         }
-        std::vector<Sample> wanted;
-        for (const auto& reading : readings_) {
-            if (!reading.empty() && reading.front().time_ms > after_ms)
-                wanted.insert(wanted.end(), reading.begin(), reading.end());
-        }
-        return HttpPage{"application/json", to_json_array(wanted)};
+        return HttpPage{json, to_json_array(after(after_ms))};
     }
 
   private:
+    std::vector<Sample> newest() const {
+        const std::lock_guard lock(mutex_);
+        return readings_.empty() ? std::vector<Sample>() : readings_.back();
+    }
+    std::vector<Sample> after(std::int64_t time_ms) const {
+        const std::lock_guard lock(mutex_);
+        std::vector<Sample> wanted;
+        for (const auto& reading : readings_) {
+            if (!reading.empty() && reading.front().time_ms > time_ms)
+                wanted.insert(wanted.end(), reading.begin(), reading.end());
+        }
+        return wanted;
+    }
+
     mutable std::mutex mutex_;
     std::deque<std::vector<Sample>> readings_;
 };
@@ -125,101 +119,22 @@ std::ofstream open_recording(const std::string& path) {
     return open_for_writing(path);
 }
 
-Histories by_client(const std::vector<Sample>& samples) {
-    Histories histories;
-    for (const Sample& sample : samples)
-        histories[sample.client_id].push_back(sample);
-    return histories;
-}
-
-std::string time_text(double seconds) {
-    const auto whole = static_cast<long long>(seconds);
-    const std::string s = std::to_string(whole % 60);
-    return std::to_string(whole / 60).append(s.size() < 2 ? ":0" : ":").append(s);
-}
-
-bool explain(const Histories& histories, std::ostream& out) {
-    bool found = false;
-    for (const auto& [id, samples] : histories) {
-        const auto findings = diagnose(samples);
+/// True when something was wrong.
+bool explain(std::span<const Sample> samples, std::ostream& out) {
+    bool wrong = false;
+    for (const auto& [id, account] : judge_each(samples)) {
         out << "client " << id << '\n';
-        for (const Finding& finding : findings) {
-            out << "  ";
-            if (finding.until_s > finding.from_s)
-                out << time_text(finding.from_s) << " to " << time_text(finding.until_s) << "  ";
-            out << cause_text(finding.cause) << ": " << finding.text << '\n';
-        }
-        found = found || !findings.empty();
-        if (!findings.empty()) continue;
-        if (samples.size() < least_readings) {
-            out << "  too short a time to judge\n";
-        } else {
-            out << "  nothing wrong in "
-                << time_text(seconds_between(samples.front(), samples.back())) << '\n';
-        }
+        for (const std::string& line : tell(account))
+            out << "  " << line << '\n';
+        wrong = wrong || !account.nothing_wrong();
     }
-    return found;
+    return wrong;
 }
-
-/// Shows engines on a terminal, one picture over the other, or as text that scrolls.
-class Screen {
-  public:
-    Screen(std::ostream& out, bool redraws) : out_(out), redraws_(redraws) {
-        if (redraws_) out_ << "\x1b[?1049h\x1b[?25l";  // a screen of its own, no cursor
-    }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
-    ~Screen() {
-        if (redraws_) out_ << "\x1b[?25h\x1b[?1049l" << std::flush;
-    }
-
-    void show(const std::vector<Sample>& samples) {
-        constexpr std::size_t kept = 40;
-        std::vector<std::string> lines;
-        for (const Sample& sample : samples) {
-            auto& history = histories_[sample.client_id];
-            history.push_back(sample);
-            if (history.size() > kept) history.erase(history.begin());
-        }
-        const TerminalSize size = redraws_ ? terminal_size() : TerminalSize{full_width, 0};
-        for (const Sample& sample : samples) {
-            const auto& history = histories_[sample.client_id];
-            for (std::string& line : view(history, diagnose(history), size.columns))
-                lines.push_back(std::move(line));
-            lines.emplace_back();
-        }
-        if (redraws_ && lines.size() > size.rows) {
-            lines.clear();
-            for (const Sample& sample : samples)
-                lines.push_back(short_view(sample, size.columns));
-            lines.emplace_back("a higher window shows more");
-            lines.resize(std::min(lines.size(), size.rows));
-        }
-        if (redraws_ && lines.size() < size.rows) lines.emplace_back("Ctrl-C ends");
-        put(lines);
-    }
-
-  private:
-    void put(const std::vector<std::string>& lines) {
-        std::string text = redraws_ ? "\x1b[H" : "";
-        for (std::size_t i = 0; i < lines.size(); ++i) {
-            text += lines[i];
-            if (redraws_) text += "\x1b[K";  // what a longer line left behind
-            if (!redraws_ || i + 1 < lines.size()) text += '\n';
-        }
-        if (redraws_) text += "\x1b[J";
-        out_ << text << std::flush;
-    }
-
-    std::ostream& out_;
-    bool redraws_;
-    Histories histories_;
-};
 
 /// Calls `each` with a reading every interval, the first at once, until the time is over.
 template <typename Function>
 void follow(const Options& options, const std::atomic<bool>& stop, const Function& each) {
-    Watches watches(options.client_ids);
+    Observer observer(options.client_ids);
     const auto interval = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(options.interval_s));
     const auto start = Clock::now();
@@ -227,7 +142,7 @@ void follow(const Options& options, const std::atomic<bool>& stop, const Functio
                                                    std::chrono::duration<double>(*options.seconds))
                                      : Clock::time_point::max();
     for (auto next = start; !stop;) {
-        each(watches.look());
+        each(observer.look());
         if (options.once) return;
         next = std::max(next + interval, Clock::now());
         while (!stop && Clock::now() < std::min(next, end))
@@ -267,28 +182,25 @@ int watch(const Options& options, std::ostream& out, const std::atomic<bool>& st
 
 int write_report(const Options& options, std::ostream& out) {
     const std::vector<Sample> samples = recording_at(options.recording_path, {});
-    std::ostringstream explanation;
-    explain(by_client(samples), explanation);
     const std::string path =
         options.output_path.empty() ? options.recording_path + ".html" : options.output_path;
     std::ofstream file = open_for_writing(path);
-    file << report_page(samples, explanation.str());
+    file << report_page(samples, judge_each(samples));
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
     out << "wrote " << path << '\n';
     return 0;
 }
 
 int explain_now_or_then(const Options& options, std::ostream& out, const std::atomic<bool>& stop) {
-    Histories histories;
+    std::vector<Sample> samples;
     if (!options.recording_path.empty()) {
-        histories = by_client(recording_at(options.recording_path, options.client_ids));
+        samples = recording_at(options.recording_path, options.client_ids);
     } else {
-        follow(options, stop, [&](const std::vector<Sample>& samples) {
-            for (const Sample& sample : samples)
-                histories[sample.client_id].push_back(sample);
+        follow(options, stop, [&](const std::vector<Sample>& reading) {
+            samples.insert(samples.end(), reading.begin(), reading.end());
         });
     }
-    return explain(histories, out) ? 1 : 0;
+    return explain(samples, out) ? 1 : 0;
 }
 
 }  // namespace

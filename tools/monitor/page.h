@@ -5,12 +5,11 @@
 #include <span>
 #include <string>
 
-#include "tools/monitor/sample.h"
+#include "tools/monitor/formats.h"
 
 namespace tavistro::monitor {
 
 std::string live_page();
-/// `explanation` is plain text.
-std::string report_page(std::span<const Sample> samples, const std::string& explanation);
+std::string report_page(std::span<const Sample> samples, const Accounts& accounts);
 
 }  // namespace tavistro::monitor

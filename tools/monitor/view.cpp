@@ -1,12 +1,12 @@
 #include "tools/monitor/view.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "tavistro/engine.h"
 #include "tools/host/read_speed.h"
 #include "tools/host/texts.h"
-#include "tools/monitor/interval.h"
 
 namespace tavistro::monitor {
 
@@ -83,25 +83,24 @@ std::string histogram_line(const char* name, const std::uint32_t (&counts)[10]) 
     return line + " %";
 }
 
-/// Blocks a second that never came, of late; empty for next to none.
-std::string loss_text(std::span<const Sample> history) {
-    constexpr std::size_t lately = 10;
-    constexpr double least_told = 0.5;
-    const auto steps = steps_of(history.last(std::min(history.size(), lately)));
-    const Interval interval(steps);
-    const bool told = interval.seconds > 0 && interval.replaced_per_s() > least_told;
-    return told ? text("never came %.1f/s  ", interval.replaced_per_s()) : "";
+/// The server's clock against the device's, as measured.
+std::string clocks_text(const Sample& sample) {
+    const Totals& totals = sample.totals;
+    if (totals.clock_uncertainty_ppm > 0)
+        return text("clocks: server %+.0f ppm +-%.0f against the device", totals.server_faster_ppm,
+                    std::ceil(totals.clock_uncertainty_ppm));
+    return sample.stats->clock_synced != 0 ? "clocks: measured soon"
+                                           : "clocks: measured soon (offset not known yet)";
 }
 
-std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block* before,
-                       const std::string& loss) {
+std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block* before) {
     const auto one = [&](const char* name, std::uint32_t tavistro_stats_block::*count) {
         std::string item = text("%s %u", name, s.*count);
         if (before != nullptr && s.*count > before->*count)
             item += text(" (+%u)", s.*count - before->*count);
         return item;
     };
-    return "drops    " + loss + one("underruns", &tavistro_stats_block::underruns) + "  " +
+    return "drops    " + one("underruns", &tavistro_stats_block::underruns) + "  " +
            one("overruns", &tavistro_stats_block::overruns) + "  " +
            one("playback", &tavistro_stats_block::playback_dropped) + "  " +
            one("capture", &tavistro_stats_block::capture_dropped);
@@ -123,18 +122,18 @@ void add_wrapped(std::vector<std::string>& lines, std::string rest, std::size_t 
     lines.push_back(std::move(rest));
 }
 
-void add_numbers(std::vector<std::string>& lines, const tavistro_stats_block& s,
-                 const tavistro_stats_block* before, const std::string& loss) {
+void add_numbers(std::vector<std::string>& lines, const Sample& now,
+                 const tavistro_stats_block* before) {
+    const tavistro_stats_block& s = *now.stats;
     lines.push_back(buffer_line(s));
     lines.push_back(
         text("         lowest %u, highest %u in the last second", s.min_frames, s.max_frames));
-    lines.push_back(text("speed    buffer read %+.0f ppm to hold its fill (clocks estimated %+d)%s",
-                         host::read_speed_ppm(s), s.ratio_ppm,
-                         s.clock_synced != 0 ? "" : "   (offset not known yet)"));
+    lines.push_back(text("speed    buffer read %+.0f ppm, ", host::read_speed_ppm(s)) +
+                    clocks_text(now));
     lines.push_back(text("a second received %u (again %u)  queued %u  periods %u  rendered %u",
                          s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec,
                          s.player_recv_blocks_per_sec, s.callbacks_per_sec, s.dequeued_per_sec));
-    lines.push_back(drops_line(s, before, loss));
+    lines.push_back(drops_line(s, before));
     lines.push_back(delay_line("rtt", s.rtt_last_us, s.rtt_min_us, s.rtt_p50_us, s.rtt_p95_us,
                                s.rtt_p99_us, s.rtt_max_us));
     lines.push_back(delay_line("sync", s.sync_delay_last_us, s.sync_delay_min_us,
@@ -154,23 +153,39 @@ void add_numbers(std::vector<std::string>& lines, const tavistro_stats_block& s,
 
 }  // namespace
 
-std::vector<std::string> view(std::span<const Sample> history, std::span<const Finding> findings,
-                              std::size_t width) {
+std::vector<std::string> view(std::span<const Sample> history, std::size_t width) {
     const Sample& now = history.back();
     std::vector<std::string> lines{presence_line(now)};
     if (now.stats) {
         const Sample* const earlier = history.size() > 1 ? &history[history.size() - 2] : nullptr;
-        add_numbers(lines, *now.stats,
-                    earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr,
-                    loss_text(history));
-    }
-    for (const Finding& finding : findings) {
-        if (finding.cause <= Cause::engine_failed) continue;  // the first line says so
-        add_wrapped(lines, std::string(cause_text(finding.cause)).append(": ").append(finding.text),
-                    width);
+        add_numbers(lines, now, earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr);
     }
     for (std::string& line : lines)
         cut(line, width);
+    return lines;
+}
+
+std::vector<std::string> account_view(Account account, std::size_t width) {
+    const bool of_presence = std::erase_if(account.causes, [](const Finding& finding) {
+                                 return finding.cause <= Cause::engine_failed;
+                             }) > 0;
+    const bool nothing_else = of_presence && account.nothing_wrong();
+    std::vector<std::string> lines;
+    for (std::string& line : nothing_else ? account_lines(account) : tell(account))
+        add_wrapped(lines, std::move(line), width);
+    for (std::string& line : lines)
+        cut(line, width);
+    return lines;
+}
+
+std::vector<std::string> tell(const Account& account) {
+    constexpr double least_watched_s = 4;
+    std::vector<std::string> lines = account_lines(account);
+    if (!account.nothing_wrong()) return lines;
+    const auto watched_s = static_cast<long long>(account.watched_s);
+    lines.push_back(account.watched_s < least_watched_s
+                        ? "too short a time to judge"
+                        : text("nothing wrong in %lld:%02lld", watched_s / 60, watched_s % 60));
     return lines;
 }
 

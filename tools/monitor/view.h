@@ -1,12 +1,11 @@
 // What a terminal shows of one engine.
 #pragma once
 
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "tools/monitor/diagnosis.h"
+#include "tools/monitor/account.h"
 #include "tools/monitor/sample.h"
 
 namespace tavistro::monitor {
@@ -14,10 +13,15 @@ namespace tavistro::monitor {
 /// Narrower terminals get lines that are cut.
 inline constexpr std::size_t full_width = 80;
 
-/// Lines of at most `width` columns, plain ASCII. `history` is of one client, newest last, not
-/// empty; differences are taken to the sample before the newest.
-std::vector<std::string> view(std::span<const Sample> history, std::span<const Finding> findings,
-                              std::size_t width);
+/// The numbers. Lines of at most `width` columns, plain ASCII. `history` is of one client, newest
+/// last, not empty; differences are taken to the sample before the newest.
+std::vector<std::string> view(std::span<const Sample> history, std::size_t width);
+
+/// What is said of them: tell() without what the first line of view() says, broken to the width.
+std::vector<std::string> account_view(Account account, std::size_t width);
+
+/// account_lines(), or that nothing was wrong for as long as was watched.
+std::vector<std::string> tell(const Account& account);
 
 /// One line per client, for terminals that are too low for more.
 std::string short_view(const Sample& sample, std::size_t width);

@@ -1,0 +1,65 @@
+#include "tools/monitor/observer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "platform/threads.h"
+
+namespace tavistro::monitor {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::int64_t in_us(Clock::duration time) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+std::int64_t now_us() {
+    return in_us(Clock::now().time_since_epoch());
+}
+
+std::int64_t unix_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+Observer::Observer(const std::vector<std::uint32_t>& client_ids) {
+    for (const std::uint32_t id : client_ids)
+        watches_.emplace_back(id);
+    thread_ = std::jthread([this](const std::stop_token& stop) { observe(stop); });
+}
+
+std::vector<Sample> Observer::look() {
+    const std::lock_guard lock(mutex_);
+    const std::int64_t time_ms = unix_ms();
+    const std::uint32_t late_us = std::exchange(longest_late_us_, 0);
+    std::vector<Sample> samples;
+    for (ClientWatch& watch : watches_) {
+        samples.push_back(watch.look(now_us()));
+        samples.back().time_ms = time_ms;
+        samples.back().host_late_us = late_us;
+    }
+    return samples;
+}
+
+void Observer::observe(const std::stop_token& stop) {
+    constexpr std::int64_t longest_told_us = 3'600'000'000;
+    const platform::ScopedTimerResolution resolution;
+    while (!stop.stop_requested()) {
+        const auto due = Clock::now() + std::chrono::microseconds(look_every_us);
+        std::this_thread::sleep_until(due);
+        const std::int64_t late_us =
+            std::clamp<std::int64_t>(in_us(Clock::now() - due), 0, longest_told_us);
+        const std::lock_guard lock(mutex_);
+        longest_late_us_ = std::max(longest_late_us_, static_cast<std::uint32_t>(late_us));
+        for (ClientWatch& watch : watches_)
+            watch.glance(now_us(), late_us);
+    }
+}
+
+}  // namespace tavistro::monitor

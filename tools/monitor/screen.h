@@ -1,0 +1,33 @@
+// Shows engines on a terminal, one picture over the other, or as text that scrolls.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/monitor/sample.h"
+
+namespace tavistro::monitor {
+
+class Screen {
+  public:
+    /// `redraws` is for a terminal that obeys escape sequences.
+    Screen(std::ostream& out, bool redraws);
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+    ~Screen();
+
+    /// The newest reading; what is said of it is judged on the last two minutes.
+    void show(const std::vector<Sample>& samples);
+
+  private:
+    void put(const std::vector<std::string>& lines);
+
+    std::ostream& out_;
+    bool redraws_;
+    std::map<std::uint32_t, std::vector<Sample>> histories_;
+};
+
+}  // namespace tavistro::monitor
