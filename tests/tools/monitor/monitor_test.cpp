@@ -6,14 +6,20 @@
 #include <boost/asio.hpp>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <sstream>
+#include <thread>
 #include <tuple>
 
+#include "engine/stats_block.h"
+#include "support/eventually.h"
 #include "tavistro/engine.h"
 #include "tools/monitor/fields.h"
 #include "tools/monitor/formats.h"
 #include "tools/monitor/http_server.h"
+#include "tools/monitor/observer.h"
 #include "tools/monitor/page.h"
+#include "tools/monitor/totals_fields.h"
 #include "tools/monitor/view.h"
 
 namespace tavistro::monitor {
@@ -35,6 +41,11 @@ Sample distinct_sample() {
             ++next;
         }
     }
+    for (const TotalsField& field : totals_fields()) {
+        ++next;
+        set_number(sample.totals, field,
+                   field.is_real ? TotalsNumber(-0.1 * static_cast<double>(next)) : next);
+    }
     return sample;
 }
 
@@ -48,39 +59,91 @@ TEST(Formats, ARecordingGivesBackWhatWasRecorded) {
     ASSERT_EQ(samples.size(), 2U);
     EXPECT_EQ(to_json(samples[0]), to_json(sample));
     EXPECT_EQ(std::memcmp(&*samples[0].stats, &*sample.stats, sizeof *sample.stats), 0);
+    EXPECT_EQ(std::memcmp(&samples[0].totals, &sample.totals, sizeof sample.totals), 0);
     EXPECT_EQ(samples[0].host_late_us, 5U);
     EXPECT_EQ(to_json(samples[1]), to_json(absent));
 
-    for (const char* const damage :
-         {"{}", "[]", "nonsense", R"({"time_ms":"x"})",
-          R"({"time_ms":1,"client_id":1,"presence":"odd","stats":null})",
-          R"({"time_ms":1,"client_id":1,"presence":"alive","stats":{}})"}) {
+    const std::string head = R"({"time_ms":1,"client_id":1,"host_late_us":0,"presence":)";
+    for (const auto& [damage, reason] : std::initializer_list<std::pair<std::string, const char*>>{
+             {"{}", ""},
+             {"[]", ""},
+             {"nonsense", ""},
+             {head + R"("odd","stats":null,"totals":{}})", "odd"},
+             {head + R"("alive","stats":{},"totals":{}})", "state"},
+             {head + R"("absent","stats":null,"totals":{}})", "run"},
+             {head + R"("absent","stats":null})", "it has no totals, an older monitor made it"}}) {
         std::istringstream damaged(text + damage + "\n" + text);
         try {
             read_recording(damaged);
             ADD_FAILURE() << "taken: " << damage;
         } catch (const std::runtime_error& error) {
             EXPECT_TRUE(std::string(error.what()).starts_with("line 3 is not")) << damage;
+            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
         }
     }
 }
 
+std::vector<std::string> cells(const std::string& row) {
+    std::istringstream in(row);
+    std::vector<std::string> all;
+    for (std::string cell; std::getline(in, cell, ',');)
+        all.push_back(cell);
+    return all;
+}
+
 TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
     const Sample sample = distinct_sample();
-    const auto columns = [](const std::string& row) { return std::ranges::count(row, ','); };
-    EXPECT_EQ(columns(csv_heading()), columns(csv_row(sample)));
+    const auto names = cells(csv_heading());
+    const auto values = cells(csv_row(sample));
+    ASSERT_EQ(names.size(), values.size());
     // magic, layout version and reserved are told nowhere
-    EXPECT_EQ(columns(csv_heading()) - 2, 288 / 4 - 1 - 3);
+    EXPECT_EQ(names.size(), 3 + 288 / 4 - 1 - 3 + sizeof(Totals) / 8);
+    const auto column = [&](const std::string& name) {
+        const auto found = std::ranges::find(names, name);
+        return found == names.end() ? "none"
+                                    : values[static_cast<std::size_t>(found - names.begin())];
+    };
+    EXPECT_EQ(column("underruns"), std::to_string(sample.stats->underruns));
+    EXPECT_EQ(column("total_underruns"), std::to_string(sample.totals.underruns));
+    EXPECT_EQ(column("total_late_last_ms"), std::to_string(sample.totals.late.last_ms));
+    EXPECT_EQ(std::stod(column("total_clock_uncertainty_ppm")),
+              sample.totals.clock_uncertainty_ppm);
 
     const std::string metrics = to_prometheus(std::vector{sample, Sample{.client_id = 4}});
-    for (const char* const line :
-         {"tavistro_up{client_id=\"3\"} 1\n", "tavistro_up{client_id=\"4\"} 0\n",
-          "# TYPE tavistro_underruns_total counter\n",
-          "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000250\"} 1017\n",
-          "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000500\"} 2035\n",
-          "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 10215\n"})
+    for (const std::string& line :
+         {std::string("tavistro_up{client_id=\"3\"} 1\n"),
+          std::string("tavistro_up{client_id=\"4\"} 0\n"),
+          std::string("# TYPE tavistro_underruns_total counter\n"),
+          std::string("tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000250\"} 1017\n"),
+          std::string("tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000500\"} 2035\n"),
+          std::string("tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 10215\n"),
+          std::string("# TYPE tavistro_monitor_server_faster_ppm gauge\n"),
+          "tavistro_monitor_replaced_count_total{client_id=\"3\"} " +
+              std::to_string(sample.totals.replaced.count) + "\n"})
         EXPECT_NE(metrics.find(line), std::string::npos) << line;
-    EXPECT_EQ(metrics.find("tavistro_state{client_id=\"4\"}"), std::string::npos);
+    EXPECT_EQ(metrics.find("{client_id=\"4\"}", metrics.find("# TYPE tavistro_state")),
+              std::string::npos);
+}
+
+Account account_of_trouble(const std::string& text) {
+    return {.watched_s = 14.5,
+            .facts = {{"blocks lost", 0, 14.5, text}},
+            .causes = {{Cause::engine_ended, 14, 14, text}, {Cause::network_loss, 2.5, 9, text}},
+            .not_clear_yet = text};
+}
+
+TEST(Formats, AnAccountKeepsItsWordsAndEndsNoScript) {
+    const std::string name(cause_text(Cause::network_loss));
+    EXPECT_EQ(to_json_array(Accounts{{7, Account{}}}),
+              R"([{"client_id":7,"watched_s":0.0,"facts":[],"causes":[],"not_clear_yet":""}])");
+    const std::string json =
+        to_json_array(Accounts{{3, account_of_trouble("1 </script>")}, {4, {}}});
+    for (const std::string& part :
+         {std::string(
+              R"([{"client_id":3,"watched_s":14.5,"facts":[{"name":"blocks lost","from_s":0.0,)"),
+          R"({"cause":")" + name + R"(","from_s":2.5,"until_s":9.0,"text":"1 \u003c/script>"}],)",
+          std::string(R"("not_clear_yet":"1 \u003c/script>"},{"client_id":4,)")})
+        EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
 }
 
 TEST(View, FitsWhateverTheNumbers) {
@@ -89,23 +152,130 @@ TEST(View, FitsWhateverTheNumbers) {
         if (field.type == FieldType::histogram) continue;
         set_number(*extreme.stats, field, std::numeric_limits<std::int32_t>::max());
     }
-    const Finding finding{Cause::late_network, 0, 1, 1,
-                          std::string(50, 'a') + " " + std::string(200, 'b')};
+    extreme.totals.clock_uncertainty_ppm = 1e9;
+    const Account account = account_of_trouble(std::string(50, 'a') + " " + std::string(200, 'b'));
     for (const std::size_t width : {80U, 40U, 1U}) {
-        for (const std::string& line : view(std::vector{extreme}, std::vector{finding}, width))
+        for (const std::string& line : view(std::vector{extreme}, width))
+            EXPECT_LE(line.size(), width) << line;
+        for (const std::string& line : account_view(account, width))
             EXPECT_LE(line.size(), width) << line;
         EXPECT_LE(short_view(extreme, width).size(), width);
     }
-    const auto absent = view(std::vector{Sample{.client_id = 9}}, {}, full_width);
+    const auto absent = view(std::vector{Sample{.client_id = 9}}, full_width);
     EXPECT_EQ(absent, std::vector<std::string>{
                           "client 9   no engine with this client_id; waiting for a start"});
 }
 
-TEST(Pages, AReportHoldsItsSamplesAndItsExplanation) {
-    const std::string page = report_page(std::vector{distinct_sample()}, "1 < 2 & so on");
-    EXPECT_NE(page.find("1 &lt; 2 &amp; so on"), std::string::npos);
+TEST(View, TellsTheClocksOnceTheyAreMeasuredAndThatNothingIsWrongOnceThatIsKnown) {
+    Sample sample = distinct_sample();
+    sample.stats->clock_synced = 1;
+    const auto speed = [&] { return view(std::vector{sample}, full_width)[3]; };
+    sample.totals.clock_uncertainty_ppm = 0;
+    EXPECT_TRUE(speed().ends_with("clocks: measured soon")) << speed();
+    sample.totals.server_faster_ppm = 12.3;
+    sample.totals.clock_uncertainty_ppm = 2.4;
+    EXPECT_TRUE(speed().ends_with("clocks: server +12 ppm +-3 against the device")) << speed();
+
+    using Lines = std::vector<std::string>;
+    Account account;
+    account.watched_s = 3.9;
+    EXPECT_EQ(tell(account), Lines{"too short a time to judge"});
+    account.watched_s = 65.9;
+    EXPECT_EQ(tell(account), Lines{"nothing wrong in 1:05"});
+    EXPECT_EQ(account_view(account, full_width), Lines{"nothing wrong in 1:05"});
+    account.causes = {{Cause::engine_ended, 65, 65, "stopped"}};
+    EXPECT_EQ(account_view(account, full_width), Lines{}) << "told by the first line of the view";
+    EXPECT_EQ(tell(account), account_lines(account));
+}
+
+TEST(Pages, AReportHoldsItsSamplesAndItsAccounts) {
+    const Accounts accounts{{3, account_of_trouble("all lost")}};
+    const std::string page = report_page(std::vector{distinct_sample()}, accounts);
+    EXPECT_NE(page.find("const accounts = " + to_json_array(accounts) + ";"), std::string::npos);
     EXPECT_NE(page.find(R"(const recorded = [{"time_ms":1700000000000,)"), std::string::npos);
     EXPECT_NE(live_page().find("const recorded = null;"), std::string::npos);
+}
+
+/// What an engine writes, without one.
+struct ScriptedBlock {
+    std::uint32_t client_id = 1'000'000'000 + std::random_device{}() % 1'000'000'000;
+    StatsBlock block;
+
+    void run(std::uint32_t block_frames) {
+        block.open(client_id);
+        block.write_stream_format(48000, block_frames);
+        block.write_state(TAVISTRO_STATE_RUNNING);
+    }
+    void report(std::uint64_t underruns) {
+        block.write_player_telemetry({.callbacksPerSec = 375,
+                                      .renderedFrames = 48000 * underruns,
+                                      .target_frames = 512,
+                                      .underruns = underruns});
+    }
+};
+
+TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
+    ScriptedBlock engine;
+    Observer observer({engine.client_id, engine.client_id + 1});
+    std::vector<Sample> now;
+    const auto becomes = [&](Presence presence) {
+        return test::eventually([&] { return (now = observer.look())[0].presence == presence; });
+    };
+    const auto let_it_look = [] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); };
+    ASSERT_TRUE(becomes(Presence::absent));
+    engine.run(128);
+    engine.report(5);
+    ASSERT_TRUE(becomes(Presence::alive));
+    const Totals first = now[0].totals;
+    engine.report(8);
+    ASSERT_TRUE(becomes(Presence::alive));
+    EXPECT_EQ(now[0].totals.underruns, first.underruns + 3);
+    EXPECT_EQ(now[0].stats->underruns, 8U);
+    EXPECT_EQ(now[1].presence, Presence::absent);
+    EXPECT_EQ(now[1].client_id, engine.client_id + 1);
+
+    for (const std::uint32_t frames : {256U, 128U}) {
+        engine.block.write_stream_format(48000, frames);
+        let_it_look();
+    }
+    now = observer.look();
+    EXPECT_EQ(now[0].totals.run, first.run + 2);
+    EXPECT_GT(now[0].host_late_us, 0U);
+    EXPECT_GT(now[0].time_ms, 1'700'000'000'000);
+
+    engine.block.write_state(TAVISTRO_STATE_STOPPED);
+    engine.block.close();
+    ASSERT_TRUE(becomes(Presence::ended));
+    EXPECT_EQ(now[0].stats->underruns, 8U);
+    engine.run(128);
+    engine.report(1);
+    let_it_look();
+    let_it_look();
+    let_it_look();
+    engine.report(2);
+    let_it_look();
+    now = observer.look();
+    EXPECT_EQ(now[0].presence, Presence::alive);
+    EXPECT_GE(now[0].totals.underruns, 1) << "of the new run, seen between two readings";
+}
+
+TEST(ClientWatch, AnEngineThatWritesNothingForSecondsIsSilentAndWhatItLeftIsNotCounted) {
+    ScriptedBlock engine;
+    engine.run(128);
+    engine.report(5);
+    ClientWatch watch(engine.client_id);
+    std::int64_t now_ms = 1000;
+    const auto look_at = [&](std::int64_t until_ms) {
+        for (; now_ms < until_ms; now_ms += 4)
+            watch.glance(now_ms * 1000, 0);
+        return watch.look(now_ms * 1000);
+    };
+    EXPECT_EQ(look_at(5900).presence, Presence::alive);
+    const Sample silent = look_at(6500);
+    EXPECT_EQ(silent.presence, Presence::silent);
+    EXPECT_EQ(look_at(9000).totals.watched_ms, silent.totals.watched_ms);
+    engine.report(6);
+    EXPECT_EQ(look_at(9300).presence, Presence::alive);
 }
 
 std::string ask(const HttpServer& server, const std::string& request) {
@@ -126,7 +296,7 @@ TEST(Http, AnswersWhatItHasAndRefusesTheRest) {
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"GET /page", "200", "\r\n\r\nthe page"},
         {"HEAD /page", "200", "\r\n\r\n"},
-        {"GET /other", "404", "samples.json\n"},
+        {"GET /other", "404", "diagnosis.json\n"},
         {"DELETE /page", "405", "HEAD\n"}};
     for (const auto& [request, status, ending] : cases) {
         const std::string answer = ask(server, request + end);
