@@ -12,6 +12,8 @@ namespace tavistro::monitor {
 
 namespace {
 
+constexpr double least_watched_s = 4;  ///< before nothing is said to be wrong
+
 template <typename... Values>
 std::string text(const char* format, Values... values) {
     char buffer[200];
@@ -166,12 +168,13 @@ std::vector<std::string> view(std::span<const Sample> history, std::size_t width
 }
 
 std::vector<std::string> account_view(Account account, std::size_t width) {
-    const bool of_presence = std::erase_if(account.causes, [](const Finding& finding) {
-                                 return finding.cause <= Cause::engine_failed;
-                             }) > 0;
-    const bool nothing_else = of_presence && account.nothing_wrong();
+    const bool judged = !account.nothing_wrong() || account.watched_s >= least_watched_s;
+    const auto of_presence = std::erase_if(account.causes, [](const Finding& finding) {
+        return finding.cause <= Cause::engine_failed;
+    });
+    const bool has_verdict = judged && (of_presence == 0 || !account.nothing_wrong());
     std::vector<std::string> lines;
-    for (std::string& line : nothing_else ? account_lines(account) : tell(account))
+    for (std::string& line : has_verdict ? tell(account) : account_lines(account))
         add_wrapped(lines, std::move(line), width);
     for (std::string& line : lines)
         cut(line, width);
@@ -179,7 +182,6 @@ std::vector<std::string> account_view(Account account, std::size_t width) {
 }
 
 std::vector<std::string> tell(const Account& account) {
-    constexpr double least_watched_s = 4;
     std::vector<std::string> lines = account_lines(account);
     if (!account.nothing_wrong()) return lines;
     const auto watched_s = static_cast<long long>(account.watched_s);

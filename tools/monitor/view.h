@@ -17,7 +17,8 @@ inline constexpr std::size_t full_width = 80;
 /// last, not empty; differences are taken to the sample before the newest.
 std::vector<std::string> view(std::span<const Sample> history, std::size_t width);
 
-/// What is said of them: tell() without what the first line of view() says, broken to the width.
+/// What is said of them: tell() without what the first line of view() says, and without a word
+/// that it is too early; broken to the width.
 std::vector<std::string> account_view(Account account, std::size_t width);
 
 /// account_lines(), or that nothing was wrong for as long as was watched.

@@ -21,14 +21,16 @@ page() {
     timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage \
         --user-data-dir="$work/profile" --virtual-time-budget=5000 --dump-dom "$1" 2>"$work/browser"
 }
-# draws NAME: the document on standard input shows the client and four charts with 15 lines of numbers.
+# draws NAME: the document on standard input shows the client, what is said of it, and four charts with
+# 14 lines of numbers, beside that of the clocks once they are measured.
 draws() {
     cat >"$work/$1"
     local lines
-    lines=$(grep -oP '<path d="M[\d.]+ [\d.]+L' "$work/$1" | wc -l)
-    if ((lines != 15)) || ! grep -q '<h2>client 77</h2>' "$work/$1" ||
-        ! grep -qP 'Running.*48000 Hz, 128 frames' "$work/$1"; then
-        echo "$1: $lines lines instead of 15 are drawn:" >&2
+    lines=$(grep -oP '<path d="M[\d.]+ [\d.]+L[^>]* aria-label="(?!server)' "$work/$1" | wc -l)
+    if ((lines != 14)) || ! grep -q '<h2>client 77</h2>' "$work/$1" ||
+        ! grep -qP 'Running.*48000 Hz, 128 frames' "$work/$1" ||
+        ! grep -qP '<div class="account[^>]*>(<table><tr.*?<td>[^<]|<div>(nothing wrong in|too short) )' "$work/$1"; then
+        echo "$1: no account of client 77, or $lines lines instead of 14:" >&2
         tail -c 3000 "$work/$1" "$work/browser" >&2
         exit 1
     fi

@@ -19,6 +19,7 @@
 #include "tools/monitor/http_server.h"
 #include "tools/monitor/observer.h"
 #include "tools/monitor/page.h"
+#include "tools/monitor/screen.h"
 #include "tools/monitor/totals_fields.h"
 #include "tools/monitor/view.h"
 
@@ -180,12 +181,26 @@ TEST(View, TellsTheClocksOnceTheyAreMeasuredAndThatNothingIsWrongOnceThatIsKnown
     Account account;
     account.watched_s = 3.9;
     EXPECT_EQ(tell(account), Lines{"too short a time to judge"});
+    EXPECT_EQ(account_view(account, full_width), Lines{});
     account.watched_s = 65.9;
     EXPECT_EQ(tell(account), Lines{"nothing wrong in 1:05"});
     EXPECT_EQ(account_view(account, full_width), Lines{"nothing wrong in 1:05"});
     account.causes = {{Cause::engine_ended, 65, 65, "stopped"}};
     EXPECT_EQ(account_view(account, full_width), Lines{}) << "told by the first line of the view";
     EXPECT_EQ(tell(account), account_lines(account));
+}
+
+TEST(Screen, JudgesTheLastTwoMinutesHoweverOftenItIsShown) {
+    for (const std::int64_t interval_ms : {50, 1000, 20'000}) {
+        std::ostringstream out;
+        Screen screen(out, false);
+        Sample sample = distinct_sample();
+        sample.totals = {};
+        for (const std::int64_t end_ms = sample.time_ms + 200'000; sample.time_ms <= end_ms;
+             sample.time_ms += interval_ms)
+            screen.show({sample});
+        EXPECT_TRUE(out.str().ends_with("nothing wrong in 2:00\n\n")) << interval_ms;
+    }
 }
 
 TEST(Pages, AReportHoldsItsSamplesAndItsAccounts) {
@@ -244,8 +259,8 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     EXPECT_GT(now[0].time_ms, 1'700'000'000'000);
 
     engine.block.write_state(TAVISTRO_STATE_STOPPED);
-    engine.block.close();
     ASSERT_TRUE(becomes(Presence::ended));
+    engine.block.close();
     EXPECT_EQ(now[0].stats->underruns, 8U);
     engine.run(128);
     engine.report(1);
@@ -257,6 +272,8 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     now = observer.look();
     EXPECT_EQ(now[0].presence, Presence::alive);
     EXPECT_GE(now[0].totals.underruns, 1) << "of the new run, seen between two readings";
+    engine.block.close();
+    EXPECT_TRUE(becomes(Presence::ended)) << "without a last word";
 }
 
 TEST(ClientWatch, AnEngineThatWritesNothingForSecondsIsSilentAndWhatItLeftIsNotCounted) {
