@@ -43,8 +43,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     app.add_option("--record", options.record_path,
                    "Also write every reading to FILE, which must not exist yet");
     app.add_option("--http", options.http_address,
-                   "Also serve a page and /metrics for Prometheus at [ADDR:]PORT; ADDR is a "
-                   "number or localhost, which is the default")
+                   "Also serve a page, /metrics for Prometheus, /samples.json and /diagnosis.json "
+                   "at [ADDR:]PORT; ADDR is a number or localhost, which is the default")
         ->check([](const std::string& text) {
             return is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
         });
@@ -54,10 +54,10 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     report->add_option("FILE", options.recording_path, "Recording")->required();
     report->add_option("-o,--output", options.output_path, "Page to write");
 
-    CLI::App* const explain =
-        app.add_subcommand("explain",
-                           "Say in words which side drop-outs come from; exit status 1 "
-                           "when there is something to say");
+    CLI::App* const explain = app.add_subcommand(
+        "explain",
+        "Say in words what happened and which side drop-outs come from; exit status 1 "
+        "when something was wrong or is not clear yet");
     explain->add_option("CLIENT_ID", options.client_ids, "Engines to watch")->check(client_id);
     explain->add_option("--seconds", options.seconds, "How long to watch (15)")->check(time);
     explain->add_option("--recording", options.recording_path, "Explain a recording instead");
