@@ -1,0 +1,80 @@
+// tavistro-diagnosis-lab: recordings of faults in virtual time, and how well they are diagnosed.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "bench/diagnosis_lab/catalogue.h"
+#include "bench/diagnosis_lab/run_report.h"
+#include "tools/number_range.h"
+
+namespace tavistro::diagnosis_lab {
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int wrong_arguments = 2;
+
+Strength strength_of(const std::string& name) {
+    return static_cast<Strength>(std::ranges::find(strength_names, name) - strength_names.begin());
+}
+
+int list_faults() {
+    for (const Fault& fault : faults()) {
+        std::cout << fault.name << ": " << fault.what << " ->";
+        for (const monitor::Cause cause : fault.causes)
+            std::cout << ' ' << cause_name(cause);
+        std::cout << (fault.is_harmless() ? " nothing\n" : "\n");
+    }
+    return 0;
+}
+
+int run_tool(int argc, char** argv) {
+    RunOptions run;
+    std::string strength = "middle";
+    CLI::App app("Makes recordings of faults in virtual time and scores their diagnosis",
+                 "tavistro-diagnosis-lab");
+    app.require_subcommand(1);
+    CLI::App* const run_command = app.add_subcommand("run", "one world");
+    run_command->add_option("name", run.name, "such as loss or loss+jitter; see `list`")
+        ->required();
+    run_command->add_option("--strength", strength, "weak, middle or strong")
+        ->check(
+            CLI::IsMember(std::vector<std::string>(strength_names.begin(), strength_names.end())))
+        ->capture_default_str();
+    run_command->add_option("--seed", run.seed, "of every random choice")->capture_default_str();
+    run_command->add_option("--seconds", run.seconds, "that the monitor watches")
+        ->check(number_range(1, 100000))
+        ->capture_default_str();
+    run_command->add_flag("--busy", run.busy, "on a computer that takes processors away");
+    run_command->add_flag("--fields", run.fields, "also show fields of the statistics block");
+    run_command->add_flag("--json", run.json);
+    CLI::App* const list_command = app.add_subcommand("list", "every fault and its strengths");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "tavistro-diagnosis-lab: " << error.what() << "\n";
+        return wrong_arguments;
+    }
+    if (list_command->parsed()) return list_faults();
+    run.strength = strength_of(strength);
+    return run_world(run, std::cout, std::cerr) ? 0 : failed;
+}
+
+}  // namespace
+
+}  // namespace tavistro::diagnosis_lab
+
+int main(int argc, char** argv) {
+    try {
+        return tavistro::diagnosis_lab::run_tool(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tavistro-diagnosis-lab: %s\n", error.what());
+        return tavistro::diagnosis_lab::failed;
+    }
+}
