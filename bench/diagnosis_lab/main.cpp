@@ -5,10 +5,12 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/diagnosis_lab/catalogue.h"
 #include "bench/diagnosis_lab/run_report.h"
+#include "bench/diagnosis_lab/scores.h"
 #include "tools/number_range.h"
 
 namespace tavistro::diagnosis_lab {
@@ -32,6 +34,11 @@ int list_faults() {
     return 0;
 }
 
+int score_catalogue(const ScoreOptions& options) {
+    const std::vector<Entry> all = entries();
+    return write_scores(std::cout, diagnose_all(all, options)) ? 0 : failed;
+}
+
 int run_tool(int argc, char** argv) {
     RunOptions run;
     std::string strength = "middle";
@@ -53,6 +60,16 @@ int run_tool(int argc, char** argv) {
     run_command->add_flag("--fields", run.fields, "also show fields of the statistics block");
     run_command->add_flag("--json", run.json);
     CLI::App* const list_command = app.add_subcommand("list", "every fault and its strengths");
+    ScoreOptions score{.jobs = std::max(1U, std::thread::hardware_concurrency())};
+    bool quick = false;
+    CLI::App* const score_command = app.add_subcommand("score", "the whole catalogue, as Markdown");
+    score_command->add_flag("--quick", quick, "one seed of each world");
+    CLI::Option* const seeds =
+        score_command->add_option("--seeds", score.seeds, "worlds of each kind")
+            ->check(CLI::Range(1, 100000))
+            ->capture_default_str();
+    score_command->add_flag("--held-out", score.held_out, "even seeds instead of odd ones");
+    score_command->add_option("--jobs", score.jobs, "worlds at once")->check(CLI::Range(1, 1024));
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
@@ -62,6 +79,10 @@ int run_tool(int argc, char** argv) {
         return wrong_arguments;
     }
     if (list_command->parsed()) return list_faults();
+    if (score_command->parsed()) {
+        if (quick && seeds->empty()) score.seeds = 1;
+        return score_catalogue(score);
+    }
     run.strength = strength_of(strength);
     return run_world(run, std::cout, std::cerr) ? 0 : failed;
 }
