@@ -125,9 +125,11 @@ bool run_world(const RunOptions& options, std::ostream& out, std::ostream& error
 }
 
 std::string command_of(const Entry& entry, std::uint64_t seed, double seconds) {
-    return "run " + entry.name() + " --strength " +
-           std::string(strength_names[static_cast<std::size_t>(entry.strength)]) + " --seed " +
-           std::to_string(seed) + text(" --seconds %.0f", seconds) + (entry.busy ? " --busy" : "");
+    std::string command = "tavistro-diagnosis-lab run " + entry.name();
+    command.append(" --strength ").append(strength_names[static_cast<std::size_t>(entry.strength)]);
+    command.append(" --seed ").append(std::to_string(seed));
+    command.append(text(" --seconds %.0f", seconds));
+    return entry.busy ? command.append(" --busy") : command;
 }
 
 }  // namespace tavistro::diagnosis_lab

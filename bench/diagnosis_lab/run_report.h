@@ -23,7 +23,7 @@ struct RunOptions {
 /// are not the engine's.
 bool run_world(const RunOptions& options, std::ostream& out, std::ostream& errors);
 
-/// The arguments that run the world again.
+/// What runs the world again.
 std::string command_of(const Entry& entry, std::uint64_t seed, double seconds);
 
 }  // namespace tavistro::diagnosis_lab

@@ -22,6 +22,7 @@ namespace {
 constexpr std::array<double, 5> lengths_s{30, 60, 120, 300, 600};
 constexpr double least_precision = 0.99;
 constexpr double least_recall = 0.95;
+constexpr std::size_t longest_list = 60;
 
 constexpr Cause columns[] = {Cause::server_silent,   Cause::format_mismatch, Cause::network_loss,
                              Cause::missing_notices, Cause::late_network,    Cause::device_stall,
@@ -81,11 +82,17 @@ std::string names(Causes causes) {
     return text.empty() ? "nothing" : text;
 }
 
+void write_cell(std::ostream& out, long number) {
+    out << ' ';
+    if (number != 0) out << number;
+    out << " |";
+}
+
 void write_matrix(std::ostream& out, std::span<const Verdict> verdicts, bool busy) {
     out << "\n## Put in, and named: " << (busy ? "a busy" : "a quiet") << " computer\n\n| put in |";
     for (const Cause cause : columns)
         out << ' ' << cause_name(cause) << " |";
-    out << " not clear yet | nothing | runs |\n|---|";
+    out << " not clear yet | nothing | of |\n|---|";
     for (std::size_t i = 0; i < std::size(columns) + 3; ++i)
         out << "---|";
     out << '\n';
@@ -106,20 +113,27 @@ void write_matrix(std::ostream& out, std::span<const Verdict> verdicts, bool bus
         }
         out << "| " << fault.name << " |";
         for (const long cell : cells)
-            out << ' ' << (cell == 0 ? std::string() : std::to_string(cell)) << " |";
-        out << ' ' << unclear << " | " << nothing << " | " << runs << " |\n";
+            write_cell(out, cell);
+        write_cell(out, unclear);
+        write_cell(out, nothing);
+        write_cell(out, runs);
+        out << '\n';
     }
 }
 
-/// One line of a list for each verdict that it is about.
-class Findings {
+/// Some verdicts with what is wrong with them.
+class List {
   public:
-    void add(std::string line) { lines_.push_back(std::move(line)); }
-    void write(std::ostream& out, const char* title) const {
+    void add(const Verdict& verdict, const std::string& what) {
+        lines_.push_back(command(verdict) + ": " + what);
+    }
+    void write(std::ostream& out, const char* title,
+               std::size_t longest = std::string::npos) const {
         out << "\n## " << title << "\n\n";
         if (lines_.empty()) out << "None.\n";
-        for (const std::string& line : lines_)
-            out << "- " << line << '\n';
+        for (std::size_t i = 0; i < std::min(longest, lines_.size()); ++i)
+            out << "- " << lines_[i] << '\n';
+        if (lines_.size() > longest) out << "- and " << lines_.size() - longest << " more\n";
     }
     bool empty() const { return lines_.empty(); }
 
@@ -128,9 +142,91 @@ class Findings {
 };
 
 std::string text_of(const Told& told) {
-    return std::string(told.what) + ' ' + std::to_string(told.told) + " instead of " +
-           std::to_string(told.least) +
-           (told.least == told.most ? "" : " to " + std::to_string(told.most));
+    std::string text(told.what);
+    text.append(" ").append(std::to_string(told.told));
+    text.append(" instead of ").append(std::to_string(told.least));
+    if (told.least != told.most) text.append(" to ").append(std::to_string(told.most));
+    return text;
+}
+
+class Summary {
+  public:
+    void add(const Verdict& v);
+    void write(std::ostream& out) const;
+    void write_lists(std::ostream& out) const;
+    bool good() const {
+        return precision_.value() >= least_precision && recall_.value() >= least_recall &&
+               clean_[0].value() == 1 && clean_[1].value() == 1 && broken_.empty();
+    }
+
+  private:
+    void add_counts(const Verdict& v);
+
+    Share precision_;
+    Share recall_;
+    Share faint_accused_;
+    std::array<Share, 2> clean_;  ///< quiet, busy
+    std::array<Share, 2> clock_;
+    Share counts_;
+    std::map<std::string_view, Share> each_count_;
+    List wrong_;
+    List missed_;
+    List miscounted_;
+    List broken_;
+};
+
+void Summary::add(const Verdict& v) {
+    const Entry& entry = *v.job.entry;
+    const int wrongly_named = v.wrong().count();
+    for (int i = 0; i < v.named.count(); ++i)
+        precision_.add(i >= wrongly_named);
+    if (wrongly_named > 0) wrong_.add(v, names(v.wrong()) + "; put in: " + names(v.put_in));
+    if (entry.is_harmless()) {
+        Causes computer;
+        computer.add(Cause::host_overload);
+        clean_[entry.busy].add(v.named.without(computer).empty());
+    } else if (entry.is_single() && !entry.busy && v.audible_early) {
+        const bool named = v.named_early.meets(v.put_in);
+        recall_.add(named);
+        if (!named) missed_.add(v, "named " + names(v.named_early));
+    } else if (entry.is_single() && !entry.busy) {
+        faint_accused_.add(wrongly_named > 0);
+    }
+    add_counts(v);
+    if (!v.disagreement.empty()) broken_.add(v, v.disagreement);
+}
+
+void Summary::add_counts(const Verdict& v) {
+    if (v.clock_compared) clock_[v.job.entry->busy].add(v.clock_right());
+    counts_.add(v.counts_right());
+    for (const Told& told : v.told) {
+        each_count_[told.what].add(told.right());
+        if (!told.right()) miscounted_.add(v, text_of(told));
+    }
+}
+
+void Summary::write(std::ostream& out) const {
+    out << "| | |\n|---|---|\n";
+    const auto row = [&](const std::string& what, const Share& share) {
+        out << "| " << what << " | " << share.text() << " |\n";
+    };
+    row("named causes that are true", precision_);
+    row("audible single faults, quiet computer, named within two minutes", recall_);
+    row("weaker ones for which a wrong cause is named", faint_accused_);
+    row("clean runs that name no side but the computer, quiet", clean_[0]);
+    row("the same, busy", clean_[1]);
+    row("difference of the clocks within its uncertainty, quiet", clock_[0]);
+    row("the same, busy", clock_[1]);
+    row("runs with every count right", counts_);
+    for (const auto& [what, share] : each_count_)
+        row("runs with the right count: " + std::string(what), share);
+}
+
+void Summary::write_lists(std::ostream& out) const {
+    wrong_.write(out, "Wrong findings");
+    missed_.write(out, "Audible faults not named");
+    miscounted_.write(out, "Wrong counts", longest_list);
+    if (!broken_.empty()) broken_.write(out, "Worlds that count otherwise than their engine");
 }
 
 }  // namespace
@@ -162,68 +258,14 @@ std::vector<Verdict> diagnose_all(std::span<const Entry> all, const ScoreOptions
 }
 
 bool write_scores(std::ostream& out, std::span<const Verdict> verdicts) {
-    Share precision;
-    Share recall;
-    Share clean_quiet;
-    Share clean_busy;
-    Share faint_accused;
-    Share clock_quiet;
-    Share clock_busy;
-    Share counts;
-    std::map<std::string_view, Share> each_count;
-    Findings wrong;
-    Findings missed;
-    Findings miscounted;
-    Findings broken;
-    for (const Verdict& v : verdicts) {
-        const Entry& entry = *v.job.entry;
-        const int wrongly_named = v.wrong().count();
-        for (int i = 0; i < v.named.count(); ++i)
-            precision.add(i >= wrongly_named);
-        if (wrongly_named > 0)
-            wrong.add(command(v) + ": " + names(v.wrong()) + "; put in: " + names(v.put_in));
-        if (entry.is_harmless()) {
-            Causes computer;
-            computer.add(Cause::host_overload);
-            (entry.busy ? clean_busy : clean_quiet).add(v.named.without(computer).empty());
-        } else if (entry.is_single() && !entry.busy && v.audible_early) {
-            const bool named = v.named_early.meets(v.put_in);
-            recall.add(named);
-            if (!named) missed.add(command(v) + ": named " + names(v.named_early));
-        } else if (entry.is_single() && !entry.busy) {
-            faint_accused.add(wrongly_named > 0);
-        }
-        if (v.clock_compared) (entry.busy ? clock_busy : clock_quiet).add(v.clock_right());
-        counts.add(v.counts_right());
-        for (const Told& told : v.told) {
-            each_count[told.what].add(told.right());
-            if (!told.right()) miscounted.add(command(v) + ": " + text_of(told));
-        }
-        if (!v.disagreement.empty()) broken.add(command(v) + ": " + v.disagreement);
-    }
-
-    out << "| | |\n|---|---|\n"
-        << "| named causes that are true | " << precision.text() << " |\n"
-        << "| audible single faults named within two minutes | " << recall.text() << " |\n"
-        << "| weaker single faults for which a wrong cause is named | " << faint_accused.text()
-        << " |\n"
-        << "| clean runs that name no side but the computer: quiet | " << clean_quiet.text()
-        << " |\n"
-        << "| the same: busy | " << clean_busy.text() << " |\n"
-        << "| clocks within the told uncertainty: quiet | " << clock_quiet.text() << " |\n"
-        << "| the same: busy | " << clock_busy.text() << " |\n"
-        << "| runs with every count right | " << counts.text() << " |\n";
-    for (const auto& [what, share] : each_count)
-        out << "| counted right: " << what << " | " << share.text() << " |\n";
-    for (const bool busy : {false, true})
-        write_matrix(out, verdicts, busy);
-    wrong.write(out, "Wrong findings");
-    missed.write(out, "Audible faults not named");
-    miscounted.write(out, "Wrong counts");
-    if (!broken.empty()) broken.write(out, "Worlds that are wrong themselves");
-    return precision.value() >= least_precision && recall.value() >= least_recall &&
-           clean_quiet.hits == clean_quiet.all && clean_busy.hits == clean_busy.all &&
-           broken.empty();
+    Summary summary;
+    for (const Verdict& verdict : verdicts)
+        summary.add(verdict);
+    summary.write(out);
+    write_matrix(out, verdicts, false);
+    write_matrix(out, verdicts, true);
+    summary.write_lists(out);
+    return summary.good();
 }
 
 }  // namespace tavistro::diagnosis_lab

@@ -32,7 +32,7 @@ std::int64_t audible_events(const Counts& c) {
            c.periods_doubled + (c.silence_ms > 0 ? 1 : 0);
 }
 
-std::vector<Told> compare_counts(const Recording& recording) {
+std::vector<Told> compare_counts(const Scenario& scenario, const Recording& recording) {
     const monitor::Sample& first = recording.samples.front();
     const monitor::Sample& last = recording.samples.back();
     const auto between = [&](std::int64_t from_ms, std::int64_t until_ms) {
@@ -42,28 +42,31 @@ std::vector<Told> compare_counts(const Recording& recording) {
     const Counts most = between(first.time_ms - report_lag_ms, last.time_ms);
     const monitor::Totals& from = first.totals;
     const monitor::Totals& to = last.totals;
-    // What a silent server never sent may be told as its silence alone.
-    return {
+    std::vector<Told> told{
         {"runs", to.run - from.run, 0, 0},
+        // What a silent server never sent may be told as its silence alone.
         {"blocks", to.blocks - from.blocks, least.blocks() - least.in_silence, most.blocks()},
-        {"notices", to.notices - from.notices, least.notices, most.notices},
-        {"periods", to.periods - from.periods, least.periods, most.periods},
-        {"replaced", to.replaced.count - from.replaced.count, least.replaced - least.in_silence,
-         most.replaced},
-        {"repeated", to.repeated.count - from.repeated.count, least.late + least.came_again,
-         most.late + most.came_again},
+        {"blocks replaced", to.replaced.count - from.replaced.count,
+         least.replaced - least.in_silence, most.replaced},
         {"notices missed", to.notices_missed.count - from.notices_missed.count,
          least.notices_missed() - least.in_silence, most.notices_missed()},
-        {"refused", to.refused - from.refused, least.refused, most.refused},
-        {"periods missed", to.periods_missed.count - from.periods_missed.count,
-         least.periods_missed, most.periods_missed},
-        {"periods doubled", to.periods_doubled.count - from.periods_doubled.count,
-         least.periods_doubled, most.periods_doubled},
+        {"blocks repeated", to.repeated.count - from.repeated.count, least.late + least.came_again,
+         most.late + most.came_again},
+        {"blocks refused", to.refused - from.refused, least.refused, most.refused},
+        {"notices", to.notices - from.notices, least.notices, most.notices},
+        {"periods", to.periods - from.periods, least.periods, most.periods},
         {"underruns", to.underruns - from.underruns, least.underruns, most.underruns},
         {"overruns", to.overruns - from.overruns, least.overruns, most.overruns},
-        {"silence, ms/100", (to.silence.count - from.silence.count) / 100, least.silence_ms / 100,
-         most.silence_ms / 100},
+        {"tenths of a second of silence", (to.silence.count - from.silence.count) / 100,
+         least.silence_ms / 100, most.silence_ms / 100},
     };
+    // A device at another rate has all of its own periods, and few or many of the stream's.
+    if (scenario.card_rate != 0) return told;
+    told.push_back({"periods missed", to.periods_missed.count - from.periods_missed.count,
+                    least.periods_missed, most.periods_missed});
+    told.push_back({"periods doubled", to.periods_doubled.count - from.periods_doubled.count,
+                    least.periods_doubled, most.periods_doubled});
+    return told;
 }
 
 /// Whether the device's periods are its clock's: those that it leaves out or doubles are not.
@@ -110,7 +113,7 @@ Verdict diagnose_world(const Job& job) {
     const double minutes = monitor::seconds_between(early.front(), early.back()) / 60;
     verdict.audible_early = static_cast<double>(audible_events(heard)) >= std::max(1.0, minutes);
 
-    verdict.told = compare_counts(recording);
+    verdict.told = compare_counts(scenario, recording);
     const monitor::Totals& totals = samples.back().totals;
     verdict.clock_compared = totals.clock_uncertainty_ppm > 0 && keeps_its_clock(scenario);
     verdict.clock_error_ppm = totals.server_faster_ppm - scenario.server_faster_ppm();
