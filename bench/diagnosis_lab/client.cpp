@@ -132,6 +132,7 @@ void Client::take_pong(const TavistroProtocol::Pong& pong) {
 void Client::on_block(const CompletedOutputBlock& block) {
     const bool stands_in = block.arrival_time_ns == 0;
     ++(stands_in ? counts_.replaced : counts_.received);
+    if (!clock_known_) ++counts_.untimed_blocks;
     const std::uint32_t index = block.sequence - first_sequence_;
     if (stands_in && index >= unsent_from_ && index < unsent_until_) ++counts_.in_silence;
     if (block.sample_rate != playing_rate_) ++counts_.refused;
@@ -145,7 +146,7 @@ void Client::on_block(const CompletedOutputBlock& block) {
 
 void Client::on_sync(const TavistroProtocol::SyncInfo& sync) {
     ++counts_.notices;
-    if (clock_known_) ++timed_notices_;
+    if (!clock_known_) ++counts_.untimed_notices;
     last_sync_ms_ = platform::millisecond_tick();
     player_.on_sync(sync);
 }

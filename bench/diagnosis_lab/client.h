@@ -43,8 +43,6 @@ class Client {
     Counts counts() const;
     /// Complete only when a report has come since the last event.
     const EngineCounts& engine_counts() const noexcept { return engine_; }
-    /// Notices that came since the engine knew the server's clock.
-    std::int64_t timed_notices() const noexcept { return timed_notices_; }
 
   private:
     void start(const Scenario& scenario);
@@ -73,7 +71,6 @@ class Client {
     std::uint64_t last_sync_ms_ = 0;
     bool taking_block_ = false;
     bool clock_known_ = false;
-    std::int64_t timed_notices_ = 0;
     Counts counts_;
     EngineCounts engine_;
 };

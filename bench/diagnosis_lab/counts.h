@@ -11,10 +11,13 @@ struct Counts {
     std::int64_t late = 0;        ///< blocks that came after silence had taken their place
     std::int64_t came_again = 0;  ///< blocks that came a second time
     std::int64_t notices = 0;     ///< of the server's clock, that the session took
-    std::int64_t in_silence = 0;  ///< replaced blocks that the silent server never sent
-    std::int64_t refused = 0;     ///< blocks of another rate than the device's
-    std::int64_t overruns = 0;    ///< as the player last reported them
-    std::int64_t periods = 0;     ///< device periods that were run
+    // Before the engine knows the server's clock it publishes no notices.
+    std::int64_t untimed_blocks = 0;   ///< of the blocks, received or replaced
+    std::int64_t untimed_notices = 0;  ///< of the notices
+    std::int64_t in_silence = 0;       ///< replaced blocks that the silent server never sent
+    std::int64_t refused = 0;          ///< blocks of another rate than the device's
+    std::int64_t overruns = 0;         ///< as the player last reported them
+    std::int64_t periods = 0;          ///< device periods that were run
     std::int64_t periods_missed = 0;
     std::int64_t periods_doubled = 0;
     std::int64_t underruns = 0;
@@ -22,6 +25,10 @@ struct Counts {
 
     std::int64_t blocks() const { return received + replaced; }
     std::int64_t notices_missed() const { return blocks() - notices; }
+    std::int64_t timed_notices() const { return notices - untimed_notices; }
+    std::int64_t timed_notices_missed() const {
+        return blocks() - untimed_blocks - timed_notices();
+    }
 };
 
 /// What happened between two moments.
@@ -31,6 +38,8 @@ inline Counts operator-(const Counts& after, const Counts& before) {
             .late = after.late - before.late,
             .came_again = after.came_again - before.came_again,
             .notices = after.notices - before.notices,
+            .untimed_blocks = after.untimed_blocks - before.untimed_blocks,
+            .untimed_notices = after.untimed_notices - before.untimed_notices,
             .in_silence = after.in_silence - before.in_silence,
             .refused = after.refused - before.refused,
             .overruns = after.overruns - before.overruns,

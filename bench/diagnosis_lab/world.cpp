@@ -341,7 +341,6 @@ void World::finish() {
     recording_.last.silence_ms = recording_.moments.back().counts.silence_ms;
     recording_.engine = client_.engine_counts();
     recording_.engine.recoveries_wanted = recoveries;  // not for the want of periods here
-    recording_.timed_notices = client_.timed_notices();
 }
 
 }  // namespace
@@ -361,7 +360,7 @@ std::string Recording::disagreement() const {
     };
     compare("blocks received", last.received, engine.received);
     compare("blocks late or again", last.late + last.came_again, engine.repeated);
-    compare("notices", timed_notices, engine.notices);
+    compare("notices", last.timed_notices(), engine.notices);
     compare("blocks handed out", last.blocks(), engine.queued + engine.dropped);
     compare("blocks dropped", last.refused + last.overruns, engine.dropped);
     compare("periods", last.periods, engine.periods);

@@ -26,7 +26,6 @@ struct Recording {
     Counts last_look{};
     Counts last{};          ///< at the end, with everything that was on its way
     EngineCounts engine{};  ///< the same, as the engine counted it
-    std::int64_t timed_notices = 0;
 
     /// The last moment by then, the first one if there is none.
     const Counts& counts_at(std::int64_t time_ms) const;
