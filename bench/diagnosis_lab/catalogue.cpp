@@ -165,8 +165,7 @@ bool exclude_each_other(const Fault& a, const Fault& b) {
 }
 
 void make_busy(Load& load, Dice& dice) {
-    for (ThreadLoad& thread : load)
-        thread = {.pauses_per_s = dice.between(0.1, 3), .mean_pause_ms = dice.between(2, 12)};
+    load.fill({.pauses_per_s = dice.between(0.1, 3), .mean_pause_ms = dice.between(2, 12)});
 }
 
 std::uint64_t number_of(std::string_view text) {

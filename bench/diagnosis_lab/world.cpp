@@ -307,7 +307,7 @@ void World::on_look() {
         latest_look_ns_ = 0;
         next_sample_ns_ += sample_ns;
     }
-    look_due_ns_ = now + monitor::look_every_us * 1000;
+    look_due_ns_ = std::max(tally_.next_look_us() * 1000, now + 1);
     next(look) =
         computer_.runs_at(Thread::monitor, look_due_ns_ + computer_.draw_lateness(Thread::monitor));
 }

@@ -23,6 +23,10 @@ void ClientWatch::glance(std::int64_t now_us, std::int64_t overslept_us) {
     if (const auto block = reader_.read()) tally_.look(now_us, overslept_us, *block);
 }
 
+std::int64_t ClientWatch::next_glance_us() const noexcept {
+    return presence_ == Presence::alive ? tally_.next_look_us() : last_check_us_ + check_every_us;
+}
+
 Sample ClientWatch::look(std::int64_t now_us) {
     check(now_us, 0);
     return {

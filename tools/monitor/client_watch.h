@@ -16,6 +16,9 @@ class ClientWatch {
     /// milliseconds. A few times a second it looks for a new block, too.
     void glance(std::int64_t now_us, std::int64_t overslept_us);
 
+    /// When to glance next.
+    std::int64_t next_glance_us() const noexcept;
+
     /// A sample without time_ms and host_late_us. An engine that has not changed its block for five
     /// seconds counts as silent, and one whose process has died at once.
     Sample look(std::int64_t now_us);

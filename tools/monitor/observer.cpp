@@ -49,16 +49,23 @@ std::vector<Sample> Observer::look() {
 
 void Observer::observe(const std::stop_token& stop) {
     constexpr std::int64_t longest_told_us = 3'600'000'000;
+    // Also without an engine: the pauses of this computer are measured all the time.
+    constexpr std::int64_t least_us = 200;
+    constexpr std::int64_t most_us = 4000;
     const platform::ScopedTimerResolution resolution;
+    std::int64_t due_us = now_us();
     while (!stop.stop_requested()) {
-        const auto due = Clock::now() + std::chrono::microseconds(look_every_us);
-        std::this_thread::sleep_until(due);
-        const std::int64_t late_us =
-            std::clamp<std::int64_t>(in_us(Clock::now() - due), 0, longest_told_us);
+        std::this_thread::sleep_until(Clock::time_point(std::chrono::microseconds(due_us)));
+        const std::int64_t woke_us = now_us();
+        const std::int64_t late_us = std::clamp<std::int64_t>(woke_us - due_us, 0, longest_told_us);
         const std::lock_guard lock(mutex_);
         longest_late_us_ = std::max(longest_late_us_, static_cast<std::uint32_t>(late_us));
-        for (ClientWatch& watch : watches_)
+        due_us = woke_us + most_us;
+        for (ClientWatch& watch : watches_) {
             watch.glance(now_us(), late_us);
+            due_us = std::min(due_us, watch.next_glance_us());
+        }
+        due_us = std::max(due_us, now_us() + least_us);
     }
 }
 

@@ -1,30 +1,153 @@
 // Adds up what an engine publishes, from looks at its statistics block every few milliseconds.
 //
-// The engine publishes counts of seconds that begin and end when it likes, and two halves of the
-// block know different moments. A tally sees each report as it comes, so its sums miss none.
+// The engine publishes counts of seconds of its own: the network client's begin and end with its
+// blocks, the player's with its reports. A tally sees each of them as it is published, so its sums
+// miss none. Where two sums are known up to different moments, it counts only what must have
+// happened whatever the moments were.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <limits>
 
 #include "tavistro/stats_block.h"
+#include "tools/monitor/clock_comparison.h"
 #include "tools/monitor/totals.h"
 
 namespace tavistro::monitor {
 
-/// How often to look: often enough to see each notice of the server's clock, or each other one.
-inline constexpr std::int64_t look_every_us = 4000;
-
 /// Not thread-safe; reads no clock.
 class Tally {
   public:
-    /// The block as it was at `now_us`, a monotonic time; nothing is added while the engine is not
+    /// The block as it was at `now_us`, a monotonic time. Nothing is added while the engine is not
     /// running. `overslept_us` is how much later than planned the thread that looks woke for it.
     void look(std::int64_t now_us, std::int64_t overslept_us, const tavistro_stats_block& block);
+
+    /// When to look next: every few milliseconds, and more often while one of the engine's reports
+    /// is due, so that it is known between which two blocks it came. Later than the last look; not
+    /// much is lost by being late.
+    std::int64_t next_look_us() const noexcept;
 
     const Totals& totals() const noexcept { return totals_; }
 
   private:
+    /// A count of which only bounds are known.
+    struct Range {
+        std::int64_t least = 0;
+        std::int64_t most = 0;
+        Range operator-(const Range& other) const {
+            return {least - other.most, most - other.least};
+        }
+        Range operator+(std::int64_t n) const { return {least + n, most + n}; }
+    };
+    /// How much a sum that never shrinks has grown at least, when each look at it gives a range.
+    class Growth {
+      public:
+        /// Returns what is newly certain.
+        std::int64_t see(const Range& sum);
+
+      private:
+        std::int64_t highest_least_ = std::numeric_limits<std::int64_t>::min();
+        std::int64_t lowest_most_ = std::numeric_limits<std::int64_t>::max();
+        std::int64_t counted_ = 0;
+    };
+    /// A trouble and the seconds beside it.
+    struct Watch {
+        Trouble Totals::*trouble;
+        bool now = false;
+        bool before = false;
+        bool two_before = false;
+    };
+
+    /// Something happened between two looks.
+    struct Moment {
+        std::int64_t least_us = 0;
+        std::int64_t most_us = 0;
+        Range notices{};  ///< by then
+    };
+    /// When a second of the network client ended.
+    struct SecondEnd {
+        double end_us = 0;
+        double uncertain_us = 0;  ///< to either side; 0: it was seen
+        Moment seen{};
+    };
+    struct SecondCounts {
+        std::int64_t received = 0;
+        std::int64_t repeated = 0;
+    };
+    bool continues(const tavistro_stats_block& block) const;
+    void begin_run(std::int64_t now_us, const tavistro_stats_block& block);
+    void take_pause(std::int64_t us);
+    void take_notices(std::int64_t gap_us);
+    void take_client_second();
+    void reckon_client_second();
+    void end_client_second(const SecondEnd& end);
+    void take_report();
+    void close_second();
+    void count_blocks();
+    Range blocks_since_second(std::int64_t most_notices_missed) const;
+    void count_periods();
+    void compare_clocks();
+    void attribute_drop_outs(std::int64_t drop_outs);
+    void add(Trouble Totals::*trouble, std::int64_t n);
+    std::int64_t half_buffer_us() const;
+
     Totals totals_;
+    bool running_ = false;
+    std::int64_t began_us_ = 0;
+    std::int64_t now_us_ = 0;
+    std::int64_t before_us_ = 0;  ///< the look before
+    tavistro_stats_block now_{};
+    tavistro_stats_block before_{};
+    double block_us_ = 0;
+
+    // Notices, and what is not heard.
+    std::int64_t notices_before_ = 0;           ///< at the look before
+    std::int64_t quiet_us_ = 0;                 ///< without a notice
+    std::int64_t longest_quiet_us_ = 0;         ///< since the last report
+    std::int64_t longest_quiet_before_us_ = 0;  ///< between the two reports before
+    bool gap_in_notices_ = false;               ///< since the last report
+    bool gap_in_notices_before_ = false;        ///< between the two reports before
+    std::int64_t catching_up_us_ = 0;           ///< how late the notices of the look before were
+    std::int64_t caught_up_ = 0;                ///< notices since
+    std::int64_t silent_us_ = 0;                ///< without a notice, a block or a pong
+    std::int64_t counted_silence_ms_ = 0;
+    std::int64_t unsettled_until_us_ = 0;
+
+    // The network client's seconds.
+    bool second_pending_ = false;  ///< seen to have changed at the look before, maybe not all of it
+    Moment pending_second_;
+    SecondCounts before_second_;
+    SecondEnd second_;
+    std::int64_t received_ = 0;
+    std::int64_t repeated_ = 0;
+    int deliveries_since_due_ = 0;
+
+    // The player's reports.
+    bool report_pending_ = false;
+    Moment report_;
+    Moment earlier_report_;
+    tavistro_stats_block reported_{};
+    int reports_ = 0;
+    Moment first_report_;          ///< from which the totals count
+    std::int64_t stretch_us_ = 0;  ///< since when blocks are measured
+    std::int64_t stretch_blocks_ = 0;
+    std::array<Range, 2> missed_before_{};  ///< at the last report and the one before
+
+    Growth replaced_;
+    Growth missed_;
+    ClockComparison clocks_;
+    std::int64_t drop_outs_before_ = 0;  ///< of the second before
+    std::int64_t drop_outs_two_before_ = 0;
+    bool settled_ = true;
+    std::array<Watch, 8> watches_{{{&Totals::replaced},
+                                   {&Totals::repeated},
+                                   {&Totals::notices_missed},
+                                   {&Totals::silence},
+                                   {&Totals::late},
+                                   {&Totals::periods_missed},
+                                   {&Totals::periods_doubled},
+                                   {&Totals::pauses}}};
 };
 
 }  // namespace tavistro::monitor

@@ -24,14 +24,12 @@ namespace {
     TAVISTRO_TROUBLE_PART(name, count, counter, what),                                \
         TAVISTRO_TROUBLE_PART(name, seconds, counter, what ": seconds that had any"), \
         TAVISTRO_TROUBLE_PART(name, drop_outs, counter,                               \
-                              what ": drop-outs in those seconds or beside them"),    \
-        TAVISTRO_TROUBLE_PART(name, last_ms, gauge,                                   \
-                              what                                                    \
-                              ": when seen last, in milliseconds of watched_ms; -1 for never")
+                              what ": drop-outs in those seconds or beside them")
 
 constexpr TotalsField table[] = {
     TAVISTRO_TOTAL(run, gauge, "Number of the run; with it all counts begin anew"),
     TAVISTRO_TOTAL(watched_ms, counter, "Milliseconds since the run was first seen"),
+    TAVISTRO_TOTAL(reported_ms, counter, "Milliseconds that the engine's reports cover"),
     TAVISTRO_TOTAL(blocks, counter, "Blocks handed to the player, silence for missing ones too"),
     TAVISTRO_TOTAL(notices, counter, "Notices of the server's clock"),
     TAVISTRO_TOTAL(periods, counter, "Device periods"),
@@ -43,22 +41,19 @@ constexpr TotalsField table[] = {
     TAVISTRO_TROUBLE(repeated, "Blocks that came again, or after silence had taken their place"),
     TAVISTRO_TROUBLE(notices_missed, "Notices fewer than blocks"),
     TAVISTRO_TROUBLE(silence, "Milliseconds without anything from the server"),
-    TAVISTRO_TROUBLE(still, "Milliseconds without a device period"),
+    TAVISTRO_TROUBLE(late, "Spans without a notice, half as long as the buffer, made up for then"),
     TAVISTRO_TROUBLE(periods_missed, "Device periods fewer than a clock makes"),
     TAVISTRO_TROUBLE(periods_doubled, "Device periods more than a clock makes"),
-    TAVISTRO_TROUBLE(late, "Notices later than half of what the buffer holds"),
     TAVISTRO_TROUBLE(pauses, "Pauses of this computer's threads, each longer than a block"),
-    TAVISTRO_TOTAL(paused_periods, counter, "Device periods that the pauses seen would cost"),
+    TAVISTRO_TROUBLE(unexplained, "Drop-outs with no other trouble in the seconds around"),
     TAVISTRO_TOTAL(long_pauses, counter, "Pauses longer than half of what the buffer holds"),
+    TAVISTRO_TOTAL(paused_periods, counter, "Device periods that the pauses would cost"),
     TAVISTRO_TOTAL(longest_pause_us, gauge, "Longest pause in microseconds"),
-    TAVISTRO_TOTAL(latest_notice_us, gauge,
-                   "Latest notice, behind the most punctual one of its second, in microseconds"),
-    TAVISTRO_TOTAL(lowest_fill_frames, gauge, "Lowest fill of the playback buffer in frames"),
-    TAVISTRO_TOTAL(highest_fill_frames, gauge, "Highest fill of the playback buffer in frames"),
+    TAVISTRO_TOTAL(longest_late_us, gauge, "Longest such span without a notice in microseconds"),
     TAVISTRO_REAL_TOTAL(server_faster_ppm,
                         "Server's blocks against the device's periods in parts per million"),
     TAVISTRO_REAL_TOTAL(clock_uncertainty_ppm,
-                        "95 % range of server_faster_ppm, plus or minus; 0 for not known yet"),
+                        "Uncertainty of server_faster_ppm, plus or minus; 0 for not known yet"),
 };
 static_assert(sizeof(Totals) == std::size(table) * sizeof(std::int64_t), "a field is missing");
 

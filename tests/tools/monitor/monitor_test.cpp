@@ -98,7 +98,7 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
     EXPECT_EQ(columns.size(), 3 + 288 / 4 - 1 - 3 + sizeof(Totals) / 8);
     EXPECT_EQ(columns["underruns"], std::to_string(sample.stats->underruns));
     EXPECT_EQ(columns["total_underruns"], std::to_string(sample.totals.underruns));
-    EXPECT_EQ(columns["total_late_last_ms"], std::to_string(sample.totals.late.last_ms));
+    EXPECT_EQ(columns["total_late_drop_outs"], std::to_string(sample.totals.late.drop_outs));
     EXPECT_EQ(std::stod(columns["total_clock_uncertainty_ppm"]),
               sample.totals.clock_uncertainty_ppm);
 

@@ -1,0 +1,384 @@
+// The rules. A side is named only when the counts prove it:
+//
+//   server silent    a second or more without a notice, a block or an answer to a ping
+//   format mismatch  blocks refused for their format, or periods at the rate of another one
+//   network loss     blocks that silence was played for, and that did not come later either
+//   late network     blocks that came after silence had taken their place; or spans without a
+//   notice
+//                    that were made up for at once, more of them than this computer's pauses make
+//   missing notices  more notices missing than blocks
+//   device stall     seconds with too few periods, more than this computer's pauses make
+//   device too slow, too fast
+//                    drop-outs of one kind, as many as the measured difference of the clocks makes
+//   device uneven    drop-outs with none of the above beside them, more than pauses make
+//   host overload    drop-outs that nothing above explains, and pauses that can make them
+//
+// Except for a silence, which needs no second look, each of them was seen at least twice, with some
+// seconds between: once may be chance.
+#include "tools/monitor/evidence.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+namespace tavistro::monitor {
+
+namespace {
+
+/// Evidence was seen twice with so much time between, or lasted so long.
+constexpr double lasts_s = 8;
+/// What is counted did happen: two are enough when they lie apart.
+constexpr std::int64_t fewest_blocks = 2;
+/// Lost blocks that may not be certain yet while the notices lost with them are.
+constexpr std::int64_t uncertain_blocks = 4;
+/// Networks lose notices and blocks alike, give or take chance.
+constexpr std::int64_t far_more = 3;
+/// The share of late blocks, or of lost ones, that makes a cause of its own beside the other.
+constexpr double least_share = 0.2;
+/// The difference of two clocks that every buffer holds, in ppm.
+constexpr double held_ppm = 150;
+/// No clock of a computer or a sound card is further off than this, in ppm.
+constexpr double most_clock_ppm = 5000;
+/// What a single pause of any computer may cost a device, in periods.
+constexpr double least_pause_periods = 4;
+/// Rates that devices have, in Hz; how exactly periods tell them, and after which time.
+constexpr std::array known_rates{22050.0, 24000.0, 32000.0,  44100.0, 48000.0,
+                                 88200.0, 96000.0, 176400.0, 192000.0};
+constexpr double rate_accuracy = 0.006;
+constexpr std::int64_t least_rate_ms = 4000;
+
+template <typename... Values>
+std::string text(const char* format, Values... values) {
+    char buffer[400];
+    std::snprintf(buffer, sizeof buffer, format, values...);
+    return buffer;
+}
+
+/// How many pauses a thread of the engine may have had. Those of the monitor's own thread are
+/// counted; another is paused as often, give or take the square root of the number, four times
+/// which is beyond doubt, or once by chance where none was seen.
+double most_pauses(std::int64_t seen) {
+    const auto n = static_cast<double>(seen);
+    return 1 + n + 4 * std::sqrt(n);
+}
+bool more_than_pauses(std::int64_t events, std::int64_t pauses) {
+    return static_cast<double>(events) > most_pauses(pauses);
+}
+
+Trouble operator-(const Trouble& a, const Trouble& b) {
+    return {a.count - b.count, a.seconds - b.seconds, a.drop_outs - b.drop_outs};
+}
+
+Totals operator-(const Totals& last, const Totals& first) {
+    Totals d = last;
+    for (const auto sum :
+         {&Totals::watched_ms, &Totals::reported_ms, &Totals::blocks, &Totals::notices,
+          &Totals::periods, &Totals::underruns, &Totals::overruns, &Totals::refused,
+          &Totals::capture_dropped, &Totals::long_pauses, &Totals::paused_periods})
+        d.*sum -= first.*sum;
+    for (const auto trouble : {&Totals::replaced, &Totals::repeated, &Totals::notices_missed,
+                               &Totals::silence, &Totals::late, &Totals::periods_missed,
+                               &Totals::periods_doubled, &Totals::pauses, &Totals::unexplained})
+        d.*trouble = last.*trouble - first.*trouble;
+    return d;
+}
+
+class Judgement {
+  public:
+    explicit Judgement(const Stretch& stretch) : s_(stretch), n_(stretch.counted()) {
+        judge_silence();
+        if (judge_format()) return;
+        judge_blocks();
+        judge_notices();
+        judge_lateness();
+        judge_periods();
+        judge_clocks();
+        judge_evenness();
+        judge_host();
+    }
+    Proof take() {
+        std::ranges::sort(causes_);
+        const auto twice = std::ranges::unique(causes_);
+        causes_.erase(twice.begin(), twice.end());
+        const std::int64_t lost = lost_is_named_ ? 0 : n_.replaced.count;
+        return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
+    }
+
+  private:
+    void name(Cause cause, std::int64_t drop_outs) {
+        causes_.push_back(cause);
+        explained_ += drop_outs;
+    }
+    std::int64_t left() const { return s_.drop_outs() - explained_; }
+    /// Half of the drop-outs or more.
+    bool is_most(std::int64_t drop_outs) const { return 2 * drop_outs >= s_.drop_outs(); }
+    template <typename Count>
+    bool lasts(const Count& count) const {
+        const Span span = s_.span_of(count);
+        return span.until_s - span.from_s >= lasts_s;
+    }
+    bool lasts(Trouble Totals::*trouble) const {
+        return lasts([=](const Totals& t) { return (t.*trouble).seconds; });
+    }
+
+    void judge_silence() {
+        if (n_.silence.count > 0) name(Cause::server_silent, n_.silence.drop_outs);
+    }
+
+    bool judge_format() {
+        const bool refused = 2 * n_.refused > n_.blocks;
+        if (!refused && s_.another_rate() == 0) return false;
+        name(Cause::format_mismatch, s_.drop_outs());
+        return true;
+    }
+
+    void judge_blocks() {
+        if (!lasts(&Totals::replaced) || n_.replaced.count < fewest_blocks) return;
+        const auto replaced = static_cast<double>(n_.replaced.count);
+        const auto late = static_cast<double>(n_.repeated.count);
+        // A network that doubles blocks hides which of them were late.
+        if (late > (1 + least_share) * replaced + fewest_blocks) return;
+        const double least = std::max<double>(fewest_blocks, least_share * replaced);
+        if (replaced - late >= least) name(Cause::network_loss, n_.replaced.drop_outs);
+        if (late >= least) name(Cause::late_network, n_.replaced.drop_outs);
+        lost_is_named_ = true;
+    }
+
+    void judge_notices() {
+        if (lasts(&Totals::notices_missed) && n_.notices_missed.count >= fewest_blocks &&
+            n_.notices_missed.count > far_more * (n_.replaced.count + uncertain_blocks))
+            name(Cause::missing_notices, 0);
+    }
+
+    void judge_lateness() {
+        if (s_.drop_outs() > 0 && lasts(&Totals::late) && is_most(n_.late.drop_outs) &&
+            more_than_pauses(n_.late.count, n_.long_pauses))
+            name(Cause::late_network, n_.late.drop_outs);
+    }
+
+    void judge_periods() {
+        const std::int64_t missed = n_.periods_missed.count;
+        const std::int64_t doubled = n_.periods_doubled.count;
+        // A device that is early and late by turns makes both, a pause of this computer never too
+        // many.
+        const bool both = std::min(missed, doubled) * far_more > std::max(missed, doubled);
+        if (both) {
+            if (s_.drop_outs() > 0 && lasts(&Totals::periods_doubled))
+                name(Cause::device_uneven, n_.periods_doubled.drop_outs);
+            return;
+        }
+        // Pauses are of any length: half of the longest is longer than most.
+        const double longest_periods = std::max(
+            least_pause_periods, static_cast<double>(n_.longest_pause_us) / s_.block_us() / 2);
+        if (missed > doubled && lasts(&Totals::periods_missed) &&
+            static_cast<double>(missed) > longest_periods * most_pauses(n_.pauses.count))
+            name(Cause::device_stall, n_.periods_missed.drop_outs);
+        if (doubled > missed && lasts(&Totals::periods_doubled))
+            name(Cause::device_too_fast, n_.periods_doubled.drop_outs);
+    }
+
+    void judge_clocks() {
+        const double ppm = n_.server_faster_ppm;
+        const double sure_ppm = std::abs(ppm) - n_.clock_uncertainty_ppm;
+        if (n_.clock_uncertainty_ppm == 0 || sure_ppm < held_ppm) return;
+        // A clock that is off makes one kind of drop-out, and no more than it gains in blocks.
+        const bool slow = ppm > 0;
+        const std::int64_t made = slow ? n_.overruns : n_.underruns;
+        const std::int64_t other = slow ? n_.underruns : n_.overruns;
+        const double gained =
+            (std::abs(ppm) + n_.clock_uncertainty_ppm) * 1e-6 * static_cast<double>(n_.blocks);
+        if (10 * other > made || static_cast<double>(made) > 1.5 * gained + fewest_blocks) return;
+        if (!lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; })) return;
+        if (std::abs(ppm) < most_clock_ppm) {
+            name(slow ? Cause::device_too_slow : Cause::device_too_fast, made);
+        } else {
+            name(slow ? Cause::device_stall : Cause::device_too_fast, made);
+        }
+    }
+
+    void judge_evenness() {
+        if (left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
+            n_.unexplained.count >= fewest_blocks && is_most(n_.unexplained.count) &&
+            more_than_pauses(n_.unexplained.seconds, n_.pauses.count))
+            name(Cause::device_uneven, n_.unexplained.count);
+    }
+
+    void judge_host() {
+        // A pause makes as many drop-outs as it costs periods, and one of a thread that was not
+        // seen as many again.
+        if (left() > 0 && is_most(left()) && lasts(&Totals::pauses) &&
+            2 * n_.paused_periods >= left())
+            name(Cause::host_overload, left());
+    }
+
+    const Stretch& s_;
+    const Totals& n_;
+    std::vector<Cause> causes_;
+    std::int64_t explained_ = 0;  ///< underruns and overruns
+    bool lost_is_named_ = false;
+};
+
+std::string drop_outs_text(const Totals& n) {
+    return text("%lld underruns, %lld overruns", static_cast<long long>(n.underruns),
+                static_cast<long long>(n.overruns));
+}
+
+double percent(std::int64_t part, std::int64_t whole) {
+    return 100.0 * static_cast<double>(part) /
+           static_cast<double>(std::max<std::int64_t>(whole, 1));
+}
+
+std::string lateness_words(const Stretch& s) {
+    const Totals& n = s.counted();
+    const std::int64_t out_of_turn = std::min(n.repeated.count, n.replaced.count);
+    std::string words;
+    if (out_of_turn >= fewest_blocks)
+        words = text("%lld blocks (%.2f %%) came after silence had been played for them",
+                     static_cast<long long>(out_of_turn), percent(out_of_turn, n.blocks));
+    if (n.late.count == 0) return words;
+    const double late_ms = static_cast<double>(n.longest_late_us) / 1e3;
+    const double needed = std::ceil(late_ms * 1e3 / s.block_us()) + 3;
+    if (!words.empty()) words += "; ";
+    words += text(
+        "%lld times the stream was held up, for up to %.0f ms; the buffer holds %.1f ms; %s",
+        static_cast<long long>(n.late.count), late_ms, s.buffer_ms(), drop_outs_text(n).c_str());
+    if (needed * s.block_us() / 1e3 > s.buffer_ms())
+        words += text("; client_latency_blocks = %.0f would hold it", needed);
+    return words;
+}
+
+std::string clock_words(const Stretch& s, const char* side) {
+    const Totals& n = s.counted();
+    return text(
+        "the device's clock is %s by %.0f +-%.0f ppm against the server's, or periods are "
+        "%s all the time; %s",
+        side, std::abs(n.server_faster_ppm), n.clock_uncertainty_ppm,
+        n.server_faster_ppm > 0 ? "missed" : "doubled", drop_outs_text(n).c_str());
+}
+
+}  // namespace
+
+Stretch::Stretch(std::span<const Sample> samples, const Sample& origin)
+    : samples_(samples),
+      origin_(origin),
+      counted_(samples.back().totals - samples.front().totals) {}
+
+Span Stretch::span() const {
+    return {at(0), at(samples_.size() - 1)};
+}
+
+double Stretch::another_rate() const {
+    const Totals& n = counted_;
+    // Each second has too few periods, or too many; the first and the last may be cut.
+    const std::int64_t others = std::max(n.periods_missed.seconds, n.periods_doubled.seconds);
+    if (n.reported_ms < least_rate_ms || 1000 * (others + 2) < n.reported_ms) return 0;
+    const double frames_per_ms =
+        static_cast<double>(last().stream_block_frames) / static_cast<double>(n.reported_ms);
+    const double least = 1e3 * frames_per_ms * static_cast<double>(n.periods) * (1 - rate_accuracy);
+    const double most = 1e3 * frames_per_ms *
+                        static_cast<double>(n.periods + 2 * n.paused_periods) * (1 + rate_accuracy);
+    const auto between = [=](double rate) { return least <= rate && rate <= most; };
+    if (between(last().stream_sample_rate)) return 0;
+    const auto* const found = std::ranges::find_if(known_rates, between);
+    return found == known_rates.end() ? 0 : *found;
+}
+
+Proof proof_of(const Stretch& stretch) {
+    return Judgement(stretch).take();
+}
+
+std::string words_for(Cause cause, const Stretch& s) {
+    const Totals& n = s.counted();
+    switch (cause) {
+        case Cause::server_silent:
+            return text(
+                "nothing came from the server for %.1f s: it stopped, or the network is cut",
+                static_cast<double>(n.silence.count) / 1e3);
+        case Cause::format_mismatch:
+            if (const double rate = s.another_rate(); rate != 0)
+                return text(
+                    "the device runs at %.0f Hz, or with another period; the stream has %u "
+                    "Hz in blocks of %u frames",
+                    rate, s.last().stream_sample_rate, s.last().stream_block_frames);
+            return text(
+                "%lld blocks were refused: the device runs in another format than the "
+                "stream, %u Hz in blocks of %u frames",
+                static_cast<long long>(n.refused), s.last().stream_sample_rate,
+                s.last().stream_block_frames);
+        case Cause::network_loss: {
+            const std::int64_t lost =
+                n.replaced.count - std::min(n.repeated.count, n.replaced.count);
+            return text("%lld blocks (%.2f %%) never came; silence was played for them",
+                        static_cast<long long>(lost), percent(lost, n.blocks));
+        }
+        case Cause::missing_notices:
+            return text(
+                "%lld notices of the server's clock (%.2f %%) never came, while the audio "
+                "did; no input was sent for them",
+                static_cast<long long>(n.notices_missed.count),
+                percent(n.notices_missed.count, n.blocks));
+        case Cause::late_network:
+            return lateness_words(s);
+        case Cause::device_stall: {
+            const std::int64_t missed =
+                n.periods_missed.count > 0
+                    ? n.periods_missed.count
+                    : std::llround(n.server_faster_ppm * 1e-6 * static_cast<double>(n.blocks));
+            return text("the device missed %lld periods (%.2f %%, %.2f s); %s",
+                        static_cast<long long>(missed), percent(missed, n.periods + missed),
+                        static_cast<double>(missed) * s.block_us() / 1e6,
+                        drop_outs_text(n).c_str());
+        }
+        case Cause::device_too_slow:
+            return clock_words(s, "slow");
+        case Cause::device_too_fast:
+            if (n.periods_doubled.count == 0) return clock_words(s, "fast");
+            return text("the device asked for %lld periods (%.2f %%) more than its rate has; %s",
+                        static_cast<long long>(n.periods_doubled.count),
+                        percent(n.periods_doubled.count, n.periods), drop_outs_text(n).c_str());
+        case Cause::device_uneven:
+            return text(
+                "%s, while the network was punctual and this computer did not pause: the "
+                "device's periods come unevenly; the buffer holds %.1f ms, try more "
+                "client_latency_blocks",
+                drop_outs_text(n).c_str(), s.buffer_ms());
+        case Cause::host_overload:
+            return text("%lld pauses of this computer's threads, up to %.1f ms; %s",
+                        static_cast<long long>(n.pauses.count),
+                        static_cast<double>(n.longest_pause_us) / 1e3, drop_outs_text(n).c_str());
+        case Cause::engine_absent:
+        case Cause::engine_silent:
+        case Cause::engine_ended:
+        case Cause::engine_failed:
+            break;
+    }
+    return {};
+}
+
+std::string what_would_make_clear(const Stretch& s) {
+    constexpr double long_enough_s = 120;
+    const Totals& n = s.counted();
+    std::string words = drop_outs_text(n);
+    if (n.replaced.count > 0)
+        words +=
+            text(", %lld blocks replaced by silence", static_cast<long long>(n.replaced.count));
+    words += ", and no side is proven. ";
+    if (s.seconds() < long_enough_s)
+        words += text("Watch for two minutes (this was %.0f s). ", s.seconds());
+    if (n.pauses.count > 0) {
+        words += text(
+            "This computer let threads wait, %lld times, up to %.1f ms: end other programs "
+            "or grant real-time priority, and see whether it goes.",
+            static_cast<long long>(n.pauses.count), static_cast<double>(n.longest_pause_us) / 1e3);
+    } else if (n.late.count > 0 || n.replaced.count > 0 || n.notices_missed.count > 0) {
+        words += "Try a cable, or a server on this computer: if it goes, it was the network.";
+    } else {
+        words +=
+            "Try twice the client_latency_blocks: if it goes, periods or blocks come unevenly; "
+            "if it only gets rarer, two clocks differ.";
+    }
+    return words;
+}
+
+}  // namespace tavistro::monitor
