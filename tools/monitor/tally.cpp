@@ -17,6 +17,10 @@ constexpr std::int64_t look_closely_every_us = 500;
 constexpr std::int64_t report_every_us = 1'000'000;
 constexpr std::int64_t look_closely_before_us = 2'000;
 constexpr std::int64_t look_closely_after_us = 6'000;
+/// What happened before the first report is none of this watch, and the second one may still be of
+/// the engine's start.
+constexpr int reports_left_out = 2;
+constexpr double never_us = 1e15;
 /// Reports are a second apart: with looks further apart than this one could go unseen.
 constexpr std::int64_t longest_gap_us = 900'000;
 /// A second change so soon after the first is the rest of one report, of which half was seen.
@@ -115,7 +119,9 @@ void Tally::begin_run(std::int64_t now_us, const tavistro_stats_block& block) {
     began_us_ = now_us_ = before_us_ = now_us;
     now_ = before_ = block;
     block_us_ = 1e6 * block.stream_block_frames / block.stream_sample_rate;
-    second_ = {static_cast<double>(now_us), report_every_us, {}};
+    // Before the first second of a client that has just started nothing can be reckoned.
+    const bool has_ended = block.client_recv_blocks_per_sec != 0;
+    second_ = {static_cast<double>(now_us), has_ended ? report_every_us : never_us, {}};
 }
 
 std::int64_t Tally::half_buffer_us() const {
@@ -178,11 +184,13 @@ void Tally::take_client_second() {
     if (second_pending_) {
         second_pending_ = false;
         // What was reckoned to end just before this had not ended.
-        if (second_.uncertain_us > 0 && second_.uncertain_us < report_every_us &&
+        if (second_.uncertain_us > 0 && second_.uncertain_us < same_report_us &&
             static_cast<double>(pending_second_.most_us - same_report_us) < second_.end_us) {
             received_ -= before_second_.received;
             repeated_ -= before_second_.repeated;
         }
+        // One that was reckoned too many, or too few, when nothing was sure yet, is no loss.
+        if (second_.uncertain_us > same_report_us) replaced_ = {};
         end_client_second({static_cast<double>(pending_second_.most_us), 0, pending_second_});
     } else if (client_second_differs(now_, before_)) {
         second_pending_ = true;
@@ -199,6 +207,7 @@ void Tally::take_client_second() {
 }
 
 void Tally::reckon_client_second() {
+    if (second_.uncertain_us >= never_us) return;
     constexpr double tick_us = 1000;
     // A second has whole blocks, lost ones among them; a tick of a millisecond may hide a little.
     constexpr double hidden_blocks = 0.02;
@@ -236,9 +245,6 @@ void Tally::take_report() {
 void Tally::close_second() {
     const tavistro_stats_block earlier = reported_;
     reported_ = now_;
-    // What happened before the first report is none of this watch, and the second one may still be
-    // of the start.
-    constexpr int reports_left_out = 2;
     if (++reports_ <= reports_left_out) {
         first_report_ = report_;
         stretch_us_ = report_.most_us;
@@ -266,6 +272,7 @@ void Tally::count_blocks() {
     const Range missed{totals_.blocks - report_.notices.most,
                        totals_.blocks - report_.notices.least + 1};
     if (const std::int64_t more = missed_.see(missed)) add(&Totals::notices_missed, more);
+    if (reports_ == reports_left_out + 1) missed_before_ = {missed, missed};
     // The newest second of the client began within the last two of the player.
     const bool some_missed = gap_in_notices_ || gap_in_notices_before_;
     const std::int64_t most_missed = some_missed ? missed.most - missed_before_[1].least : 0;
@@ -274,8 +281,10 @@ void Tally::count_blocks() {
     if (const std::int64_t more = repeated_ - totals_.repeated.count; more > 0)
         add(&Totals::repeated, more);
     const Range handed_on{totals_.blocks - received_, totals_.blocks - received_};
-    if (const std::int64_t more = replaced_.see(handed_on - blocks_since_second(most_missed)))
-        add(&Totals::replaced, more);
+    if (second_.uncertain_us < never_us) {
+        if (const std::int64_t more = replaced_.see(handed_on - blocks_since_second(most_missed)))
+            add(&Totals::replaced, more);
+    }
 
     longest_quiet_before_us_ = longest_quiet_us_;
     longest_quiet_us_ = 0;
