@@ -45,7 +45,7 @@ constexpr double least_pause_periods = 4;
 /// Rates that devices have, in Hz; how exactly periods tell them, and after which time.
 constexpr std::array known_rates{22050.0, 24000.0, 32000.0,  44100.0, 48000.0,
                                  88200.0, 96000.0, 176400.0, 192000.0};
-constexpr double rate_accuracy = 0.006;
+constexpr double rate_accuracy = 0.002;
 constexpr std::int64_t least_rate_ms = 4000;
 
 template <typename... Values>
@@ -101,7 +101,9 @@ class Judgement {
         std::ranges::sort(causes_);
         const auto twice = std::ranges::unique(causes_);
         causes_.erase(twice.begin(), twice.end());
-        const std::int64_t lost = lost_is_named_ ? 0 : n_.replaced.count;
+        // Those of no second are of a silence.
+        const bool lost_is_named = lost_is_named_ || n_.replaced.seconds == 0;
+        const std::int64_t lost = lost_is_named ? 0 : n_.replaced.count;
         return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
     }
 
@@ -140,8 +142,10 @@ class Judgement {
         // A network that doubles blocks hides which of them were late.
         if (late > (1 + least_share) * replaced + fewest_blocks) return;
         const double least = std::max<double>(fewest_blocks, least_share * replaced);
-        if (replaced - late >= least) name(Cause::network_loss, n_.replaced.drop_outs);
-        if (late >= least) name(Cause::late_network, n_.replaced.drop_outs);
+        // Notices go the same way as blocks, and are known to be missing sooner.
+        const std::int64_t beside = std::max(n_.replaced.drop_outs, n_.notices_missed.drop_outs);
+        if (replaced - late >= least) name(Cause::network_loss, beside);
+        if (late >= least) name(Cause::late_network, beside);
         lost_is_named_ = true;
     }
 
@@ -158,24 +162,24 @@ class Judgement {
     }
 
     void judge_periods() {
-        const std::int64_t missed = n_.periods_missed.count;
-        const std::int64_t doubled = n_.periods_doubled.count;
-        // A device that is early and late by turns makes both, a pause of this computer never too
-        // many.
-        const bool both = std::min(missed, doubled) * far_more > std::max(missed, doubled);
-        if (both) {
-            if (s_.drop_outs() > 0 && lasts(&Totals::periods_doubled))
-                name(Cause::device_uneven, n_.periods_doubled.drop_outs);
-            return;
-        }
         // Pauses are of any length: half of the longest is longer than most.
         const double longest_periods = std::max(
             least_pause_periods, static_cast<double>(n_.longest_pause_us) / s_.block_us() / 2);
-        if (missed > doubled && lasts(&Totals::periods_missed) &&
-            static_cast<double>(missed) > longest_periods * most_pauses(n_.pauses.count))
-            name(Cause::device_stall, n_.periods_missed.drop_outs);
-        if (doubled > missed && lasts(&Totals::periods_doubled))
+        const bool missed =
+            lasts(&Totals::periods_missed) && static_cast<double>(n_.periods_missed.count) >
+                                                  longest_periods * most_pauses(n_.pauses.count);
+        const bool doubled = lasts(&Totals::periods_doubled);
+        const double due = static_cast<double>(n_.reported_ms) * 1e3 / s_.block_us();
+        const double surplus_ppm = 1e6 * (static_cast<double>(n_.periods) / due - 1);
+        if (doubled && surplus_ppm > most_clock_ppm) {
             name(Cause::device_too_fast, n_.periods_doubled.drop_outs);
+        } else if (missed && doubled &&
+                   n_.periods_missed.count < far_more * n_.periods_doubled.count) {
+            // Early and late by turns, and right on the whole.
+            if (s_.drop_outs() > 0) name(Cause::device_uneven, s_.drop_outs());
+        } else if (missed) {
+            name(Cause::device_stall, n_.periods_missed.drop_outs);
+        }
     }
 
     void judge_clocks() {
@@ -273,12 +277,14 @@ double Stretch::another_rate() const {
     // Each second has too few periods, or too many; the first and the last may be cut.
     const std::int64_t others = std::max(n.periods_missed.seconds, n.periods_doubled.seconds);
     if (n.reported_ms < least_rate_ms || 1000 * (others + 2) < n.reported_ms) return 0;
-    const double frames_per_ms =
-        static_cast<double>(last().stream_block_frames) / static_cast<double>(n.reported_ms);
-    const double least = 1e3 * frames_per_ms * static_cast<double>(n.periods) * (1 - rate_accuracy);
-    const double most = 1e3 * frames_per_ms *
-                        static_cast<double>(n.periods + 2 * n.paused_periods) * (1 + rate_accuracy);
-    const auto between = [=](double rate) { return least <= rate && rate <= most; };
+    const double rate = 1e3 * last().stream_block_frames * static_cast<double>(n.periods) /
+                        static_cast<double>(n.reported_ms);
+    // Pauses keep a device of any rate from some of its periods: twice what was seen, at most.
+    const double paused_share = static_cast<double>(n.paused_periods) * block_us() /
+                                (1e3 * static_cast<double>(n.reported_ms));
+    const double least = rate * (1 - rate_accuracy);
+    const double most = rate * (1 + rate_accuracy) * (1 + 2 * paused_share);
+    const auto between = [=](double known) { return least <= known && known <= most; };
     if (between(last().stream_sample_rate)) return 0;
     const auto* const found = std::ranges::find_if(known_rates, between);
     return found == known_rates.end() ? 0 : *found;

@@ -35,6 +35,7 @@ constexpr double most_clock_error = 0.005;
 constexpr std::int64_t shortest_pause_us = 2'000;
 /// Blocks are measured by the monitor's clock once that is sure to some 100 ppm.
 constexpr std::int64_t measured_after_us = 30'000'000;
+constexpr double measured_block_error = 2e-4;
 
 bool client_second_differs(const tavistro_stats_block& a, const tavistro_stats_block& b) {
     return a.client_recv_blocks_per_sec != b.client_recv_blocks_per_sec ||
@@ -119,6 +120,7 @@ void Tally::begin_run(std::int64_t now_us, const tavistro_stats_block& block) {
     began_us_ = now_us_ = before_us_ = now_us;
     now_ = before_ = block;
     block_us_ = 1e6 * block.stream_block_frames / block.stream_sample_rate;
+    block_error_ = most_clock_error;
     // Before the first second of a client that has just started nothing can be reckoned.
     const bool has_ended = block.client_recv_blocks_per_sec != 0;
     second_ = {static_cast<double>(now_us), has_ended ? report_every_us : never_us, {}};
@@ -139,38 +141,45 @@ void Tally::take_pause(std::int64_t us) {
 void Tally::take_notices(std::int64_t gap_us) {
     const std::int64_t came = now_.sync_delay_samples - before_.sync_delay_samples;
     totals_.notices += came;
-
-    // What was only late comes at once when it comes, within two looks.
-    if (catching_up_us_ != 0) {
-        caught_up_ += came;
-        if (2 * block_us_ * static_cast<double>(caught_up_) >
-            static_cast<double>(catching_up_us_)) {
-            add(&Totals::late, 1);
-            totals_.longest_late_us = std::max(totals_.longest_late_us, catching_up_us_);
-        }
-        catching_up_us_ = 0;
-    }
-    const std::int64_t late_us = quiet_us_ - static_cast<std::int64_t>(block_us_);
+    take_catching_up(came, gap_us);
     if (came == 0) {
         quiet_us_ += gap_us;
         longest_quiet_us_ = std::max(longest_quiet_us_, quiet_us_);
         // More than a single notice.
         if (static_cast<double>(quiet_us_) > 2.5 * block_us_) gap_in_notices_ = true;
     } else {
-        if (half_buffer_us() > 0 && late_us > half_buffer_us() && quiet_us_ < shortest_silence_us) {
-            catching_up_us_ = late_us;
-            caught_up_ = came;
-        }
         quiet_us_ = 0;
     }
+    take_silence(came != 0 || now_.rtt_samples != before_.rtt_samples ||
+                     now_.block_callback_last_us != before_.block_callback_last_us,
+                 gap_us);
+}
 
-    const bool sign = came != 0 || now_.rtt_samples != before_.rtt_samples ||
-                      now_.block_callback_last_us != before_.block_callback_last_us;
-    if (!sign) {
-        silent_us_ += gap_us;
-    } else {
-        silent_us_ = counted_silence_ms_ = 0;
+/// What was only late comes at once when it comes: within two looks.
+void Tally::take_catching_up(std::int64_t came, std::int64_t gap_us) {
+    const auto more_than_due_us = std::llround(block_us_ * static_cast<double>(came)) - gap_us;
+    if (catching_up_us_ != 0) {
+        made_up_us_ += more_than_due_us;
+        if (2 * made_up_us_ > catching_up_us_) {
+            add(&Totals::late, 1);
+            totals_.longest_late_us = std::max(totals_.longest_late_us, catching_up_us_);
+        }
+        catching_up_us_ = 0;
     }
+    const std::int64_t late_us = quiet_us_ - static_cast<std::int64_t>(block_us_);
+    if (came != 0 && half_buffer_us() > 0 && late_us > half_buffer_us() &&
+        quiet_us_ < shortest_silence_us) {
+        catching_up_us_ = late_us;
+        made_up_us_ = more_than_due_us;
+    }
+}
+
+void Tally::take_silence(bool sign, std::int64_t gap_us) {
+    if (sign) {
+        silent_us_ = counted_silence_ms_ = 0;
+        return;
+    }
+    silent_us_ += gap_us;
     if (silent_us_ < shortest_silence_us) return;
     const std::int64_t silence_ms = silent_us_ / 1000;
     add(&Totals::silence, silence_ms - counted_silence_ms_);
@@ -220,7 +229,8 @@ void Tally::reckon_client_second() {
     if (++deliveries_since_due_ < 2) return;
     // The last block of a second may be a lost one, and the next one ends it then.
     const bool some_lost = blocks > now_.client_recv_blocks_per_sec;
-    end_client_second({end_us, second_.uncertain_us + (some_lost ? block_us_ : tick_us), {}});
+    const double more_us = (some_lost ? block_us_ : tick_us) + blocks * block_us_ * block_error_;
+    end_client_second({end_us, second_.uncertain_us + more_us, {}});
 }
 
 void Tally::end_client_second(const SecondEnd& end) {
@@ -272,7 +282,6 @@ void Tally::count_blocks() {
     const Range missed{totals_.blocks - report_.notices.most,
                        totals_.blocks - report_.notices.least + 1};
     if (const std::int64_t more = missed_.see(missed)) add(&Totals::notices_missed, more);
-    if (reports_ == reports_left_out + 1) missed_before_ = {missed, missed};
     // The newest second of the client began within the last two of the player.
     const bool some_missed = gap_in_notices_ || gap_in_notices_before_;
     const std::int64_t most_missed = some_missed ? missed.most - missed_before_[1].least : 0;
@@ -281,7 +290,8 @@ void Tally::count_blocks() {
     if (const std::int64_t more = repeated_ - totals_.repeated.count; more > 0)
         add(&Totals::repeated, more);
     const Range handed_on{totals_.blocks - received_, totals_.blocks - received_};
-    if (second_.uncertain_us < never_us) {
+    // The notices missed by now and by two reports ago are to be known.
+    if (second_.uncertain_us < never_us && reports_ > reports_left_out + 2) {
         if (const std::int64_t more = replaced_.see(handed_on - blocks_since_second(most_missed)))
             add(&Totals::replaced, more);
     }
@@ -297,7 +307,7 @@ void Tally::count_blocks() {
 /// and as many as notices, but for those missed.
 Tally::Range Tally::blocks_since_second(std::int64_t most_notices_missed) const {
     const double beside_us =
-        second_.uncertain_us + 2 * look_every_us +
+        second_.uncertain_us + block_error_ * 2 * report_every_us + 2 * look_every_us +
         static_cast<double>(std::max(longest_quiet_us_, longest_quiet_before_us_));
     const auto blocks = [&](double us) { return us / block_us_; };
     const double least =
@@ -335,9 +345,6 @@ void Tally::compare_clocks() {
         return;
     }
     clocks_.add(totals_.blocks, totals_.periods);
-    if (report_.most_us - stretch_us_ > measured_after_us)
-        block_us_ = static_cast<double>(report_.most_us - stretch_us_) /
-                    static_cast<double>(totals_.blocks - stretch_blocks_);
     const ClockComparison::Result result = clocks_.result();
     totals_.server_faster_ppm = result.server_faster_ppm;
     // A device that a pause keeps from its periods looks slow.
@@ -345,6 +352,11 @@ void Tally::compare_clocks() {
                               static_cast<double>(std::max<std::int64_t>(totals_.periods, 1));
     totals_.clock_uncertainty_ppm =
         result.uncertainty_ppm == 0 ? 0 : result.uncertainty_ppm + paused_ppm;
+
+    if (report_.most_us - stretch_us_ <= measured_after_us) return;
+    block_error_ = measured_block_error;
+    block_us_ = static_cast<double>(report_.most_us - stretch_us_) /
+                static_cast<double>(totals_.blocks - stretch_blocks_);
 }
 
 /// Some troubles are known only with the next report, and some drop-outs come after their trouble:

@@ -79,6 +79,8 @@ class Tally {
     void begin_run(std::int64_t now_us, const tavistro_stats_block& block);
     void take_pause(std::int64_t us);
     void take_notices(std::int64_t gap_us);
+    void take_catching_up(std::int64_t came, std::int64_t gap_us);
+    void take_silence(bool sign, std::int64_t gap_us);
     void take_client_second();
     void reckon_client_second();
     void end_client_second(const SecondEnd& end);
@@ -100,6 +102,7 @@ class Tally {
     tavistro_stats_block now_{};
     tavistro_stats_block before_{};
     double block_us_ = 0;
+    double block_error_ = 0;  ///< of block_us_, as a share of it
 
     // Notices, and what is not heard.
     std::int64_t notices_before_ = 0;           ///< at the look before
@@ -109,7 +112,7 @@ class Tally {
     bool gap_in_notices_ = false;               ///< since the last report
     bool gap_in_notices_before_ = false;        ///< between the two reports before
     std::int64_t catching_up_us_ = 0;           ///< how late the notices of the look before were
-    std::int64_t caught_up_ = 0;                ///< notices since
+    std::int64_t made_up_us_ = 0;               ///< by more of them than the time since then has
     std::int64_t silent_us_ = 0;                ///< without a notice, a block or a pong
     std::int64_t counted_silence_ms_ = 0;
     std::int64_t unsettled_until_us_ = 0;
