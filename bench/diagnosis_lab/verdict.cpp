@@ -32,7 +32,7 @@ std::int64_t audible_events(const Counts& c) {
            c.periods_doubled + (c.silence_ms > 0 ? 1 : 0);
 }
 
-std::vector<Told> compare_counts(const Scenario& scenario, const Recording& recording) {
+std::vector<Told> compare_counts(const Recording& recording) {
     const monitor::Sample& first = recording.samples.front();
     const monitor::Sample& last = recording.samples.back();
     const auto between = [&](std::int64_t from_ms, std::int64_t until_ms) {
@@ -60,12 +60,6 @@ std::vector<Told> compare_counts(const Scenario& scenario, const Recording& reco
         {"tenths of a second of silence", (to.silence.count - from.silence.count) / 100,
          least.silence_ms / 100, most.silence_ms / 100},
     };
-    // A device at another rate has all of its own periods, and few or many of the stream's.
-    if (scenario.card_rate != 0) return told;
-    told.push_back({"periods missed", to.periods_missed.count - from.periods_missed.count,
-                    least.periods_missed, most.periods_missed});
-    told.push_back({"periods doubled", to.periods_doubled.count - from.periods_doubled.count,
-                    least.periods_doubled, most.periods_doubled});
     return told;
 }
 
@@ -113,7 +107,7 @@ Verdict diagnose_world(const Job& job) {
     const double minutes = monitor::seconds_between(early.front(), early.back()) / 60;
     verdict.audible_early = static_cast<double>(audible_events(heard)) >= std::max(1.0, minutes);
 
-    verdict.told = compare_counts(scenario, recording);
+    verdict.told = compare_counts(recording);
     const monitor::Totals& totals = samples.back().totals;
     verdict.clock_compared = totals.clock_uncertainty_ppm > 0 && keeps_its_clock(scenario);
     verdict.clock_error_ppm = totals.server_faster_ppm - scenario.server_faster_ppm();

@@ -161,12 +161,15 @@ class RunAccount {
             s, "capture dropped", [](const Totals& t) { return t.capture_dropped; },
             counted(n.capture_dropped, "captured blocks dropped"));
         fact(
-            s, "periods missed", [](const Totals& t) { return t.periods_missed.count; },
-            text("%lld device periods, %.2f s", static_cast<long long>(n.periods_missed.count),
-                 static_cast<double>(n.periods_missed.count) * s.block_us() / 1e6));
-        fact(
-            s, "periods doubled", [](const Totals& t) { return t.periods_doubled.count; },
-            counted(n.periods_doubled.count, "device periods too many"));
+            s, "device periods",
+            [](const Totals& t) { return t.periods_short.count + t.periods_long.count; },
+            text("%lld ran, %.1f s have %.0f; %lld too few in %lld seconds, %lld too many in %lld",
+                 static_cast<long long>(n.periods), static_cast<double>(n.reported_ms) / 1e3,
+                 static_cast<double>(n.reported_ms) * 1e3 / s.block_us(),
+                 static_cast<long long>(n.periods_short.count),
+                 static_cast<long long>(n.periods_short.seconds),
+                 static_cast<long long>(n.periods_long.count),
+                 static_cast<long long>(n.periods_long.seconds)));
         fact(
             s, "host pauses", [](const Totals& t) { return t.pauses.count; },
             text("%lld waits of this computer's threads of a block or more, up to %.1f ms",

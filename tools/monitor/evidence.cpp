@@ -30,7 +30,7 @@ namespace {
 constexpr double lasts_s = 8;
 /// What is counted did happen: two are enough when they lie apart.
 constexpr std::int64_t fewest_blocks = 2;
-/// Lost blocks that may not be certain yet while the notices lost with them are.
+/// Notices that may be missing alone by chance, where the network loses some of everything.
 constexpr std::int64_t uncertain_blocks = 4;
 /// Networks lose notices and blocks alike, give or take chance.
 constexpr std::int64_t far_more = 3;
@@ -73,13 +73,14 @@ Trouble operator-(const Trouble& a, const Trouble& b) {
 Totals operator-(const Totals& last, const Totals& first) {
     Totals d = last;
     for (const auto sum :
-         {&Totals::watched_ms, &Totals::reported_ms, &Totals::blocks, &Totals::notices,
-          &Totals::periods, &Totals::underruns, &Totals::overruns, &Totals::refused,
-          &Totals::capture_dropped, &Totals::long_pauses, &Totals::paused_periods})
+         {&Totals::watched_ms, &Totals::reported_ms, &Totals::replaced_after_silence,
+          &Totals::notices_missed_alone, &Totals::blocks, &Totals::notices, &Totals::periods,
+          &Totals::underruns, &Totals::overruns, &Totals::refused, &Totals::capture_dropped,
+          &Totals::long_pauses, &Totals::paused_periods})
         d.*sum -= first.*sum;
     for (const auto trouble : {&Totals::replaced, &Totals::repeated, &Totals::notices_missed,
-                               &Totals::silence, &Totals::late, &Totals::periods_missed,
-                               &Totals::periods_doubled, &Totals::pauses, &Totals::unexplained})
+                               &Totals::silence, &Totals::late, &Totals::periods_short,
+                               &Totals::periods_long, &Totals::pauses, &Totals::unexplained})
         d.*trouble = last.*trouble - first.*trouble;
     return d;
 }
@@ -101,9 +102,8 @@ class Judgement {
         std::ranges::sort(causes_);
         const auto twice = std::ranges::unique(causes_);
         causes_.erase(twice.begin(), twice.end());
-        // Those of no second are of a silence.
-        const bool lost_is_named = lost_is_named_ || n_.replaced.seconds == 0;
-        const std::int64_t lost = lost_is_named ? 0 : n_.replaced.count;
+        const std::int64_t lost =
+            lost_is_named_ ? 0 : n_.replaced.count - n_.replaced_after_silence;
         return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
     }
 
@@ -136,8 +136,9 @@ class Judgement {
     }
 
     void judge_blocks() {
-        if (!lasts(&Totals::replaced) || n_.replaced.count < fewest_blocks) return;
-        const auto replaced = static_cast<double>(n_.replaced.count);
+        const std::int64_t count = n_.replaced.count - n_.replaced_after_silence;
+        if (!lasts(&Totals::replaced) || count < fewest_blocks) return;
+        const auto replaced = static_cast<double>(count);
         const auto late = static_cast<double>(n_.repeated.count);
         // A network that doubles blocks hides which of them were late.
         if (late > (1 + least_share) * replaced + fewest_blocks) return;
@@ -151,7 +152,8 @@ class Judgement {
 
     void judge_notices() {
         if (lasts(&Totals::notices_missed) && n_.notices_missed.count >= fewest_blocks &&
-            n_.notices_missed.count > far_more * (n_.replaced.count + uncertain_blocks))
+            n_.notices_missed_alone > uncertain_blocks &&
+            2 * n_.notices_missed_alone > n_.notices_missed.count)
             name(Cause::missing_notices, 0);
     }
 
@@ -166,19 +168,21 @@ class Judgement {
         const double longest_periods = std::max(
             least_pause_periods, static_cast<double>(n_.longest_pause_us) / s_.block_us() / 2);
         const bool missed =
-            lasts(&Totals::periods_missed) && static_cast<double>(n_.periods_missed.count) >
-                                                  longest_periods * most_pauses(n_.pauses.count);
-        const bool doubled = lasts(&Totals::periods_doubled);
+            lasts(&Totals::periods_short) && static_cast<double>(n_.periods_short.count) >
+                                                 longest_periods * most_pauses(n_.pauses.count);
+        const bool doubled = lasts(&Totals::periods_long);
+        // On the whole, clocks that differ apart.
         const double due = static_cast<double>(n_.reported_ms) * 1e3 / s_.block_us();
-        const double surplus_ppm = 1e6 * (static_cast<double>(n_.periods) / due - 1);
-        if (doubled && surplus_ppm > most_clock_ppm) {
-            name(Cause::device_too_fast, n_.periods_doubled.drop_outs);
-        } else if (missed && doubled &&
-                   n_.periods_missed.count < far_more * n_.periods_doubled.count) {
-            // Early and late by turns, and right on the whole.
-            if (s_.drop_outs() > 0) name(Cause::device_uneven, s_.drop_outs());
-        } else if (missed) {
-            name(Cause::device_stall, n_.periods_missed.drop_outs);
+        const double clocks = std::abs(n_.server_faster_ppm) * 1e-6 * due;
+        const double too_many = static_cast<double>(n_.periods) - due;
+        const bool short_on_the_whole =
+            2 * (-too_many - clocks) > static_cast<double>(n_.periods_short.count);
+        if (doubled && too_many > most_clock_ppm * 1e-6 * due) {
+            name(Cause::device_too_fast, n_.periods_long.drop_outs);
+        } else if (missed && short_on_the_whole) {
+            name(Cause::device_stall, n_.periods_short.drop_outs);
+        } else if (missed && doubled && s_.drop_outs() > 0) {
+            name(Cause::device_uneven, s_.drop_outs());
         }
     }
 
@@ -192,7 +196,9 @@ class Judgement {
         const std::int64_t other = slow ? n_.underruns : n_.overruns;
         const double gained =
             (std::abs(ppm) + n_.clock_uncertainty_ppm) * 1e-6 * static_cast<double>(n_.blocks);
-        if (10 * other > made || static_cast<double>(made) > 1.5 * gained + fewest_blocks) return;
+        if (10 * (other - n_.silence.drop_outs) > made ||
+            static_cast<double>(made) > 1.5 * gained + fewest_blocks)
+            return;
         if (!lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; })) return;
         if (std::abs(ppm) < most_clock_ppm) {
             name(slow ? Cause::device_too_slow : Cause::device_too_fast, made);
@@ -274,16 +280,20 @@ Span Stretch::span() const {
 
 double Stretch::another_rate() const {
     const Totals& n = counted_;
-    // Each second has too few periods, or too many; the first and the last may be cut.
-    const std::int64_t others = std::max(n.periods_missed.seconds, n.periods_doubled.seconds);
-    if (n.reported_ms < least_rate_ms || 1000 * (others + 2) < n.reported_ms) return 0;
+    const std::int64_t others = std::max(n.periods_short.seconds, n.periods_long.seconds);
+    if (n.reported_ms < least_rate_ms || 1000 * 2 * others < n.reported_ms) return 0;
     const double rate = 1e3 * last().stream_block_frames * static_cast<double>(n.periods) /
                         static_cast<double>(n.reported_ms);
     // Pauses keep a device of any rate from some of its periods: twice what was seen, at most.
     const double paused_share = static_cast<double>(n.paused_periods) * block_us() /
                                 (1e3 * static_cast<double>(n.reported_ms));
-    const double least = rate * (1 - rate_accuracy);
-    const double most = rate * (1 + rate_accuracy) * (1 + 2 * paused_share);
+    // All the time, not a lot now and then.
+    const double off = std::abs(1 - rate / last().stream_sample_rate);
+    if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > 3 * off + paused_share) return 0;
+    // Far from the stream's rate nothing else is near.
+    const double accuracy = std::max(rate_accuracy, off / 20);
+    const double least = rate * (1 - accuracy);
+    const double most = rate * (1 + accuracy) * (1 + 2 * paused_share);
     const auto between = [=](double known) { return least <= known && known <= most; };
     if (between(last().stream_sample_rate)) return 0;
     const auto* const found = std::ranges::find_if(known_rates, between);
@@ -328,8 +338,8 @@ std::string words_for(Cause cause, const Stretch& s) {
             return lateness_words(s);
         case Cause::device_stall: {
             const std::int64_t missed =
-                n.periods_missed.count > 0
-                    ? n.periods_missed.count
+                n.periods_short.count > 0
+                    ? n.periods_short.count
                     : std::llround(n.server_faster_ppm * 1e-6 * static_cast<double>(n.blocks));
             return text("the device missed %lld periods (%.2f %%, %.2f s); %s",
                         static_cast<long long>(missed), percent(missed, n.periods + missed),
@@ -339,10 +349,10 @@ std::string words_for(Cause cause, const Stretch& s) {
         case Cause::device_too_slow:
             return clock_words(s, "slow");
         case Cause::device_too_fast:
-            if (n.periods_doubled.count == 0) return clock_words(s, "fast");
+            if (n.periods_long.count == 0) return clock_words(s, "fast");
             return text("the device asked for %lld periods (%.2f %%) more than its rate has; %s",
-                        static_cast<long long>(n.periods_doubled.count),
-                        percent(n.periods_doubled.count, n.periods), drop_outs_text(n).c_str());
+                        static_cast<long long>(n.periods_long.count),
+                        percent(n.periods_long.count, n.periods), drop_outs_text(n).c_str());
         case Cause::device_uneven:
             return text(
                 "%s, while the network was punctual and this computer did not pause: the "

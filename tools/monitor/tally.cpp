@@ -21,6 +21,7 @@ constexpr std::int64_t look_closely_after_us = 6'000;
 /// the engine's start.
 constexpr int reports_left_out = 2;
 constexpr double never_us = 1e15;
+constexpr std::int64_t any_number = 1'000'000'000;
 /// Reports are a second apart: with looks further apart than this one could go unseen.
 constexpr std::int64_t longest_gap_us = 900'000;
 /// A second change so soon after the first is the rest of one report, of which half was seen.
@@ -55,6 +56,8 @@ bool report_differs(const tavistro_stats_block& a, const tavistro_stats_block& b
 }  // namespace
 
 std::int64_t Tally::Growth::see(const Range& sum) {
+    if (!has_seen_) first_least_ = sum.least;
+    has_seen_ = true;
     highest_least_ = std::max(highest_least_, sum.least);
     lowest_most_ = std::min(lowest_most_, sum.most);
     const std::int64_t certain = std::max<std::int64_t>(highest_least_ - lowest_most_, 0);
@@ -199,7 +202,10 @@ void Tally::take_client_second() {
             repeated_ -= before_second_.repeated;
         }
         // One that was reckoned too many, or too few, when nothing was sure yet, is no loss.
-        if (second_.uncertain_us > same_report_us) replaced_ = {};
+        if (second_.uncertain_us > same_report_us) {
+            replaced_ = {};
+            missed_before_replaced_ = totals_.notices_missed.count;
+        }
         end_client_second({static_cast<double>(pending_second_.most_us), 0, pending_second_});
     } else if (client_second_differs(now_, before_)) {
         second_pending_ = true;
@@ -284,16 +290,24 @@ void Tally::count_blocks() {
     if (const std::int64_t more = missed_.see(missed)) add(&Totals::notices_missed, more);
     // The newest second of the client began within the last two of the player.
     const bool some_missed = gap_in_notices_ || gap_in_notices_before_;
-    const std::int64_t most_missed = some_missed ? missed.most - missed_before_[1].least : 0;
+    const bool are_known = reports_ > reports_left_out + 2;
+    const std::int64_t most_missed = !some_missed ? 0
+                                     : are_known  ? missed.most - missed_before_[1].least
+                                                  : any_number;
     missed_before_ = {missed, missed_before_[0]};
 
     if (const std::int64_t more = repeated_ - totals_.repeated.count; more > 0)
         add(&Totals::repeated, more);
     const Range handed_on{totals_.blocks - received_, totals_.blocks - received_};
-    // The notices missed by now and by two reports ago are to be known.
-    if (second_.uncertain_us < never_us && reports_ > reports_left_out + 2) {
-        if (const std::int64_t more = replaced_.see(handed_on - blocks_since_second(most_missed)))
+    if (second_.uncertain_us < never_us) {
+        const Range replaced = handed_on - blocks_since_second(most_missed);
+        if (const std::int64_t more = replaced_.see(replaced)) {
             add(&Totals::replaced, more);
+            if (now_us_ < unsettled_until_us_) totals_.replaced_after_silence += more;
+        }
+        totals_.notices_missed_alone = std::max(
+            totals_.notices_missed_alone,
+            totals_.notices_missed.count - missed_before_replaced_ - replaced_.at_most(replaced));
     }
 
     longest_quiet_before_us_ = longest_quiet_us_;
@@ -332,8 +346,11 @@ void Tally::count_periods() {
     const double periods = now_.callbacks_per_sec;
     const bool missed = periods < least - 1;
     const bool doubled = periods > most + 1;
-    if (missed) add(&Totals::periods_missed, std::llround(expected - periods));
-    if (doubled) add(&Totals::periods_doubled, std::llround(periods - expected));
+    const double short_ppm = 1e6 * (1 - periods / expected);
+    totals_.shortest_second_ppm =
+        std::max(totals_.shortest_second_ppm, static_cast<std::int64_t>(short_ppm));
+    if (missed) add(&Totals::periods_short, std::llround(expected - periods));
+    if (doubled) add(&Totals::periods_long, std::llround(periods - expected));
     if (missed || doubled) clocks_.begin_stretch();
 }
 

@@ -45,11 +45,15 @@ class Tally {
       public:
         /// Returns what is newly certain.
         std::int64_t see(const Range& sum);
+        /// The most that it can have grown until this look.
+        std::int64_t at_most(const Range& sum) const { return sum.most - first_least_; }
 
       private:
         std::int64_t highest_least_ = std::numeric_limits<std::int64_t>::min();
         std::int64_t lowest_most_ = std::numeric_limits<std::int64_t>::max();
         std::int64_t counted_ = 0;
+        std::int64_t first_least_ = 0;
+        bool has_seen_ = false;
     };
     /// A trouble and the seconds beside it.
     struct Watch {
@@ -139,6 +143,7 @@ class Tally {
 
     Growth replaced_;
     Growth missed_;
+    std::int64_t missed_before_replaced_ = 0;  ///< notices, when replaced blocks were first counted
     ClockComparison clocks_;
     std::int64_t drop_outs_before_ = 0;  ///< of the second before
     std::int64_t drop_outs_two_before_ = 0;
@@ -148,8 +153,8 @@ class Tally {
                                    {&Totals::notices_missed},
                                    {&Totals::silence},
                                    {&Totals::late},
-                                   {&Totals::periods_missed},
-                                   {&Totals::periods_doubled},
+                                   {&Totals::periods_short},
+                                   {&Totals::periods_long},
                                    {&Totals::pauses}}};
 };
 

@@ -32,17 +32,21 @@ struct Totals {
     Trouble replaced;        ///< blocks that silence was played for
     Trouble repeated;        ///< blocks that came again, or after silence had taken their place
     Trouble notices_missed;  ///< fewer notices than blocks
-    Trouble silence;         ///< milliseconds without a sign of the server, in spans of over 1 s
-    Trouble late;  ///< spans without a notice, half as long as the buffer, made up for then
-    Trouble periods_missed;  ///< in seconds with fewer periods than any clock makes of them
-    Trouble periods_doubled;
-    Trouble pauses;       ///< of this computer's threads, each longer than a block
-    Trouble unexplained;  ///< underruns and overruns with no other trouble in the seconds around
+    std::int64_t replaced_after_silence = 0;  ///< blocks of `replaced` that a silence cost
+    std::int64_t notices_missed_alone = 0;    ///< certainly more than blocks that went missing
+    Trouble silence;  ///< milliseconds without a sign of the server, in spans of over 1 s
+    Trouble late;     ///< spans without a notice, half as long as the buffer, made up for then
+    Trouble periods_short;  ///< device periods too few, in seconds with fewer than any clock makes
+    Trouble periods_long;   ///< too many, in seconds with more
+    Trouble pauses;         ///< of this computer's threads, each longer than a block
+    Trouble unexplained;    ///< underruns and overruns with no other trouble in the seconds around
 
     std::int64_t long_pauses = 0;     ///< those longer than half of what the buffer holds
     std::int64_t paused_periods = 0;  ///< device periods that the pauses would cost
     std::int64_t longest_pause_us = 0;
     std::int64_t longest_late_us = 0;
+    std::int64_t shortest_second_ppm =
+        0;  ///< by how much the second with the fewest periods was short
 
     double server_faster_ppm = 0;      ///< the server's blocks against the device's periods
     double clock_uncertainty_ppm = 0;  ///< 0: not known yet
