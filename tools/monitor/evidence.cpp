@@ -78,9 +78,10 @@ Totals operator-(const Totals& last, const Totals& first) {
           &Totals::underruns, &Totals::overruns, &Totals::refused, &Totals::capture_dropped,
           &Totals::long_pauses, &Totals::paused_periods})
         d.*sum -= first.*sum;
-    for (const auto trouble : {&Totals::replaced, &Totals::repeated, &Totals::notices_missed,
-                               &Totals::silence, &Totals::late, &Totals::periods_short,
-                               &Totals::periods_long, &Totals::pauses, &Totals::unexplained})
+    for (const auto trouble :
+         {&Totals::replaced, &Totals::repeated, &Totals::notices_missed, &Totals::notice_gaps,
+          &Totals::silence, &Totals::late, &Totals::periods_short, &Totals::periods_long,
+          &Totals::pauses, &Totals::unexplained})
         d.*trouble = last.*trouble - first.*trouble;
     return d;
 }
@@ -151,9 +152,13 @@ class Judgement {
     }
 
     void judge_notices() {
-        if (lasts(&Totals::notices_missed) && n_.notices_missed.count >= fewest_blocks &&
-            n_.notices_missed_alone > uncertain_blocks &&
-            2 * n_.notices_missed_alone > n_.notices_missed.count)
+        const Trouble& missed = n_.notices_missed;
+        const bool alone = n_.notices_missed_alone > uncertain_blocks &&
+                           2 * n_.notices_missed_alone > missed.count;
+        // The buffer did not run empty meanwhile: the blocks did come.
+        const bool blocks_came =
+            lasts(&Totals::notice_gaps) && 2 * n_.notice_gaps.drop_outs < n_.notice_gaps.count;
+        if (lasts(&Totals::notices_missed) && (alone || blocks_came))
             name(Cause::missing_notices, 0);
     }
 

@@ -158,7 +158,7 @@ void Tally::take_notices(std::int64_t gap_us) {
                  gap_us);
 }
 
-/// What was only late comes at once when it comes: within two looks.
+/// What was only late comes at once when it comes: within two looks. The rest was missed.
 void Tally::take_catching_up(std::int64_t came, std::int64_t gap_us) {
     const auto more_than_due_us = std::llround(block_us_ * static_cast<double>(came)) - gap_us;
     if (catching_up_us_ != 0) {
@@ -166,6 +166,8 @@ void Tally::take_catching_up(std::int64_t came, std::int64_t gap_us) {
         if (2 * made_up_us_ > catching_up_us_) {
             add(&Totals::late, 1);
             totals_.longest_late_us = std::max(totals_.longest_late_us, catching_up_us_);
+        } else if (catching_up_us_ > 3 * half_buffer_us()) {
+            add(&Totals::notice_gaps, 1);
         }
         catching_up_us_ = 0;
     }

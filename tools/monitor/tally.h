@@ -148,9 +148,10 @@ class Tally {
     std::int64_t drop_outs_before_ = 0;  ///< of the second before
     std::int64_t drop_outs_two_before_ = 0;
     bool settled_ = true;
-    std::array<Watch, 8> watches_{{{&Totals::replaced},
+    std::array<Watch, 9> watches_{{{&Totals::replaced},
                                    {&Totals::repeated},
                                    {&Totals::notices_missed},
+                                   {&Totals::notice_gaps},
                                    {&Totals::silence},
                                    {&Totals::late},
                                    {&Totals::periods_short},

@@ -34,8 +34,9 @@ struct Totals {
     Trouble notices_missed;  ///< fewer notices than blocks
     std::int64_t replaced_after_silence = 0;  ///< blocks of `replaced` that a silence cost
     std::int64_t notices_missed_alone = 0;    ///< certainly more than blocks that went missing
-    Trouble silence;  ///< milliseconds without a sign of the server, in spans of over 1 s
-    Trouble late;     ///< spans without a notice, half as long as the buffer, made up for then
+    Trouble notice_gaps;  ///< spans of missed notices, longer than what the buffer holds
+    Trouble silence;      ///< milliseconds without a sign of the server, in spans of over 1 s
+    Trouble late;         ///< spans without a notice, half as long as the buffer, made up for then
     Trouble periods_short;  ///< device periods too few, in seconds with fewer than any clock makes
     Trouble periods_long;   ///< too many, in seconds with more
     Trouble pauses;         ///< of this computer's threads, each longer than a block

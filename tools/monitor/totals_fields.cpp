@@ -42,6 +42,7 @@ constexpr TotalsField table[] = {
     TAVISTRO_TROUBLE(notices_missed, "Notices fewer than blocks"),
     TAVISTRO_TOTAL(replaced_after_silence, counter, "Replaced blocks that a silence cost"),
     TAVISTRO_TOTAL(notices_missed_alone, counter, "Notices missed beyond the blocks that were"),
+    TAVISTRO_TROUBLE(notice_gaps, "Spans of missed notices, longer than what the buffer holds"),
     TAVISTRO_TROUBLE(silence, "Milliseconds without anything from the server"),
     TAVISTRO_TROUBLE(late, "Spans without a notice, half as long as the buffer, made up for then"),
     TAVISTRO_TROUBLE(periods_short, "Device periods too few, in seconds with clearly too few"),
