@@ -50,7 +50,7 @@ void part_clocks(Scenario& s, double device_faster_ppm, Dice& dice) {
 
 void clocks_apart(Scenario& s, Strength, Dice& dice) {
     s.faults.drift_ppm = 0;
-    part_clocks(s, dice.chance(0.5) ? 150 : -150, dice);
+    part_clocks(s, dice.chance(0.5) ? 100 : -100, dice);
 }
 
 void loss(Scenario& s, Strength strength, Dice&) {
@@ -122,7 +122,7 @@ const std::vector<Fault>& all_faults() {
         {"none", {}, nothing, "nothing"},
         {"duplication", {}, duplication, "half of the datagrams come twice"},
         {"little-jitter", {}, little_jitter, "datagrams held up by a quarter of the buffer"},
-        {"clocks-apart", {}, clocks_apart, "150 ppm either way"},
+        {"clocks-apart", {}, clocks_apart, "100 ppm either way"},
         {"loss", {Cause::network_loss}, loss, "0.02 / 0.5 / 5 % of the datagrams"},
         {"bursts",
          {Cause::network_loss},

@@ -37,7 +37,7 @@ constexpr std::int64_t far_more = 3;
 /// The share of late blocks, or of lost ones, that makes a cause of its own beside the other.
 constexpr double least_share = 0.2;
 /// The difference of two clocks that every buffer holds, in ppm.
-constexpr double held_ppm = 150;
+constexpr double held_ppm = 100;
 /// No clock of a computer or a sound card is further off than this, in ppm.
 constexpr double most_clock_ppm = 5000;
 /// What a single pause of any computer may cost a device, in periods.
@@ -153,7 +153,9 @@ class Judgement {
 
     void judge_notices() {
         const Trouble& missed = n_.notices_missed;
-        const bool alone = n_.notices_missed_alone > uncertain_blocks &&
+        const auto alone_by_chance =
+            static_cast<std::int64_t>(3 * std::sqrt(static_cast<double>(missed.count)));
+        const bool alone = n_.notices_missed_alone > std::max(uncertain_blocks, alone_by_chance) &&
                            2 * n_.notices_missed_alone > missed.count;
         // The buffer did not run empty meanwhile: the blocks did come.
         const bool blocks_came =
@@ -193,18 +195,19 @@ class Judgement {
 
     void judge_clocks() {
         const double ppm = n_.server_faster_ppm;
-        const double sure_ppm = std::abs(ppm) - n_.clock_uncertainty_ppm;
-        if (n_.clock_uncertainty_ppm == 0 || sure_ppm < held_ppm) return;
+        if (n_.clock_uncertainty_ppm == 0 || std::abs(ppm) < n_.clock_uncertainty_ppm) return;
         // A clock that is off makes one kind of drop-out, and no more than it gains in blocks.
         const bool slow = ppm > 0;
         const std::int64_t made = slow ? n_.overruns : n_.underruns;
-        const std::int64_t other = slow ? n_.underruns : n_.overruns;
+        const std::int64_t other = (slow ? n_.underruns : n_.overruns) - n_.silence.drop_outs;
         const double gained =
             (std::abs(ppm) + n_.clock_uncertainty_ppm) * 1e-6 * static_cast<double>(n_.blocks);
-        if (10 * (other - n_.silence.drop_outs) > made ||
-            static_cast<double>(made) > 1.5 * gained + fewest_blocks)
+        like_a_clock_ =
+            10 * other <= made && static_cast<double>(made) <= 1.5 * gained + fewest_blocks;
+        const bool is_off = std::abs(ppm) - n_.clock_uncertainty_ppm > held_ppm;
+        if (!like_a_clock_ || !is_off ||
+            !lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; }))
             return;
-        if (!lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; })) return;
         if (std::abs(ppm) < most_clock_ppm) {
             name(slow ? Cause::device_too_slow : Cause::device_too_fast, made);
         } else {
@@ -213,7 +216,7 @@ class Judgement {
     }
 
     void judge_evenness() {
-        if (left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
+        if (!like_a_clock_ && left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
             n_.unexplained.count >= fewest_blocks && is_most(n_.unexplained.count) &&
             more_than_pauses(n_.unexplained.seconds, n_.pauses.count))
             name(Cause::device_uneven, n_.unexplained.count);
@@ -232,6 +235,7 @@ class Judgement {
     std::vector<Cause> causes_;
     std::int64_t explained_ = 0;  ///< underruns and overruns
     bool lost_is_named_ = false;
+    bool like_a_clock_ = false;  ///< of one kind, and as few as the clocks' difference makes
 };
 
 std::string drop_outs_text(const Totals& n) {
@@ -296,7 +300,7 @@ double Stretch::another_rate() const {
     const double off = std::abs(1 - rate / last().stream_sample_rate);
     if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > 3 * off + paused_share) return 0;
     // Far from the stream's rate nothing else is near.
-    const double accuracy = std::max(rate_accuracy, off / 20);
+    const double accuracy = std::max(rate_accuracy, off / 40);
     const double least = rate * (1 - accuracy);
     const double most = rate * (1 + accuracy) * (1 + 2 * paused_share);
     const auto between = [=](double known) { return least <= known && known <= most; };

@@ -30,6 +30,8 @@ constexpr std::int64_t same_report_us = 500'000;
 constexpr std::int64_t shortest_silence_us = 1'000'000;
 /// A buffer that ran empty fills, and is full for a while, after the server is back.
 constexpr std::int64_t settling_us = 4'000'000;
+/// It may take some more reports until the blocks that a silence cost are certain.
+constexpr std::int64_t certain_after_us = 6'000'000;
 /// No clock of a computer or a sound card is further off.
 constexpr double most_clock_error = 0.005;
 /// A thread that sleeps is never woken to the microsecond.
@@ -180,7 +182,8 @@ void Tally::take_catching_up(std::int64_t came, std::int64_t gap_us) {
 }
 
 void Tally::take_silence(bool sign, std::int64_t gap_us) {
-    if (sign) {
+    // Before the first pong notices are not counted, and nothing is published.
+    if (sign || now_.clock_synced == 0) {
         silent_us_ = counted_silence_ms_ = 0;
         return;
     }
@@ -305,7 +308,8 @@ void Tally::count_blocks() {
         const Range replaced = handed_on - blocks_since_second(most_missed);
         if (const std::int64_t more = replaced_.see(replaced)) {
             add(&Totals::replaced, more);
-            if (now_us_ < unsettled_until_us_) totals_.replaced_after_silence += more;
+            if (now_us_ < unsettled_until_us_ + certain_after_us)
+                totals_.replaced_after_silence += more;
         }
         totals_.notices_missed_alone = std::max(
             totals_.notices_missed_alone,
