@@ -14,8 +14,6 @@ namespace {
 
 /// A rare fault takes this long to be seen often enough; an hour's faults are not all of one hour.
 constexpr double piece_s = 120;
-/// A judgement needs some seconds' counts.
-constexpr double least_s = 4;
 
 constexpr std::pair<Cause, std::string_view> cause_names[] = {
     {Cause::engine_absent, "no engine"},         {Cause::engine_silent, "engine silent"},
@@ -85,7 +83,7 @@ class RunAccount {
         std::vector<std::pair<Cause, Samples>> open;
         for (const Samples& piece : pieces_of(run_)) {
             const Stretch stretch(piece, origin_);
-            if (stretch.seconds() < least_s) continue;
+            if (stretch.seconds() < least_watched_s) continue;
             const Proof proof = proof_of(stretch);
             std::vector<std::pair<Cause, Samples>> still_open;
             for (const auto& [cause, samples] : open) {
@@ -252,11 +250,6 @@ std::vector<std::string> account_lines(const Account& account) {
                             .append("): ")
                             .append(finding.text));
     if (!account.not_clear_yet.empty()) lines.push_back("not clear yet: " + account.not_clear_yet);
-    if (account.nothing_wrong()) {
-        lines.push_back(account.watched_s < least_s
-                            ? "too short a time to judge"
-                            : "nothing wrong in " + time_text(account.watched_s));
-    }
     return lines;
 }
 

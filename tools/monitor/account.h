@@ -47,6 +47,9 @@ struct Finding {
     std::string text;
 };
 
+/// Less is too short a time to judge: two reports are left out.
+inline constexpr double least_watched_s = 4;
+
 struct Account {
     double watched_s = 0;
     std::vector<Fact> facts;      ///< in the order of time

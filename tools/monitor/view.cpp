@@ -12,8 +12,6 @@ namespace tavistro::monitor {
 
 namespace {
 
-constexpr double least_watched_s = 4;  ///< before nothing is said to be wrong
-
 template <typename... Values>
 std::string text(const char* format, Values... values) {
     char buffer[200];

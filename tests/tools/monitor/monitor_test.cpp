@@ -200,11 +200,8 @@ struct ScriptedBlock {
         block.write_stream_format(48000, block_frames);
         block.write_state(TAVISTRO_STATE_RUNNING);
     }
-    void report(std::uint64_t underruns) {
-        block.write_player_telemetry({.callbacksPerSec = 375,
-                                      .renderedFrames = 48000 * underruns,
-                                      .target_frames = 512,
-                                      .underruns = underruns});
+    void report(std::uint64_t notices) {
+        block.write_client_telemetry({.clock_synced = true, .sync_delay_samples = notices});
     }
 };
 
@@ -225,7 +222,7 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     let_it_look(100);
     const Totals first = observer.look()[0].totals;
     engine.report(8);
-    EXPECT_EQ(observer.look()[0].totals.underruns, first.underruns + 3);
+    EXPECT_EQ(observer.look()[0].totals.notices, first.notices + 3);
     for (const std::uint32_t frames : {256U, 128U}) {
         engine.block.write_stream_format(48000, frames);
         let_it_look(100);
@@ -238,14 +235,14 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
 
     engine.block.write_state(TAVISTRO_STATE_STOPPED);
     ASSERT_TRUE(becomes(Presence::ended));
-    EXPECT_EQ(now.stats->underruns, 8U);
+    EXPECT_EQ(now.stats->sync_delay_samples, 8U);
     engine.block.close();
     engine.run(128);
     engine.report(1);
     let_it_look(300);  // for a new block it looks less often
     engine.report(2);
     ASSERT_TRUE(becomes(Presence::alive));
-    EXPECT_GE(now.totals.underruns, 1) << "of the new run, seen between two readings";
+    EXPECT_GE(now.totals.notices, 1) << "of the new run, seen between two readings";
     engine.block.close();
     EXPECT_TRUE(becomes(Presence::ended)) << "without a last word";
 }
