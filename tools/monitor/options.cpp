@@ -22,7 +22,7 @@ constexpr const char* usage =
 
 std::optional<Options> parse_options(int argc, const char* const* argv, int& exit_code) {
     constexpr int wrong_arguments = 2;
-    constexpr double explain_seconds = 15;
+    constexpr double explain_seconds = 30;
     constexpr double longest_s = 1e9;
     Options options;
     const auto client_id = CLI::Range(1U, 4294967295U);
@@ -59,7 +59,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         "Say in words what happened and which side drop-outs come from; exit status 1 "
         "when something was wrong or is not clear yet");
     explain->add_option("CLIENT_ID", options.client_ids, "Engines to watch")->check(client_id);
-    explain->add_option("--seconds", options.seconds, "How long to watch (15)")->check(time);
+    explain->add_option("--seconds", options.seconds, "How long to watch (30)")->check(time);
     explain->add_option("--recording", options.recording_path, "Explain a recording instead");
 
     try {
