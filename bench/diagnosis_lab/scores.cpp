@@ -53,7 +53,7 @@ std::vector<Job> jobs_for(std::span<const Entry> all, const ScoreOptions& option
     std::vector<Job> jobs;
     for (std::size_t i = 0; i < all.size(); ++i) {
         for (std::uint64_t k = 0; k < options.seeds; ++k) {
-            const std::uint64_t seed = 2 * k + (options.held_out ? 2 : 1);
+            const std::uint64_t seed = options.held_out ? first_held_out_seed + 2 * k : 2 * k + 1;
             // What must not be accused is watched for as long as anything.
             if (all[i].is_harmless()) {
                 for (const double seconds : lengths_s)

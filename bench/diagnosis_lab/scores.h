@@ -10,10 +10,14 @@
 
 namespace tavistro::diagnosis_lab {
 
+inline constexpr std::uint64_t first_held_out_seed = 102;
+
 struct ScoreOptions {
     std::uint64_t seeds = 5;  ///< of each entry
-    bool held_out = false;    ///< even seeds, which nobody tunes by; or odd ones
-    unsigned jobs = 1;        ///< worlds at once
+    /// Even seeds, which nobody tunes by; or odd ones. Once a rule is mended for what they show,
+    /// they are none any more, and the first of them moves on.
+    bool held_out = false;
+    unsigned jobs = 1;  ///< worlds at once
 };
 
 /// A verdict on every world, in the order of `all`, with lengths from half a minute to ten.

@@ -30,6 +30,8 @@ namespace {
 constexpr double lasts_s = 8;
 /// What is counted did happen: two are enough when they lie apart.
 constexpr std::int64_t fewest_blocks = 2;
+/// Blocks and notices that went missing: fewer may be chance.
+constexpr std::int64_t fewest_datagrams = 4;
 /// Notices that may be missing alone by chance, where the network loses some of everything.
 constexpr std::int64_t uncertain_blocks = 4;
 /// Networks lose notices and blocks alike, give or take chance.
@@ -72,11 +74,10 @@ Trouble operator-(const Trouble& a, const Trouble& b) {
 
 Totals operator-(const Totals& last, const Totals& first) {
     Totals d = last;
-    for (const auto sum :
-         {&Totals::watched_ms, &Totals::reported_ms, &Totals::replaced_after_silence,
-          &Totals::notices_missed_alone, &Totals::blocks, &Totals::notices, &Totals::periods,
-          &Totals::underruns, &Totals::overruns, &Totals::refused, &Totals::capture_dropped,
-          &Totals::long_pauses, &Totals::paused_periods})
+    for (const auto sum : {&Totals::watched_ms, &Totals::reported_ms, &Totals::notices_missed_alone,
+                           &Totals::blocks, &Totals::notices, &Totals::periods, &Totals::underruns,
+                           &Totals::overruns, &Totals::refused, &Totals::capture_dropped,
+                           &Totals::long_pauses, &Totals::paused_periods})
         d.*sum -= first.*sum;
     for (const auto trouble :
          {&Totals::replaced, &Totals::repeated, &Totals::notices_missed, &Totals::notice_gaps,
@@ -86,9 +87,19 @@ Totals operator-(const Totals& last, const Totals& first) {
     return d;
 }
 
+/// Blocks that a silence may have cost.
+std::int64_t most_of_silence(const Stretch& s) {
+    constexpr std::int64_t at_its_ends = 10;
+    const std::int64_t ms = s.counted().silence.count;
+    return ms == 0 ? 0 : std::llround(1e3 * static_cast<double>(ms) / s.block_us()) + at_its_ends;
+}
+
 class Judgement {
   public:
-    explicit Judgement(const Stretch& stretch) : s_(stretch), n_(stretch.counted()) {
+    explicit Judgement(const Stretch& stretch)
+        : s_(stretch),
+          n_(stretch.counted()),
+          replaced_(std::max<std::int64_t>(n_.replaced.count - most_of_silence(stretch), 0)) {
         judge_silence();
         if (judge_format()) return;
         judge_blocks();
@@ -103,8 +114,7 @@ class Judgement {
         std::ranges::sort(causes_);
         const auto twice = std::ranges::unique(causes_);
         causes_.erase(twice.begin(), twice.end());
-        const std::int64_t lost =
-            lost_is_named_ ? 0 : n_.replaced.count - n_.replaced_after_silence;
+        const std::int64_t lost = lost_is_named_ ? 0 : replaced_;
         return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
     }
 
@@ -131,19 +141,23 @@ class Judgement {
 
     bool judge_format() {
         const bool refused = 2 * n_.refused > n_.blocks;
-        if (!refused && s_.another_rate() == 0) return false;
+        const Stretch::Rate rate = s_.another_rate();
+        maybe_another_rate_ = rate.hz != 0;
+        if (!refused && !rate.is_sure) return false;
         name(Cause::format_mismatch, s_.drop_outs());
         return true;
     }
 
     void judge_blocks() {
-        const std::int64_t count = n_.replaced.count - n_.replaced_after_silence;
-        if (!lasts(&Totals::replaced) || count < fewest_blocks) return;
-        const auto replaced = static_cast<double>(count);
+        const auto replaced = static_cast<double>(replaced_);
         const auto late = static_cast<double>(n_.repeated.count);
+        // Few blocks are sure to be lost by the notices that are.
+        const bool seen = lasts(&Totals::replaced) || lasts(&Totals::notices_missed);
+        if (replaced_ < 1 || !seen || replaced_ + n_.notices_missed.count < fewest_datagrams)
+            return;
         // A network that doubles blocks hides which of them were late.
         if (late > (1 + least_share) * replaced + fewest_blocks) return;
-        const double least = std::max<double>(fewest_blocks, least_share * replaced);
+        const double least = std::max<double>(1, least_share * replaced);
         // Notices go the same way as blocks, and are known to be missing sooner.
         const std::int64_t beside = std::max(n_.replaced.drop_outs, n_.notices_missed.drop_outs);
         if (replaced - late >= least) name(Cause::network_loss, beside);
@@ -155,8 +169,10 @@ class Judgement {
         const Trouble& missed = n_.notices_missed;
         const auto alone_by_chance =
             static_cast<std::int64_t>(3 * std::sqrt(static_cast<double>(missed.count)));
-        const bool alone = n_.notices_missed_alone > std::max(uncertain_blocks, alone_by_chance) &&
-                           2 * n_.notices_missed_alone > missed.count;
+        const std::int64_t of_silence = n_.silence.count > 0 ? missed.count / 2 : 0;
+        const bool alone =
+            n_.notices_missed_alone - of_silence > std::max(uncertain_blocks, alone_by_chance) &&
+            2 * n_.notices_missed_alone > missed.count;
         // The buffer did not run empty meanwhile: the blocks did come.
         const bool blocks_came =
             lasts(&Totals::notice_gaps) && 2 * n_.notice_gaps.drop_outs < n_.notice_gaps.count;
@@ -186,7 +202,7 @@ class Judgement {
             2 * (-too_many - clocks) > static_cast<double>(n_.periods_short.count);
         if (doubled && too_many > most_clock_ppm * 1e-6 * due) {
             name(Cause::device_too_fast, n_.periods_long.drop_outs);
-        } else if (missed && short_on_the_whole) {
+        } else if (missed && short_on_the_whole && !maybe_another_rate_) {
             name(Cause::device_stall, n_.periods_short.drop_outs);
         } else if (missed && doubled && s_.drop_outs() > 0) {
             name(Cause::device_uneven, s_.drop_outs());
@@ -195,17 +211,17 @@ class Judgement {
 
     void judge_clocks() {
         const double ppm = n_.server_faster_ppm;
-        if (n_.clock_uncertainty_ppm == 0 || std::abs(ppm) < n_.clock_uncertainty_ppm) return;
+        if (n_.clock_uncertainty_ppm == 0) return;
         // A clock that is off makes one kind of drop-out, and no more than it gains in blocks.
         const bool slow = ppm > 0;
         const std::int64_t made = slow ? n_.overruns : n_.underruns;
         const std::int64_t other = (slow ? n_.underruns : n_.overruns) - n_.silence.drop_outs;
         const double gained =
             (std::abs(ppm) + n_.clock_uncertainty_ppm) * 1e-6 * static_cast<double>(n_.blocks);
-        like_a_clock_ =
+        const bool like_a_clock =
             10 * other <= made && static_cast<double>(made) <= 1.5 * gained + fewest_blocks;
         const bool is_off = std::abs(ppm) - n_.clock_uncertainty_ppm > held_ppm;
-        if (!like_a_clock_ || !is_off ||
+        if (!like_a_clock || !is_off ||
             !lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; }))
             return;
         if (std::abs(ppm) < most_clock_ppm) {
@@ -216,7 +232,9 @@ class Judgement {
     }
 
     void judge_evenness() {
-        if (!like_a_clock_ && left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
+        // A clock that is off, known or not yet, makes one kind.
+        const auto [fewer, more] = std::minmax(n_.underruns, n_.overruns);
+        if (10 * fewer > more && left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
             n_.unexplained.count >= fewest_blocks && is_most(n_.unexplained.count) &&
             more_than_pauses(n_.unexplained.seconds, n_.pauses.count))
             name(Cause::device_uneven, n_.unexplained.count);
@@ -232,10 +250,11 @@ class Judgement {
 
     const Stretch& s_;
     const Totals& n_;
+    const std::int64_t replaced_;  ///< blocks
     std::vector<Cause> causes_;
     std::int64_t explained_ = 0;  ///< underruns and overruns
     bool lost_is_named_ = false;
-    bool like_a_clock_ = false;  ///< of one kind, and as few as the clocks' difference makes
+    bool maybe_another_rate_ = false;
 };
 
 std::string drop_outs_text(const Totals& n) {
@@ -287,10 +306,10 @@ Span Stretch::span() const {
     return {at(0), at(samples_.size() - 1)};
 }
 
-double Stretch::another_rate() const {
+Stretch::Rate Stretch::another_rate() const {
     const Totals& n = counted_;
     const std::int64_t others = std::max(n.periods_short.seconds, n.periods_long.seconds);
-    if (n.reported_ms < least_rate_ms || 1000 * 2 * others < n.reported_ms) return 0;
+    if (n.reported_ms < least_rate_ms || 1000 * 2 * others < n.reported_ms) return {};
     const double rate = 1e3 * last().stream_block_frames * static_cast<double>(n.periods) /
                         static_cast<double>(n.reported_ms);
     // Pauses keep a device of any rate from some of its periods: twice what was seen, at most.
@@ -298,15 +317,16 @@ double Stretch::another_rate() const {
                                 (1e3 * static_cast<double>(n.reported_ms));
     // All the time, not a lot now and then.
     const double off = std::abs(1 - rate / last().stream_sample_rate);
-    if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > 3 * off + paused_share) return 0;
+    if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > 3 * off + paused_share) return {};
     // Far from the stream's rate nothing else is near.
     const double accuracy = std::max(rate_accuracy, off / 40);
     const double least = rate * (1 - accuracy);
     const double most = rate * (1 + accuracy) * (1 + 2 * paused_share);
     const auto between = [=](double known) { return least <= known && known <= most; };
-    if (between(last().stream_sample_rate)) return 0;
+    if (between(last().stream_sample_rate)) return {};
     const auto* const found = std::ranges::find_if(known_rates, between);
-    return found == known_rates.end() ? 0 : *found;
+    if (found == known_rates.end()) return {};
+    return {*found, 8 * paused_share < off};
 }
 
 Proof proof_of(const Stretch& stretch) {
@@ -321,7 +341,7 @@ std::string words_for(Cause cause, const Stretch& s) {
                 "nothing came from the server for %.1f s: it stopped, or the network is cut",
                 static_cast<double>(n.silence.count) / 1e3);
         case Cause::format_mismatch:
-            if (const double rate = s.another_rate(); rate != 0)
+            if (const double rate = s.another_rate().hz; rate != 0)
                 return text(
                     "the device runs at %.0f Hz, or with another period; the stream has %u "
                     "Hz in blocks of %u frames",

@@ -45,9 +45,13 @@ class Stretch {
         }
         return {at(first), at(last)};
     }
-    /// The rate that the device runs at all the time, in Hz, when it is one that devices have and
-    /// not the stream's; else 0.
-    double another_rate() const;
+    struct Rate {
+        double hz = 0;         ///< 0: none
+        bool is_sure = false;  ///< else periods missed for pauses of this computer may look like it
+    };
+    /// The rate that the device runs at all the time when it is one that devices have and not the
+    /// stream's.
+    Rate another_rate() const;
 
   private:
     double at(std::size_t index) const { return seconds_between(origin_, samples_[index]); }

@@ -30,8 +30,6 @@ constexpr std::int64_t same_report_us = 500'000;
 constexpr std::int64_t shortest_silence_us = 1'000'000;
 /// A buffer that ran empty fills, and is full for a while, after the server is back.
 constexpr std::int64_t settling_us = 4'000'000;
-/// It may take some more reports until the blocks that a silence cost are certain.
-constexpr std::int64_t certain_after_us = 6'000'000;
 /// No clock of a computer or a sound card is further off.
 constexpr double most_clock_error = 0.005;
 /// A thread that sleeps is never woken to the microsecond.
@@ -147,14 +145,12 @@ void Tally::take_notices(std::int64_t gap_us) {
     const std::int64_t came = now_.sync_delay_samples - before_.sync_delay_samples;
     totals_.notices += came;
     take_catching_up(came, gap_us);
-    if (came == 0) {
-        quiet_us_ += gap_us;
-        longest_quiet_us_ = std::max(longest_quiet_us_, quiet_us_);
-        // More than a single notice.
-        if (static_cast<double>(quiet_us_) > 2.5 * block_us_) gap_in_notices_ = true;
-    } else {
-        quiet_us_ = 0;
-    }
+    // A notice may have come right after the look before, or right before this one.
+    longest_quiet_us_ = std::max(longest_quiet_us_, quiet_us_ + gap_us);
+    // More than a single notice.
+    const std::int64_t looked_late_us = std::max<std::int64_t>(gap_us - look_every_us, 0);
+    if (static_cast<double>(quiet_us_ + looked_late_us) > 2.5 * block_us_) gap_in_notices_ = true;
+    quiet_us_ = came == 0 ? quiet_us_ + gap_us : 0;
     take_silence(came != 0 || now_.rtt_samples != before_.rtt_samples ||
                      now_.block_callback_last_us != before_.block_callback_last_us,
                  gap_us);
@@ -306,11 +302,7 @@ void Tally::count_blocks() {
     const Range handed_on{totals_.blocks - received_, totals_.blocks - received_};
     if (second_.uncertain_us < never_us) {
         const Range replaced = handed_on - blocks_since_second(most_missed);
-        if (const std::int64_t more = replaced_.see(replaced)) {
-            add(&Totals::replaced, more);
-            if (now_us_ < unsettled_until_us_ + certain_after_us)
-                totals_.replaced_after_silence += more;
-        }
+        if (const std::int64_t more = replaced_.see(replaced)) add(&Totals::replaced, more);
         totals_.notices_missed_alone = std::max(
             totals_.notices_missed_alone,
             totals_.notices_missed.count - missed_before_replaced_ - replaced_.at_most(replaced));
@@ -327,7 +319,7 @@ void Tally::count_blocks() {
 /// and as many as notices, but for those missed.
 Tally::Range Tally::blocks_since_second(std::int64_t most_notices_missed) const {
     const double beside_us =
-        second_.uncertain_us + block_error_ * 2 * report_every_us + 2 * look_every_us +
+        second_.uncertain_us + block_error_ * 2 * report_every_us +
         static_cast<double>(std::max(longest_quiet_us_, longest_quiet_before_us_));
     const auto blocks = [&](double us) { return us / block_us_; };
     const double least =

@@ -32,8 +32,7 @@ struct Totals {
     Trouble replaced;        ///< blocks that silence was played for
     Trouble repeated;        ///< blocks that came again, or after silence had taken their place
     Trouble notices_missed;  ///< fewer notices than blocks
-    std::int64_t replaced_after_silence = 0;  ///< blocks of `replaced` that a silence cost
-    std::int64_t notices_missed_alone = 0;    ///< certainly more than blocks that went missing
+    std::int64_t notices_missed_alone = 0;  ///< certainly more than blocks that went missing
     Trouble notice_gaps;  ///< spans of missed notices, longer than what the buffer holds
     Trouble silence;      ///< milliseconds without a sign of the server, in spans of over 1 s
     Trouble late;         ///< spans without a notice, half as long as the buffer, made up for then

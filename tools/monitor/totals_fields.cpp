@@ -40,7 +40,6 @@ constexpr TotalsField table[] = {
     TAVISTRO_TROUBLE(replaced, "Blocks that silence was played for"),
     TAVISTRO_TROUBLE(repeated, "Blocks that came again, or after silence had taken their place"),
     TAVISTRO_TROUBLE(notices_missed, "Notices fewer than blocks"),
-    TAVISTRO_TOTAL(replaced_after_silence, counter, "Replaced blocks that a silence cost"),
     TAVISTRO_TOTAL(notices_missed_alone, counter, "Notices missed beyond the blocks that were"),
     TAVISTRO_TROUBLE(notice_gaps, "Spans of missed notices, longer than what the buffer holds"),
     TAVISTRO_TROUBLE(silence, "Milliseconds without anything from the server"),
