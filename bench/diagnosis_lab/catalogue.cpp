@@ -236,8 +236,8 @@ std::vector<Entry> entries() {
 }
 
 std::optional<Entry> find_entry(std::string_view name) {
-    for (Entry& entry : entries()) {
-        if (entry.name() == name) return std::move(entry);
+    for (const Entry& entry : entries()) {
+        if (entry.name() == name) return entry;
     }
     return {};
 }

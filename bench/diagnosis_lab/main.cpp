@@ -69,7 +69,7 @@ int run_tool(int argc, char** argv) {
             ->check(CLI::Range(1, 100000))
             ->capture_default_str();
     score_command->add_flag("--held-out", score.held_out,
-                            "even seeds from 102 on instead of odd ones");
+                            "even seeds from 202 on instead of odd ones");
     score_command->add_option("--jobs", score.jobs, "worlds at once")->check(CLI::Range(1, 1024));
     try {
         app.parse(argc, argv);

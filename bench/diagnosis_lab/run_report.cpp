@@ -38,6 +38,7 @@ std::string text(const char* format, auto... values) {
 
 std::vector<std::string> names_of(const std::vector<monitor::Cause>& causes) {
     std::vector<std::string> names;
+    names.reserve(causes.size());
     for (const monitor::Cause cause : causes)
         names.emplace_back(cause_name(cause));
     return names;

@@ -10,7 +10,7 @@
 
 namespace tavistro::diagnosis_lab {
 
-inline constexpr std::uint64_t first_held_out_seed = 102;
+inline constexpr std::uint64_t first_held_out_seed = 202;
 
 struct ScoreOptions {
     std::uint64_t seeds = 5;  ///< of each entry

@@ -64,10 +64,10 @@ void NamedMemory::close() noexcept {
     handle_ = -1;
 }
 bool NamedMemory::store(std::size_t offset, std::span<const std::uint32_t> fields) noexcept {
-    return store_at(offset, std::as_bytes(fields));
+    return is_open() && store_at(offset, std::as_bytes(fields));
 }
 bool NamedMemory::store(std::size_t offset, std::span<const std::uint64_t> fields) noexcept {
-    return store_at(offset, std::as_bytes(fields));
+    return is_open() && store_at(offset, std::as_bytes(fields));
 }
 
 }  // namespace tavistro::platform

@@ -147,7 +147,7 @@ World::World(const Scenario& scenario)
 
 Recording World::run() {
     for (;;) {
-        const auto first = std::ranges::min_element(next_);
+        auto* const first = std::ranges::min_element(next_);
         if (*first >= end_ns_) break;
         set_time_ns(*first);
         happen(static_cast<Event>(first - next_.begin()));

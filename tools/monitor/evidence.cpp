@@ -112,8 +112,7 @@ class Judgement {
     }
     Proof take() {
         std::ranges::sort(causes_);
-        const auto twice = std::ranges::unique(causes_);
-        causes_.erase(twice.begin(), twice.end());
+        causes_.erase(std::unique(causes_.begin(), causes_.end()), causes_.end());
         const std::int64_t lost = lost_is_named_ ? 0 : replaced_;
         return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
     }
@@ -152,7 +151,10 @@ class Judgement {
         const auto replaced = static_cast<double>(replaced_);
         const auto late = static_cast<double>(n_.repeated.count);
         // Few blocks are sure to be lost by the notices that are.
-        const bool seen = lasts(&Totals::replaced) || lasts(&Totals::notices_missed);
+        const bool few_notices =
+            n_.notices_missed.count <= far_more * (replaced_ + uncertain_blocks);
+        const bool seen =
+            lasts(&Totals::replaced) || (few_notices && lasts(&Totals::notices_missed));
         if (replaced_ < 1 || !seen || replaced_ + n_.notices_missed.count < fewest_datagrams)
             return;
         // A network that doubles blocks hides which of them were late.
@@ -187,9 +189,9 @@ class Judgement {
     }
 
     void judge_periods() {
-        // Pauses are of any length: half of the longest is longer than most.
-        const double longest_periods = std::max(
-            least_pause_periods, static_cast<double>(n_.longest_pause_us) / s_.block_us() / 2);
+        // Pauses are of any length; nearly all are shorter than the longest.
+        const double longest_periods =
+            std::max(least_pause_periods, static_cast<double>(n_.longest_pause_us) / s_.block_us());
         const bool missed =
             lasts(&Totals::periods_short) && static_cast<double>(n_.periods_short.count) >
                                                  longest_periods * most_pauses(n_.pauses.count);
@@ -200,9 +202,10 @@ class Judgement {
         const double too_many = static_cast<double>(n_.periods) - due;
         const bool short_on_the_whole =
             2 * (-too_many - clocks) > static_cast<double>(n_.periods_short.count);
+        if (maybe_another_rate_) return;
         if (doubled && too_many > most_clock_ppm * 1e-6 * due) {
             name(Cause::device_too_fast, n_.periods_long.drop_outs);
-        } else if (missed && short_on_the_whole && !maybe_another_rate_) {
+        } else if (missed && short_on_the_whole) {
             name(Cause::device_stall, n_.periods_short.drop_outs);
         } else if (missed && doubled && s_.drop_outs() > 0) {
             name(Cause::device_uneven, s_.drop_outs());
@@ -309,7 +312,7 @@ Span Stretch::span() const {
 Stretch::Rate Stretch::another_rate() const {
     const Totals& n = counted_;
     const std::int64_t others = std::max(n.periods_short.seconds, n.periods_long.seconds);
-    if (n.reported_ms < least_rate_ms || 1000 * 2 * others < n.reported_ms) return {};
+    if (n.reported_ms < least_rate_ms || std::int64_t{2000} * others < n.reported_ms) return {};
     const double rate = 1e3 * last().stream_block_frames * static_cast<double>(n.periods) /
                         static_cast<double>(n.reported_ms);
     // Pauses keep a device of any rate from some of its periods: twice what was seen, at most.
