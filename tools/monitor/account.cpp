@@ -14,6 +14,8 @@ namespace {
 
 /// A rare fault takes this long to be seen often enough; an hour's faults are not all of one hour.
 constexpr double piece_s = 120;
+/// A difference of two clocks that is known no better than this says nothing.
+constexpr double least_certain_ppm = 500;
 
 constexpr std::pair<Cause, std::string_view> cause_names[] = {
     {Cause::engine_absent, "no engine"},         {Cause::engine_silent, "engine silent"},
@@ -172,7 +174,7 @@ class RunAccount {
             s, "host pauses", [](const Totals& t) { return t.pauses.count; },
             text("%lld waits of this computer's threads of a block or more, up to %.1f ms",
                  static_cast<long long>(n.pauses.count), ms(n.longest_pause_us)));
-        if (n.clock_uncertainty_ppm > 0) {
+        if (n.clock_uncertainty_ppm > 0 && n.clock_uncertainty_ppm < least_certain_ppm) {
             const Span span = s.span();
             account_.facts.push_back({"clocks", span.from_s, span.until_s,
                                       text("the server's is %+.0f +-%.0f ppm against the device's",
