@@ -99,7 +99,8 @@ class RunAccount {
                 still_open.emplace_back(cause, Samples(from, piece.data() + piece.size()));
             }
             open = std::move(still_open);
-            if (proof.unexplained > 0) account_.not_clear_yet = what_would_make_clear(stretch);
+            if (!proof.explains_all())
+                account_.not_clear_yet = what_would_make_clear(stretch, proof);
         }
         for (const auto& [cause, samples] : open)
             tell(cause, samples);

@@ -113,8 +113,8 @@ class Judgement {
     Proof take() {
         std::ranges::sort(causes_);
         causes_.erase(std::unique(causes_.begin(), causes_.end()), causes_.end());
-        const std::int64_t lost = lost_is_named_ ? 0 : replaced_;
-        return {std::move(causes_), std::max<std::int64_t>(left(), 0) + lost};
+        const bool is_explained = left() <= 0 || !is_most(left());
+        return {std::move(causes_), is_explained ? 0 : left(), lost_is_named_ ? 0 : replaced_};
     }
 
   private:
@@ -404,14 +404,16 @@ std::string words_for(Cause cause, const Stretch& s) {
     return {};
 }
 
-std::string what_would_make_clear(const Stretch& s) {
+std::string what_would_make_clear(const Stretch& s, const Proof& proof) {
     constexpr double long_enough_s = 120;
     const Totals& n = s.counted();
-    std::string words = drop_outs_text(n);
-    if (n.replaced.count > 0)
-        words +=
-            text(", %lld blocks replaced by silence", static_cast<long long>(n.replaced.count));
-    words += ", and no side is proven. ";
+    std::string words = "no side is proven for ";
+    if (proof.drop_outs > 0)
+        words += text("%lld underruns and overruns", static_cast<long long>(proof.drop_outs));
+    if (proof.drop_outs > 0 && proof.replaced > 0) words += " and ";
+    if (proof.replaced > 0)
+        words += text("%lld blocks replaced by silence", static_cast<long long>(proof.replaced));
+    words += ". ";
     if (s.seconds() < long_enough_s)
         words += text("Watch for two minutes (this was %.0f s). ", s.seconds());
     if (n.pauses.count > 0) {

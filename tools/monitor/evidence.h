@@ -63,14 +63,18 @@ class Stretch {
 
 /// What the counts of a stretch prove.
 struct Proof {
-    std::vector<Cause> causes;     ///< in their order, each once
-    std::int64_t unexplained = 0;  ///< underruns, overruns and lost blocks that no cause explains
+    std::vector<Cause> causes;  ///< in their order, each once
+    // What they do not explain; 0 when it is less than half of all.
+    std::int64_t drop_outs = 0;  ///< underruns and overruns
+    std::int64_t replaced = 0;   ///< blocks
+
+    bool explains_all() const { return drop_outs == 0 && replaced == 0; }
 };
 Proof proof_of(const Stretch& stretch);
 
 /// What a proven cause did over a stretch, in words.
 std::string words_for(Cause cause, const Stretch& stretch);
 /// What would make clear where the drop-outs come from.
-std::string what_would_make_clear(const Stretch& stretch);
+std::string what_would_make_clear(const Stretch& stretch, const Proof& proof);
 
 }  // namespace tavistro::monitor
