@@ -3,18 +3,20 @@
 //   server silent    a second or more without a notice, a block or an answer to a ping
 //   format mismatch  blocks refused for their format, or periods at the rate of another one
 //   network loss     blocks that silence was played for, and that did not come later either
-//   late network     blocks that came after silence had taken their place; or spans without a
-//   notice
-//                    that were made up for at once, more of them than this computer's pauses make
-//   missing notices  more notices missing than blocks
-//   device stall     seconds with too few periods, more than this computer's pauses make
+//   late network     blocks that came after silence had taken their place; or a stream that was
+//                    held up and came at once then, more often than this computer pauses
+//   missing notices  more notices missing than blocks, or so many at a time that the buffer would
+//                    have run empty if the blocks had been missing too
+//   device stall     seconds with too few periods, more than this computer's pauses cost
 //   device too slow, too fast
 //                    drop-outs of one kind, as many as the measured difference of the clocks makes
-//   device uneven    drop-outs with none of the above beside them, more than pauses make
+//   device uneven    seconds with too few periods and seconds with too many, right on the whole; or
+//                    drop-outs of both kinds beside nothing else, more often than this computer
+//                    pauses
 //   host overload    drop-outs that nothing above explains, and pauses that can make them
 //
-// Except for a silence, which needs no second look, each of them was seen at least twice, with some
-// seconds between: once may be chance.
+// Except for a silence, which needs no second look, each was seen twice at least, some seconds
+// apart: once may be chance.
 #include "tools/monitor/evidence.h"
 
 #include <algorithm>
@@ -42,12 +44,20 @@ constexpr double least_share = 0.2;
 constexpr double held_ppm = 100;
 /// No clock of a computer or a sound card is further off than this, in ppm.
 constexpr double most_clock_ppm = 5000;
+/// Drop-outs are of one kind when those of the other are fewer than one in so many.
+constexpr std::int64_t one_kind = 10;
+/// Drop-outs come a little before and after the blocks that a clock gains.
+constexpr double gain_slack = 1.5;
 /// What a single pause of any computer may cost a device, in periods.
 constexpr double least_pause_periods = 4;
 /// Rates that devices have, in Hz; how exactly periods tell them, and after which time.
 constexpr std::array known_rates{22050.0, 24000.0, 32000.0,  44100.0, 48000.0,
                                  88200.0, 96000.0, 176400.0, 192000.0};
 constexpr double rate_accuracy = 0.002;
+/// The periods that pauses may cost are fewer than one in so many of those that are off.
+constexpr double far_from_pauses = 8;
+/// A device at another rate is off in each second; a stall is much more off in one than on average.
+constexpr double steady = 3;
 constexpr std::int64_t least_rate_ms = 4000;
 
 template <typename... Values>
@@ -221,8 +231,8 @@ class Judgement {
         const std::int64_t other = (slow ? n_.underruns : n_.overruns) - n_.silence.drop_outs;
         const double gained =
             (std::abs(ppm) + n_.clock_uncertainty_ppm) * 1e-6 * static_cast<double>(n_.blocks);
-        const bool like_a_clock =
-            10 * other <= made && static_cast<double>(made) <= 1.5 * gained + fewest_blocks;
+        const bool like_a_clock = one_kind * other <= made &&
+                                  static_cast<double>(made) <= gain_slack * gained + fewest_blocks;
         const bool is_off = std::abs(ppm) - n_.clock_uncertainty_ppm > held_ppm;
         if (!like_a_clock || !is_off ||
             !lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; }))
@@ -237,8 +247,9 @@ class Judgement {
     void judge_evenness() {
         // A clock that is off, known or not yet, makes one kind.
         const auto [fewer, more] = std::minmax(n_.underruns, n_.overruns);
-        if (10 * fewer > more && left() > 0 && is_most(left()) && lasts(&Totals::unexplained) &&
-            n_.unexplained.count >= fewest_blocks && is_most(n_.unexplained.count) &&
+        if (one_kind * fewer > more && left() > 0 && is_most(left()) &&
+            lasts(&Totals::unexplained) && n_.unexplained.count >= fewest_blocks &&
+            is_most(n_.unexplained.count) &&
             more_than_pauses(n_.unexplained.seconds, n_.pauses.count))
             name(Cause::device_uneven, n_.unexplained.count);
     }
@@ -320,7 +331,7 @@ Stretch::Rate Stretch::another_rate() const {
                                 (1e3 * static_cast<double>(n.reported_ms));
     // All the time, not a lot now and then.
     const double off = std::abs(1 - rate / last().stream_sample_rate);
-    if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > 3 * off + paused_share) return {};
+    if (static_cast<double>(n.shortest_second_ppm) * 1e-6 > steady * off + paused_share) return {};
     // Far from the stream's rate nothing else is near.
     const double accuracy = std::max(rate_accuracy, off / 40);
     const double least = rate * (1 - accuracy);
@@ -329,7 +340,7 @@ Stretch::Rate Stretch::another_rate() const {
     if (between(last().stream_sample_rate)) return {};
     const auto* const found = std::ranges::find_if(known_rates, between);
     if (found == known_rates.end()) return {};
-    return {*found, 8 * paused_share < off};
+    return {*found, far_from_pauses * paused_share < off};
 }
 
 Proof proof_of(const Stretch& stretch) {
