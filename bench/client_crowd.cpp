@@ -11,7 +11,7 @@
 
 #include "bench/sleeping_device.h"
 #include "engine/engine_runtime.h"
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include "bench/sleeping_device.h"
 #include "engine/engine_runtime.h"
 #include "platform/clock.h"
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 #include "tools/server/reference_server.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "asio/fake_registry.h"
 #include "platform/clock.h"
 #include "support/realtime_guard.h"
-#include "tools/test_driver/driver_control.h"
+#include "drivers/test/driver_control.h"
 
 namespace tavistro::test {
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/driver_registry.h"
-#include "tools/test_driver/test_driver.h"
+#include "drivers/test/test_driver.h"
 
 namespace tavistro::test {
 

@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "audio/drift_estimator.h"
-#include "tools/drift_lab/two_clocks.h"
+#include "bench/drift_lab/two_clocks.h"
 
 namespace tavistro {
 namespace {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tools/test_driver/test_driver_control.h"
+#include "drivers/test/test_driver_control.h"
 
 namespace tavistro::test {
 

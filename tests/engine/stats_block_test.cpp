@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 
 namespace tavistro {
 namespace {

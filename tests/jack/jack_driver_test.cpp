@@ -11,7 +11,7 @@
 #include "jack/jack_server.h"
 #include "scenarios/rig.h"
 #include "support/realtime_guard.h"
-#include "tools/jack_driver/jack_driver.h"
+#include "drivers/jack/jack_driver.h"
 
 namespace tavistro::test {
 namespace {

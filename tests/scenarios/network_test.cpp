@@ -11,7 +11,7 @@
 
 #include "scenarios/rig.h"
 #include "tavistro/stats_block.h"
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 
 namespace tavistro::test {
 namespace {

@@ -6,9 +6,9 @@
 #include <sstream>
 #include <string>
 
-#include "tools/host/read_speed.h"
+#include "tools/readings/read_speed.h"
 #include "tools/host/report.h"
-#include "tools/host/texts.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::host {
 

@@ -4,7 +4,7 @@
 #include <span>
 
 #include "tools/host/report.h"
-#include "tools/host/texts.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::host {
 

@@ -11,8 +11,8 @@
 #include "tools/host/process_time.h"
 #include "tools/host/report.h"
 #include "tools/host/run_totals.h"
-#include "tools/host/stats_reader.h"
-#include "tools/host/texts.h"
+#include "tools/readings/stats_reader.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::host {
 

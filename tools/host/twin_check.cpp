@@ -4,7 +4,7 @@
 
 #include "config/engine_config.h"
 #include "tavistro/engine.h"
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 
 namespace tavistro::host {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "tavistro/engine.h"
-#include "tools/host/texts.h"
+#include "tools/readings/texts.h"
 #include "tools/monitor/evidence.h"
 
 namespace tavistro::monitor {

@@ -1,7 +1,7 @@
 // Keeps an eye on the statistics block of one client_id, through starts, stops and crashes.
 #pragma once
 
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 #include "tools/monitor/sample.h"
 #include "tools/monitor/tally.h"
 

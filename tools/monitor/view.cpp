@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "tavistro/engine.h"
-#include "tools/host/read_speed.h"
-#include "tools/host/texts.h"
+#include "tools/readings/read_speed.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::monitor {
 

@@ -7,7 +7,7 @@
 #include <tuple>
 
 #include "asio/fake_registry.h"
-#include "tools/test_driver/driver_control.h"
+#include "drivers/test/driver_control.h"
 
 namespace tavistro::host {
 namespace {

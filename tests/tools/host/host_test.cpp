@@ -11,7 +11,7 @@
 #include "tools/host/event_follower.h"
 #include "tools/host/report.h"
 #include "tools/host/run_totals.h"
-#include "tools/host/texts.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::host {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/test_driver/driver_control.h"
+#include "drivers/test/driver_control.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 // The test driver as a shared object for a driver folder.
 
-#include "tools/test_driver/driver_control.h"
-#include "tools/test_driver/test_driver.h"
+#include "drivers/test/driver_control.h"
+#include "drivers/test/test_driver.h"
 
 extern "C" {
 

@@ -1,4 +1,4 @@
-#include "tools/drift_lab/two_clocks.h"
+#include "bench/drift_lab/two_clocks.h"
 
 #include <algorithm>
 #include <limits>

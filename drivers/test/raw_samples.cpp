@@ -1,4 +1,4 @@
-#include "tools/test_driver/raw_samples.h"
+#include "drivers/test/raw_samples.h"
 
 #include <algorithm>
 #include <array>

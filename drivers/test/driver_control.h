@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/test_driver/test_driver_control.h"
+#include "drivers/test/test_driver_control.h"
 
 namespace tavistro::test {
 

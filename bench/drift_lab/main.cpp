@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "tools/drift_lab/two_clocks.h"
+#include "bench/drift_lab/two_clocks.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
 

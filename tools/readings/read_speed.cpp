@@ -1,4 +1,4 @@
-#include "tools/host/read_speed.h"
+#include "tools/readings/read_speed.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "tools/jack_driver/jack_driver.h"
+#include "drivers/jack/jack_driver.h"
 
 #include <algorithm>
 #include <array>
@@ -11,7 +11,7 @@
 #include <span>
 #include <vector>
 
-#include "tools/jack_driver/jack_client.h"
+#include "drivers/jack/jack_client.h"
 
 namespace tavistro::jack {
 namespace {

@@ -1,7 +1,7 @@
 /*
  * The test driver's remote control: a test that has loaded the same module asks it for
  * tavistro_test_driver_control() and tells the driver how to behave. Options, commands and counters
- * are named in tools/test_driver/driver_control.{h,cpp}. Plain C; any thread.
+ * are named in drivers/test/driver_control.{h,cpp}. Plain C; any thread.
  */
 #ifndef TAVISTRO_TEST_DRIVER_CONTROL_H
 #define TAVISTRO_TEST_DRIVER_CONTROL_H

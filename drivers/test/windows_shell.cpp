@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string>
 
-#include "tools/test_driver/driver_control.h"
-#include "tools/test_driver/test_driver.h"
+#include "drivers/test/driver_control.h"
+#include "drivers/test/test_driver.h"
 
 namespace {
 

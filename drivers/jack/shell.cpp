@@ -1,6 +1,6 @@
 // The JACK driver as a shared object for a driver folder.
 
-#include "tools/jack_driver/jack_driver.h"
+#include "drivers/jack/jack_driver.h"
 
 extern "C" {
 

@@ -1,4 +1,4 @@
-#include "tools/host/stats_reader.h"
+#include "tools/readings/stats_reader.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

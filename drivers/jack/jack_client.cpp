@@ -1,4 +1,4 @@
-#include "tools/jack_driver/jack_client.h"
+#include "drivers/jack/jack_client.h"
 
 #include <pthread.h>
 

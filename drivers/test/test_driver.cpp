@@ -1,4 +1,4 @@
-#include "tools/test_driver/test_driver.h"
+#include "drivers/test/test_driver.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "platform/threads.h"
-#include "tools/test_driver/driver_control.h"
-#include "tools/test_driver/raw_samples.h"
+#include "drivers/test/driver_control.h"
+#include "drivers/test/raw_samples.h"
 
 namespace tavistro::test {
 namespace {

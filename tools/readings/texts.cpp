@@ -1,4 +1,4 @@
-#include "tools/host/texts.h"
+#include "tools/readings/texts.h"
 
 #include <algorithm>
 #include <span>
