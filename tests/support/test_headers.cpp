@@ -1,0 +1,1 @@
+// Its headers are precompiled for all tests: cmake/TavistroTargets.cmake.
