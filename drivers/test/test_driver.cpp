@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/threads.h"
 #include "drivers/test/driver_control.h"
 #include "drivers/test/raw_samples.h"
+#include "platform/threads.h"
 
 namespace tavistro::test {
 namespace {

@@ -10,9 +10,9 @@
 #include "asio/buffer_size.h"
 #include "asio/current_device.h"
 #include "asio/fake_registry.h"
+#include "drivers/test/driver_control.h"
 #include "platform/clock.h"
 #include "support/realtime_guard.h"
-#include "drivers/test/driver_control.h"
 
 namespace tavistro::test {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/driver_registry.h"
 #include "drivers/test/test_driver.h"
+#include "platform/driver_registry.h"
 
 namespace tavistro::test {
 

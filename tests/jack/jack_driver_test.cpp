@@ -8,10 +8,10 @@
 #include <cstring>
 #include <string>
 
+#include "drivers/jack/jack_driver.h"
 #include "jack/jack_server.h"
 #include "scenarios/rig.h"
 #include "support/realtime_guard.h"
-#include "drivers/jack/jack_driver.h"
 
 namespace tavistro::test {
 namespace {

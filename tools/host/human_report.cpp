@@ -6,8 +6,8 @@
 #include <sstream>
 #include <string>
 
-#include "tools/readings/read_speed.h"
 #include "tools/host/report.h"
+#include "tools/readings/read_speed.h"
 #include "tools/readings/texts.h"
 
 namespace tavistro::host {

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "tavistro/engine.h"
-#include "tools/readings/texts.h"
 #include "tools/monitor/evidence.h"
+#include "tools/readings/texts.h"
 
 namespace tavistro::monitor {
 

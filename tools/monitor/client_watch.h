@@ -1,9 +1,9 @@
 // Keeps an eye on the statistics block of one client_id, through starts, stops and crashes.
 #pragma once
 
-#include "tools/readings/stats_reader.h"
 #include "tools/monitor/sample.h"
 #include "tools/monitor/tally.h"
+#include "tools/readings/stats_reader.h"
 
 namespace tavistro::monitor {
 
