@@ -2,15 +2,9 @@
 
 #include <bit>
 
+#include "common/drift_law.h"
+
 namespace tavistro {
-
-namespace {
-
-// A ratio outside these is a restart or a gap of the server, not a clock.
-constexpr double lowest_plausible_ratio = 0.95;
-constexpr double highest_plausible_ratio = 1.05;
-
-}  // namespace
 
 void DriftEstimator::reset() noexcept {
     store_ratio(1.0);
@@ -37,8 +31,7 @@ void DriftEstimator::update_drift() noexcept {
         now.local_frames > previous_.local_frames) {
         const double measured = static_cast<double>(now.server_frames - previous_.server_frames) /
                                 static_cast<double>(now.local_frames - previous_.local_frames);
-        if (measured > lowest_plausible_ratio && measured < highest_plausible_ratio)
-            store_ratio(pll_ratio() * 0.98 + measured * 0.02);
+        store_ratio(followed_clock_ratio(pll_ratio(), measured));
     }
     previous_ = now;
     has_previous_ = true;

@@ -12,8 +12,8 @@ namespace tavistro {
 /// Estimate of server frames per device frame, `pll_ratio`.
 ///
 /// The receive thread reports the server's frame position, the device thread counts the frames it
-/// has consumed and compares both once per period. Each new notice moves the estimate by a fiftieth
-/// of the way towards the ratio of the two advances since the notice before.
+/// has consumed and compares both once per period. Each new notice moves the estimate towards the
+/// ratio of the two advances since the notice before (common/drift_law.h).
 class DriftEstimator {
   public:
     /// No notice seen, nothing consumed, ratio 1.0. While no device thread runs; a late on_sync()

@@ -5,14 +5,12 @@
 #include <limits>
 #include <utility>
 
+#include "common/drift_law.h"
+
 namespace tavistro {
 
 namespace {
 
-// Pull of the fill towards its target: this much speed for a buffer twice as full as wanted.
-constexpr double fill_correction = 0.00035;
-constexpr double lowest_ratio = 0.9955;
-constexpr double highest_ratio = 1.0045;
 // A single late block must not cost a new prebuffering.
 constexpr std::uint64_t least_starve_limit = 3;
 
@@ -170,9 +168,7 @@ bool PlaybackBuffer::enough_to_play(std::uint64_t fill_found) noexcept {
 double PlaybackBuffer::playout_ratio(std::uint64_t fill_found) const noexcept {
     const auto target = static_cast<double>(target_frames());
     if (target <= 0.0) return 1.0;
-    const double ratio =
-        drift_.pll_ratio() + (static_cast<double>(fill_found) - target) / target * fill_correction;
-    return std::min(std::max(ratio, lowest_ratio), highest_ratio);
+    return read_ratio(drift_.pll_ratio(), static_cast<double>(fill_found), target);
 }
 
 bool PlaybackBuffer::describe(PlaybackBlock& block) const noexcept {

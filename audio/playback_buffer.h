@@ -4,8 +4,8 @@
 // push_block() is the producer's side (one thread at a time: the player's queue mutex sees to it),
 // render_period() the consumer's (the device thread, without a lock). Playing starts once
 // `prebuffer_blocks` periods are buffered and falls back to prebuffering after a run of periods
-// without data. While playing, the read speed follows the drift estimate plus a small correction
-// towards a target fill.
+// without data. While playing, common/drift_law.h gives the read speed: the drift estimate plus a
+// small correction towards a target fill.
 #pragma once
 
 #include <atomic>

@@ -2,16 +2,12 @@
 
 #include <algorithm>
 
+#include "common/drift_law.h"
+
 namespace tavistro {
 
 namespace {
 
-constexpr double min_rate_ratio = 0.95;
-constexpr double max_rate_ratio = 1.05;
-// A fill of twice the target reads faster by 350 ppm; all corrections together stay inaudible.
-constexpr double ratio_per_target = 0.00035;
-constexpr double min_read_ratio = 0.9955;
-constexpr double max_read_ratio = 1.0045;
 // Interpolation looks one frame ahead, and the ratio may ask for one more.
 constexpr std::uint64_t lookahead_frames = 2;
 
@@ -32,7 +28,7 @@ void CaptureRing::push(std::uint32_t sample_rate, std::uint16_t frames, std::uin
     if (!has_format() || sample_rate != sample_rate_ || frames != frames_) return;
     if (channels == 0 || channels != ring_.channels()) return;
     if (samples.size() != static_cast<std::size_t>(frames) * channels) return;
-    if (rate_ratio > min_rate_ratio && rate_ratio < max_rate_ratio) rate_ratio_ = rate_ratio;
+    if (plausible_clock_ratio(rate_ratio)) rate_ratio_ = rate_ratio;
 
     ring_.write(ring_.advanced(read_pos_, static_cast<std::size_t>(fill_)), samples);
     fill_ += frames;
@@ -43,7 +39,8 @@ void CaptureRing::push(std::uint32_t sample_rate, std::uint16_t frames, std::uin
 bool CaptureRing::pull(std::uint32_t sample_rate, std::uint16_t frames, std::vector<float>& block) {
     if (ring_.channels() == 0 || sample_rate != sample_rate_ || frames != frames_) return false;
     if (fill_ < frames + lookahead_frames) return false;
-    const double ratio = read_ratio();
+    const double ratio =
+        read_ratio(rate_ratio_, static_cast<double>(fill_), static_cast<double>(target_frames_));
     block.resize(ring_.channels() * frames);
     ring_.interpolate(
         {.position = read_pos_, .available = fill_, .ratio = ratio, .offset = frac_pos_}, block);
@@ -52,13 +49,6 @@ bool CaptureRing::pull(std::uint32_t sample_rate, std::uint16_t frames, std::vec
     drop_oldest(consumed);
     frac_pos_ -= static_cast<double>(consumed);
     return true;
-}
-
-double CaptureRing::read_ratio() const noexcept {
-    const double excess = static_cast<double>(fill_) - static_cast<double>(target_frames_);
-    const double ratio =
-        rate_ratio_ + (excess / static_cast<double>(target_frames_)) * ratio_per_target;
-    return std::clamp(ratio, min_read_ratio, max_read_ratio);
 }
 
 void CaptureRing::drop_oldest(std::uint64_t frames) noexcept {

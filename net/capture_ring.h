@@ -30,7 +30,7 @@ class CaptureRing {
 
     /// Appends one planar block. A block whose format, channel or sample count does not fit is
     /// dropped whole. `rate_ratio` (device frames per server frame as the device side measures it)
-    /// is kept when it lies strictly between 0.95 and 1.05.
+    /// is kept when it is a plausible one (common/drift_law.h).
     void push(std::uint32_t sample_rate, std::uint16_t frames, std::uint16_t channels,
               std::span<const float> samples, double rate_ratio);
 
@@ -40,9 +40,6 @@ class CaptureRing {
     bool pull(std::uint32_t sample_rate, std::uint16_t frames, std::vector<float>& block);
 
   private:
-    /// Held frames per frame of the block, from the reported ratio and the distance to the target.
-    double read_ratio() const noexcept;
-
     void drop_oldest(std::uint64_t frames) noexcept;
 
     PlanarRing ring_;

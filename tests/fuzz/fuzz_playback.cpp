@@ -4,6 +4,7 @@
 #include <deque>
 
 #include "audio/playback_buffer.h"
+#include "common/drift_law.h"
 #include "fuzz/fuzz.h"
 
 namespace {
@@ -59,8 +60,8 @@ struct Model {
         if (held.size() >= blocks(1)) {
             starved = 0;
             const auto target = static_cast<double>(blocks(shape.target_queue_depth));
-            const double excess = (static_cast<double>(held.size()) - target) / target;
-            ratio = target > 0.0 ? std::clamp(speed + excess * 0.00035, 0.9955, 1.0045) : 1.0;
+            const auto fill_found = static_cast<double>(held.size());
+            ratio = target > 0.0 ? read_ratio(speed, fill_found, target) : 1.0;
             return shape.channels != 0 && blocks(shape.max_queue_blocks) != 0;
         }
         playing = ++starved < std::max<std::uint64_t>(shape.prebuffer_blocks, 3);

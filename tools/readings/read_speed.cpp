@@ -2,15 +2,16 @@
 
 #include <algorithm>
 
+#include "common/drift_law.h"
+
 namespace tavistro::host {
 
 double read_speed_ppm(const tavistro_stats_block& stats) {
-    constexpr double correction_ppm = 350;
-    constexpr double most_ppm = 4500;
     if (stats.target_frames == 0) return 0;
     const double fill = (static_cast<double>(stats.min_frames) + stats.max_frames) / 2;
     const double off = (fill - stats.target_frames) / stats.target_frames;
-    return std::clamp(stats.ratio_ppm + correction_ppm * off, -most_ppm, most_ppm);
+    return std::clamp(stats.ratio_ppm + fill_correction * 1e6 * off, (lowest_read_ratio - 1) * 1e6,
+                      (highest_read_ratio - 1) * 1e6);
 }
 
 }  // namespace tavistro::host
