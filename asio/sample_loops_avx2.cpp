@@ -66,10 +66,16 @@ TAVISTRO_AVX2 inline __m256i times_full_scale(const float* from) noexcept {
     return _mm256_cvttps_epi32(_mm256_castsi256_ps(towards_zero));
 }
 
-/// The same for 32 bits, where 2^31 times a sample is exact and the product is less by at most one.
-/// Where the former, p, is a whole number, the product truncated is p - 1. Elsewhere it is p
-/// truncated: p has 24 digits, so that its fraction is larger than the sample, p / 2^31. Both are
-/// p rounded up, less 1; and -p likewise.
+/// The same for 32 bits. For a sample s within 0..1, p = 2^31 * s is exact in a float, and the
+/// product is p - s. Truncated, that is p rounded up, less 1, unless s is 0:
+///
+///     p is whole: s takes the product just below p, by at most 1.
+///         s = 0.75             p = 1610612736    p - s = 1610612735.25    result 1610612735
+///     p is not:   s takes it to no other whole number, since it is smaller than p's fraction: that
+///                 is at least p / 2^24, a unit of p's last digit, and s only p / 2^31.
+///         s = 0x1.000002p-10   p = 2097152.25    p - s = 2097152.249...   result 2097152
+///
+/// The sign is put back at the end. NaN passes the limit and converts to 0x80000000.
 TAVISTRO_AVX2 inline __m256i times_full_scale_32(const float* from) noexcept {
     const __m256 samples = _mm256_loadu_ps(from);
     const __m256 sizes =
