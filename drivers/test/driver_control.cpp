@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <charconv>
 
-#include "asio/driver_abi.h"
-
 namespace tavistro::test {
 namespace {
 
@@ -71,6 +69,7 @@ void DriverControl::restore() {
     {
         const std::lock_guard lock(mutex_);
         options_ = {};
+        history_.clear();
     }
     made_.clear();
     failing_.clear();
@@ -116,8 +115,19 @@ DriverOptions DriverControl::options() const {
     return options_;
 }
 
+std::string DriverControl::history() const {
+    const std::lock_guard lock(mutex_);
+    return history_;
+}
+
+void DriverControl::note(std::string_view text) {
+    const std::lock_guard lock(mutex_);
+    history_.append(text).append(" ");
+}
+
 std::int32_t DriverControl::enter(std::string_view call) noexcept {
     ++*made_.find(call);
+    if (call != "outputReady") note(call);  // made within a period
     if (*commands_.find("vanish")) return kAsioNotPresent;
     return *failing_.find(call) ? kAsioHardwareFault : kAsioOk;
 }

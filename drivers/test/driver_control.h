@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "asio/driver_abi.h"
 #include "drivers/test/test_driver_control.h"
 
 namespace tavistro::test {
@@ -87,6 +89,12 @@ class DriverControl {
     std::int64_t count(std::string_view counter);
 
     DriverOptions options() const;
+    /// Every call but outputReady in its order, createBuffers with its channels.
+    std::string history() const;
+    void note(std::string_view text);
+    /// What the driver calls; null while it has no buffers.
+    AsioCallbacks* host() const noexcept { return host_; }
+    void set_host(AsioCallbacks* callbacks) noexcept { host_ = callbacks; }
     /// Counts a call and returns what it has to answer: 0 unless it was told to fail.
     std::int32_t enter(std::string_view call) noexcept;
     /// True once after the command.
@@ -104,6 +112,8 @@ class DriverControl {
 
     mutable std::mutex mutex_;
     DriverOptions options_;
+    std::string history_;
+    std::atomic<AsioCallbacks*> host_{nullptr};
     NamedValues<std::int64_t, driver_calls.size()> made_{driver_calls};
     NamedValues<bool, driver_calls.size()> failing_{driver_calls};
     NamedValues<bool, driver_commands.size()> commands_{driver_commands};

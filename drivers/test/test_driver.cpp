@@ -8,6 +8,7 @@
 #include <exception>
 #include <new>
 #include <span>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -227,11 +228,13 @@ std::int32_t TestDriver::createBuffers(AsioBufferInfo* channels, std::int32_t ch
     if (stage_ != Stage::initialised || !accepts_size(frames)) return kAsioInvalidMode;
     const std::span wanted(channels, static_cast<std::size_t>(channel_count));
     for (const AsioBufferInfo& info : wanted) {
+        control_.note((info.isInput != 0 ? "in" : "out") + std::to_string(info.channel));
         if (!exists(info.isInput != 0, info.channel)) return kAsioInvalidParameter;
     }
     make_channels(wanted, frames);
     frames_ = frames;
     callbacks_ = callbacks;
+    control_.set_host(callbacks);
     stage_ = Stage::prepared;
     ask_host();
     if (options_.on("callback_in_create")) on_other_thread([this] { switch_buffers(0); });
@@ -340,6 +343,7 @@ void TestDriver::release_buffers() {
     stage_ = std::min(stage_, Stage::initialised);
     channels_.clear();
     callbacks_ = nullptr;
+    control_.set_host(nullptr);
 }
 
 void TestDriver::run_periods() {
