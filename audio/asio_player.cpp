@@ -99,7 +99,7 @@ bool AsioPlayer::open_and_start_device() {
         stop();  // the device has logged the reason
         return false;
     }
-    prepare_periods(device_->sample_rate(), static_cast<std::int32_t>(device_->buffer_size()));
+    prepare_periods(device_->sample_rate(), device_->buffer_size());
     periods_ready_.store(true, std::memory_order_release);
     return device_->start() || fail("[audio] device start failed.");
 }
@@ -109,22 +109,16 @@ bool AsioPlayer::open_and_start_loopback() {
         return fail("[asio] loopback requires a non-zero sample rate and block size.");
     if (settings_.output_channel_map.empty() || settings_.input_channel_map.empty())
         return fail("[asio] loopback requires both output and input channel maps.");
-    prepare_periods(settings_.sample_rate, static_cast<std::int32_t>(settings_.block_size));
+    prepare_periods(settings_.sample_rate, settings_.block_size);
     if (!loopback_.start(settings_)) return fail("[asio] virtual loopback thread not available.");
     log("[asio] virtual loopback started.");
     return true;
 }
 
-void AsioPlayer::prepare_periods(double sample_rate, std::int32_t block_frames) {
+void AsioPlayer::prepare_periods(double sample_rate, std::uint32_t block_frames) {
     const std::scoped_lock both(queue_mutex_, telemetry_mutex_);
-    periods_.prepare({.sample_rate = sample_rate,
-                      .block_frames = block_frames,
-                      .output_channels = settings_.output_channel_map.size(),
-                      .input_channels = settings_.input_channel_map.size(),
-                      .capture = static_cast<bool>(callbacks_.captured_input),
-                      .prebuffer_blocks = settings_.prebuffer_blocks,
-                      .target_queue_depth = settings_.target_queue_depth,
-                      .max_queue_blocks = settings_.max_queue_blocks});
+    periods_.prepare(settings_, sample_rate, static_cast<std::int32_t>(block_frames),
+                     static_cast<bool>(callbacks_.captured_input));
 }
 
 bool AsioPlayer::fail(const char* line) noexcept {

@@ -97,7 +97,7 @@ class AsioPlayer {
                    OpenAndStart open_and_start);
     bool open_and_start_device();
     bool open_and_start_loopback();
-    void prepare_periods(double sample_rate, std::int32_t block_frames);
+    void prepare_periods(double sample_rate, std::uint32_t block_frames);
     bool fail(const char* line) noexcept;
     void log(const char* line) const noexcept;
 

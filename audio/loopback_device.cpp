@@ -62,15 +62,17 @@ void LoopbackDevice::run(LoopbackSchedule schedule) {
 
 std::int64_t LoopbackDevice::run_period(const LoopbackSchedule& schedule) {
     const std::int64_t start = platform::performance_counter();
-    periods_.begin_period();
+    periods_.count_period();
+    periods_.follow_drift();
     periods_.render(start);
+    periods_.meter_outputs();
 
     const std::int64_t rendered_at = platform::performance_counter();
     device_lost_.store(schedule.device_lost(rendered_at), std::memory_order_relaxed);
     const bool input_silent = schedule.input_silent(rendered_at);
     periods_.loop_back(input_silent);
     telemetry_step_();
-    periods_.end_period();
+    periods_.count_frames();
 
     for (std::uint32_t i = 0; i < schedule.duplicates() && running(); ++i)
         repeat_period(input_silent);
@@ -81,10 +83,10 @@ std::int64_t LoopbackDevice::run_period(const LoopbackSchedule& schedule) {
 
 void LoopbackDevice::repeat_period(bool input_silent) {
     const std::int64_t start = platform::performance_counter();
-    periods_.begin_duplicate();
+    periods_.count_period();
     periods_.loop_back(input_silent);
     telemetry_step_();
-    periods_.end_period();
+    periods_.count_frames();
     periods_.record_duration(start, platform::performance_counter());
 }
 

@@ -18,26 +18,32 @@ std::uint32_t truncated_rate(double rate) noexcept {
 
 }  // namespace
 
-void PeriodPath::prepare(const PeriodSetup& setup) {
+void PeriodPath::prepare(const AudioDeviceSettings& settings, double sample_rate,
+                         std::int32_t block_frames, bool capture) {
     release();
-    const auto period_frames = static_cast<std::size_t>(setup.block_frames);
-    playback_.configure({.block_frames = setup.block_frames,
-                         .sample_rate = truncated_rate(setup.sample_rate),
-                         .channels = setup.output_channels,
-                         .prebuffer_blocks = setup.prebuffer_blocks,
-                         .target_queue_depth = setup.target_queue_depth,
-                         .max_queue_blocks = setup.max_queue_blocks});
-    block_.samples.resize(setup.output_channels * period_frames);
-    capture_slots_.configure(setup.input_channels * period_frames);
-    input_meters_.configure(setup.input_channels);
-    output_meters_.configure(setup.output_channels);
-    meter_schedule_.configure(setup.sample_rate, setup.block_frames);
+    playback_.configure({.block_frames = block_frames,
+                         .sample_rate = truncated_rate(sample_rate),
+                         .channels = settings.output_channel_map.size(),
+                         .prebuffer_blocks = settings.prebuffer_blocks,
+                         .target_queue_depth = settings.target_queue_depth,
+                         .max_queue_blocks = settings.max_queue_blocks});
+    sample_rate_ = sample_rate;
+    block_frames_ = static_cast<std::size_t>(block_frames);
+    output_channels_ = settings.output_channel_map.size();
+    input_channels_ = settings.input_channel_map.size();
+    block_.samples.resize(output_channels_ * block_frames_);
+    capture_slots_.configure(input_channels_ * block_frames_);
+    input_meters_.configure(input_channels_);
+    output_meters_.configure(output_channels_);
+    meter_schedule_.configure(sample_rate, block_frames);
     frequency_ = platform::performance_frequency();
-    setup_ = setup;
+    capture_ = capture;
 }
 
 void PeriodPath::release() noexcept {
-    setup_ = {};
+    sample_rate_ = 0.0;
+    block_frames_ = output_channels_ = input_channels_ = 0;
+    capture_ = false;
     playback_.release();
     block_ = {};
     capture_slots_.release();
@@ -52,28 +58,32 @@ void PeriodPath::release() noexcept {
 
 void PeriodPath::run_device_period(AudioDevice& device, std::int32_t buffer_index) noexcept {
     const std::int64_t start = platform::performance_counter();
-    begin_period();
+    count_period();
+    follow_drift();
     capture_from(device, buffer_index);
     render(start);
+    meter_outputs();
     write_outputs(device, buffer_index);
     if (!device.output_ready()) output_ready_failures_.fetch_add(1, std::memory_order_relaxed);
-    end_period();
+    count_frames();
     record_duration(start, platform::performance_counter());
 }
 
-void PeriodPath::begin_period() noexcept {
-    begin_duplicate();
-    playback_.drift().update_drift();
-}
-
-void PeriodPath::begin_duplicate() noexcept {
+void PeriodPath::count_period() noexcept {
     callbacks_total_.fetch_add(1, std::memory_order_relaxed);
     meters_due_ = meter_schedule_.tick();
+}
+
+void PeriodPath::follow_drift() noexcept {
+    playback_.drift().update_drift();
 }
 
 void PeriodPath::render(std::int64_t start) noexcept {
     rendered_ =
         playback_.render_period(block_, platform::counter_to_nanoseconds(start, frequency_));
+}
+
+void PeriodPath::meter_outputs() noexcept {
     if (!meters_due_ || !rendered_) return;
     for (std::size_t c = 0; c < output_meters_.count(); ++c)
         output_meters_.raise(c, rendered_channel(c));
@@ -81,28 +91,27 @@ void PeriodPath::render(std::int64_t start) noexcept {
 
 std::span<const float> PeriodPath::rendered_channel(std::size_t channel) const noexcept {
     if (!rendered_ || channel >= block_.channels) return {};
-    const auto frames = static_cast<std::size_t>(setup_.block_frames);
-    return std::span(block_.samples).subspan(channel * frames, frames);
+    return std::span(block_.samples).subspan(channel * block_frames_, block_frames_);
 }
 
 CaptureSlot* PeriodPath::begin_capture() noexcept {
-    if (!setup_.capture || setup_.input_channels == 0) return nullptr;
+    if (!capture_ || input_channels_ == 0) return nullptr;
     CaptureSlot* slot = capture_slots_.begin_write();
     if (slot == nullptr) return nullptr;
     slot->sample_rate = playback_.shape().sample_rate;
-    slot->frames = static_cast<std::uint16_t>(setup_.block_frames);
-    slot->channels = static_cast<std::uint16_t>(setup_.input_channels);
+    slot->frames = static_cast<std::uint16_t>(block_frames_);
+    slot->channels = static_cast<std::uint16_t>(input_channels_);
     return slot;
 }
 
 void PeriodPath::capture_from(AudioDevice& device, std::int32_t buffer_index) noexcept {
     CaptureSlot* slot = begin_capture();
     if (slot == nullptr) return;
-    const auto frames = static_cast<std::size_t>(setup_.block_frames);
-    for (std::size_t c = 0; c < setup_.input_channels; ++c) {
+    const std::size_t frames = block_frames_;
+    for (std::size_t c = 0; c < input_channels_; ++c) {
         const std::span input = std::span(slot->samples).subspan(c * frames, frames);
         device.read_input(static_cast<std::int32_t>(c), buffer_index, input.data(),
-                          setup_.block_frames);
+                          static_cast<std::int32_t>(frames));
         if (meters_due_) input_meters_.raise(c, input);
     }
     capture_slots_.commit_write();
@@ -111,8 +120,8 @@ void PeriodPath::capture_from(AudioDevice& device, std::int32_t buffer_index) no
 void PeriodPath::loop_back(bool input_silent) noexcept {
     CaptureSlot* slot = begin_capture();
     if (slot == nullptr) return;
-    const auto frames = static_cast<std::size_t>(setup_.block_frames);
-    for (std::size_t c = 0; c < setup_.input_channels; ++c) {
+    const std::size_t frames = block_frames_;
+    for (std::size_t c = 0; c < input_channels_; ++c) {
         const std::span input = std::span(slot->samples).subspan(c * frames, frames);
         const std::span<const float> output = rendered_channel(c);
         if (input_silent || output.empty())
@@ -125,15 +134,16 @@ void PeriodPath::loop_back(bool input_silent) noexcept {
 }
 
 void PeriodPath::write_outputs(AudioDevice& device, std::int32_t buffer_index) noexcept {
-    for (std::size_t c = 0; c < setup_.output_channels; ++c) {
+    for (std::size_t c = 0; c < output_channels_; ++c) {
         const std::span<const float> output = rendered_channel(c);
         device.write_output(static_cast<std::int32_t>(c), buffer_index,
-                            output.empty() ? nullptr : output.data(), setup_.block_frames);
+                            output.empty() ? nullptr : output.data(),
+                            static_cast<std::int32_t>(block_frames_));
     }
 }
 
-void PeriodPath::end_period() noexcept {
-    playback_.drift().add_local_frames(static_cast<std::uint64_t>(setup_.block_frames));
+void PeriodPath::count_frames() noexcept {
+    playback_.drift().add_local_frames(block_frames_);
 }
 
 void PeriodPath::record_duration(std::int64_t start, std::int64_t end) noexcept {
@@ -159,10 +169,9 @@ PlayerTelemetry PeriodPath::take_telemetry() noexcept {
     t.maxFrames = fill.maxFrames;
     t.target_frames = playback_.target_frames();
     t.error_frames = static_cast<double>(fill.current) - static_cast<double>(t.target_frames);
-    if (setup_.sample_rate > 0.0)
-        t.buffer_ms = static_cast<double>(fill.current) * 1000.0 / setup_.sample_rate;
-    if (setup_.block_frames > 0)
-        t.buffer_blocks = static_cast<double>(fill.current) / setup_.block_frames;
+    if (sample_rate_ > 0.0) t.buffer_ms = static_cast<double>(fill.current) * 1000.0 / sample_rate_;
+    if (block_frames_ > 0)
+        t.buffer_blocks = static_cast<double>(fill.current) / static_cast<double>(block_frames_);
     t.underruns = total(counters.underruns);
     t.overruns = total(counters.overruns);
     t.playbackDropped = total(counters.playbackDropped);
@@ -177,7 +186,7 @@ PlayerTelemetry PeriodPath::take_telemetry() noexcept {
     t.server_to_output_last_us = playback_.server_to_output().last_us();
     t.server_to_output_max_us = playback_.server_to_output().max_us();
     t.actual_sample_rate = playback_.shape().sample_rate;
-    t.actual_block_frames = static_cast<std::uint16_t>(setup_.block_frames);
+    t.actual_block_frames = static_cast<std::uint16_t>(block_frames_);
     t.input_peak_count = input_meters_.count();
     t.output_peak_count = output_meters_.count();
     return t;

@@ -44,6 +44,8 @@ struct PlayerTelemetry {
     std::uint32_t output_peak_count = 0;
     std::array<std::uint32_t, max_meters> input_peaks{};  ///< 0..1000 since the previous report
     std::array<std::uint32_t, max_meters> output_peaks{};
+
+    bool operator==(const PlayerTelemetry&) const = default;
 };
 
 }  // namespace tavistro

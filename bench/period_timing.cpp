@@ -21,10 +21,8 @@ using namespace tavistro;
 
 std::vector<double> period_ends_us(const AudioDeviceSettings& settings, int seconds) {
     PeriodPath periods;
-    periods.prepare({.sample_rate = static_cast<double>(settings.sample_rate),
-                     .block_frames = static_cast<std::int32_t>(settings.block_size),
-                     .output_channels = 2,
-                     .input_channels = 2});
+    periods.prepare(settings, settings.sample_rate, static_cast<std::int32_t>(settings.block_size),
+                    false);
     std::vector<double> ends;
     ends.reserve(static_cast<std::size_t>(seconds + 1) * settings.sample_rate /
                  settings.block_size);
@@ -73,6 +71,7 @@ Timing timing(const std::vector<double>& seen_us, double period_us) {
 int main(int argc, char** argv) {
     CLI::App app("Measures how late the loopback device begins its periods.");
     AudioDeviceSettings settings;
+    settings.output_channel_map = settings.input_channel_map = {0, 1};
     int seconds = 10;
     app.add_option("--frames", settings.block_size, "frames per period")
         ->check(CLI::Range(16, 2048));

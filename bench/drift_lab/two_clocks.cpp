@@ -122,7 +122,7 @@ class Timetable {
 /// A client with one channel each way; played and captured sound do not matter here.
 class Client {
   public:
-    Client(const Experiment& e, const EngineConfig& config, double settled)
+    Client(const Experiment& e, EngineConfig config, double settled)
         : format_(e),
           ring_(1, e.sample_rate, e.frames, config.client.capture_target_blocks,
                 config.client.capture_capacity_blocks),
@@ -130,14 +130,8 @@ class Client {
           block_(e.frames, 0.25F),
           playback_fill_(settled),
           capture_fill_(settled) {
-        periods_.prepare({.sample_rate = static_cast<double>(e.sample_rate),
-                          .block_frames = e.frames,
-                          .output_channels = 1,
-                          .input_channels = 1,
-                          .capture = true,
-                          .prebuffer_blocks = config.audio.prebuffer_blocks,
-                          .target_queue_depth = config.audio.target_queue_depth,
-                          .max_queue_blocks = config.audio.max_queue_blocks});
+        config.audio.output_channel_map = config.audio.input_channel_map = {0};
+        periods_.prepare(config.audio, e.sample_rate, e.frames, true);
     }
 
     void take_notice(std::uint64_t block, double time) {
@@ -158,10 +152,11 @@ class Client {
     }
     void run_period(double time) {
         playback_fill_.take(time, blocks(periods_.playback().fill()));
-        periods_.begin_period();
+        periods_.count_period();
+        periods_.follow_drift();
         periods_.render(0);
         periods_.loop_back(false);
-        periods_.end_period();
+        periods_.count_frames();
     }
     Outcome outcome() {
         outcome_.playback = playback_fill_.result();

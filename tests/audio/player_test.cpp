@@ -29,22 +29,30 @@ class Player : public testing::Test {
     ~Player() override {
         player.stop();
         use_running_clock();
+        EXPECT_EQ(panel->calls_out_of_turn, 0);
         EXPECT_EQ(realtime_violations().total(), 0U) << "in some period of this test";
     }
     bool start(bool loopback = false) {
         lines.clear();
         return (player.*(loopback ? &AsioPlayer::start_loopback : &AsioPlayer::start))(
             settings, [this](const std::string& line) { lines.push_back(line); },
-            [this](auto, auto, auto, const Levels& samples) {
+            [this](auto rate, auto frames, auto channels, const Levels& samples) {
                 const std::lock_guard guard(mutex);
+                captured_format = {rate, frames, channels};
                 captured.push_back(samples);
             },
-            [this](const PlayerTelemetry& report) { reports.push_back(report); });
+            [this](const PlayerTelemetry& report) {
+                const std::lock_guard guard(mutex);
+                reports.push_back(report);
+            });
     }
     void push(std::uint32_t sample_rate, const Levels& samples, std::uint64_t server_ns = 0,
               std::uint64_t delivery_ns = 0) {
         const auto frames = static_cast<std::uint16_t>(samples.size() / 2);
         player.push_block(0, sample_rate, frames, 2, samples, server_ns, 0, delivery_ns);
+    }
+    void notice(std::uint64_t server_frame_position) {
+        player.on_sync({.server_frame_position = server_frame_position, .server_time_ns = 1});
     }
     void wait_until(const std::function<bool()>& reached) {
         EXPECT_TRUE(eventually([&] {
@@ -57,6 +65,7 @@ class Player : public testing::Test {
     std::shared_ptr<DevicePanel> panel = std::make_shared<DevicePanel>();
     std::mutex mutex;
     std::vector<std::string> lines;
+    std::array<std::uint32_t, 3> captured_format{};
     std::vector<Levels> captured;
     std::vector<PlayerTelemetry> reports;
     AsioPlayer player{
@@ -96,96 +105,177 @@ TEST_F(Player, FailedStartsSayWhyAndLeaveNothingBehind) {
 }
 
 TEST_F(Player, PlaysWhatIsPushedAndHandsOutWhatIsCaptured) {
-    ASSERT_TRUE(start());
+    panel->calls_in_start = true;
     panel->input = 0.25F;
-    push(48000, {0.5F, 0.5F, 0.5F, 0.5F, 1.0F, 1.0F, 1.0F, 1.0F});
-    EXPECT_TRUE(captured.empty()) << "no period yet, not even the one during the opening";
+    ASSERT_TRUE(start());
+    for (const std::uint64_t position : {1000U, 1204U}) {
+        notice(position);
+        for (int period = 0; period < 50; ++period)
+            panel->period();
+    }
+    EXPECT_EQ(captured.size(), 1U + 7U) << "that of the start, and what has room";
+    EXPECT_DOUBLE_EQ(player.capture_ratio(), 1 / (0.98 + 204.0 / 200 * 0.02));
+    captured.clear();
+    push(48000, {0.5F, 0.5F, 0.5F, 0.625F, 1.0F, 1.0F, 1.0F, 1.0F});
+    const Levels input{0.25F, 0.25F, 0.25F, 0.25F, 0.5F, 0.5F, 0.5F, 0.5F};
+    EXPECT_EQ(captured, std::vector(7, input));
     panel->period();
-    EXPECT_EQ(panel->played, (std::vector{Levels(4, 0.5F), Levels(4, 1.0F)}));
+    EXPECT_EQ(panel->played, (std::vector<Levels>{{0.5F, 0.5F, 0.5F, 0.625F}, Levels(4, 1.0F)}))
+        << "bit for bit without a target, whatever the clocks";
     panel->period();
     EXPECT_TRUE(panel->played[0].empty()) << "silence when nothing is buffered";
-    EXPECT_TRUE(captured.empty()) << "never on the device's thread";
-    player.on_sync({});
-    const Levels input{0.25F, 0.25F, 0.25F, 0.25F, 0.5F, 0.5F, 0.5F, 0.5F};
-    EXPECT_EQ(captured, (std::vector{input, input}));
-
-    for (int period = 0; period < 8; ++period)
-        panel->period();
-    player.on_sync({});
-    EXPECT_EQ(captured.size(), 2U + 7U) << "the eighth found no room";
+    EXPECT_EQ(captured.size(), 7U) << "never on the device's thread";
 }
 
 TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
     set_manual_clock();
-    settings.target_queue_depth = 2;
+    settings.block_size = 0;
+    settings.target_queue_depth = 3;
     settings.prebuffer_blocks = 2;
+    settings.input_channel_map = {0, 1, 2};
+    panel->frames = 4;
     panel->rate_error = -0.1;
-    panel->input = 0.5F;
+    panel->input = 0.25F;
     ASSERT_TRUE(start());
     panel->faulty = true;
-    advance_clock_ms(999);
+    advance_clock_ms(989);
     const Levels samples{0.1F, -0.25F, 0.0F, 0.0F, 0.0F, 0.0F, 0.75F, 0.0F};
     push(48000, samples);  // not what the device runs at
+    player.push_block(0, 47999, 4, 2, {}, 0, 0, 0);
     const std::uint64_t now = platform::nanosecond_clock();
+    push(47999, samples);
+    panel->period();
     push(47999, samples, now - 40'000, now - 30'000);
     push(47999, samples, now - 25'000, now - 20'000);
     push(47999, samples, now + 1'000, now - 10'000);  // a clock ahead of ours
-    for (int period = 0; period < 10; ++period)
+    int periods = 1;
+    panel->during_period = [&] {
+        ++periods;
+        advance_clock_ms(periods == 5 ? 7 : periods == 10 ? 3 : 0);
+    };
+    while (periods < 10) {
         panel->period();
+        panel->input = 0.3F;  // once the meters have been due
+    }
     advance_clock_ms(1);
     push(47999, samples);
-    ASSERT_EQ(reports.size(), 1U);
-    const PlayerTelemetry& t = reports.front();
+    const PlayerTelemetry t = reports.at(0);
     EXPECT_EQ(t.format_drops, 1U);
     EXPECT_EQ(t.output_ready_failures, 10U);
-    EXPECT_EQ(t.actual_sample_rate, 47999U);
-    EXPECT_EQ(t.queue_latency_last_us, 10U);
-    EXPECT_EQ(t.queue_latency_max_us, 30U);
-    EXPECT_EQ(t.server_to_output_last_us, 25U);
-    EXPECT_EQ(t.input_peaks[1], 1000U);
-    EXPECT_EQ(t.output_peaks[0], 250U);
-    EXPECT_EQ(t.output_peaks[1], 750U);
-    EXPECT_EQ(lines, (std::vector<std::string>{
-                         "[asio] recvBlocksPerSec=4 callbacksPerSec=10 dequeuedPerSec=3 "
-                         "pll_ratio=1.000000 renderedFrames=28",
-                         "[asio] playbackBuffer frames=4 blocks=1.00 ms=0.08 target_frames=8 "
-                         "error_frames=-4.0 minFrames=4 maxFrames=12 underruns=3 overruns=0 "
-                         "playbackDropped=1 captureDropped=3"}));
+    EXPECT_TRUE(t.device_fault);
+    EXPECT_EQ(captured_format, (std::array{47999U, 4U, 3U}));
+    EXPECT_EQ((std::array{t.configured_sample_rate, t.actual_sample_rate}),
+              (std::array{48000U, 47999U}));
+    EXPECT_EQ(t.configured_block_size, 0U);
+    EXPECT_EQ(t.actual_block_frames, 4U);
+    EXPECT_EQ((std::array{t.callback_duration_last_us, t.callback_duration_max_us}),
+              (std::array<std::uint64_t, 2>{3000, 7000}));
+    EXPECT_EQ((std::array{t.queue_latency_last_us, t.queue_latency_max_us}),
+              (std::array<std::uint64_t, 2>{10, 30}));
+    EXPECT_EQ((std::array{t.server_to_output_last_us, t.server_to_output_max_us}),
+              (std::array<std::uint64_t, 2>{25, 40}));
+    EXPECT_EQ((std::array{t.input_peak_count, t.output_peak_count}), (std::array{3U, 2U}));
+    EXPECT_EQ(t.input_peaks, (std::array<std::uint32_t, max_meters>{250, 500, 750}));
 
-    ASSERT_TRUE(start());
     advance_clock_ms(1000);
-    player.on_sync({});
-    EXPECT_EQ(reports.back().callbacks_total + reports.back().playbackDropped, 0U);
+    notice(0);
+    notice(0);
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports.at(1).input_peaks, (std::array<std::uint32_t, max_meters>{}));
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "[asio] recvBlocksPerSec=5 callbacksPerSec=10 dequeuedPerSec=4 "
+                         "pll_ratio=1.000000 renderedFrames=28",
+                         "[asio] playbackBuffer frames=5 blocks=1.25 ms=0.10 target_frames=12 "
+                         "error_frames=-7.0 minFrames=1 maxFrames=16 underruns=3 overruns=0 "
+                         "playbackDropped=1 captureDropped=2",
+                         "[asio] recvBlocksPerSec=0 callbacksPerSec=0 dequeuedPerSec=0 "
+                         "pll_ratio=1.000000 renderedFrames=28",
+                         "[asio] playbackBuffer frames=5 blocks=1.25 ms=0.10 target_frames=12 "
+                         "error_frames=-7.0 minFrames=5 maxFrames=5 underruns=3 overruns=0 "
+                         "playbackDropped=1 captureDropped=2"}));
 }
 
-TEST_F(Player, LoopsBackWithDuplicatesAndStopsInEveryWait) {
-    settings.input_channel_map = {0, 1, 2};  // the third has no output
-    settings.loopback_callback_duplicate_every = 1;
-    settings.loopback_callback_duplicate_count = 2;
+struct Outcome {
+    std::vector<Levels> played, captured;
+    std::vector<PlayerTelemetry> reports;
+    std::vector<std::string> lines;
+    bool operator==(const Outcome&) const = default;
+};
+
+TEST_F(Player, ARestartForgetsTheRunBefore) {
+    set_manual_clock();
+    settings.sample_rate = 6000;  // meters are due in every other period
+    settings.block_size = 100;
+    settings.prebuffer_blocks = 2;
+    settings.target_queue_depth = 3;
+    settings.max_queue_blocks = 6;
+    // A server whose clock is 2 % fast.
+    const auto notice_at = [&](std::uint64_t period) { notice(102 * period); };
+    const auto push_ramp = [&](float from, std::uint64_t age_ns) {
+        Levels samples(200);
+        std::generate(samples.begin(), samples.end(), [&] { return from += 0.001F; });
+        const std::uint64_t then = platform::nanosecond_clock() - age_ns;
+        push(6000, samples, then, then);
+    };
+    std::uint64_t work_ns = 0;
+    panel->during_period = [&] { advance_clock_ns(work_ns); };
+    const auto run = [&] {
+        EXPECT_TRUE(start());
+        captured.clear();
+        reports.clear();
+        Outcome result;
+        work_ns = 1'000'000;
+        for (std::uint64_t period = 0; period < 12; ++period) {
+            panel->input = 0.01F * static_cast<float>(period);
+            if (period < 6) push_ramp(0.02F * static_cast<float>(period), 1'000'000);
+            if (period > 2) notice_at(period);
+            if (period == 3) notice_at(period);  // two of them between two periods
+            panel->period();
+            result.played.insert(result.played.end(), panel->played.begin(), panel->played.end());
+        }
+        advance_clock_ms(1000 - 12);
+        notice(0);
+        result.captured = captured;
+        result.reports = reports;
+        result.lines = lines;
+        return result;
+    };
+    const Outcome fresh = run();
+    EXPECT_EQ(fresh.reports.size(), 1U);
+    EXPECT_NE(fresh.reports.at(0).pll_ratio, 1.0);
+    EXPECT_EQ(fresh.captured.size(), 12U);
+    EXPECT_TRUE(fresh.played[0].empty() && !fresh.played[2].empty()) << "plays from two blocks on";
+
+    ASSERT_TRUE(start());
+    work_ns = 9'000'000;
+    panel->input = 0.5F;
+    for (int block = 0; block < 7; ++block)
+        push_ramp(0.7F, 50'000'000);
+    notice_at(0);
+    panel->period();
+    notice_at(1);
+    for (int period = 0; period < 4; ++period)
+        panel->period();
+    EXPECT_FALSE(panel->played[0].empty()) << "stops while it plays";
+    EXPECT_TRUE(run() == fresh);
+    ASSERT_TRUE(start());
+    for (int period = 0; period < 9; ++period)  // more than the ring of captured periods holds
+        panel->period();
+    EXPECT_TRUE(run() == fresh);
+}
+
+TEST_F(Player, LoopsBackAndStopsInEveryWait) {
     settings.block_size = 48;
     ASSERT_TRUE(start(true));
     EXPECT_EQ(lines, std::vector<std::string>{"[asio] virtual loopback started."});
-    Levels samples(96, 0.5F);
-    for (const float level : {0.125F, 0.25F}) {
-        samples[0] = level;
-        push(48000, samples);
-    }
-    const auto first = [](const Levels& input) { return input[0]; };
-    wait_until([&] { return std::ranges::count(captured, 0.25F, first) == 3; });
-    player.stop();
-    Levels levels;
-    for (const auto& input : captured) {
-        if (input[0] != 0.0F) levels.push_back(input[0]);
-        EXPECT_EQ(input[48], input[0] == 0.0F ? 0.0F : 0.5F);
-        EXPECT_EQ(input[96], 0.0F);
-    }
-    EXPECT_EQ(levels, (Levels{0.125F, 0.125F, 0.125F, 0.25F, 0.25F, 0.25F}));
-
+    const Levels samples(96, 0.5F);
+    push(48000, samples);
+    wait_until([&] { return std::ranges::count(captured, samples) == 1; });
     // A wait or stall that does not see the stop runs into the time limit of the test.
-    captured.clear();
     settings.loopback_callback_stall_every_ms = 3'600'000;
     settings.loopback_callback_stall_duration_ms = 3'600'000;
     ASSERT_TRUE(start(true));
+    captured.clear();
     platform::sleep_ms(20);
     settings.block_size = 65535;
     settings.sample_rate = 1;
@@ -194,13 +284,25 @@ TEST_F(Player, LoopsBackWithDuplicatesAndStopsInEveryWait) {
     EXPECT_TRUE(captured.empty());
 }
 
+TEST_F(Player, ALostLoopbackDeviceIsReportedUntilTheStop) {
+    settings.block_size = 48;
+    settings.loopback_device_lost_duration_ms = 3'600'000;
+    ASSERT_TRUE(start(true));
+    advance_clock_ms(1000);
+    wait_until([&] { return !reports.empty() && reports.back().device_fault; });
+    ASSERT_TRUE(start());
+    advance_clock_ms(1000);
+    notice(0);
+    EXPECT_FALSE(reports.back().device_fault);
+}
+
 TEST_F(Player, LateCallersAreHarmlessAcrossStopsStartsAndFormatChanges) {
     panel->runs_by_itself = true;
     std::atomic<bool> calling{true};
     std::thread receiver([&] {
         for (std::uint64_t i = 0; calling; ++i) {
             push(48000, Levels(i % 2 == 0 ? 8 : 96, 0.5F));
-            player.on_sync({.server_frame_position = i * 4});
+            notice(i * 4);
             EXPECT_GT(player.capture_ratio(), 0.9);
         }
     });

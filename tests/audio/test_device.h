@@ -20,11 +20,19 @@ struct DevicePanel {
     std::atomic<int> refusals{0};     ///< opens still to fail
     std::atomic<bool> faulty{false};  ///< takes no output and asks for a reset, until the next open
     bool runs_by_itself = false;      ///< periods on a thread of its own, from opening to close
-    double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
-    float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
+    bool calls_in_start = false;
+    std::uint32_t frames = 0;  ///< of a period; 0 for what is asked for
+    double rate_error = 0.0;   ///< added to the rate that is asked for, Hz
+    float input = 0.0F;        ///< every sample of input channel c is input * (c + 1)
+    std::function<void()> during_period;
 
     std::vector<std::vector<float>> played;  ///< last period of every output, empty for silence
     std::function<void()> period;
+    /// Calls outside a period of the open device, for the other half, or that said ready before
+    /// every output was written.
+    std::atomic<int> calls_out_of_turn{0};
+    std::int32_t half = 1;
+    std::size_t unwritten_outputs = 0;
 };
 
 class TestDevice : public AudioDevice {
@@ -38,14 +46,17 @@ class TestDevice : public AudioDevice {
             return false;
         }
         panel_->faulty = false;
-        buffer_size_ = settings.block_size;
+        buffer_size_ = panel_->frames != 0 ? panel_->frames : settings.block_size;
         sample_rate_ = settings.sample_rate + panel_->rate_error;
         panel_->played.assign(settings.output_channel_map.size(), std::vector<float>(buffer_size_));
-        panel_->period = [callback, context] {
+        panel_->period = [panel = panel_.get(), callback, context] {
             const RealtimeScope scope;
-            callback(context, 0);
+            panel->half = 1 - panel->half;
+            panel->unwritten_outputs = panel->played.size();
+            callback(context, panel->half);
         };
         panel_->period();  // as some drivers do
+        open_ = true;
         running_ = panel_->runs_by_itself;
         thread_ = std::thread([this] {
             while (running_)
@@ -53,25 +64,39 @@ class TestDevice : public AudioDevice {
         });
         return true;
     }
-    bool start() override { return panel_->starts; }
+    bool start() override {
+        if (panel_->calls_in_start) panel_->period();
+        return panel_->starts;
+    }
     void close() override {
         running_ = false;
         if (thread_.joinable()) thread_.join();
     }
-    void read_input(std::int32_t channel, std::int32_t, float* destination,
+    void read_input(std::int32_t channel, std::int32_t half, float* destination,
                     std::int32_t frames) override {
+        expect_turn(half == panel_->half);
         std::fill_n(destination, frames, panel_->input * static_cast<float>(channel + 1));
     }
-    void write_output(std::int32_t channel, std::int32_t, const float* source,
+    void write_output(std::int32_t channel, std::int32_t half, const float* source,
                       std::int32_t frames) override {
+        expect_turn(half == panel_->half && panel_->unwritten_outputs-- > 0);
         panel_->played[static_cast<std::size_t>(channel)].assign(
             source, source == nullptr ? nullptr : source + frames);
     }
-    bool output_ready() override { return !panel_->faulty; }
+    bool output_ready() override {
+        expect_turn(panel_->unwritten_outputs == 0);
+        if (panel_->during_period) panel_->during_period();
+        return !panel_->faulty;
+    }
     bool reset_requested() override { return panel_->faulty; }
 
   private:
+    void expect_turn(bool good) {
+        if (!good || !open_) ++panel_->calls_out_of_turn;
+    }
+
     std::shared_ptr<DevicePanel> panel_;
+    bool open_ = false;
     std::atomic<bool> running_{false};
     std::thread thread_;
 };

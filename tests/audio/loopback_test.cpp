@@ -1,9 +1,16 @@
-#include "audio/loopback_schedule.h"
-
+// When the virtual device has its periods, and what it does in them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
+
+#include "audio/loopback_device.h"
+#include "audio/loopback_schedule.h"
+#include "common/drift_law.h"
+#include "platform/clock.h"
+#include "support/eventually.h"
+#include "support/movable_clock.h"
 
 namespace tavistro {
 namespace {
@@ -77,6 +84,71 @@ TEST(LoopbackSchedule, DeadlinesFollowDriftMissedPeriodsAndJitter) {
         EXPECT_EQ(jittery.next_wake(), start + period * 100'000 + jitter_ms * ticks_per_ms);
         jittery.advance(start + period * 100'000);
     }
+}
+
+/// The first periods, repeated ones included, while a server sends the levels 1, 2, 3, ... to two
+/// outputs, and a notice to the second and the third period. One takes 5 ms.
+struct LoopbackRun {
+    LoopbackRun(AudioDeviceSettings settings, int steps) {
+        settings.block_size = 48;
+        settings.output_channel_map = {0, 1};
+        settings.input_channel_map = {0, 1, 2};
+        settings.prebuffer_blocks = 1;
+        settings.target_queue_depth = 0;
+        PeriodPath periods;
+        periods.prepare(settings, 48000, 48, true);
+        CaptureSlot captured;
+        std::atomic<int> step{0};
+        LoopbackDevice device(periods, [&] {
+            if (step == steps) return;
+            const int now = step + 1;
+            while (periods.take_captured(captured)) {
+                first.push_back(captured.samples[0] * 64);
+                third.push_back(captured.samples[2 * 48]);
+            }
+            const std::vector<float> block(96, static_cast<float>(now) / 64);
+            periods.playback().push_block(
+                {.sample_rate = 48000, .frames = 48, .channels = 2, .samples = block});
+            if (now <= 2) periods.playback().drift().on_sync(now == 1 ? 1000 : 1098);
+            if (now == 4) test::advance_clock_ms(5);
+            step = now;
+        });
+        const std::uint64_t begin_ns = platform::nanosecond_clock();
+        EXPECT_TRUE(device.start(settings));
+        EXPECT_TRUE(test::eventually([&] { return step == steps; }));
+        took_ns = platform::nanosecond_clock() - begin_ns;
+        device.stop();
+        report = periods.take_telemetry();
+        periods.take_peaks(report);
+    }
+    std::vector<float> first, third;
+    std::uint64_t took_ns = 0;
+    PlayerTelemetry report;
+};
+
+TEST(LoopbackDevice, RepeatedPeriodsCaptureAgainAndCountFramesButDoNotFollowTheDrift) {
+    AudioDeviceSettings settings;
+    settings.loopback_callback_duplicate_every = 2;
+    settings.loopback_callback_duplicate_count = 1;
+    const LoopbackRun run(settings, 6);
+    EXPECT_EQ(run.first, (std::vector<float>{0, 1, 1, 2, 3, 3}));
+    EXPECT_EQ(run.third, std::vector<float>(6)) << "there is no third output";
+    EXPECT_EQ(run.report.pll_ratio, followed_clock_ratio(1.0, 98.0 / 96));
+    EXPECT_GE(run.report.callback_duration_max_us, 5000U);
+}
+
+TEST(LoopbackDevice, SilentPeriodsAreSilentRepeatedOrNotAndSkippedOnesTakeTheirTime) {
+    AudioDeviceSettings settings;
+    settings.loopback_input_silence_every_ms = settings.loopback_input_silence_duration_ms = 1;
+    settings.loopback_callback_duplicate_every = 3;
+    settings.loopback_callback_duplicate_count = 1;
+    settings.loopback_callback_skip_every = 2;
+    settings.loopback_callback_skip_count = 1;
+    const LoopbackRun run(settings, 60);  // until the meters have been due twice
+    EXPECT_EQ(run.first, std::vector<float>(60));
+    EXPECT_GT(run.report.output_peaks[0], 0U);
+    EXPECT_EQ(run.report.input_peaks[0], 0U);
+    EXPECT_GE(run.took_ns, 85'000'000U) << "45 periods of 1 ms and as many skipped";
 }
 
 }  // namespace
