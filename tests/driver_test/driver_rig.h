@@ -10,10 +10,9 @@
 
 namespace tavistro::test {
 
-/// Settings for a ConfigFile: the test driver, then `more` in section [asio].
-inline std::string on_test_driver(const std::string& more = {}) {
-    return "loopback_device = 0\n[asio]\ndriver_name = Tavistro Test Driver\n" + more;
-}
+/// Settings for a ConfigFile.
+inline const std::string on_test_driver =
+    "loopback_device = 0\n[asio]\ndriver_name = Tavistro Test Driver\n";
 
 /// Like eventually(), but time passes about ten times as fast for engine and server. The driver's
 /// clock is its own.

@@ -20,24 +20,9 @@ constexpr jack_nframes_t period = 128;
 constexpr int many_frames = 200 * period;
 constexpr std::int32_t far_channel = 17;  // beyond the server's physical ports
 
-/// Counts how long numbers have followed each other without a gap.
-class Sequence {
-  public:
-    void add(float number) {
-        length_ = number != 0 && number == last_ + 1 ? length_ + 1 : 0;
-        last_ = number;
-    }
-    int length() const { return length_; }
-
-  private:
-    float last_ = 0;
-    std::atomic<int> length_{0};
-};
-
-// The host's end of the callbacks, which carry no context: checks its input and sends it back.
+// The host's end of the callbacks, which carry no context: sends its input back.
 struct Host {
     static inline AsioBufferInfo channels[4];
-    static inline Sequence input;
     static inline std::int32_t last_half;
     static inline std::atomic<int> periods, resets, overloads, unordered_halves;
     static inline std::atomic<bool> held_up, inside;
@@ -57,8 +42,6 @@ struct Host {
         if (half == last_half) ++unordered_halves;
         last_half = half;
         const auto* in = static_cast<const float*>(channels[2].half[half]);
-        for (jack_nframes_t i = 0; i < period; ++i)
-            input.add(in[i]);
         std::memcpy(channels[3].half[half], in, period * sizeof(float));
         const auto begin = std::chrono::steady_clock::now();
         while (held_up && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(100))
@@ -101,14 +84,14 @@ class Peer {
     }
     jack_client_t* handle() const { return client_.get(); }
     void connect() {
-        EXPECT_EQ(jack_connect(handle(), jack_port_name(to_host_), "tavistro:in_18"), 0);
-        EXPECT_EQ(jack_connect(handle(), "tavistro:out_18", jack_port_name(from_host_)), 0);
+        EXPECT_EQ(jack_connect(handle(), "test:to_host", "tavistro:in_18"), 0);
+        EXPECT_EQ(jack_connect(handle(), "tavistro:out_18", "test:from_host"), 0);
     }
     bool connected(const char* port, const char* other) const {
         return jack_port_connected_to(jack_port_by_name(handle(), port), other) != 0;
     }
 
-    Sequence returned;
+    std::atomic<int> frames_in_order{0};  ///< the latest that came back without a gap
     std::atomic<float> delay_frames{0};
 
   private:
@@ -117,12 +100,14 @@ class Peer {
         const auto* in = static_cast<const float*>(jack_port_get_buffer(from_host_, frames));
         for (jack_nframes_t i = 0; i < frames; ++i) {
             out[i] = ++sent_;  // exact for some five minutes
-            returned.add(in[i]);
+            frames_in_order = in[i] != 0 && in[i] == last_ + 1 ? frames_in_order + 1 : 0;
+            last_ = in[i];
             delay_frames = sent_ - in[i];
         }
     }
 
     float sent_ = 0;
+    float last_ = 0;
     jack_port_t* to_host_;
     jack_port_t* from_host_;
     JackClientHandle client_;
@@ -139,19 +124,8 @@ TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
     Peer peer;
     AsioDriver* driver = jack::create_jack_driver();
     ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
-    std::int32_t inputs = 0, outputs = 0, minimum = 0, maximum = 0, preferred = 0, granularity = -1;
-    EXPECT_EQ(driver->getChannels(&inputs, &outputs), kAsioOk);
-    EXPECT_EQ(driver->getBufferSize(&minimum, &maximum, &preferred, &granularity), kAsioOk);
-    EXPECT_EQ((std::array{inputs, outputs, minimum, maximum, preferred, granularity}),
-              (std::array{32, 32, 128, 128, 128, 0}));
     EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     EXPECT_EQ(driver->setSampleRate(44100), kAsioNoClock);
-    AsioChannelInfo info{};
-    info.channel = far_channel;
-    EXPECT_EQ(driver->getChannelInfo(&info), kAsioOk);
-    EXPECT_EQ(info.type, 19);
-    EXPECT_STREQ(info.name, "out_18");
-
     Host::open_channels();
     const auto create = [&](std::int32_t size) {
         return driver->createBuffers(Host::channels, 4, size, &Host::callbacks);
@@ -159,18 +133,16 @@ TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
     EXPECT_EQ(create(256), kAsioInvalidMode);
     EXPECT_EQ(driver->start(), kAsioInvalidMode);
     ASSERT_EQ(create(period), kAsioOk);
-    EXPECT_EQ(driver->getLatencies(&inputs, &outputs), kAsioOk);
-    EXPECT_EQ(inputs, 128) << "the server's own";
+    std::int32_t input_latency = 0, output_latency = 0;
+    EXPECT_EQ(driver->getLatencies(&input_latency, &output_latency), kAsioOk);
+    EXPECT_EQ(input_latency, 128) << "the server's own";
     ASSERT_EQ(driver->start(), kAsioOk);
     EXPECT_TRUE(eventually([&] {
         return peer.connected("tavistro:in_1", "system:capture_1") &&
                peer.connected("tavistro:out_1", "system:playback_1");
     }));
     peer.connect();
-    EXPECT_TRUE(eventually([&] {
-        return Host::input.length() > many_frames && peer.returned.length() > many_frames;
-    })) << Host::input.length()
-        << " " << peer.returned.length();
+    EXPECT_TRUE(eventually([&] { return peer.frames_in_order > many_frames; }));
     EXPECT_TRUE(eventually([&] { return peer.delay_frames == period; }))
         << "that of the loop in the graph, none of the driver's";
     AsioCount64 frames{}, nanoseconds{};
