@@ -176,6 +176,7 @@ TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
               (std::array<std::uint64_t, 2>{25, 40}));
     EXPECT_EQ((std::array{t.input_peak_count, t.output_peak_count}), (std::array{3U, 2U}));
     EXPECT_EQ(t.input_peaks, (std::array<std::uint32_t, max_meters>{250, 500, 750}));
+    EXPECT_EQ(t.output_peaks, (std::array<std::uint32_t, max_meters>{})) << "silent when due";
 
     advance_clock_ms(1000);
     notice(0);
