@@ -285,16 +285,25 @@ TEST_F(Player, LoopsBackAndStopsInEveryWait) {
     EXPECT_TRUE(captured.empty());
 }
 
-TEST_F(Player, ALostLoopbackDeviceIsReportedUntilTheStop) {
+TEST_F(Player, ALostLoopbackDeviceIsReportedUntilItIsBackOrStopped) {
     settings.block_size = 48;
     settings.loopback_device_lost_duration_ms = 3'600'000;
-    ASSERT_TRUE(start(true));
-    advance_clock_ms(1000);
-    wait_until([&] { return !reports.empty() && reports.back().device_fault; });
+    const auto fault = [&] { return !reports.empty() && reports.back().device_fault; };
+    for (const bool comes_back : {true, false}) {
+        ASSERT_TRUE(start(true));
+        advance_clock_ms(1000);
+        wait_until(fault);
+        if (!comes_back) continue;
+        advance_clock_ms(settings.loopback_device_lost_duration_ms);
+        wait_until([&] { return !fault(); });
+    }
+    settings.input_channel_map = {0, 1, 2};
     ASSERT_TRUE(start());
+    panel->period();
     advance_clock_ms(1000);
     notice(0);
-    EXPECT_FALSE(reports.back().device_fault);
+    EXPECT_FALSE(fault());
+    EXPECT_EQ(captured_format, (std::array{48000U, 48U, 3U}));
 }
 
 TEST_F(Player, LateCallersAreHarmlessAcrossStopsStartsAndFormatChanges) {
