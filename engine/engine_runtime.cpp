@@ -11,6 +11,9 @@ namespace {
 
 constexpr std::uint32_t supervision_period_ms = 100;
 
+/// How long a wait for the stream goes without looking for it or for a stop.
+constexpr std::uint32_t sync_wait_slice_ms = 100;
+
 std::optional<EngineConfig> load(const std::string& path) noexcept {
     try {
         EngineConfig config;
@@ -109,16 +112,29 @@ void EngineRuntime::run_stages(EngineConfig& config) {
     set_stream_format(config.audio);
 
     if (config.loopback_device) {
-        if (!start_loopback_asio(config.audio)) {
+        if (!start_audio(config)) {
             client_.stop();
             return set_state(TAVISTRO_STATE_FAILED);
         }
-    } else if (!start_asio_with_retries(config.audio)) {
+    } else if (!start_asio_with_retries(config)) {
         client_.stop();
         return end_after_retries();
     }
     set_state(TAVISTRO_STATE_RUNNING, status_running);
     supervise_until_stopped(config);
+}
+
+bool EngineRuntime::wait_for_first_sync(AudioDeviceSettings& audio) {
+    for (;;) {
+        // The format before the stop: a stream that has come by now is shown with its format.
+        if (const auto info = first_sync_.peek()) {
+            audio.sample_rate = info->sample_rate;
+            audio.block_size = info->block_frames;
+            return true;
+        }
+        if (stop_requested_) return false;
+        worker_event_.wait_for_ms(sync_wait_slice_ms);
+    }
 }
 
 void EngineRuntime::supervise_until_stopped(EngineConfig& config) {

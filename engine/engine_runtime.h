@@ -63,29 +63,28 @@ class EngineRuntime {
     void run(const std::string& path) noexcept;
     bool prepare(const EngineConfig& config);
     void run_stages(EngineConfig& config);
+    /// Waits without limit. False when stopped; otherwise the format is in `audio`.
+    bool wait_for_first_sync(AudioDeviceSettings& audio);
     void supervise_until_stopped(EngineConfig& config);
     void end_after_retries() noexcept;
     void end_after_exception() noexcept;
 
-    // Starts with their retries and waits, on the worker (engine_start.cpp).
+    // Starts with their retries, on the worker (start_retries.cpp).
     enum class Attempt { started, failed, hopeless };
     struct RetryPlan;
     template <typename TryOnce, typename BeginPause>
     bool start_with_retries(const RetryPlan& plan, TryOnce try_once, BeginPause begin_pause);
     bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
-    Attempt start_client(const TavistroProtocol::ClientSettings& settings);
-    bool start_asio_with_retries(const AudioDeviceSettings& audio);
-    /// One attempt, on the device that the settings ask for.
-    bool start_audio(const EngineConfig& config);
-    bool start_asio(const AudioDeviceSettings& audio);
-    bool start_loopback_asio(const AudioDeviceSettings& audio);
-    void accept_audio(const AudioDeviceSettings& audio, StreamFormat device_format);
-    void stop_audio() noexcept;
-    bool set_capture_format(const AudioDeviceSettings& audio);
-    /// Waits without limit. False when stopped; otherwise the format is in `audio`.
-    bool wait_for_first_sync(AudioDeviceSettings& audio);
+    bool start_asio_with_retries(const EngineConfig& config);
     /// False when stopped before the time was over.
     bool wait_or_stop(std::uint32_t ms);
+
+    // One attempt each, on the worker (engine_start.cpp).
+    Attempt start_client(const TavistroProtocol::ClientSettings& settings);
+    /// On the device that the settings ask for. False leaves its error.
+    bool start_audio(const EngineConfig& config);
+    void stop_audio() noexcept;
+    bool set_capture_format(const AudioDeviceSettings& audio);
 
     // The worker's checks while running; false ends the run (supervision.cpp).
     bool apply_pending_format_change(EngineConfig& config);

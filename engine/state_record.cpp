@@ -93,11 +93,6 @@ void StateRecord::record_event(const Event& event) noexcept {
     record_.event_count = std::min(record_.event_count + 1, TAVISTRO_MAX_EVENTS);
 }
 
-void StateRecord::clear_events() noexcept {
-    const std::lock_guard lock(mutex_);
-    empty_events();
-}
-
 void StateRecord::set_client_id(std::uint32_t client_id) noexcept {
     const std::lock_guard lock(mutex_);
     record_.client_id = client_id;

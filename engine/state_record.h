@@ -62,7 +62,6 @@ class StateRecord {
 
     /// Appends to the history, over the oldest entry when it is full.
     void record_event(const Event& event) noexcept;
-    void clear_events() noexcept;
 
     void set_client_id(std::uint32_t client_id) noexcept;
     void set_stream_format(std::uint32_t sample_rate, std::uint32_t block_frames) noexcept;
