@@ -126,6 +126,14 @@ class UdpSocket {
     /// Waits a moment for room to send; false when nobody is to wait for it any more.
     bool wait_for_room() noexcept;
 
+    // The system's own (linux/, windows/).
+    /// What a new socket needs before it is bound. False when the system refuses.
+    bool prepare() noexcept;
+    /// Ends every wait for the socket, now and later.
+    void end_waits() noexcept;
+    /// Idempotent.
+    void release_events() noexcept;
+
     std::atomic<bool> open_{false};
     std::atomic<bool> winding_down_{false};
     std::atomic<bool> sends_runs_{true};  ///< until the system says that it cannot
