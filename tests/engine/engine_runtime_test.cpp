@@ -3,6 +3,7 @@
 #include "engine/engine_runtime.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -20,6 +22,7 @@
 #include "support/eventually.h"
 #include "support/movable_clock.h"
 #include "support/scripted_server.h"
+#include "tools/readings/stats_reader.h"
 
 namespace tavistro {
 namespace {
@@ -29,6 +32,7 @@ using Pair = std::array<std::uint32_t, 2>;
 using Triple = std::array<std::uint32_t, 3>;
 /// kind, attempt, error_code, message
 using Events = std::vector<std::array<std::uint32_t, 4>>;
+using Wanted = std::function<bool(const State&)>;
 
 Triple status_of(const State& s) {
     return {s.status_level, s.status_category, s.status_message};
@@ -36,12 +40,14 @@ Triple status_of(const State& s) {
 Pair error_of(const State& s) {
     return {s.error_code, s.error_detail};
 }
-using Wanted = std::function<bool(const State&)>;
 Wanted in(tavistro_state_code code) {
     return [code](const State& s) { return s.state == code; };
 }
 Wanted shows(tavistro_message_id message) {
     return [message](const State& s) { return s.status_message == message; };
+}
+Wanted has_events(std::uint64_t count) {
+    return [count](const State& s) { return s.next_event_sequence > count; };
 }
 /// The newest ones, oldest first. All must be about one subject and have one limit.
 Events events_of(const State& state, std::uint32_t subject, std::uint32_t max_attempts) {
@@ -54,11 +60,26 @@ Events events_of(const State& state, std::uint32_t subject, std::uint32_t max_at
     return events;
 }
 
+/// Notes what the record shows when it is closed.
+class WatchedDevice final : public test::TestDevice {
+  public:
+    WatchedDevice(std::shared_ptr<test::DevicePanel> panel, std::function<void()> at_close)
+        : TestDevice(std::move(panel)), at_close_(std::move(at_close)) {}
+    void close() override {
+        at_close_();
+        TestDevice::close();
+    }
+
+  private:
+    std::function<void()> at_close_;
+};
+
 class EngineRuntimeTest : public testing::Test {
   protected:
     EngineRuntimeTest() { configure(""); }
     ~EngineRuntimeTest() override {
         runtime_.stop();
+        test::call_at_readings(nullptr);
         unlink(path_.c_str());
     }
 
@@ -69,65 +90,130 @@ class EngineRuntimeTest : public testing::Test {
                              << "\n"
                              << lines;
     }
-    bool start() { return runtime_.start(path_.c_str()); }
-    void start_with_stream() {
+    bool start() {
+        stats_.close();
+        return runtime_.start(path_.c_str()) &&
+               test::eventually([&] { return stats_.open(static_cast<std::uint32_t>(getpid())); });
+    }
+    void connect() {
         ASSERT_TRUE(start());
         EXPECT_EQ(status_of(await(in(TAVISTRO_STATE_CONNECTED))), (Triple{3, 1, 8}));
+        ++sessions_;
+    }
+    void connect_and_send(StreamFormat format = {48000, 128}) {
+        connect();
         server_.send_sync(44100, 0);  // not a format
-        server_.send_sync(48000, 128);
+        send_sync(format);
+    }
+    void run(StreamFormat format = {48000, 128}) {
+        connect_and_send(format);
+        const State state = await(in(TAVISTRO_STATE_RUNNING));
+        EXPECT_EQ(status_of(state), (Triple{1, 0, 11}));
+        EXPECT_EQ((StreamFormat{state.stream_sample_rate, state.stream_block_frames}), format);
+        EXPECT_EQ(state.device_sample_rate, 0u) << "nothing is known of the device yet";
+    }
+    void send_sync(StreamFormat format) {
+        format_ = format;
+        send_sync();
+    }
+    void send_sync() {
+        server_.send_sync(format_.sample_rate, static_cast<std::uint16_t>(format_.block_frames));
     }
     /// Ends a run that has not failed; the error that is left.
     Pair stop() {
         runtime_.stop();
-        EXPECT_EQ(runtime_.snapshot_state().state, TAVISTRO_STATE_STOPPED);
-        return error_of(runtime_.snapshot_state());
+        const State state = runtime_.snapshot_state();
+        EXPECT_EQ(state.state, TAVISTRO_STATE_STOPPED);
+        expect_end();
+        return error_of(state);
     }
     /// Waits for the end of a run that fails, and stops it.
     State await_failure(Pair error) {
         const State state = await(in(TAVISTRO_STATE_FAILED));
         EXPECT_EQ(error_of(state), error);
+        expect_end();
         runtime_.stop();
         EXPECT_EQ(runtime_.snapshot_state().state, TAVISTRO_STATE_FAILED);
         return state;
     }
+    void expect_end() {
+        EXPECT_TRUE(test::eventually([&] { return server_.leaves == sessions_; }))
+            << server_.leaves << " leaves of " << sessions_;
+        EXPECT_EQ(device_.use_count(), 1) << "a device is still there";
+        stats_.close();
+        EXPECT_TRUE(test::eventually([&] {
+            stats_.close();
+            return !stats_.open(static_cast<std::uint32_t>(getpid()));
+        })) << "the statistics block is still there";
+    }
 
-    /// Takes `step` again and again until the record is as wanted; cuts the pauses short.
+    /// Takes `step` again and again until the record is as wanted and the block shows the same;
+    /// cuts the pauses short.
     State await(
         const Wanted& wanted, const std::function<void()>& step = [] {}) {
-        for (int tries = 0; tries < 10'000; ++tries) {
+        for (int tries = 0; tries < 3000; ++tries) {
             const State state = runtime_.snapshot_state();
-            if (wanted(state)) return state;
-            cut_pause_short(state);
+            if (wanted(state)) {
+                expect_mirrored(state);
+                return state;
+            }
+            if (state.status_message == TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT ||
+                state.status_message == TAVISTRO_MESSAGE_ASIO_RETRY_WAIT ||
+                state.status_message == TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED) {
+                test::advance_clock_ms(100);
+            }
             step();
             platform::sleep_ms(2);
         }
         ADD_FAILURE() << "in vain: message " << runtime_.snapshot_state().status_message;
         return runtime_.snapshot_state();
     }
-    /// Moves the time on once for each pause, by the most of its second.
-    void cut_pause_short(const State& state) {
-        const bool pausing = state.status_message == TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT ||
-                             state.status_message == TAVISTRO_MESSAGE_ASIO_RETRY_WAIT ||
-                             state.status_message == TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED;
-        if (!pausing || state.next_event_sequence == passed_pause_) return;
-        passed_pause_ = state.next_event_sequence;
-        test::advance_clock_ms(850);
+    void expect_mirrored(State state) {
+        using Shown = std::array<std::uint32_t, 5>;
+        Shown record{};
+        Shown block{};
+        EXPECT_TRUE(test::eventually(
+            [&] {
+                const auto now = stats_.read().value_or(tavistro_stats_block{});
+                state = runtime_.snapshot_state();
+                record = {state.state, state.error_code, state.client_id, state.stream_sample_rate,
+                          state.stream_block_frames};
+                block = {now.state, now.error_code, now.client_id, now.stream_sample_rate,
+                         now.stream_block_frames};
+                return record == block;
+            },
+            std::chrono::seconds(5)))
+            << testing::PrintToString(record) << " and " << testing::PrintToString(block);
     }
     /// A step: lets the player report, once for each second in which the server is heard.
     void report() {
         test::advance_clock_ms(1000);
-        server_.send_sync(48000, 128);
+        send_sync();
+    }
+    /// Lets the player report so many periods; what the record shows then.
+    State report_of(std::uint32_t periods, const std::function<void()>& sync = {}) {
+        for (std::uint32_t i = 0; i < periods; ++i)
+            device_->period();
+        test::advance_clock_ms(1000);
+        sync ? sync() : send_sync();
+        EXPECT_TRUE(test::eventually([&] { return stats_.read()->callbacks_per_sec == periods; }));
+        platform::sleep_ms(10);  // the block is written first
+        return runtime_.snapshot_state();
     }
 
     const std::string path_ = testing::TempDir() + "engine_runtime_" + std::to_string(getpid());
-    std::uint64_t passed_pause_ = 0;  ///< next_event_sequence during it
     test::ScriptedServer server_;
+    StreamFormat format_;
+    std::uint64_t sessions_ = 0;
+    host::StatsReader stats_;
     const std::shared_ptr<test::DevicePanel> device_ = std::make_shared<test::DevicePanel>();
+    std::atomic<std::uint32_t> closed_in_{0};  ///< the state that was shown then
     int devices_made_ = 0;
     EngineRuntime runtime_{[this] {
         if (!device_->exists) throw std::runtime_error("no device");
         ++devices_made_;
-        return std::make_unique<test::TestDevice>(device_);
+        return std::make_unique<WatchedDevice>(
+            device_, [this] { closed_in_ = runtime_.snapshot_state().state; });
     }};
 };
 
@@ -147,7 +233,8 @@ class EventOrder : public EngineRuntimeTest {
         test::call_at_readings(nullptr);
     }
 
-    std::array<std::uint32_t, 6> before(std::uint64_t event) {
+    using Shown = std::array<std::uint32_t, 6>;
+    Shown before(std::uint64_t event) {
         const std::lock_guard lock(mutex_);
         const State& s = before_[event];
         return {s.state,        s.error_code,      s.error_detail,
@@ -160,21 +247,25 @@ class EventOrder : public EngineRuntimeTest {
     std::map<std::uint64_t, State> before_;
 };
 
-TEST_F(EventOrder, each_event_comes_between_what_it_follows_and_what_it_announces) {
-    using Shown = std::array<std::uint32_t, 6>;
+TEST_F(EventOrder, a_server_is_tried_twelve_times_and_each_event_comes_at_its_place) {
     configure("discovery_timeout_ms=1\n");
     server_.mute = true;
     ASSERT_TRUE(start());
-    await_failure({4, 16});
+    const State state = await_failure({4, 16});
+    EXPECT_EQ(state.next_event_sequence, 25u) << "12 failures, 11 retries, 1 giving up";
+    const Events last{{3, 9, 4, 42},  {2, 10, 0, 39}, {3, 10, 4, 42}, {2, 11, 0, 39},
+                      {3, 11, 4, 42}, {2, 12, 0, 39}, {3, 12, 4, 42}, {5, 12, 4, 49}};
+    EXPECT_EQ(events_of(state, 1, 12), last);
+    EXPECT_GE(state.events[1].time_ms, state.events[0].time_ms + 1000) << "a pause in between";
     EXPECT_EQ(before(1), (Shown{1, 0, 0, 3, 0, 3})) << "the first failure";
     EXPECT_EQ(before(2), (Shown{1, 4, 14, 3, 1, 15})) << "the next attempt";
     EXPECT_EQ(before(23), (Shown{1, 4, 14, 3, 1, 13})) << "the last failure";
     EXPECT_EQ(before(24), (Shown{1, 4, 14, 3, 1, 13})) << "giving up";
+}
 
-    server_.mute = false;
-    configure("");
+TEST_F(EventOrder, each_event_of_a_device_comes_at_its_place) {
     device_->refusals = 1;
-    start_with_stream();
+    connect_and_send();
     await(in(TAVISTRO_STATE_RUNNING));
     EXPECT_EQ(before(1), (Shown{2, 7, 17, 4, 0, 17})) << "a device that failed";
     EXPECT_EQ(before(2), (Shown{4, 7, 17, 3, 9, 19})) << "its next attempt";
@@ -182,78 +273,77 @@ TEST_F(EventOrder, each_event_comes_between_what_it_follows_and_what_it_announce
 
     device_->refusals = 1;
     device_->faulty = true;
-    await([](const State& s) { return s.event_count > 3; }, [&] { report(); });
-    await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { server_.send_sync(48000, 128); });
+    await(has_events(3), [&] { report(); });
+    await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { send_sync(); });
     EXPECT_EQ(before(8), (Shown{4, 0, 0, 3, 10, 24})) << "a recovery";
 }
 
-TEST_F(EngineRuntimeTest, a_stream_that_comes_before_the_stop_is_noticed_wins_over_it) {
+// The worker is held up where it has the client, until the receive thread has handled the stream.
+TEST_F(EngineRuntimeTest, a_stream_that_has_come_wins_over_a_stop) {
+    constexpr int syncs = 20;
+    static std::atomic<bool> answered{false};
+    static std::atomic<int> readings{0};
+    test::call_at_readings([] {
+        std::array<char, 16> name{};
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        if (std::string_view(name.data()) == "tav-receive") ++readings;
+        if (!answered || std::string_view(name.data()) != "tav-worker") return;
+        for (int ms = 0; ms < 200 && readings < syncs; ++ms)
+            platform::sleep_ms(1);
+    });
     configure("discovery_timeout_ms=5000\n");
-    bool won = false;
-    for (int round = 0; round < 50 && !won; ++round) {
-        server_.mute = true;
-        server_.held = false;
-        ASSERT_TRUE(start());
-        ASSERT_TRUE(test::eventually([&] { return server_.held.load(); }));
-        std::thread stopper([&] { runtime_.stop(); });
-        platform::sleep_ms(5);  // until the stop is requested, while the client waits for an answer
-        server_.answer_held();
-        for (int i = 0; i < 20; ++i)
-            server_.send_sync(48000, 128);
-        stopper.join();
-        const State state = runtime_.snapshot_state();
-        EXPECT_EQ(state.state, TAVISTRO_STATE_STOPPED);
-        won = state.stream_sample_rate == 48000;
-        EXPECT_EQ(error_of(state), won ? (Pair{0, 0}) : (Pair{5, 9}));
-    }
-    EXPECT_TRUE(won) << "a stop was noticed first in every round";
-}
-
-TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_used_when_it_comes_late) {
-    configure("discovery_timeout_ms=1\n");
     server_.mute = true;
     ASSERT_TRUE(start());
-    State state = await_failure({4, 16});
-    EXPECT_EQ(state.next_event_sequence, 25u) << "12 failures, 11 retries, 1 giving up";
-    const Events last{{3, 9, 4, 42},  {2, 10, 0, 39}, {3, 10, 4, 42}, {2, 11, 0, 39},
-                      {3, 11, 4, 42}, {2, 12, 0, 39}, {3, 12, 4, 42}, {5, 12, 4, 49}};
-    EXPECT_EQ(events_of(state, 1, 12), last);
-    EXPECT_GE(state.events[1].time_ms, state.events[0].time_ms + 1000) << "a pause in between";
+    ASSERT_TRUE(test::eventually([&] { return server_.held.load(); }));
+    expect_mirrored(runtime_.snapshot_state());
+    std::thread stopper([&] { runtime_.stop(); });
+    platform::sleep_ms(20);  // until the stop is requested
+    answered = true;
+    server_.answer_held();
+    for (int i = 0; i < syncs; ++i)
+        send_sync({48000, 128});
+    stopper.join();
+    ++sessions_;
+    EXPECT_EQ(stop(), (Pair{0, 0}));
+    EXPECT_EQ(runtime_.snapshot_state().stream_sample_rate, 48000u);
+}
 
+TEST_F(EngineRuntimeTest, a_server_that_comes_late_is_used_and_a_stop_before_it_is_no_error) {
     configure("discovery_timeout_ms=200\n");
+    server_.mute = true;
     ASSERT_TRUE(start());
     await(in(TAVISTRO_STATE_STARTING));
     EXPECT_EQ(stop(), (Pair{0, 0})) << "while asking for the server";
     ASSERT_TRUE(start());
-    state = await(shows(TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT));
+    State state = await(shows(TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT));
     EXPECT_EQ(error_of(state), (Pair{4, 14}));
     server_.mute = false;
     state = await(in(TAVISTRO_STATE_CONNECTED));
+    ++sessions_;
     EXPECT_EQ(error_of(state), (Pair{0, 0}));
     EXPECT_EQ(events_of(state, 1, 12).back()[3], TAVISTRO_MESSAGE_EVENT_CLIENT_RECOVERED);
-    EXPECT_FALSE(start()) << "a run is on";
-    EXPECT_EQ(error_of(runtime_.snapshot_state()), (Pair{2, 2}));
     EXPECT_EQ(stop(), (Pair{5, 9})) << "while waiting for the stream format";
 }
 
 TEST_F(EngineRuntimeTest, a_device_is_tried_until_it_opens_but_no_more_than_twelve_times) {
     device_->refusals = 2;
-    start_with_stream();
+    connect_and_send();
     State state = await(shows(TAVISTRO_MESSAGE_ASIO_RETRY_WAIT));
     EXPECT_EQ(error_of(state), (Pair{7, 17}));
-    state = await(in(TAVISTRO_STATE_RUNNING));
+    state = await(in(TAVISTRO_STATE_RUNNING), [&] { send_sync(); });
     EXPECT_EQ(status_of(state), (Triple{1, 0, 11}));
     const Events expected{
         {3, 1, 7, 43}, {2, 2, 0, 40}, {3, 2, 7, 43}, {2, 3, 0, 40}, {4, 3, 0, 47}};
     EXPECT_EQ(events_of(state, 9, 12), expected);
-    stop();
+    EXPECT_EQ(stop(), (Pair{0, 0}));
+    EXPECT_EQ(closed_in_, TAVISTRO_STATE_STOPPING) << "the device is stopped before it is said";
 
     device_->refusals = 13;
-    start_with_stream();
+    connect_and_send();
     await(shows(TAVISTRO_MESSAGE_ASIO_RETRY_WAIT));
     EXPECT_EQ(stop(), (Pair{0, 0})) << "while pausing for the device";
     EXPECT_EQ(status_of(runtime_.snapshot_state()), (Triple{0, 0, 7}));
-    start_with_stream();
+    connect_and_send();
     state = await_failure({7, 20});
     EXPECT_EQ(state.next_event_sequence, 25u);
     EXPECT_EQ(events_of(state, 9, 12).back(), (Events::value_type{5, 12, 7, 50}));
@@ -261,52 +351,151 @@ TEST_F(EngineRuntimeTest, a_device_is_tried_until_it_opens_but_no_more_than_twel
 
 TEST_F(EngineRuntimeTest, what_no_retry_mends_ends_the_run_at_once) {
     server_.version = 4;
+    server_.mute = true;
     ASSERT_TRUE(start());
+    ASSERT_TRUE(test::eventually([&] { return server_.held.load(); }));
+    server_.mute = false;
+    server_.answer_held();
     const State state = await_failure({11, 52});
     EXPECT_EQ(status_of(state), (Triple{4, 12, 52}));
     EXPECT_EQ(state.event_count, 0u);
     server_.version = TavistroProtocol::protocol_version;
 
     configure("[asio]\ninput_map=\n[test]\nloopback_device=1\n");
-    start_with_stream();
+    connect_and_send();
     EXPECT_EQ(await_failure({7, 21}).event_count, 0u);
     configure("");
     device_->exists = false;
-    start_with_stream();
+    connect_and_send();
     await_failure({7, 17});
     device_->exists = true;
 
-    start_with_stream();
-    await(in(TAVISTRO_STATE_RUNNING));
+    run();
     device_->refusals = 1;
-    server_.send_sync(96000, 64);
+    send_sync({96000, 64});
     EXPECT_EQ(await_failure({7, 17}).event_count, 0u) << "a change of format is tried once";
 }
 
+TEST_F(EngineRuntimeTest, a_report_of_the_device_reaches_the_record) {
+    configure("[tavistro]\ndriver_inputs=5,4\ndriver_outputs=9\n[asio]\noutput_map=0\n");
+    device_->input = 0.25F;
+    device_->rate_error = -3900;
+    run();
+    const State state = report_of(2);
+    EXPECT_EQ(status_of(state), (Triple{2, 3, 30}));
+    EXPECT_EQ((Pair{state.device_sample_rate, state.device_block_frames}), (Pair{44100, 128}));
+    EXPECT_EQ((Pair{state.input_meter_count, state.output_meter_count}), (Pair{2, 1}));
+    const auto* const meters = state.input_meters;
+    EXPECT_EQ((Pair{meters[0].channel, meters[0].peak_permille}), (Pair{5, 250}));
+    EXPECT_EQ((Pair{meters[1].channel, meters[1].peak_permille}), (Pair{4, 500}));
+}
+
+TEST_F(EngineRuntimeTest, a_change_of_format_clears_the_error_of_a_refused_start) {
+    run();
+    EXPECT_FALSE(runtime_.start(path_.c_str())) << "a run is on";
+    EXPECT_EQ(error_of(runtime_.snapshot_state()), (Pair{2, 2}));
+    send_sync({48000, 256});
+    const State state = await([](const State& s) {
+        return s.state == TAVISTRO_STATE_RUNNING && s.stream_block_frames == 256 &&
+               s.error_code == 0;
+    });
+    EXPECT_EQ(status_of(state), (Triple{1, 0, 11}));
+    EXPECT_EQ(state.event_count, 0u);
+}
+
+TEST_F(EngineRuntimeTest, a_silent_server_shows_after_three_seconds_and_hides_the_device) {
+    static std::atomic<int> readings{0};
+    test::call_at_readings([] { ++readings; });
+    const auto no_format = [&] { server_.send_sync(44100, 0); };
+    run();
+    report_of(1);
+    test::advance_clock_ms(2500);
+    ASSERT_TRUE(test::eventually([seen = readings + 8] { return readings > seen; }));
+    EXPECT_EQ(runtime_.snapshot_state().status_message, TAVISTRO_MESSAGE_RUNNING);
+    no_format();
+    test::advance_clock_ms(600);
+    EXPECT_EQ(status_of(await(shows(TAVISTRO_MESSAGE_SYNC_LOST))), (Triple{3, 1, 28}));
+    device_->faulty = true;
+    const State state = report_of(2, no_format);
+    EXPECT_EQ(state.event_count, 0u) << "a device is not restarted without a server";
+    EXPECT_EQ(state.state, TAVISTRO_STATE_RUNNING);
+    device_->faulty = false;
+    EXPECT_EQ(report_of(1).status_message, TAVISTRO_MESSAGE_OUTPUT_READY_FAILURES);
+}
+
 TEST_F(EngineRuntimeTest, a_device_is_restarted_but_given_up_after_three_failures) {
-    start_with_stream();
-    await(in(TAVISTRO_STATE_RUNNING));
-    server_.send_sync(44100, 0);
+    run();
     device_->refusals = 1;
     device_->faulty = true;
-    await([](const State& s) { return s.event_count > 0; }, [&] { report(); });
-    State state =
-        await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { server_.send_sync(48000, 128); });
+    await(has_events(1), [&] { report(); });
+    for (int i = 0; i < 5; ++i)
+        report();  // while the request is pending
+    State state = await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { send_sync(); });
     EXPECT_EQ(state.state, TAVISTRO_STATE_RUNNING);
     EXPECT_EQ(error_of(state), (Pair{0, 0}));
     const Events reset{{1, 1, 0, 38}, {2, 1, 0, 41}, {3, 1, 7, 44}, {2, 2, 0, 41}, {4, 2, 0, 48}};
     EXPECT_EQ(events_of(state, 10, 3), reset);
     EXPECT_EQ(devices_made_, 3);
-    await(shows(TAVISTRO_MESSAGE_RUNNING), [&] { report(); });
+    EXPECT_EQ(report_of(1).status_message, TAVISTRO_MESSAGE_RUNNING);
 
     device_->refusals = 3;
-    device_->period();  // the last one
-    await([](const State& s) { return s.next_event_sequence > 6; }, [&] { report(); });
+    await(has_events(6), [&] { report(); });
     state = await_failure({7, 23});
     const Events stall{{1, 1, 0, 38}, {2, 1, 0, 41}, {3, 1, 7, 44}, {2, 2, 0, 41},
                        {3, 2, 7, 44}, {2, 3, 0, 41}, {3, 3, 7, 44}, {5, 3, 7, 51}};
     EXPECT_EQ(events_of(state, 2, 3), stall);
     EXPECT_GE(state.events[3].time_ms, state.events[2].time_ms + 1000) << "a pause in between";
+}
+
+TEST_F(EngineRuntimeTest, each_start_of_the_audio_path_forgets_the_counters_of_the_one_before) {
+    const std::function<void()> restarts[] = {
+        [&] {
+            send_sync({96000, 64});
+            await([](const State& s) {
+                return s.stream_sample_rate == 96000 && in(TAVISTRO_STATE_RUNNING)(s);
+            });
+        },
+        [&] {
+            device_->faulty = true;
+            await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { report(); });
+        },
+        [&] {
+            stop();
+            run();
+        }};
+    run();
+    for (const auto& restart : restarts) {
+        EXPECT_EQ(report_of(10).status_message, TAVISTRO_MESSAGE_CAPTURE_DROPS);
+        restart();
+        EXPECT_EQ(report_of(1).status_message, TAVISTRO_MESSAGE_RUNNING);
+    }
+}
+
+TEST_F(EngineRuntimeTest, nothing_of_a_run_that_ends_amid_a_recovery_shows_in_the_next) {
+    run();
+    report_of(3);
+    device_->refusals = 2;
+    device_->faulty = true;
+    await(shows(TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED), [&] { report(); });
+    stop();
+    ASSERT_TRUE(runtime_.start("no such file"));
+    ASSERT_TRUE(
+        test::eventually([&] { return in(TAVISTRO_STATE_FAILED)(runtime_.snapshot_state()); }));
+    const State empty = runtime_.snapshot_state();
+    EXPECT_EQ(error_of(empty), (Pair{3, 5}));
+    EXPECT_EQ((Triple{empty.client_id, empty.stream_sample_rate, empty.stream_block_frames}),
+              Triple{});
+    EXPECT_EQ((Triple{empty.device_sample_rate, empty.device_block_frames, empty.event_count}),
+              Triple{});
+    runtime_.stop();
+
+    device_->refusals = 0;
+    run({96000, 64});
+    EXPECT_EQ(report_of(1).event_count, 0u);
+    device_->refusals = 1;
+    device_->faulty = true;
+    const Events first = events_of(await(has_events(1), [&] { report(); }), 10, 3);
+    EXPECT_EQ(first.front(), (Events::value_type{1, 1, 0, 38}));
 }
 
 }  // namespace
