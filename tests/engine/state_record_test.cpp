@@ -22,16 +22,24 @@ TEST(StateRecord, meters_follow_the_configured_lists_and_survive_the_next_start)
     StateRecord record;
     record.set_meter_channels(std::array{7, 3, 31}, std::vector(40, 0));
     PlayerTelemetry telemetry;
-    telemetry.input_peak_count = 2;
+    telemetry.input_peak_count = telemetry.output_peak_count = 3;
     telemetry.input_peaks = {100, 200, 300};
+    telemetry.output_peaks = {400, 500, 600};
+    record.update_meters(telemetry);
+    telemetry.input_peak_count = 2;
     record.update_meters(telemetry);
     record.reset_for_start();
-    const auto state = record.snapshot();
+    auto state = record.snapshot();
     EXPECT_EQ(state.input_meter_count, 3u);
     EXPECT_EQ(state.input_meters[1].peak_permille, 200u);
     EXPECT_EQ(state.input_meters[2].channel, 31u);
     EXPECT_EQ(state.input_meters[2].peak_permille, 0u) << "no peak was reported for it";
     EXPECT_EQ(state.output_meter_count, 32u);
+    EXPECT_EQ(state.output_meters[2].peak_permille, 600u);
+    record.set_meter_channels(std::array{7}, {});
+    state = record.snapshot();
+    EXPECT_EQ(state.input_meters[0].peak_permille, 0u) << "nothing of the run before";
+    EXPECT_EQ(state.output_meters[2].peak_permille, 0u);
 }
 
 }  // namespace
