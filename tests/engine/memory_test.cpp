@@ -9,6 +9,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -76,7 +77,14 @@ struct Learning {
     }
 };
 
-class MemoryTest : public testing::TestWithParam<std::uint64_t> {
+/// How many allocations in a row fail, and how many are passed over from run to run.
+struct Failures {
+    std::uint64_t count;
+    std::uint64_t step;
+    const char* device;
+};
+
+class MemoryTest : public testing::TestWithParam<Failures> {
   protected:
     MemoryTest() {
         EXPECT_TRUE(
@@ -171,11 +179,11 @@ class MemoryTest : public testing::TestWithParam<std::uint64_t> {
     }
 
     /// How many allocations there are to fail.
-    std::uint64_t sweep(const std::string& lines, bool loopback) {
-        configure(lines);
-        std::uint64_t number = 0;
-        for (bool met = true; met && !HasFailure();) {
-            Shortage::begin(++number, GetParam());
+    std::uint64_t sweep(bool loopback) {
+        configure(loopback ? "[test]\nloopback_device=1\n" : "");
+        std::uint64_t number = 1;
+        for (bool met = true; met && !HasFailure(); number += GetParam().step) {
+            Shortage::begin(number, GetParam().count);
             const std::vector<Error> allowed = run(loopback);
             met = Shortage::seen >= number;
             runtime_.stop();
@@ -194,8 +202,7 @@ class MemoryTest : public testing::TestWithParam<std::uint64_t> {
             EXPECT_TRUE(connects() && runs(48000, 128)) << "after allocation " << number;
             runtime_.stop();
         }
-        RecordProperty("allocations", std::to_string(number - 1));
-        return number - 1;
+        return number;
     }
 
     const std::string path_ = testing::TempDir() + "memory_" + std::to_string(getpid());
@@ -205,15 +212,16 @@ class MemoryTest : public testing::TestWithParam<std::uint64_t> {
     EngineRuntime runtime_{[this] { return std::make_unique<TestDevice>(device_); }};
 };
 
-TEST_P(MemoryTest, RunsOutOnADeviceAndEndsARunAtMost) {
-    EXPECT_GT(sweep("", false), few_allocations);
+TEST_P(MemoryTest, RunsOutAndEndsARunAtMost) {
+    EXPECT_GT(sweep(std::string_view(GetParam().device) == "Loopback"), few_allocations);
 }
 
-TEST_P(MemoryTest, RunsOutOnTheLoopbackDeviceAndEndsARunAtMost) {
-    EXPECT_GT(sweep("[test]\nloopback_device=1\n", true), few_allocations);
-}
-
-INSTANTIATE_TEST_SUITE_P(Failures, MemoryTest, testing::Values(1, 20));
+INSTANTIATE_TEST_SUITE_P(Failures, MemoryTest,
+                         testing::Values(Failures{1, 1, "Device"}, Failures{20, 10, "Device"},
+                                         Failures{1, 3, "Loopback"}, Failures{20, 10, "Loopback"}),
+                         [](const auto& param) {
+                             return param.param.device + std::to_string(param.param.count);
+                         });
 
 }  // namespace
 }  // namespace tavistro::test

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/clock.h"
 #include "platform/driver_registry.h"
 
 namespace tavistro::platform {
@@ -13,6 +14,10 @@ TEST(WorkerEvent, KeepsASignalForTheNextWaitAndWakesAWaiter) {
     event.signal();
     EXPECT_TRUE(event.wait_for_ms(0));
     EXPECT_FALSE(event.wait_for_ms(0)) << "a signal is taken once";
+    event.signal();
+    const std::uint64_t begin_ns = nanosecond_clock();
+    EXPECT_TRUE(event.wait_for_ms(3000));
+    EXPECT_LT(nanosecond_clock(), begin_ns + 2'000'000'000) << "waits for what is there";
     Thread thread;
     ASSERT_TRUE(thread.start("waker", [&] { event.signal(); }));
     EXPECT_TRUE(event.wait_for_ms(10'000));

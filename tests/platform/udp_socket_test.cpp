@@ -39,6 +39,10 @@ TEST(UdpSocket, CarriesDatagramsIncludingEmptyTimeoutsAndBusyPort) {
     EXPECT_EQ(got.size, hello.size());
     EXPECT_EQ(got.source, b.local_endpoint());
     EXPECT_FALSE(b.send_to({}, a.local_endpoint()));
+    const Ipv4Endpoint everybody{0x7FFFFFFF, a.local_endpoint().port};
+    EXPECT_FALSE(b.send_to(hello, everybody));
+    ASSERT_TRUE(b.enable_broadcast());
+    EXPECT_TRUE(b.send_to(hello, everybody));
 
     ASSERT_TRUE(a.set_receive_timeout(5));
     EXPECT_EQ(a.receive(buffer).status, ReceiveStatus::timed_out);
@@ -48,10 +52,11 @@ TEST(UdpSocket, CarriesDatagramsIncludingEmptyTimeoutsAndBusyPort) {
     EXPECT_FALSE(c.is_open());
 }
 
-std::vector<std::vector<std::uint8_t>> receive_all(UdpSocket& socket, std::size_t count) {
+std::vector<std::vector<std::uint8_t>> receive_all(UdpSocket& socket, std::size_t count,
+                                                   std::uint32_t timeout_ms = 2000) {
     std::vector<std::uint8_t> buffer(max_datagram_bytes);
     std::vector<std::vector<std::uint8_t>> datagrams;
-    socket.set_receive_timeout(2000);
+    socket.set_receive_timeout(timeout_ms);
     while (datagrams.size() < count) {
         const ReceiveResult got = socket.receive(buffer);
         if (got.status != ReceiveStatus::datagram) break;
@@ -94,21 +99,40 @@ TEST(UdpSocket, ARunArrivesAsTheDatagramsThatWereSent) {
     }
 }
 
-TEST(UdpSocket, CloseWakesTheReceiverAndRefusesEverySend) {
+TEST(UdpSocket, ASmallReceiveBufferTakesFewDatagrams) {
+    UdpSocket from;
+    UdpSocket to;
+    ASSERT_TRUE(from.open(on_loopback()));
+    ASSERT_TRUE(to.open({.recv_buffer_bytes = 4096, .bind = on_loopback().bind}));
+    const std::vector<std::uint8_t> datagram(1000);
+    for (int i = 0; i < 60; ++i)
+        from.send_to(datagram, to.local_endpoint());
+    EXPECT_LT(receive_all(to, 60, 5).size(), 20u);
+}
+
+TEST(UdpSocket, ASocketOpenedAnewWaitsWithoutLimitUntilItIsClosed) {
     UdpSocket socket;
-    ASSERT_TRUE(socket.open({}));
+    ASSERT_TRUE(socket.open(on_loopback()));
+    const std::vector<DatagramBytes> unequal{DatagramBytes(hello).first(1), hello, hello};
+    ASSERT_TRUE(socket.set_receive_timeout(5));
+    socket.wind_down();
+    EXPECT_EQ(socket.send_run(unequal, socket.local_endpoint()).count, 1U) << "a last word";
+    ASSERT_TRUE(socket.open(on_loopback()));
     const Ipv4Endpoint self = socket.local_endpoint();
+    EXPECT_EQ(socket.send_run(unequal, self).count, 3U);
+    EXPECT_EQ(receive_all(socket, 3).size(), 3u);
+    socket.set_receive_timeout(0);
     const auto receive = [&] {
         Buffer buffer{};
         EXPECT_EQ(socket.receive(buffer).status, ReceiveStatus::closed);
     };
     std::thread receiver(receive);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
     socket.close();
     receiver.join();
     receive();
     EXPECT_FALSE(socket.send_to(hello, self));
-    EXPECT_EQ(socket.send_run(std::vector<DatagramBytes>(3, hello), self).count, 0U);
+    EXPECT_EQ(socket.send_run(unequal, self).count, 0U);
 }
 
 }  // namespace

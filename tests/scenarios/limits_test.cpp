@@ -1,15 +1,11 @@
-// No descriptors, no memory, no threads: every run ends in a state that the record shows, and the
-// next one works. Each run has a process of its own; the server keeps what it needs.
+// What the system or a forger would have the engine take, and what happens when there is none.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -17,106 +13,54 @@
 
 #include "net/client_session.h"
 #include "scenarios/rig.h"
-#include "support/movable_clock.h"
 
 namespace tavistro::test {
 namespace {
 
-using server::ReferenceServer;
 using Error = std::array<std::uint32_t, 2>;  ///< code and detail; zeros for a run that works
 
-// Exit codes of a run's process, for which nothing but the kernel is needed.
-constexpr int next_run_failed = 100;
-constexpr int hangs = 101;
-
-constexpr Error works{};
-constexpr std::array outcomes{
-    works,
-    Error{TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED},
-    Error{TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_FAILED},
-    Error{TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_LOOPBACK_START_FAILED},
-    Error{TAVISTRO_ERROR_WORKER_START_FAILED, TAVISTRO_MESSAGE_WORKER_START_FAILED},
-    Error{TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED},
-};
-
-/// The number that the next descriptor gets: the limit is one for numbers.
-rlim_t open_descriptors() {
-    const int next = dup(STDIN_FILENO);
-    close(next);
-    return static_cast<rlim_t>(next);
-}
-
-rlim_t address_space_bytes() {
-    rlim_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
-}
-
-class Limits : public ::testing::Test {
-  protected:
-    Limits() { EXPECT_EQ(refusal_, ""); }
-
-    /// One run with so much of `resource` more than is in use, and one without the limit.
-    Error outcome_with(int resource, rlim_t (*in_use)(), rlim_t more) {
-        const pid_t child = fork();
-        if (child == 0) _exit(run(static_cast<__rlimit_resource>(resource), in_use, more));
-        int status = 0;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status) << " with " << more;
-        const auto code = static_cast<std::size_t>(WEXITSTATUS(status));
-        if (code >= std::size(outcomes)) {
-            ADD_FAILURE() << "process ends with " << code << " for " << more;
-            return {};
-        }
-        return outcomes[code];
+/// Leaves the process so many descriptors more than it has, for as long as the object lives.
+class FewDescriptors {
+  public:
+    explicit FewDescriptors(rlim_t more) {
+        const int next = dup(STDIN_FILENO);
+        close(next);
+        getrlimit(RLIMIT_NOFILE, &all_);
+        rlimit few = all_;
+        few.rlim_cur = static_cast<rlim_t>(next) + more;
+        setrlimit(RLIMIT_NOFILE, &few);
     }
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &all_); }
 
   private:
-    int run(__rlimit_resource resource, rlim_t (*in_use)(), rlim_t more) {
-        Engine engine;
-        rlimit all{};
-        getrlimit(resource, &all);
-        rlimit few = all;
-        few.rlim_cur = in_use() + more;
-        setrlimit(resource, &few);
-        engine.start(config_);
-        const bool settled = settles(engine);
-        const auto state = engine.state();
-        engine.stop();
-        setrlimit(resource, &all);
-        if (!settled) return hangs;
-        if (!engine.start(config_) || !settles(engine) || !engine.runs()) return next_run_failed;
-        engine.stop();
-        const Error error{state.error_code, state.error_detail};
-        return static_cast<int>(std::ranges::find(outcomes, error) - outcomes.begin());
-    }
-    bool settles(const Engine& engine) {
-        return eventually([&] {
-            if (engine.shows(TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT)) advance_clock_ms(100);
-            return engine.runs() || engine.in_state(TAVISTRO_STATE_FAILED);
-        });
-    }
-
-    ReferenceServer server_{{.port = 0}};
-    const std::string refusal_ = server_.start();
-    const ConfigFile config_{server_.port()};
+    rlimit all_{};
 };
 
-TEST_F(Limits, DescriptorsThatRunOutAreTheErrorOfThePartThatNeedsOne) {
+// The socket never goes without: it needs one, and making the block needed two for a moment.
+TEST(Limits, DescriptorsThatRunOutAreTheErrorOfThePartThatNeedsOne) {
+    Rig rig;
+    ASSERT_TRUE(rig.plays());
     std::set<Error> seen;
-    for (rlim_t more = 0; more <= 6; ++more)
-        seen.insert(outcome_with(RLIMIT_NOFILE, open_descriptors, more));
-    // The socket never goes without: it needs one, and making the block needed two for a moment.
-    EXPECT_EQ(seen, (std::set<Error>{outcomes[0], outcomes[1], outcomes[5]}));
-}
-
-TEST_F(Limits, MemoryThatRunsOutEndsTheRunAndNotTheHost) {
-    constexpr rlim_t step = 1024 * 1024;
-    std::set<Error> seen;
-    for (rlim_t more = 0; more <= 40 * step; more += step)
-        seen.insert(outcome_with(RLIMIT_AS, address_space_bytes, more));
-    EXPECT_TRUE(seen.contains(works)) << "the sweep ends too early";
-    EXPECT_GE(seen.size(), 3U) << "too few parts were met by it";
+    for (rlim_t more = 0; more <= 6; ++more) {
+        rig.engine.stop();
+        {
+            const FewDescriptors limit(more);
+            ASSERT_TRUE(rig.engine.start(rig.config));
+            ASSERT_TRUE(eventually([&] {
+                return rig.engine.runs() || rig.engine.in_state(TAVISTRO_STATE_FAILED);
+            })) << more;
+            seen.insert({rig.engine.state().error_code, rig.engine.state().error_detail});
+            rig.engine.stop();
+        }
+        ASSERT_TRUE(rig.engine.start(rig.config));
+        ASSERT_TRUE(eventually([&] { return rig.engine.runs(); })) << "after " << more;
+    }
+    EXPECT_EQ(seen, (std::set<Error>{
+                        {0, 0},
+                        {TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED},
+                        {TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED}}));
 }
 
 rlim_t resident_bytes() {

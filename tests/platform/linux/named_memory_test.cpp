@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -90,8 +91,10 @@ TEST_F(NamedMemoryTest, TakesWritesWhateverOthersDoToItAndShowsNoFieldHalfWritte
     EXPECT_EQ(first_word(), 7U);
 }
 
-TEST_F(NamedMemoryTest, EveryUserMayOpenItWhateverTheUmask) {
+TEST_F(NamedMemoryTest, EveryUserMayOpenItAndNoChildInheritsIt) {
     const mode_t previous = umask(0077);
+    const int next = dup(STDIN_FILENO);
+    ::close(next);
     NamedMemory memory;
     const bool opened = memory.open(name_, bytes);
     umask(previous);
@@ -99,6 +102,37 @@ TEST_F(NamedMemoryTest, EveryUserMayOpenItWhateverTheUmask) {
     struct stat info {};
     ASSERT_EQ(stat(("/dev/shm" + system_name()).c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777U, 0666U);
+    EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
+    NamedMemory smaller;
+    ASSERT_TRUE(smaller.open(name_, bytes / 2));
+    ASSERT_EQ(fstat(next, &info), 0);
+    EXPECT_EQ(info.st_size, off_t{bytes}) << "a holder of less cuts nothing off";
+}
+
+TEST_F(NamedMemoryTest, WaitsForAHolderThatMakesSureThatItIsTheLast) {
+    const int object = shm_open(system_name().c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(object, LOCK_EX), 0);
+    std::thread last_holder([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ::close(object);
+    });
+    NamedMemory memory;
+    EXPECT_TRUE(memory.open(name_, bytes));
+    last_holder.join();
+}
+
+TEST_F(NamedMemoryTest, WhatIsHeldHasItsNameWhoeverOpensAndCloses) {
+    const auto open_and_close = [this] {
+        int lost = 0;
+        for (int i = 0; i < 2000; ++i) {
+            NamedMemory memory;
+            if (!memory.open(name_, bytes) || !exists()) ++lost;
+        }
+        EXPECT_EQ(lost, 0);
+    };
+    std::thread other(open_and_close);
+    open_and_close();
+    other.join();
 }
 
 TEST_F(NamedMemoryTest, ABlockLeftByAKilledProcessIsReusedAndThenRemoved) {

@@ -1,10 +1,19 @@
+// Threads and sleeps as the kernel sees them.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstring>
+#include <thread>
+#include <tuple>
 
+#include "platform/clock.h"
 #include "platform/threads.h"
 
 namespace tavistro::platform {
@@ -15,8 +24,6 @@ TEST(Thread, HasItsNameAndLeavesSignalsToTheHostButThoseOfItsOwnFaults) {
     sigset_t blocked{};
     Thread thread;
     ASSERT_TRUE(thread.start("tav-something", [&] {
-        const ScopedThreadRole role(ThreadRole::audio_device);
-        const ScopedTimerResolution resolution;
         pthread_getname_np(pthread_self(), name.data(), name.size());
         pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     }));
@@ -28,6 +35,63 @@ TEST(Thread, HasItsNameAndLeavesSignalsToTheHostButThoseOfItsOwnFaults) {
         EXPECT_EQ(sigismember(&blocked, fault), 0) << strsignal(fault);
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGINT), 0) << "the creator's own mask must be back";
+}
+
+/// Policy, real-time priority, nice value and timer slack of the calling thread.
+std::array<int, 4> scheduling() {
+    int policy = 0;
+    sched_param param{};
+    pthread_getschedparam(pthread_self(), &policy, &param);
+    return {policy, param.sched_priority, getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())),
+            prctl(PR_GET_TIMERSLACK)};
+}
+
+TEST(Thread, IsRaisedForItsRoleAndNoLonger) {
+    const auto before = scheduling();
+    const sched_param any{.sched_priority = 30};
+    const bool may = pthread_setschedparam(pthread_self(), SCHED_FIFO, &any) == 0;
+    const sched_param none{};
+    pthread_setschedparam(pthread_self(), SCHED_OTHER, &none);
+    for (const auto& [role, policy, priority] :
+         {std::tuple{ThreadRole::audio_device, SCHED_FIFO, 20},
+          {ThreadRole::network_receive, SCHED_RR, 10}}) {
+        {
+            const ScopedTimerResolution fine;
+            EXPECT_EQ(scheduling()[3], 1) << "ns of timer slack";
+            const ScopedThreadRole raised(role);
+            const auto now = scheduling();
+            if (may) {
+                EXPECT_EQ((std::array{now[0], now[1]}), (std::array{policy, priority}));
+            }
+        }
+        EXPECT_EQ(scheduling(), before);
+    }
+}
+
+// Of a sleep of 600 ms and another, one at least crosses a whole second.
+TEST(Clock, SleepsInFullAcrossSecondsAndSignals) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> done{false};
+    std::thread sleeper([&] {
+        for (int i = 0; i < 2; ++i) {
+            const std::uint64_t begin_ns = nanosecond_clock();
+            sleep_ms(600);
+            EXPECT_GE(nanosecond_clock(), begin_ns + 600'000'000);
+        }
+        done = true;
+    });
+    while (!done) {
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    sleeper.join();
+    const std::uint64_t begin_ns = nanosecond_clock();
+    std::uint64_t now_ns = 0;
+    while ((now_ns = nanosecond_clock()) == begin_ns) {
+    }
+    EXPECT_LT(now_ns, begin_ns + 1'000'000) << "a step of the clock";
 }
 
 }  // namespace

@@ -44,25 +44,29 @@ TEST(UdpDescriptor, StaysWithTheSocketUntilReleaseAndOutOfChildProcesses) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(UdpDescriptor, ReceiveSurvivesSignals) {
+TEST(UdpDescriptor, SignalsNeitherEndAReceiveNorProlongIt) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
-    UdpSocket socket;
-    ASSERT_TRUE(socket.open(on_loopback()));
-    std::atomic<bool> done{false};
-    std::thread receiver([&] {
-        Buffer buffer{};
-        EXPECT_EQ(socket.receive(buffer).status, ReceiveStatus::datagram);
-        done = true;
-    });
-    for (int i = 0; i < 20; ++i) {
-        pthread_kill(receiver.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (const std::uint32_t timeout_ms : {0U, 100U}) {
+        UdpSocket socket;
+        ASSERT_TRUE(socket.open(on_loopback()));
+        socket.set_receive_timeout(timeout_ms);
+        std::atomic<bool> done{false};
+        std::thread receiver([&] {
+            Buffer buffer{};
+            EXPECT_EQ(socket.receive(buffer).status,
+                      timeout_ms == 0 ? ReceiveStatus::datagram : ReceiveStatus::timed_out);
+            done = true;
+        });
+        for (int i = 0; i < (timeout_ms == 0 ? 20 : 500) && !done; ++i) {
+            pthread_kill(receiver.native_handle(), SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(done, timeout_ms != 0);
+        EXPECT_TRUE(socket.send_to(hello, socket.local_endpoint()));
+        receiver.join();
     }
-    EXPECT_FALSE(done);
-    EXPECT_TRUE(socket.send_to(hello, socket.local_endpoint()));
-    receiver.join();
 }
 
 }  // namespace

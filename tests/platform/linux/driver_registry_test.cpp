@@ -1,0 +1,57 @@
+#include "platform/driver_registry.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace tavistro::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A folder of drivers: the test driver under two names, and files that are none.
+class DriverFolder : public testing::Test {
+  protected:
+    DriverFolder() {
+        fs::create_directories(drivers_);
+        for (const char* name : {"zebra.so", "ant.so", "ant.txt"})
+            fs::copy_file(TAVISTRO_TEST_DRIVER, drivers_ / name);
+        std::ofstream(drivers_ / "broken.so") << "no library";
+        std::ofstream(program_) << "where the code lies";
+        look_for_drivers_beside(program_);
+    }
+    ~DriverFolder() override {
+        look_for_drivers_beside("");
+        fs::remove_all(folder_);
+    }
+
+    const fs::path folder_ = testing::TempDir() + "driver_folder_" + std::to_string(getpid());
+    const fs::path drivers_ = folder_ / "asio-drivers";
+    const fs::path program_ = folder_ / "program";
+};
+
+TEST_F(DriverFolder, ListsItsDriversByNameAndMakesTheirObjects) {
+    const auto drivers = registered_drivers();
+    ASSERT_EQ(drivers.size(), 2u);
+    EXPECT_EQ(drivers[0].key_name, "ant");
+    EXPECT_EQ(drivers[1].key_name, "zebra");
+    EXPECT_EQ(drivers[0].description, "Tavistro Test Driver");
+
+    std::string text = drivers[0].class_id_text;
+    const auto id = parse_class_id(text);
+    ASSERT_TRUE(id);
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string());
+    void* object = nullptr;
+    ASSERT_EQ(create_driver_object(*id, &object), 0);
+    release_driver_object(object);
+    EXPECT_EQ(class_server_path("{}"), std::nullopt);
+    EXPECT_LT(create_driver_object({}, &object), 0);
+    EXPECT_EQ(object, nullptr);
+}
+
+}  // namespace
+}  // namespace tavistro::platform
