@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -34,6 +35,11 @@ using Triple = std::array<std::uint32_t, 3>;
 using Events = std::vector<std::array<std::uint32_t, 4>>;
 using Wanted = std::function<bool(const State&)>;
 
+/// Shown while a next attempt is waited for.
+constexpr std::array<std::uint32_t, 3> pauses{TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT,
+                                              TAVISTRO_MESSAGE_ASIO_RETRY_WAIT,
+                                              TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED};
+
 Triple status_of(const State& s) {
     return {s.status_level, s.status_category, s.status_message};
 }
@@ -60,18 +66,14 @@ Events events_of(const State& state, std::uint32_t subject, std::uint32_t max_at
     return events;
 }
 
-/// Notes what the record shows when it is closed.
-class WatchedDevice final : public test::TestDevice {
-  public:
-    WatchedDevice(std::shared_ptr<test::DevicePanel> panel, std::function<void()> at_close)
-        : TestDevice(std::move(panel)), at_close_(std::move(at_close)) {}
+struct WatchedDevice final : test::TestDevice {
+    WatchedDevice(const std::shared_ptr<test::DevicePanel>& panel, std::function<void()> look)
+        : TestDevice(panel), at_close(std::move(look)) {}
     void close() override {
-        at_close_();
+        at_close();
         TestDevice::close();
     }
-
-  private:
-    std::function<void()> at_close_;
+    std::function<void()> at_close;
 };
 
 class EngineRuntimeTest : public testing::Test {
@@ -86,14 +88,12 @@ class EngineRuntimeTest : public testing::Test {
     /// `lines` belong to the section [network]; more sections may come with them.
     void configure(const std::string& lines) {
         std::ofstream(path_) << "[asio]\ndriver_name=scripted\n[network]\nserver_ip=127.0.0.1\n"
-                             << "server_port=" << server_.port() << "\nclient_id=" << getpid()
-                             << "\n"
+                             << "server_port=" << server_.port() << "\nclient_id=" << id_ << "\n"
                              << lines;
     }
     bool start() {
         stats_.close();
-        return runtime_.start(path_.c_str()) &&
-               test::eventually([&] { return stats_.open(static_cast<std::uint32_t>(getpid())); });
+        return runtime_.start(path_.c_str()) && test::eventually([&] { return stats_.open(id_); });
     }
     void connect() {
         ASSERT_TRUE(start());
@@ -140,10 +140,9 @@ class EngineRuntimeTest : public testing::Test {
         EXPECT_TRUE(test::eventually([&] { return server_.leaves == sessions_; }))
             << server_.leaves << " leaves of " << sessions_;
         EXPECT_EQ(device_.use_count(), 1) << "a device is still there";
-        stats_.close();
         EXPECT_TRUE(test::eventually([&] {
             stats_.close();
-            return !stats_.open(static_cast<std::uint32_t>(getpid()));
+            return !stats_.open(id_);
         })) << "the statistics block is still there";
     }
 
@@ -154,36 +153,28 @@ class EngineRuntimeTest : public testing::Test {
         for (int tries = 0; tries < 3000; ++tries) {
             const State state = runtime_.snapshot_state();
             if (wanted(state)) {
-                expect_mirrored(state);
+                expect_mirrored();
                 return state;
             }
-            if (state.status_message == TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT ||
-                state.status_message == TAVISTRO_MESSAGE_ASIO_RETRY_WAIT ||
-                state.status_message == TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED) {
-                test::advance_clock_ms(100);
-            }
+            if (std::ranges::count(pauses, state.status_message) > 0) test::advance_clock_ms(100);
             step();
             platform::sleep_ms(2);
         }
         ADD_FAILURE() << "in vain: message " << runtime_.snapshot_state().status_message;
         return runtime_.snapshot_state();
     }
-    void expect_mirrored(State state) {
-        using Shown = std::array<std::uint32_t, 5>;
-        Shown record{};
-        Shown block{};
+    void expect_mirrored() {
         EXPECT_TRUE(test::eventually(
             [&] {
-                const auto now = stats_.read().value_or(tavistro_stats_block{});
-                state = runtime_.snapshot_state();
-                record = {state.state, state.error_code, state.client_id, state.stream_sample_rate,
-                          state.stream_block_frames};
-                block = {now.state, now.error_code, now.client_id, now.stream_sample_rate,
-                         now.stream_block_frames};
-                return record == block;
+                const auto block = stats_.read().value_or(tavistro_stats_block{});
+                const State s = runtime_.snapshot_state();
+                return block.state == s.state && block.error_code == s.error_code &&
+                       block.client_id == s.client_id &&
+                       block.stream_sample_rate == s.stream_sample_rate &&
+                       block.stream_block_frames == s.stream_block_frames;
             },
             std::chrono::seconds(5)))
-            << testing::PrintToString(record) << " and " << testing::PrintToString(block);
+            << "the block does not follow to state " << runtime_.snapshot_state().state;
     }
     /// A step: lets the player report, once for each second in which the server is heard.
     void report() {
@@ -201,7 +192,8 @@ class EngineRuntimeTest : public testing::Test {
         return runtime_.snapshot_state();
     }
 
-    const std::string path_ = testing::TempDir() + "engine_runtime_" + std::to_string(getpid());
+    const std::uint32_t id_ = static_cast<std::uint32_t>(getpid());
+    const std::string path_ = testing::TempDir() + "engine_runtime_" + std::to_string(id_);
     test::ScriptedServer server_;
     StreamFormat format_;
     std::uint64_t sessions_ = 0;
@@ -295,7 +287,7 @@ TEST_F(EngineRuntimeTest, a_stream_that_has_come_wins_over_a_stop) {
     server_.mute = true;
     ASSERT_TRUE(start());
     ASSERT_TRUE(test::eventually([&] { return server_.held.load(); }));
-    expect_mirrored(runtime_.snapshot_state());
+    expect_mirrored();
     std::thread stopper([&] { runtime_.stop(); });
     platform::sleep_ms(20);  // until the stop is requested
     answered = true;

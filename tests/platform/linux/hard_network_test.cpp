@@ -29,12 +29,14 @@ bool system_does(const std::string& command) {
     return std::system((command + " 2>/dev/null").c_str()) == 0;  // NOLINT(concurrency-mt-unsafe)
 }
 
-/// Runs `body` in a child with a network of its own; its failures become the test's.
-void in_own_network(const std::function<void()>& body) {
+/// Runs `body` in a child with a network of its own that `command` has shaped; its failures become
+/// the test's.
+void in_own_network(const std::string& command, const std::function<void()>& body) {
     const pid_t child = fork();
     if (child == 0) {
         if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
             _exit(no_such_network);
+        if (!system_does(command)) _exit(no_such_network);
         body();
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
@@ -45,11 +47,17 @@ void in_own_network(const std::function<void()>& body) {
     EXPECT_EQ(status, 0) << "see above";
 }
 
-SocketOptions on_loopback(std::uint32_t buffer_bytes = 0) {
-    return {.recv_buffer_bytes = 1 << 22,
-            .send_buffer_bytes = buffer_bytes,
-            .bind = {.address = ipv4_loopback, .port = 0}};
-}
+struct Sockets {
+    Sockets() {
+        EXPECT_TRUE(from.open({.send_buffer_bytes = stock_buffer_bytes, .bind = {}}));
+        EXPECT_TRUE(to.open({.recv_buffer_bytes = 1 << 22, .bind = {}}));
+    }
+    Ipv4Endpoint there(std::uint32_t address = ipv4_loopback) const {
+        return {address, to.local_endpoint().port};
+    }
+    UdpSocket from;
+    UdpSocket to;
+};
 
 /// `count` datagrams of `size` bytes, each filled with its number.
 struct Block {
@@ -80,7 +88,7 @@ Arrived receive_all(UdpSocket& socket) {
 }
 
 TEST(HardNetwork, CloseEndsAReceiveWithTheLoopbackInterfaceDown) {
-    in_own_network([] {
+    in_own_network("true", [] {
         UdpSocket socket;
         ASSERT_TRUE(socket.open({}));
         std::atomic<bool> ended{false};
@@ -98,83 +106,69 @@ TEST(HardNetwork, CloseEndsAReceiveWithTheLoopbackInterfaceDown) {
 }
 
 TEST(HardNetwork, ALargeBlockArrivesWholeOverASlowLink) {
-    in_own_network([] {
-        if (!system_does("ip link set lo up && "
-                         "tc qdisc add dev lo root tbf rate 100mbit burst 64kb limit 8mb"))
-            _exit(no_such_network);
-        UdpSocket from;
-        UdpSocket to;
-        ASSERT_TRUE(from.open(on_loopback(stock_buffer_bytes)));
-        ASSERT_TRUE(to.open(on_loopback()));
-        const Block block(456, 1200);  // 32 channels x 4096 frames
-        constexpr int blocks = 5;
-        std::thread sender([&] {
-            for (int i = 0; i < blocks; ++i) {
-                from.send_run(block.datagrams, to.local_endpoint());
-                std::this_thread::sleep_for(85ms);  // their period at 48 kHz
-            }
+    in_own_network(
+        "ip link set lo up && "
+        "tc qdisc add dev lo root tbf rate 100mbit burst 64kb limit 8mb",
+        [] {
+            Sockets s;
+            const Block block(456, 1200);  // 32 channels x 4096 frames
+            constexpr int blocks = 5;
+            std::thread sender([&] {
+                for (int i = 0; i < blocks; ++i) {
+                    s.from.send_run(block.datagrams, s.there());
+                    std::this_thread::sleep_for(85ms);  // their period at 48 kHz
+                }
+            });
+            EXPECT_EQ(receive_all(s.to).datagrams, blocks * block.datagrams.size());
+            sender.join();
         });
-        EXPECT_EQ(receive_all(to).datagrams, blocks * block.datagrams.size());
-        sender.join();
-    });
 }
 
 TEST(HardNetwork, ASendThatWaitsForRoomGivesUpWhenItIsTold) {
-    in_own_network([] {
-        if (!system_does("ip link set lo up && "
-                         "tc qdisc add dev lo root tbf rate 100kbit burst 64kb limit 8mb"))
-            _exit(no_such_network);
-        for (const bool by_close : {false, true}) {
-            UdpSocket from;
-            UdpSocket to;
-            ASSERT_TRUE(from.open(on_loopback(stock_buffer_bytes)));
-            ASSERT_TRUE(to.open(on_loopback()));
-            const Block block(456, 1200);
-            std::atomic<bool> ended{false};
-            std::thread sender([&] {
-                EXPECT_LT(from.send_run(block.datagrams, to.local_endpoint()).count, 456U);
-                ended = true;
-            });
-            std::this_thread::sleep_for(50ms);
-            EXPECT_FALSE(ended) << "it does not wait";
-            by_close ? from.close() : from.wind_down();
-            EXPECT_TRUE(test::eventually([&] { return ended.load(); }, 1s));
-            if (!ended) _exit(1);
-            sender.join();
-            const auto begin = Clock::now();
-            EXPECT_FALSE(from.send_to(block.datagrams[0], to.local_endpoint())) << "no room";
-            EXPECT_LT(Clock::now() - begin, 1s) << "a last word does not wait";
-        }
-    });
+    in_own_network(
+        "ip link set lo up && "
+        "tc qdisc add dev lo root tbf rate 100kbit burst 64kb limit 8mb",
+        [] {
+            for (const bool by_close : {false, true}) {
+                Sockets s;
+                const Block block(456, 1200);
+                std::atomic<bool> ended{false};
+                std::thread sender([&] {
+                    EXPECT_LT(s.from.send_run(block.datagrams, s.there()).count, 456U);
+                    ended = true;
+                });
+                std::this_thread::sleep_for(50ms);
+                EXPECT_FALSE(ended) << "it does not wait";
+                by_close ? s.from.close() : s.from.wind_down();
+                EXPECT_TRUE(test::eventually([&] { return ended.load(); }, 1s));
+                if (!ended) _exit(1);
+                sender.join();
+                const auto begin = Clock::now();
+                EXPECT_FALSE(s.from.send_to(block.datagrams[0], s.there())) << "no room";
+                EXPECT_LT(Clock::now() - begin, 1s) << "a last word does not wait";
+            }
+        });
 }
 
 TEST(HardNetwork, DatagramsAboveTheMtuArriveThoughNotAsRuns) {
-    in_own_network([] {
-        if (!system_does("ip link set lo mtu 1500 up")) _exit(no_such_network);
-        UdpSocket from;
-        UdpSocket to;
-        ASSERT_TRUE(from.open(on_loopback()));
-        ASSERT_TRUE(to.open(on_loopback()));
+    in_own_network("ip link set lo mtu 1500 up", [] {
+        Sockets s;
         const Block block(4, 3000);
-        EXPECT_EQ(from.send_run(block.datagrams, to.local_endpoint()).count, 4U);
-        EXPECT_EQ(receive_all(to).datagrams, 4U);
+        EXPECT_EQ(s.from.send_run(block.datagrams, s.there()).count, 4U);
+        EXPECT_EQ(receive_all(s.to).datagrams, 4U);
     });
 }
 
 TEST(HardNetwork, RunsAreSentAgainOnceALostRouteIsBack) {
-    in_own_network([] {
-        if (!system_does("ip link set lo up")) _exit(no_such_network);
-        UdpSocket from;
-        UdpSocket to;
-        ASSERT_TRUE(from.open({}));
-        ASSERT_TRUE(to.open({}));
-        to.receive_in_runs();
-        const Ipv4Endpoint address{0x0A090909, to.local_endpoint().port};
+    in_own_network("ip link set lo up", [] {
+        Sockets s;
+        s.to.receive_in_runs();
+        const Ipv4Endpoint address = s.there(0x0A090909);
         const Block block(4, 1000);
-        EXPECT_EQ(from.send_run(block.datagrams, address).count, 0U) << "there is no route";
+        EXPECT_EQ(s.from.send_run(block.datagrams, address).count, 0U) << "there is no route";
         ASSERT_TRUE(system_does("ip address add 10.9.9.9/32 dev lo"));
-        EXPECT_EQ(from.send_run(block.datagrams, address).count, 4U);
-        const Arrived arrived = receive_all(to);
+        EXPECT_EQ(s.from.send_run(block.datagrams, address).count, 4U);
+        const Arrived arrived = receive_all(s.to);
         EXPECT_EQ(arrived.datagrams, 4U);
         EXPECT_EQ(arrived.receives, 1U) << "one by one";
     });
