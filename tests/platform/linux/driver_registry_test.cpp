@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 
@@ -16,7 +18,7 @@ class DriverFolder : public testing::Test {
   protected:
     DriverFolder() {
         fs::create_directories(drivers_);
-        for (const char* name : {"zebra.so", "ant.so", "ant.txt"})
+        for (const char* name : {"zebra.so", "ant.so", "bee.so", "ant.txt"})
             fs::copy_file(TAVISTRO_TEST_DRIVER, drivers_ / name);
         std::ofstream(drivers_ / "broken.so") << "no library";
         std::ofstream(program_) << "where the code lies";
@@ -34,17 +36,18 @@ class DriverFolder : public testing::Test {
 
 TEST_F(DriverFolder, ListsItsDriversByNameAndMakesTheirObjects) {
     const auto drivers = registered_drivers();
-    ASSERT_EQ(drivers.size(), 2u);
+    ASSERT_EQ(drivers.size(), 3u);
     EXPECT_EQ(drivers[0].key_name, "ant");
-    EXPECT_EQ(drivers[1].key_name, "zebra");
+    EXPECT_EQ(drivers[1].key_name, "bee");
+    EXPECT_EQ(drivers[2].key_name, "zebra");
     EXPECT_EQ(drivers[0].description, "Tavistro Test Driver");
 
     std::string text = drivers[0].class_id_text;
     const auto id = parse_class_id(text);
     ASSERT_TRUE(id);
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string());
+    std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
+    EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string()) << "in other letters";
     void* object = nullptr;
     ASSERT_EQ(create_driver_object(*id, &object), 0);
     release_driver_object(object);

@@ -171,6 +171,8 @@ TEST(HardNetwork, RunsAreSentAgainOnceALostRouteIsBack) {
         const Arrived arrived = receive_all(s.to);
         EXPECT_EQ(arrived.datagrams, 4U);
         EXPECT_EQ(arrived.receives, 1U) << "one by one";
+        EXPECT_EQ(s.from.send_run(Block(20, 9000).datagrams, address).count, 20U);
+        EXPECT_LT(receive_all(s.to).receives, 20U) << "more than one piece may hold, one by one";
     });
 }
 
