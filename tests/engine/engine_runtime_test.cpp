@@ -452,8 +452,13 @@ TEST_F(EngineRuntimeTest, each_start_of_the_audio_path_forgets_the_counters_of_t
             await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { report(); });
         },
         [&] {
+            send_sync({44100, 64});  // a change that the run does not live to make
+            platform::sleep_ms(10);
             stop();
+            const int made = devices_made_;
             run();
+            platform::sleep_ms(10);
+            EXPECT_EQ(devices_made_, made + 1);
         }};
     run();
     for (const auto& restart : restarts) {
