@@ -19,8 +19,12 @@ TEST(WorkerEvent, KeepsASignalForTheNextWaitAndWakesAWaiter) {
     EXPECT_TRUE(event.wait_for_ms(3000));
     EXPECT_LT(nanosecond_clock(), begin_ns + 2'000'000'000) << "waits for what is there";
     Thread thread;
-    ASSERT_TRUE(thread.start("waker", [&] { event.signal(); }));
+    ASSERT_TRUE(thread.start("waker", [&] {
+        sleep_ms(20);
+        event.signal();
+    }));
     EXPECT_TRUE(event.wait_for_ms(10'000));
+    EXPECT_LT(nanosecond_clock(), begin_ns + 8'000'000'000) << "a signal wakes nobody";
     thread.join();
 }
 

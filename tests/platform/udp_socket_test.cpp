@@ -136,6 +136,7 @@ TEST(UdpSocket, CloseWakesTheReceiverOfASocketOpenedAnewAndRefusesEverySend) {
     socket.close();
     receiver.join();
     receive();
+    EXPECT_EQ(socket.local_endpoint(), Ipv4Endpoint{});
     EXPECT_FALSE(socket.send_to(hello, self));
     EXPECT_EQ(socket.send_run(std::vector<DatagramBytes>(3, hello), self).count, 0U);
 }

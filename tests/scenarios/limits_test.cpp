@@ -5,13 +5,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
 
 #include "net/client_session.h"
+#include "platform/clock.h"
+#include "platform/threads.h"
 #include "scenarios/rig.h"
 
 namespace tavistro::test {
@@ -38,6 +42,34 @@ class FewDescriptors {
     rlimit all_{};
 };
 
+rlim_t memory_bytes(bool resident) {
+    rlim_t all = 0;
+    rlim_t here = 0;
+    std::ifstream("/proc/self/statm") >> all >> here;
+    return (resident ? here : all) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(Limits, AThreadThatIsNotToBeHadIsARefusal) {
+    rlimit all{};
+    getrlimit(RLIMIT_AS, &all);
+    std::atomic<bool> done{false};
+    std::array<platform::Thread, 50> threads;  // more than stacks that the system may keep
+    rlimit few = all;
+    few.rlim_cur = memory_bytes(false) + 4 * 1024 * 1024;
+    setrlimit(RLIMIT_AS, &few);
+    const auto refused = std::ranges::count_if(threads, [&](auto& thread) {
+        return !thread.start("waits", [&] {
+            while (!done)
+                platform::sleep_ms(1);
+        });
+    });
+    setrlimit(RLIMIT_AS, &all);
+    done = true;
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_GT(refused, 0);
+}
+
 // The socket never goes without: it needs one, and making the block needed two for a moment.
 TEST(Limits, DescriptorsThatRunOutAreTheErrorOfThePartThatNeedsOne) {
     Rig rig;
@@ -63,13 +95,6 @@ TEST(Limits, DescriptorsThatRunOutAreTheErrorOfThePartThatNeedsOne) {
                         {TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED}}));
 }
 
-rlim_t resident_bytes() {
-    rlim_t all = 0;
-    rlim_t resident = 0;
-    std::ifstream("/proc/self/statm") >> all >> resident;
-    return resident * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
-}
-
 TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
     constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
     constexpr float sample = 1.0F;
@@ -86,7 +111,7 @@ TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
     ClientSession session([](auto, const auto&) { return true; });
     session.reset(settings, {{}, [&](const auto&) { ++blocks; }, {}, {}});
     session.run(server);
-    const rlim_t before = resident_bytes();
+    const rlim_t before = memory_bytes(true);
     for (const std::uint8_t first_frame : {std::uint8_t{0}, std::uint8_t{200}}) {
         for (std::uint8_t sequence = 1; sequence <= 8; ++sequence) {
             datagram[16] = sequence;
@@ -96,7 +121,7 @@ TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
             session.handle_datagram(datagram, server);
         }
     }
-    EXPECT_LT(resident_bytes(), before + largest_block / 2) << "blocks that are not complete";
+    EXPECT_LT(memory_bytes(true), before + largest_block / 2) << "blocks that are not complete";
     for (std::uint8_t sequence = 20; sequence < 28; ++sequence) {
         datagram[16] = sequence;
         datagram[36] = 0;
@@ -106,7 +131,7 @@ TEST(ForgedBlocks, TakeNoMemoryForWhatTheyClaimToBeAndNoneAfterTheRun) {
     EXPECT_EQ(blocks, 8U);
     session.end();
     session.release();
-    EXPECT_LT(resident_bytes(), before + largest_block / 2) << "after the run";
+    EXPECT_LT(memory_bytes(true), before + largest_block / 2) << "after the run";
 }
 
 TEST(ConfigPath, ThatIsNoSettingsFileFailsTheRunWithoutHoldingItUp) {

@@ -55,6 +55,7 @@ TEST_F(NamedMemoryTest, HoldersShareOneBlockAndTheLastTakesTheName) {
     ::close(reader);
     ASSERT_TRUE(second.store(0, std::array<std::uint64_t, 1>{43}));
     second.close();
+    EXPECT_FALSE(second.is_open());
     EXPECT_FALSE(exists());
     EXPECT_EQ(*static_cast<std::uint64_t*>(view), 43U) << "a reader keeps the last values";
     munmap(view, bytes);
