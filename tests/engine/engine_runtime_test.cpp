@@ -163,7 +163,7 @@ class EngineRuntimeTest : public testing::Test {
             if (std::ranges::count(pauses, state.status_message) > 0 &&
                 std::exchange(passed_pause_, state.next_event_sequence) !=
                     state.next_event_sequence) {
-                test::advance_clock_ms(900);  // most of its second
+                test::advance_clock_ms(850);  // most of its second
             }
             step();
             platform::sleep_ms(2);
