@@ -1,7 +1,6 @@
 // Every allocation of the engine fails once, in run after run: none ends the process, each ends in
 // the error of the part that needed it, and the next start works.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,11 +10,13 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "audio/test_device.h"
 #include "engine/engine_runtime.h"
 #include "platform/clock.h"
+#include "support/eventually.h"
 #include "support/movable_clock.h"
 #include "support/realtime_guard.h"
 #include "support/scripted_server.h"
@@ -36,15 +37,25 @@ constexpr std::array<std::uint32_t, 3> pauses{TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT
 /// A sweep that ends sooner never got beyond loading the settings and starting the client.
 constexpr std::uint64_t few_allocations = 80;
 
-/// Which allocation fails, counted over the engine's threads and the host's call of start().
+/// Which allocation fails, counted over all threads but the test's own: its main thread, apart from
+/// the call of start(), and the server's.
 struct Shortage {
-    static inline thread_local bool host_counts = false;
+    static inline std::array<std::atomic<std::thread::id>, 2> own_threads;
+    static inline std::atomic<bool> host_counts{false};
     static inline std::atomic<std::uint64_t> seen{0}, first{0}, end{0};
 
+    /// Those that allocate before any engine runs are the test's own.
+    static bool learn() {
+        const auto here = std::this_thread::get_id();
+        for (auto& thread : own_threads) {
+            auto known = std::thread::id();
+            if (thread.compare_exchange_strong(known, here) || known == here) break;
+        }
+        return false;
+    }
     static bool refuses() {
-        std::array<char, 16> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        if (!host_counts && !std::string_view(name.data()).starts_with("tav-")) return false;
+        const auto here = std::this_thread::get_id();
+        if (here == own_threads[0] ? !host_counts : here == own_threads[1]) return false;
         const std::uint64_t number = ++seen;
         return number >= first && number < end;
     }
@@ -59,6 +70,13 @@ struct Shortage {
     static bool met() { return end != 0 && seen + 1 >= end; }
 };
 
+struct Learning {
+    Learning() {
+        refuse_allocations(&Shortage::learn);
+        delete new int;  // main is the first
+    }
+};
+
 /// How many allocations in a row fail, and how many are passed over from run to run.
 struct Failures {
     std::uint64_t count;
@@ -69,6 +87,8 @@ struct Failures {
 class MemoryTest : public testing::TestWithParam<Failures> {
   protected:
     MemoryTest() {
+        EXPECT_TRUE(
+            eventually([] { return Shortage::own_threads[1].load() != std::thread::id(); }));
         refuse_allocations(&Shortage::refuses);
         limit_sleeps_ms(1);
     }
@@ -76,6 +96,8 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         runtime_.stop();
         refuse_allocations(nullptr);
         limit_sleeps_ms(UINT32_MAX);
+        for (auto& thread : Shortage::own_threads)
+            thread = std::thread::id();
         unlink(path_.c_str());
     }
 
@@ -184,6 +206,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
     }
 
     const std::string path_ = testing::TempDir() + "memory_" + std::to_string(getpid());
+    const Learning learning_;
     ScriptedServer server_;
     const std::shared_ptr<DevicePanel> device_ = std::make_shared<DevicePanel>();
     EngineRuntime runtime_{[this] { return std::make_unique<TestDevice>(device_); }};
