@@ -1,61 +1,15 @@
 #include "config/config_keys.h"
 
+#include <concepts>
+#include <cstdint>
+#include <vector>
+
 namespace tavistro {
 
 namespace {
 
 using Client = TavistroProtocol::ClientSettings;
 using Audio = AudioDeviceSettings;
-using enum ValueKind;
-
-constexpr bool required = true;
-constexpr bool optional = false;
-
-constexpr ConfigKey keys[] = {
-    {"network", "server_ip", text, required, "auto or a dotted IPv4 address", &Client::server_ip},
-    {"network", "server_port", u16, required, "1..65535", &Client::server_port},
-    {"network", "client_id", u32, required, "1..4294967295", &Client::client_id},
-    {"network", "discovery_timeout_ms", u32, optional, "1..10000", &Client::discovery_timeout_ms},
-    {"network", "discovery_broadcast", flag_number, optional, "0 or 1",
-     &Client::discovery_broadcast},
-    {"protocol", "announce_period_ms", u32, optional, "1..3999", &Client::announce_period_ms},
-    {"latency", "client_latency_blocks", size, optional, "1..128", &Client::client_latency_blocks},
-    {"tavistro", "driver_inputs", int_list, optional, "distinct channels 0..31",
-     &Client::driver_inputs},
-    {"tavistro", "driver_outputs", int_list, optional, "distinct channels 0..31",
-     &Client::driver_outputs},
-    {"asio", "driver_name", text, required, "not empty unless loopback", &Audio::driver_name},
-    {"asio", "input_map", int_list, optional, "distinct channels", &Audio::input_channel_map},
-    {"asio", "output_map", int_list, optional, "distinct channels", &Audio::output_channel_map},
-    {"socket", "recv_buffer_bytes", u32, optional, "", &Client::recv_buffer_bytes},
-    {"socket", "send_buffer_bytes", u32, optional, "", &Client::send_buffer_bytes},
-    {"transport", "udp_payload_bytes", u32, optional, "52..65507", &Client::udp_payload_bytes},
-    {"test", "loopback_device", boolean, optional, "", &EngineConfig::loopback_device},
-    {"test", "loopback_drift_ppm", integer, optional, "-100000..100000",
-     &Audio::loopback_drift_ppm},
-    {"test", "loopback_callback_jitter_max_ms", u32, optional, "0..1000",
-     &Audio::loopback_callback_jitter_max_ms},
-    {"test", "loopback_callback_skip_every", u32, optional, "",
-     &Audio::loopback_callback_skip_every},
-    {"test", "loopback_callback_skip_count", u32, optional, "0..128",
-     &Audio::loopback_callback_skip_count},
-    {"test", "loopback_callback_duplicate_every", u32, optional, "",
-     &Audio::loopback_callback_duplicate_every},
-    {"test", "loopback_callback_duplicate_count", u32, optional, "0..128",
-     &Audio::loopback_callback_duplicate_count},
-    {"test", "loopback_callback_stall_every_ms", u32, optional, "",
-     &Audio::loopback_callback_stall_every_ms},
-    {"test", "loopback_callback_stall_duration_ms", u32, optional, "0..1000, at most every",
-     &Audio::loopback_callback_stall_duration_ms},
-    {"test", "loopback_input_silence_every_ms", u32, optional, "",
-     &Audio::loopback_input_silence_every_ms},
-    {"test", "loopback_input_silence_duration_ms", u32, optional, "0..1000, at most every",
-     &Audio::loopback_input_silence_duration_ms},
-    {"test", "loopback_device_lost_after_ms", u32, optional, "",
-     &Audio::loopback_device_lost_after_ms},
-    {"test", "loopback_device_lost_duration_ms", u32, optional, "0..10000",
-     &Audio::loopback_device_lost_duration_ms},
-};
 
 // Where a field lies inside a constant or a changeable EngineConfig.
 template <typename Value>
@@ -70,42 +24,6 @@ template <typename Value>
 auto& field_in(auto& config, Value EngineConfig::*field) {
     return config.*field;
 }
-
-/// One key of one file, read into a field of whatever type.
-struct FieldReader {
-    const ConfigKey& key;
-    const IniSections& sections;
-    std::string& error;
-
-    bool operator()(std::string& value) const {
-        return read_required_string(sections, key.section, key.key, value, error);
-    }
-    bool operator()(std::uint16_t& value) const {
-        return read_required_u16(sections, key.section, key.key, value, error);
-    }
-    bool operator()(std::uint32_t& value) const {
-        const auto read = key.required ? read_required_u32 : read_optional_u32;
-        return read(sections, key.section, key.key, value, error);
-    }
-    bool operator()(std::uint64_t& value) const {
-        return read_optional_size(sections, key.section, key.key, value, error);
-    }
-    bool operator()(std::int32_t& value) const {
-        return read_optional_int(sections, key.section, key.key, value, error);
-    }
-    bool operator()(std::vector<std::int32_t>& values) const {
-        return read_optional_int_list(sections, key.section, key.key, values, error);
-    }
-    bool operator()(bool& value) const {
-        if (key.kind == boolean) {
-            return read_optional_bool(sections, key.section, key.key, value, error);
-        }
-        std::uint32_t number = value ? 1 : 0;
-        if (!read_optional_u32(sections, key.section, key.key, number, error)) return false;
-        value = number != 0;
-        return true;
-    }
-};
 
 std::string text_of(const std::string& value) {
     return value;
@@ -122,20 +40,86 @@ std::string text_of(const std::vector<std::int32_t>& values) {
     return result;
 }
 
+/// A flag that is written as a number: 0 is false, every other number true.
+bool read_optional_number_flag(const IniSections& sections, std::string_view section,
+                               std::string_view key, bool& value, std::string& error) {
+    std::uint32_t number = value ? 1 : 0;
+    if (!read_optional_u32(sections, section, key, number, error)) return false;
+    value = number != 0;
+    return true;
+}
+
+/// A key whose value `accessor` reads into `field`. The accessor says which values convert and
+/// whether the key may be absent; one of another type than the field does not compile.
+template <auto accessor, auto field>
+constexpr ConfigKey entry(std::string_view section, std::string_view key,
+                          std::string_view allowed = "") {
+    return {section, key, allowed,
+            [](const ConfigKey& entry, const IniSections& sections, EngineConfig& config,
+               std::string& error) {
+                return accessor(sections, entry.section, entry.key, field_in(config, field), error);
+            },
+            [](const EngineConfig& config) { return text_of(field_in(config, field)); }};
+}
+
+constexpr ConfigKey keys[] = {
+    entry<read_required_string, &Client::server_ip>("network", "server_ip",
+                                                    "auto or a dotted IPv4 address"),
+    entry<read_required_u16, &Client::server_port>("network", "server_port", "1..65535"),
+    entry<read_required_u32, &Client::client_id>("network", "client_id", "1..4294967295"),
+    entry<read_optional_u32, &Client::discovery_timeout_ms>("network", "discovery_timeout_ms",
+                                                            "1..10000"),
+    entry<read_optional_number_flag, &Client::discovery_broadcast>("network", "discovery_broadcast",
+                                                                   "0 or 1"),
+    entry<read_optional_u32, &Client::announce_period_ms>("protocol", "announce_period_ms",
+                                                          "1..3999"),
+    entry<read_optional_size, &Client::client_latency_blocks>("latency", "client_latency_blocks",
+                                                              "1..128"),
+    entry<read_optional_int_list, &Client::driver_inputs>("tavistro", "driver_inputs",
+                                                          "distinct channels 0..31"),
+    entry<read_optional_int_list, &Client::driver_outputs>("tavistro", "driver_outputs",
+                                                           "distinct channels 0..31"),
+    entry<read_required_string, &Audio::driver_name>("asio", "driver_name",
+                                                     "not empty unless loopback"),
+    entry<read_optional_int_list, &Audio::input_channel_map>("asio", "input_map",
+                                                             "distinct channels"),
+    entry<read_optional_int_list, &Audio::output_channel_map>("asio", "output_map",
+                                                              "distinct channels"),
+    entry<read_optional_u32, &Client::recv_buffer_bytes>("socket", "recv_buffer_bytes"),
+    entry<read_optional_u32, &Client::send_buffer_bytes>("socket", "send_buffer_bytes"),
+    entry<read_optional_u32, &Client::udp_payload_bytes>("transport", "udp_payload_bytes",
+                                                         "52..65507"),
+    entry<read_optional_bool, &EngineConfig::loopback_device>("test", "loopback_device"),
+    entry<read_optional_int, &Audio::loopback_drift_ppm>("test", "loopback_drift_ppm",
+                                                         "-100000..100000"),
+    entry<read_optional_u32, &Audio::loopback_callback_jitter_max_ms>(
+        "test", "loopback_callback_jitter_max_ms", "0..1000"),
+    entry<read_optional_u32, &Audio::loopback_callback_skip_every>("test",
+                                                                   "loopback_callback_skip_every"),
+    entry<read_optional_u32, &Audio::loopback_callback_skip_count>(
+        "test", "loopback_callback_skip_count", "0..128"),
+    entry<read_optional_u32, &Audio::loopback_callback_duplicate_every>(
+        "test", "loopback_callback_duplicate_every"),
+    entry<read_optional_u32, &Audio::loopback_callback_duplicate_count>(
+        "test", "loopback_callback_duplicate_count", "0..128"),
+    entry<read_optional_u32, &Audio::loopback_callback_stall_every_ms>(
+        "test", "loopback_callback_stall_every_ms"),
+    entry<read_optional_u32, &Audio::loopback_callback_stall_duration_ms>(
+        "test", "loopback_callback_stall_duration_ms", "0..1000, at most every"),
+    entry<read_optional_u32, &Audio::loopback_input_silence_every_ms>(
+        "test", "loopback_input_silence_every_ms"),
+    entry<read_optional_u32, &Audio::loopback_input_silence_duration_ms>(
+        "test", "loopback_input_silence_duration_ms", "0..1000, at most every"),
+    entry<read_optional_u32, &Audio::loopback_device_lost_after_ms>(
+        "test", "loopback_device_lost_after_ms"),
+    entry<read_optional_u32, &Audio::loopback_device_lost_duration_ms>(
+        "test", "loopback_device_lost_duration_ms", "0..10000"),
+};
+
 }  // namespace
 
 std::span<const ConfigKey> config_keys() {
     return keys;
-}
-
-bool read_key(const ConfigKey& key, const IniSections& sections, EngineConfig& config,
-              std::string& error) {
-    const FieldReader reader{key, sections, error};
-    return std::visit([&](auto field) { return reader(field_in(config, field)); }, key.field);
-}
-
-std::string value_text(const ConfigKey& key, const EngineConfig& config) {
-    return std::visit([&](auto field) { return text_of(field_in(config, field)); }, key.field);
 }
 
 }  // namespace tavistro
