@@ -1,9 +1,12 @@
-// docs/configuration.md against the loader: what it says of every key and every error line.
+// docs/configuration.md against the loader: what it says of every key and every error line, and in
+// which order faults are found.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <ranges>
+#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -43,9 +46,17 @@ Cells code_of(const std::string& cell) {
 
 using Settings = std::map<std::string, std::string>;  // "[section] key" to value
 
-std::string error_of(const Settings& settings) {
+constexpr const char* absent = "(absent)";
+
+/// The error of a file with these settings and the required keys.
+std::string error_of(Settings settings) {
+    settings.merge(Settings{{"[network] server_ip", "auto"},
+                            {"[network] server_port", "1"},
+                            {"[network] client_id", "1"},
+                            {"[asio] driver_name", "a"}});
     std::string file;
     for (const auto& [name, value] : settings) {
+        if (value == absent) continue;
         const std::size_t end = name.find(']') + 1;
         file.append(name, 0, end).append("\n").append(name, end).append("=").append(value) += '\n';
     }
@@ -56,58 +67,106 @@ std::string error_of(const Settings& settings) {
     return error;
 }
 
-const Settings smallest = {{"[network] server_ip", "auto"},
-                           {"[network] server_port", "1"},
-                           {"[network] client_id", "1"},
-                           {"[asio] driver_name", "a"}};
+std::string name_of(const ConfigKey& key) {
+    return std::string("[").append(key.section).append("] ").append(key.key);
+}
 
 TEST(ConfigurationDocument, TellsTypeDefaultAndRangeOfEveryKeyAndOfNoOther) {
-    const auto tables = tables_of_document();
     std::map<std::string, Cells> rows;
-    for (const auto& [heading, table] : tables) {
+    for (const auto& [heading, table] : tables_of_document()) {
         if (!heading.starts_with('[')) continue;
         for (const Cells& row : table)
             rows[heading + ' ' + code_of(row[0]).front()] = row;
     }
     EXPECT_EQ(rows.size(), config_keys().size());
-    for (const ConfigKey& key : config_keys()) {
-        std::ostringstream name;
-        name << '[' << key.section << "] " << key.key;
-        const Cells& row = rows[name.str()];
-        ASSERT_EQ(row.size(), 5U) << name.str();
-        EXPECT_EQ(row[2], key.required ? "required" : value_text(key, {})) << name.str();
-        EXPECT_EQ(row[3], key.allowed.empty() ? "any" : key.allowed) << name.str();
-        EXPECT_NE(row[4], "") << name.str();
+    Settings settings;
+    for (const ConfigKey& key : config_keys() | std::views::reverse) {
+        const std::string name = name_of(key);
+        const Cells& row = rows[name];
+        ASSERT_EQ(row.size(), 5U) << name;
+        EngineConfig config;
+        std::string missing;
+        const bool required = !read_key(key, {}, config, missing);
+        EXPECT_EQ(row[2], required ? "required" : value_text(key, {})) << name;
+        EXPECT_EQ(row[3], key.allowed.empty() ? "any" : key.allowed) << name;
+        EXPECT_NE(row[4], "") << name;
+        if (row[1] == "text") continue;
 
+        // Every later key is bad as well.
         const bool is_list = row[1] == "integer list";
-        std::ostringstream error;
-        error << "Invalid " << row[1] << (is_list ? "" : " value") << " for " << name.str()
-              << (is_list ? ": Invalid integer list item: x y" : "");
-        Settings settings = smallest;
-        settings[name.str()] = "x y";
-        EXPECT_EQ(error_of(settings), row[1] == "text" ? "" : error.str());
+        settings[name] = "x y";
+        EXPECT_EQ(error_of(settings), "Invalid " + row[1] + (is_list ? "" : " value") + " for " +
+                                          name +
+                                          (is_list ? ": Invalid integer list item: x y" : ""));
+        // A bad size is found before the keys that are read after it.
+        if (key.key == "udp_payload_bytes") settings[name] = "51";
+        EXPECT_TRUE(error_of(settings).ends_with(name) || is_list) << error_of(settings);
     }
 }
 
-TEST(ConfigurationDocument, ExamplesOfErrorLinesGiveThem) {
-    const auto tables = tables_of_document();
-    const std::vector<Cells>& table = tables.at("Error lines");
-    for (const Cells& row : table) {
-        Settings settings = smallest;
-        for (const std::string& given : code_of(row[1])) {
-            const std::size_t equals = given.find('=');
-            if (equals == std::string::npos) {
-                EXPECT_EQ(settings.erase(given), 1U) << given;
-            } else {
-                settings[std::string(trim(given.substr(0, equals)))] = given.substr(equals + 1);
-            }
+TEST(ConfigurationDocument, EndsOfEveryRangeAreAllowedAndNothingBeyond) {
+    int ranges = 0;
+    for (const ConfigKey& key : config_keys()) {
+        std::smatch range;
+        const std::string allowed(key.allowed);
+        if (!std::regex_search(allowed, range, std::regex(R"((-?\d+)\.\.(\d+))"))) continue;
+        ++ranges;
+        Settings settings;
+        // A count or a duration needs the time or number of its repetition.
+        for (const ConfigKey& other : config_keys()) {
+            const bool repeats = other.key.find("_every") != other.key.npos ||
+                                 other.key.find("_after") != other.key.npos;
+            if (key.section == "test" && repeats) settings[name_of(other)] = "100000";
         }
-        EXPECT_EQ(error_of(settings), code_of(row[0]).front()) << row[1];
+        if (key.section == "test") settings["[test] loopback_device"] = "1";
+        const long long first = std::stoll(range[1]), last = std::stoll(range[2]);
+        for (const long long value : {first - 1, first, last, last + 1}) {
+            settings[name_of(key)] = std::to_string(value);
+            EXPECT_EQ(error_of(settings).empty(), first <= value && value <= last)
+                << key.key << " = " << value << ": " << error_of(settings);
+        }
+    }
+    EXPECT_EQ(ranges, 15);
+}
+
+/// What a row of the error lines is given by.
+Settings settings_of(const Cells& row) {
+    Settings settings;
+    for (const std::string& given : code_of(row[1])) {
+        const std::size_t equals = given.find('=');
+        settings[std::string(trim(given.substr(0, equals)))] =
+            equals == std::string::npos ? absent : given.substr(equals + 1);
+    }
+    return settings;
+}
+
+bool contradict(const Settings& a, const Settings& b) {
+    return std::ranges::any_of(a, [&](const auto& setting) {
+        const auto same = b.find(setting.first);
+        return same != b.end() && same->second != setting.second;
+    });
+}
+
+TEST(ConfigurationDocument, ErrorLinesComeFromTheirExamplesAndInTheirOrder) {
+    const std::vector<Cells> rows = tables_of_document()["Error lines"];
+    for (auto row = rows.begin(); row != rows.end(); ++row) {
+        const std::string error = code_of((*row)[0]).front();
+        const Settings settings = settings_of(*row);
+        EXPECT_EQ(error_of(settings), error) << (*row)[1];
+        for (const Cells& later : std::ranges::subrange(row + 1, rows.end())) {
+            // The device in use decides which rules there are.
+            Settings both = settings_of(later);
+            const bool same_device = settings.contains("[test] loopback_device") ==
+                                     both.contains("[test] loopback_device");
+            if (!same_device || contradict(settings, both)) continue;
+            both.insert(settings.begin(), settings.end());
+            EXPECT_EQ(error_of(both), error) << (*row)[1] << " and " << later[1];
+        }
     }
     for (const ConfigKey& key : config_keys()) {
-        if (key.allowed.empty() || key.kind == ValueKind::flag_number) continue;
+        if (key.allowed.empty() || key.allowed == "0 or 1") continue;
         EXPECT_TRUE(std::ranges::any_of(
-            table, [&](const Cells& row) { return row[0].find(key.key) != std::string::npos; }))
+            rows, [&](const Cells& row) { return row[0].find(key.key) != std::string::npos; }))
             << "no error line about " << key.key;
     }
 }

@@ -17,7 +17,8 @@ TEST(ParseIni, StoresTrimmedLowerCaseNamesAndValuesWithoutComments) {
         "; note = 1\r\n\t\v\f \r\n"
         "[ Network ]\r\n"
         "Server_Port = 28010 ; default\r\n"
-        "a = x=y # z\n"
+        "a = first\n"
+        "b = x=y # z\n"
         "QUOTED = \"p;Q\" ; c\n"
         "open = \"p;q # r\n"
         "[NETWORK]\n"
@@ -29,6 +30,7 @@ TEST(ParseIni, StoresTrimmedLowerCaseNamesAndValuesWithoutComments) {
     const IniSections expected = {{"", {{"early", "above every header"}}},
                                   {"network",
                                    {{"a", "2\xC3\x84"},
+                                    {"b", "x=y"},
                                     {"last", ""},
                                     {"open", "\"p;q # r"},
                                     {"quoted", "\"p;Q\""},

@@ -1,0 +1,247 @@
+// The search for the server on a network that the test plays, with hosts near and far and a clock
+// that moves with what it waits for.
+#include "net/discovery.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <deque>
+
+#include "net/net_inputs.h"
+#include "net/server_messages.h"
+#include "platform/clock.h"
+#include "support/movable_clock.h"
+
+namespace tavistro {
+namespace {
+
+using namespace test;
+using namespace std::string_literals;
+
+/// What arrives so many milliseconds after the question; with no datagram, an error of the system.
+struct Arrival {
+    std::uint64_t after_ms;
+    const char* source;
+    Datagram (*datagram)(const Discover& question);
+};
+
+struct Network {
+    std::deque<Arrival> arrivals;
+    bool can_broadcast = true;
+    bool can_time_out = true;
+    std::uint32_t receive_timeout_ms = 0;
+    std::vector<std::string> asked;
+    Discover question;
+    std::uint64_t asked_at_ms = 0;
+} network;
+
+std::string text_of(const platform::Ipv4Endpoint& endpoint) {
+    return platform::format_ipv4(endpoint.address) + ":" + std::to_string(endpoint.port);
+}
+
+}  // namespace
+
+// The socket of this program: connected to `network`.
+namespace platform {
+
+bool UdpSocket::open(const SocketOptions&) noexcept {
+    open_ = true;
+    return true;
+}
+void UdpSocket::release() noexcept {}
+bool UdpSocket::set_receive_timeout(std::uint32_t ms) noexcept {
+    network.receive_timeout_ms = ms;
+    return network.can_time_out;
+}
+bool UdpSocket::enable_broadcast() noexcept {
+    return network.can_broadcast;
+}
+bool UdpSocket::send_to(DatagramBytes datagram, const Ipv4Endpoint& to) noexcept {
+    network.asked.push_back(text_of(to));
+    network.question = decode_discover(datagram).message;
+    network.asked_at_ms = millisecond_tick();
+    return true;
+}
+ReceiveResult UdpSocket::receive(std::span<std::uint8_t> buffer) noexcept {
+    const std::uint64_t waited_ms = millisecond_tick() - network.asked_at_ms;
+    auto& arrivals = network.arrivals;
+    if (arrivals.empty() || arrivals.front().after_ms > waited_ms + network.receive_timeout_ms) {
+        advance_clock_ms(network.receive_timeout_ms);
+        return {network.receive_timeout_ms == 0 ? ReceiveStatus::closed : ReceiveStatus::timed_out};
+    }
+    const Arrival arrival = arrivals.front();
+    arrivals.pop_front();
+    if (arrival.after_ms > waited_ms) advance_clock_ms(arrival.after_ms - waited_ms);
+    if (arrival.datagram == nullptr) return {ReceiveStatus::failed};
+    const Datagram datagram = arrival.datagram(network.question);
+    std::ranges::copy(datagram, buffer.begin());
+    return {ReceiveStatus::datagram, datagram.size(), {*parse_ipv4(arrival.source), 9}};
+}
+
+std::optional<std::uint32_t> parse_ipv4(std::string_view text) {
+    unsigned a, b, c, d;
+    const int count = std::sscanf(std::string(text).c_str(), "%u.%u.%u.%u", &a, &b, &c, &d);
+    if (count != 4) return {};
+    return a << 24 | b << 16 | c << 8 | d;
+}
+std::string format_ipv4(std::uint32_t address) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", address >> 24, address >> 16 & 255,
+                  address >> 8 & 255, address & 255);
+    return text;
+}
+bool start_network_stack() noexcept {
+    return true;
+}
+void stop_network_stack() noexcept {}
+
+}  // namespace platform
+
+namespace {
+
+Datagram good(const Discover& question) {
+    return encode_discover_reply({question.client_id, question.nonce, 99});
+}
+Datagram of_version_4(const Discover& question) {
+    return patched(good(question), 32, {4});
+}
+
+class FindServer : public testing::Test {
+  protected:
+    FindServer() {
+        set_manual_clock();
+        network = {};
+        settings.client_id = 7;
+        settings.server_ip = "auto";
+        settings.server_port = 28010;
+        settings.discovery_timeout_ms = 700;
+    }
+    ~FindServer() override { use_running_clock(); }
+
+    /// "ADDRESS:PORT", or the number of the error, and the milliseconds that it took.
+    std::string find(std::deque<Arrival> arrivals) {
+        network.arrivals = std::move(arrivals);
+        network.asked.clear();
+        log.clear();
+        platform::UdpSocket socket;
+        socket.open({});
+        const std::uint64_t start_ms = platform::millisecond_tick();
+        const FoundServer found =
+            find_server(socket, settings, [this](const std::string& line) { log += line; });
+        const std::uint64_t took_ms = platform::millisecond_tick() - start_ms;
+        EXPECT_FALSE(found.server && network.receive_timeout_ms != 0) << "left with a time-out";
+        return (found.server ? text_of(*found.server)
+                             : "error " + std::to_string(static_cast<int>(found.error))) +
+               " after " + std::to_string(took_ms);
+    }
+
+    ClientSettings settings;
+    std::string log;
+};
+
+TEST_F(FindServer, WaitsForANearerServerUntilTheTimeIsUpOrNoneCanBeNearer) {
+    // Each is no nearer than the ones before, or the first of its distance.
+    EXPECT_EQ(find({{10, "172.15.0.1", good},
+                    {20, "11.0.0.1", good},
+                    {30, "172.31.255.1", good},
+                    {40, "192.168.1.1", good},
+                    {50, "10.0.0.1", good}}),
+              "172.31.255.1:99 after 700");
+    EXPECT_EQ(log, "[net] Auto discovery selected 172.31.255.1:99.");
+    for (const char* near : {"10.200.0.1", "172.16.0.1", "192.168.1.1", "169.254.3.4"})
+        EXPECT_EQ(find({{50, "172.32.0.1", good}, {650, near, good}}), near + ":99 after 700"s);
+    for (const char* far : {"128.0.0.1", "192.169.1.1", "169.253.3.4"})
+        EXPECT_EQ(find({{50, "8.8.8.8", good}, {100, far, good}}), "8.8.8.8:99 after 700");
+    EXPECT_EQ(find({{10, "10.0.0.1", good}, {60, "127.255.1.2", good}, {61, "127.0.0.1", good}}),
+              "127.255.1.2:99 after 60");
+}
+
+TEST_F(FindServer, AnIncompatibleAnswerEndsTheSearchAlsoAfterAGoodOne) {
+    EXPECT_EQ(find({{10, "10.0.0.1", good}, {20, "10.0.0.2", of_version_4}}), "error 3 after 20");
+    settings.server_ip = "10.0.0.1";
+    EXPECT_EQ(find({{20, "10.0.0.2", of_version_4}, {30, "10.0.0.1", good}}), "error 3 after 20");
+    EXPECT_EQ(log, "");
+}
+
+TEST_F(FindServer, NobodyInTimeIsNoServer) {
+    const std::deque<Arrival> late = {{10, "10.0.0.1", nullptr}, {800, "10.0.0.1", good}};
+    EXPECT_EQ(find(late), "error 2 after 720") << "a failed receive costs 10 ms and is no answer";
+    EXPECT_EQ(log, "[net] Auto discovery did not find a Tavistro server.");
+    settings.server_ip = "10.0.0.1";
+    EXPECT_EQ(find(late), "error 2 after 720");
+    EXPECT_EQ(log, "[net] Tavistro server compatibility probe timed out.");
+}
+
+TEST_F(FindServer, AsksByBroadcastOnlyWhereAllowedAndAConfiguredServerAlone) {
+    using Asked = std::vector<std::string>;
+    find({});
+    EXPECT_EQ(network.asked, (Asked{"127.0.0.1:28010", "255.255.255.255:28010"}));
+    network.can_broadcast = false;
+    find({});
+    EXPECT_EQ(network.asked, Asked{"127.0.0.1:28010"});
+    network.can_broadcast = true;
+    settings.discovery_broadcast = false;
+    find({});
+    EXPECT_EQ(network.asked, Asked{"127.0.0.1:28010"});
+
+    settings.server_ip = "10.0.0.1";
+    EXPECT_EQ(find({{640, "10.0.0.2", good}}), "10.0.0.1:28010 after 640")
+        << "whatever address and port the answer names";
+    EXPECT_EQ(network.asked, Asked{"10.0.0.1:28010"});
+}
+
+TEST_F(FindServer, AnswersAreOursCompatibleOrNeither) {
+    const struct {
+        const char* what;
+        Datagram (*answer)(const Discover& question);
+        const char* found;
+    } cases[] = {
+        {"another client's", [](auto& q) { return patched(good(q), 12, {8}); }, "error 2"},
+        {"another question's",
+         [](auto& q) {
+             return good({7, q.nonce + 1});
+         },
+         "error 2"},
+        {"port 0",
+         [](auto& q) {
+             return patched(good(q), 24, {0, 0});
+         },
+         "error 2"},
+        {"capability", [](auto& q) { return patched(good(q), 38, {4}); }, "error 3"},
+        {"header version 6", [](auto& q) { return patched(good(q), 4, {6}); }, "error 3"},
+        {"version 6 to another question",
+         [](auto& q) {
+             return patched(good({7, q.nonce + 1}), 4, {6});
+         },
+         "error 2"},
+        {"version 6 to another client",
+         [](auto& q) {
+             return patched(good({8, q.nonce}), 4, {6});
+         },
+         "error 2"},
+        {"false length", [](auto& q) { return patched(good(q), 8, {47}); }, "error 2"},
+        {"another magic", [](auto& q) { return patched(good(q), 0, {'t'}); }, "error 2"},
+        {"another type", [](auto& q) { return patched(good(q), 6, {4}); }, "error 2"},
+        {"of another size", [](auto& q) { return resized(good(q), 24); }, "error 3"},
+        {"too short for a nonce", [](auto& q) { return resized(good(q), 23); }, "error 2"},
+    };
+    for (const auto& c : cases)
+        EXPECT_TRUE(find({{10, "10.0.0.1", c.answer}}).starts_with(c.found)) << c.what;
+}
+
+TEST_F(FindServer, OnlyAutoAndAddressesAreAskedFor) {
+    settings.server_ip = "AutO";
+    EXPECT_EQ(find({{0, "127.0.0.1", good}}), "127.0.0.1:99 after 0");
+    network.can_time_out = false;
+    EXPECT_EQ(find({}), "error 0 after 0");
+    settings.server_ip = "10.0.0.1";
+    EXPECT_EQ(find({}), "error 1 after 0");
+    for (const char* neither : {"auto ", "aut", "server.local"}) {
+        settings.server_ip = neither;
+        EXPECT_EQ(find({}), "error 1 after 0") << neither;
+        EXPECT_TRUE(network.asked.empty());
+    }
+}
+
+}  // namespace
+}  // namespace tavistro
