@@ -1,106 +1,52 @@
-// Which server is chosen among those that answer, and the whole client over real sockets on this
-// host, with the reference server as its peer.
+// The whole client over real sockets on this host. Which server it chooses is up to discovery_test.
 #include "net/tavistro_client.h"
 
 #include <gtest/gtest.h>
 
 #include <mutex>
 
-#include "net/discovery.h"
 #include "net/net_inputs.h"
-#include "net/server_messages.h"
 #include "support/eventually.h"
+#include "support/movable_clock.h"
 #include "support/scripted_server.h"
 #include "tools/server/reference_server.h"
 
 namespace tavistro::test {
 namespace {
 
-using Verdict = ServerChoice::Verdict;
-
-constexpr std::uint16_t frames = 128;
-
-constexpr std::uint64_t nonce = 0x1234567890;
-const Datagram good = encode_discover_reply({7, nonce, 99});
-
-TEST(Discovery, NearestAndThenEarliestServerWins) {
-    // Each group is nearer than the one above; the first of a group is the first to answer.
-    const std::vector<const char*> groups[] = {
-        {"128.0.0.1", "11.0.0.1", "172.15.0.1", "172.32.0.1", "192.169.1.1", "169.253.3.4"},
-        {"10.200.0.1", "172.16.0.1", "172.31.255.255", "192.168.1.1", "169.254.3.4"},
-        {"127.0.0.1", "127.255.1.2"}};
-    ServerChoice choice(7, nonce);
-    for (int i = 0; i < 3; ++i) {
-        for (const char* source : groups[i]) {
-            const std::uint32_t address = *platform::parse_ipv4(source);
-            EXPECT_EQ(address_class(address), 2 - i) << source;
-            EXPECT_EQ(choice.offer(good, {address, 9}), Verdict::accepted);
-            EXPECT_EQ(platform::format_ipv4(choice.best()->address), groups[i][0]) << source;
-        }
-    }
-    EXPECT_EQ(choice.offer(good, {0x0A000001, 9}), Verdict::accepted);
-    EXPECT_EQ(*choice.best(), (platform::Ipv4Endpoint{platform::ipv4_loopback, 99}));
+ClientSettings settings_for(std::uint16_t server_port, const char* server_ip = "127.0.0.1") {
+    auto settings = two_in_two_out();
+    settings.server_ip = server_ip;
+    settings.server_port = server_port;
+    settings.discovery_timeout_ms = 5000;
+    return settings;
 }
 
-TEST(Discovery, AnswersAreOursCompatibleOrNeither) {
+TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
+    constexpr std::uint16_t frames = 128;
     const struct {
-        const char* answer;
-        Datagram datagram;
-        Verdict verdict;
-    } cases[] = {
-        {"good", good, Verdict::accepted},
-        {"another client's", patched(good, 12, {8}), Verdict::ignored},
-        {"another question's", patched(good, 16, {1}), Verdict::ignored},
-        {"port 0", patched(good, 24, {0}), Verdict::ignored},
-        {"version 4", patched(good, 32, {4}), Verdict::incompatible},
-        {"capability", patched(good, 38, {4}), Verdict::incompatible},
-        {"header version 6", patched(good, 4, {6}), Verdict::incompatible},
-        {"false length", patched(good, 8, {47}), Verdict::ignored},
-        {"another type", patched(good, 6, {4}), Verdict::ignored},
-        {"of another size", resized(good, 24), Verdict::incompatible},
-        {"too short for a nonce", resized(good, 23), Verdict::ignored},
-    };
-    for (const auto& c : cases) {
-        ServerChoice choice(7, nonce);
-        EXPECT_EQ(choice.offer(c.datagram, {0x0A000001, 28010}), c.verdict) << c.answer;
-        EXPECT_EQ(choice.best().has_value(), c.verdict == Verdict::accepted) << c.answer;
-    }
-}
-
-TEST(Client, RunsWithTheServerThatItFindsOrSaysWhyNot) {
-    const std::string run = "[net] Client started.[net] Client stopped.";
-    const struct {
-        std::string server_ip;
-        std::uint32_t server_version;  // 0: keeps silent
+        const char* server_ip;
+        std::uint32_t server_version;
         ClientError error;
         std::string log;
     } cases[] = {
-        {"127.0.0.1", 5, ClientError::None, run},
-        {"AutO", 5, ClientError::None, run},
-        {"auto ", 5, ClientError::Socket, ""},
         {"auto", 4, ClientError::Incompatible, ""},
-        {"127.0.0.1", 0, ClientError::NoServer,
-         "[net] Tavistro server compatibility probe timed out."},
-        {"auto", 0, ClientError::NoServer, "[net] Auto discovery did not find a Tavistro server."},
+        {"127.0.0.1", 5, ClientError::None, "[net] Client started.[net] Client stopped."},
+        {"no address", 5, ClientError::Socket, ""},
+        {"auto", 5, ClientError::None, "[net] Client started.[net] Client stopped."},
     };
+    TavistroClient client;
     for (const auto& [server_ip, version, error, expected_log] : cases) {
-        server::ReferenceServer server(
-            {.port = 0, .faults = {.reply_version = version, .silent = version == 0}});
+        server::ReferenceServer server({.port = 0, .faults = {.reply_version = version}});
         ASSERT_EQ(server.start(), "");
-        auto settings = two_in_two_out();
-        settings.server_ip = server_ip;
-        settings.server_port = server.port();
-        settings.discovery_timeout_ms = version == 0 ? 100 : 5000;
-        settings.discovery_broadcast = server_ip == "AutO";
         std::mutex mutex;
         std::string log;
         std::atomic<int> blocks{0};
-        TavistroClient client;
         const bool running = client.start(
-            settings,
+            settings_for(server.port(), server_ip),
             [&](const std::string& line) {
                 const std::lock_guard lock(mutex);
-                if (line.find("PerSec") == std::string::npos) log += line;
+                if (line.starts_with("[net] Client")) log += line;
             },
             [&](const auto& block) {
                 ++blocks;
@@ -115,13 +61,11 @@ TEST(Client, RunsWithTheServerThatItFindsOrSaysWhyNot) {
             const std::uint64_t inputs = server.snapshot().input.complete;
             EXPECT_TRUE(eventually([&] { return server.snapshot().input.complete > inputs; }));
         }
+        EXPECT_EQ(client.last_error(), error);
         client.stop();
         client.stop();
         const int blocks_at_stop = blocks;
-        EXPECT_EQ(client.last_error(), error);
-        const std::string selected =
-            "[net] Auto discovery selected 127.0.0.1:" + std::to_string(server.port()) + ".";
-        EXPECT_EQ(log, (server_ip == "AutO" ? selected : "") + expected_log);
+        EXPECT_EQ(log, expected_log);
         EXPECT_TRUE(eventually([&] { return server.snapshot().sessions_left == running; }));
         EXPECT_EQ(blocks, blocks_at_stop);
     }
@@ -129,9 +73,7 @@ TEST(Client, RunsWithTheServerThatItFindsOrSaysWhyNot) {
 
 TEST(Client, SaysNothingAfterItHasLeft) {
     ScriptedServer server;
-    auto settings = two_in_two_out();
-    settings.server_ip = "127.0.0.1";
-    settings.server_port = server.port();
+    auto settings = settings_for(server.port());
     settings.udp_payload_bytes = 52;  // a sample each: sending a block takes its time
     settings.capture_capacity_blocks = 4;
     TavistroClient client;
@@ -150,6 +92,44 @@ TEST(Client, SaysNothingAfterItHasLeft) {
     }
     EXPECT_GT(server.leaves, 0U);
     EXPECT_EQ(server.received_after_leave, 0U);
+}
+
+TEST(Client, ABurstWaitsInTheReceiveBufferWhileACallbackTakesItsTime) {
+    ScriptedServer server;
+    auto settings = settings_for(server.port());
+    settings.recv_buffer_bytes = 100'000;
+    settings.send_buffer_bytes = 1;
+    std::atomic<int> syncs{0};
+    std::atomic<bool> burst_sent{false};
+    TavistroClient client;
+    const auto on_sync = [&](const SyncInfo&) {
+        ++syncs;
+        eventually([&] { return burst_sent.load(); });
+    };
+    ASSERT_TRUE(client.start(settings, {}, {}, on_sync, {}));
+    for (int i = 0; i < 30; ++i)
+        server.send_sync(test_rate, 128);
+    burst_sent = true;
+    EXPECT_TRUE(eventually([&] { return syncs == 30; }, std::chrono::seconds(5))) << syncs;
+}
+
+std::atomic<std::uint64_t> clock_readings{0};
+
+TEST(Client, AnnouncesItselfEveryPeriodAndLooksForADuePingInBetween) {
+    ScriptedServer server;
+    auto settings = settings_for(server.port());
+    settings.announce_period_ms = 200;
+    limit_sleeps_ms(1);
+    TavistroClient client;
+    ASSERT_TRUE(client.start(settings, {}, {}, {}, {}));
+    call_at_readings([] { ++clock_readings; });
+    const std::uint64_t first = server.announces;
+    EXPECT_TRUE(eventually([&] { return server.announces >= first + 100; }));
+    call_at_readings(nullptr);
+    const auto per_announce = static_cast<double>(clock_readings) / 100.0;
+    EXPECT_NEAR(per_announce, 5.0, 1.0) << "one with the announce, four while it waits";
+    client.stop();
+    limit_sleeps_ms(UINT32_MAX);
 }
 
 }  // namespace

@@ -19,48 +19,79 @@ class Session : public testing::Test {
   protected:
     Session() {
         set_manual_clock();
-        session.reset(two_in_two_out(),
-                      {[this](const auto& line) { lines.push_back(line); },
-                       [this](const auto& block) { blocks.push_back(block); },
-                       [this](const auto&) { ++syncs; },
-                       [this](const auto& telemetry) { reports.push_back(telemetry); }});
-        session.run(server);
+        begin();
     }
     ~Session() override { use_running_clock(); }
 
+    void begin() {
+        ClientSettings settings = two_in_two_out();
+        settings.output_latency_blocks = 8;
+        session.reset(settings, {[this](const auto& line) { lines.push_back(line); },
+                                 [this](const auto& block) {
+                                     blocks.push_back(block);
+                                     advance_clock_ns(block_callback_ns);
+                                 },
+                                 [this](const auto&) { ++syncs; },
+                                 [this](const auto& telemetry) { reports.push_back(telemetry); }});
+        session.run(server);
+    }
     void receive(const Datagram& datagram) { session.handle_datagram(datagram, server); }
     void receive_block(std::uint32_t sequence) {
         receive(block_datagrams(sequence, frames, 2).front());
     }
     void receive_sync(std::uint32_t sequence, std::uint32_t sample_rate = test_rate,
-                      std::uint64_t server_time_ns = 0) {
-        receive(encode_sync(7, {sequence, sample_rate, frames, 0, server_time_ns}));
+                      std::uint64_t server_time_ns = 0, std::uint16_t block_frames = frames) {
+        receive(encode_sync(7, {sequence, sample_rate, block_frames, 0, server_time_ns}));
+    }
+    /// A ping is due and answered: the server's clock is `ahead_ns` ahead of ours.
+    void exchange_ping(std::uint64_t rtt_ns, std::uint64_t ahead_ns) {
+        session.ping_tick();
+        const Ping ping = decode_ping(sent.back()).message;
+        advance_clock_ns(rtt_ns);
+        const std::uint64_t server_ns = ping.t1_ns + ahead_ns + rtt_ns / 2;
+        receive(encode_pong({7, ping.nonce, ping.t1_ns, server_ns, server_ns}));
     }
 
     DatagramList sent;
+    int refused = 0;  ///< how many sends fail
     std::vector<std::string> lines;
     std::vector<CompletedOutputBlock> blocks;
+    std::uint64_t block_callback_ns = 0;  ///< how long the host takes for a block
     std::size_t syncs = 0;
     std::vector<ClientTelemetry> reports;
     ClientSession session{[this](auto datagrams, const auto& to) {
         EXPECT_EQ(to, server);
         for (const auto& datagram : datagrams)
             sent.emplace_back(datagram.begin(), datagram.end());
-        return true;
+        return --refused < 0;
     }};
 };
 
-TEST_F(Session, AnnouncesItselfAndLeaves) {
+TEST_F(Session, AnnouncesItselfAndLeavesUnderAnIdOfItsOwn) {
+    std::uint32_t last_id = 0;
+    for (const int refusals : {0, 3, 100}) {
+        begin();
+        sent.clear();
+        session.send_announce();
+        refused = refusals;
+        const std::uint64_t start_ms = platform::millisecond_tick();
+        session.end();
+        EXPECT_EQ(sent.size(), 1U + std::min(refusals + 1U, 10U));
+        EXPECT_EQ(platform::millisecond_tick() - start_ms, std::min(refusals, 10) * 10U);
+        const std::uint32_t id = decode_announce(sent[0]).message.session_id;
+        EXPECT_NE(id, 0U);
+        EXPECT_NE(id, std::exchange(last_id, id));
+        EXPECT_EQ(sent[0], encode_announce({7, id, 6, 8, {2, 3}, {0, 1}}));
+        EXPECT_EQ(sent.back(), encode_leave(7, id));
+        advance_clock_ms(1);
+    }
+    begin();
+    refused = 1;
     session.send_announce();
-    session.end();
-    ASSERT_EQ(sent.size(), 2U);
-    const std::uint32_t session_id = decode_announce(sent[0]).message.session_id;
-    EXPECT_NE(session_id, 0U);
-    EXPECT_EQ(sent[0], encode_announce({7, session_id, 6, 6, {2, 3}, {0, 1}}));
-    EXPECT_EQ(sent[1], encode_leave(7, session_id));
+    EXPECT_EQ(lines, std::vector<std::string>{"[net] Failed to send announce."});
 }
 
-TEST_F(Session, PingsShowTheServersClockByWhichBlocksAreTimed) {
+TEST_F(Session, PingsAreSentEverySecondOrGivenUpAfterThree) {
     const auto pings_within_ms = [this](std::uint64_t ms) {
         const std::size_t before = sent.size();
         for (; ms > 0; ms -= 50) {
@@ -69,29 +100,107 @@ TEST_F(Session, PingsShowTheServersClockByWhichBlocksAreTimed) {
         }
         return sent.size() - before;
     };
-    receive_sync(1, test_rate, 1'000'000);  // not synced yet
-    session.ping_tick();
-    const Ping ping = decode_ping(sent[0]).message;
-    const std::uint64_t server_ns = ping.t1_ns + 6'000'000;  // its clock is 5 ms ahead
-    advance_clock_ms(2);
-    receive(encode_pong({7, ping.nonce, ping.t1_ns, server_ns, server_ns}));
-    EXPECT_EQ(reports.back().rtt_last_us, 2000U);
-    receive_sync(2, test_rate, server_ns);
-    receive_sync(3, test_rate, 0);
-    EXPECT_EQ(reports.back().sync_delay_last_us, 1000U);
-    // The time of block 2 is not that of the block which takes its place.
-    for (const std::uint32_t sequence : {1U, 2U, 3U, 2U + 16U}) {
-        receive_block(sequence);
-        const bool has_time = sequence == 2;
-        EXPECT_EQ(blocks.back().server_time_ns, has_time ? server_ns : 0) << sequence;
-        EXPECT_EQ(blocks.back().server_time_local_ns, has_time ? server_ns - 5'000'000 : 0);
-    }
-
+    exchange_ping(0, 0);
     EXPECT_EQ(pings_within_ms(950), 0U);
     EXPECT_EQ(pings_within_ms(50), 1U);
     EXPECT_EQ(pings_within_ms(2950), 0U) << "unanswered";
     EXPECT_EQ(pings_within_ms(50), 1U);
     EXPECT_EQ(reports.back().ping_timeouts, 1U);
+}
+
+TEST_F(Session, BlocksAreTimedByTheServersClockUntilTheSessionBeginsAnew) {
+    const std::uint64_t ahead_ns = 5'000'000;
+    const auto expect_times = [&](std::uint32_t sequence, std::uint64_t local_ns) {
+        receive_block(sequence);
+        EXPECT_EQ(blocks.back().server_time_local_ns, local_ns) << sequence;
+        EXPECT_EQ(blocks.back().server_time_ns, local_ns == 0 ? 0 : local_ns + ahead_ns);
+    };
+    receive_sync(1, test_rate, 1'000'000);  // before the clock is known
+    exchange_ping(2'000'000, ahead_ns);
+    const std::uint64_t now_ns = platform::nanosecond_clock();
+    receive_sync(2, test_rate, now_ns + ahead_ns);
+    receive_sync(3, test_rate, 0);
+    expect_times(1, 0);
+    expect_times(2, now_ns);
+    expect_times(3, 0);
+    expect_times(2 + 16, 0);  // not the time of the block whose place it takes
+    begin();
+    receive_sync(2, test_rate, now_ns);
+    expect_times(2, 0);
+    EXPECT_EQ(reports.size(), 2U) << "the pong and a notice of known delay";
+}
+
+/// In the order of the record.
+std::vector<std::uint64_t> fields_of(const ClientTelemetry& t) {
+    std::vector<std::uint64_t> fields = {t.recvBlocksPerSec, t.duplicateBlocksPerSec,
+                                         t.rtt_samples,      t.ping_timeouts,
+                                         t.rtt_last_us,      t.rtt_min_us,
+                                         t.rtt_max_us,       t.rtt_p50_us,
+                                         t.rtt_p95_us,       t.rtt_p99_us};
+    fields.insert(fields.end(), t.rtt_histogram.begin(), t.rtt_histogram.end());
+    for (const std::uint64_t field :
+         {std::uint64_t{t.clock_synced}, std::uint64_t{t.sync_rtt_us}, t.sync_delay_samples})
+        fields.push_back(field);
+    for (const std::uint32_t field :
+         {t.sync_delay_last_us, t.sync_delay_min_us, t.sync_delay_max_us, t.sync_delay_p50_us,
+          t.sync_delay_p95_us, t.sync_delay_p99_us})
+        fields.push_back(field);
+    fields.insert(fields.end(), t.sync_delay_histogram.begin(), t.sync_delay_histogram.end());
+    fields.push_back(t.callback_last_us);
+    fields.push_back(t.callback_max_us);
+    return fields;
+}
+
+TEST_F(Session, EveryFieldOfTheTelemetryIsFilledFromItsOwnSeries) {
+    for (std::uint32_t second = 0; second <= 100; ++second) {
+        const std::uint64_t start_ns = platform::nanosecond_clock();
+        // 101 values each, so that a share rounded down ends in another bucket.
+        const std::uint64_t rtt_us = second < 2    ? 150'000
+                                     : second < 6  ? 4'500
+                                     : second < 61 ? 900
+                                                   : 400 - second;
+        const std::uint64_t delay_us = second < 60   ? 1'500 + second
+                                       : second < 96 ? 7'000
+                                       : second < 99 ? 15'000
+                                                     : 25'000 - second;
+        exchange_ping(rtt_us * 1000 - 1, 123'456'789);
+        const std::uint64_t now_ns = platform::nanosecond_clock();
+        receive_sync(second, test_rate, now_ns + 123'456'789 - delay_us * 1000 + 500);
+        block_callback_ns = second == 50 ? 777'999 : 333'999;
+        receive_block(2 * second);
+        receive_block(2 * second + 1);
+        receive_block(2 * second);
+        advance_clock_ns(start_ns + 1'000'000'000 - platform::nanosecond_clock());
+    }
+    receive_block(300);
+    receive_block(300);
+    const std::vector<std::uint64_t> expected = {
+        // Blocks, round trips and their histogram.
+        2, 1, 101, 0, 300, 300, 150'000, 1'000, 5'000, 150'000, 0, 40, 55, 0, 4, 0, 0, 0, 0, 2,
+        // The clock; the delays of notices and their histogram; callbacks.
+        1, 300, 101, 24'900, 1'500, 24'901, 2'000, 10'000, 50'000, 0, 0, 0, 60, 0, 36, 3, 2, 0, 0,
+        333, 777};
+    EXPECT_EQ(fields_of(reports.back()), expected);
+    EXPECT_EQ(lines.back(),
+              "[net] recvBlocksPerSec=2 duplicateBlocksPerSec=1 rttUs=300/300/150000");
+}
+
+TEST_F(Session, AnIntervalEndsWithTheFirstBlockAfterASecond) {
+    const auto line_after = [this](std::uint64_t ms, std::uint32_t sequence) {
+        lines.clear();
+        advance_clock_ms(ms);
+        receive_block(sequence);
+        return lines.empty() ? "" : lines.back();
+    };
+    EXPECT_EQ(line_after(998, 2), "");
+    EXPECT_EQ(line_after(1, 1), "");
+    EXPECT_EQ(line_after(1, 3), "[net] recvBlocksPerSec=2 duplicateBlocksPerSec=1 rttUs=0/0/0");
+    EXPECT_EQ(reports.size(), 1U);
+    EXPECT_EQ(line_after(999, 4), "");
+    EXPECT_EQ(line_after(2000, 5), "[net] recvBlocksPerSec=2 duplicateBlocksPerSec=0 rttUs=0/0/0");
+    EXPECT_EQ(line_after(999, 6), "");
+    begin();
+    EXPECT_EQ(line_after(1000, 7), "[net] recvBlocksPerSec=1 duplicateBlocksPerSec=0 rttUs=0/0/0");
 }
 
 TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
@@ -102,18 +211,20 @@ TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
     receive_sync(100);
     const struct {
         std::uint32_t sequence, sample_rate;
+        std::uint16_t block_frames;
         const char* what;
         std::size_t accepted, sent;
     } steps[] = {
-        {9, test_rate, "a capture format begins the stream anew; too little input", 1, 0},
-        {10, test_rate, "with input", 1, 1},
-        {10, test_rate, "repeated", 0, 0},
-        {12, test_rate, "a gap", 1, 1},
-        {12 + 0x80000000, test_rate, "older by half the numbers", 0, 0},
-        {3, 0, "a notice without format is no other format", 0, 0},
-        {3, 44100, "another format may begin anywhere, without input", 1, 0},
-        {4, test_rate, "its input has been sent", 1, 0},
-        {13, test_rate, "goes on", 1, 1},
+        {9, test_rate, frames, "a capture format begins the stream anew; too little input", 1, 0},
+        {10, test_rate, frames, "with input", 1, 1},
+        {10, test_rate, frames, "repeated", 0, 0},
+        {12, test_rate, frames, "a gap", 1, 1},
+        {12 + 0x80000000, test_rate, frames, "older by half the numbers", 0, 0},
+        {3, 0, frames, "a notice without format is no other format", 0, 0},
+        {3, 44100, frames, "another rate may begin anywhere, without input", 1, 0},
+        {2, test_rate, frames + 1, "another block size as well", 1, 0},
+        {4, test_rate, frames, "its input has been sent", 1, 0},
+        {13, test_rate, frames, "goes on", 1, 1},
     };
     for (int format = 0; format < 2; ++format) {
         ASSERT_TRUE(session.set_capture_format(test_rate, frames));
@@ -121,7 +232,7 @@ TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
             const std::size_t accepted = syncs;
             const std::size_t datagrams = sent.size();
             session.push_captured_input(test_rate, frames, 2, ramp(2 * frames), 1.0);
-            receive_sync(step.sequence, step.sample_rate);
+            receive_sync(step.sequence, step.sample_rate, 0, step.block_frames);
             EXPECT_EQ(syncs - accepted, step.accepted) << step.what;
             ASSERT_EQ(sent.size() - datagrams, step.sent) << step.what;
             if (step.sent == 0) continue;
@@ -135,50 +246,42 @@ TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
     for (const std::uint32_t sequence : {0xFFFFFFFEU, 0xFFFFFFFFU, 2U, 0xFFFFFFFFU})
         receive_block(sequence);
     ASSERT_EQ(blocks.size(), 5U) << "with silence for 0 and 1";
-    EXPECT_EQ(blocks[2].sample_rate, test_rate);
+    EXPECT_EQ(blocks[3].sequence, 1U);
+    EXPECT_EQ(blocks[3].sample_rate, test_rate);
     EXPECT_EQ(blocks[4].arrival_time_ns, platform::nanosecond_clock());
+    const DatagramList halves = block_datagrams(1, frames, 2, 48 + 4 * frames);
+    receive(halves[0]);
+    EXPECT_FALSE(session.set_capture_format(test_rate, 0));
+    EXPECT_FALSE(session.set_capture_format(0, frames));
     session.set_capture_format(test_rate, frames);
-    advance_clock_ms(2500);
-    receive_block(1);
+    receive(halves[1]);
+    EXPECT_EQ(blocks.size(), 5U) << "its other half belongs to the old stream";
+    receive(halves[0]);
     EXPECT_EQ(blocks.back().sequence, 1U);
-    EXPECT_EQ(lines.back(), "[net] recvBlocksPerSec=4 duplicateBlocksPerSec=1 rttUs=0/0/0");
 }
 
-TEST(Statistics, PercentilesAreInclusiveBucketBounds) {
-    const struct {
-        std::vector<std::uint32_t> values_us, percentiles_us;
-    } cases[] = {{{}, {0, 0, 0}},
-                 {{300, 300, 40000}, {500, 50000, 50000}},
-                 {{150000}, {150000, 150000, 150000}}};
-    for (const auto& [values_us, percentiles_us] : cases) {
-        ClientStatistics statistics;
-        for (const std::uint32_t value : values_us)
-            statistics.record_rtt(value);
-        const ClientTelemetry t = statistics.snapshot(true);
-        EXPECT_EQ((std::vector{t.rtt_p50_us, t.rtt_p95_us, t.rtt_p99_us}), percentiles_us);
-    }
+TEST(Statistics, SeriesFallIntoBucketsOfInclusiveBounds) {
     LatencySeries series;
     for (const std::uint32_t value : {0U, 251U, 250U, 500U, 501U, 100000U, 0xFFFFFFFFU, 100001U})
         series.record(value);
     EXPECT_EQ(series.histogram, (std::array<std::uint64_t, 10>{2, 2, 1, 0, 0, 0, 0, 0, 1, 2}));
     EXPECT_EQ(series.min_us, 250U) << "a smallest value of 0 counts as none yet";
+    EXPECT_EQ(LatencySeries().percentile_us(99), 0U);
 }
 
-TEST(Statistics, DelaysAreRoundedUpAndKeptInRange) {
+TEST(Statistics, DelaysAreKeptInRange) {
     ClientStatistics statistics;
     const auto delay_us = [&](std::uint64_t now_ns, std::int64_t offset_ns, std::uint64_t sent_ns) {
         statistics.record_sync_delay(now_ns, offset_ns, sent_ns);
         return statistics.snapshot(true).sync_delay_last_us;
     };
-    EXPECT_EQ(delay_us(10'000'000, 1'000'000, 8'000'001), 1000U);
     EXPECT_EQ(delay_us(10'000'000, -3, 10'000'002), 1U);
     EXPECT_EQ(delay_us(10'000, 20'000, 1), 0U);
     EXPECT_EQ(delay_us(5'000'000'000'000'000, 0, 1), 0xFFFFFFFFU);
-
-    for (const std::uint64_t now_ns : {9999U, 3000U, 999U})  // the last before it arrived
-        statistics.record_callback_latency(1000, now_ns);
+    statistics.record_callback_latency(1000, 3000);
+    for (const std::uint64_t arrival_ns : {0U, 4000U})  // unknown; after its delivery
+        statistics.record_callback_latency(arrival_ns, 3000);
     EXPECT_EQ(statistics.snapshot(true).callback_last_us, 2U);
-    EXPECT_EQ(statistics.snapshot(true).callback_max_us, 8U);
 }
 
 TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {

@@ -42,6 +42,7 @@ class ScriptedServer {
     std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
     std::atomic<bool> held{false};                 ///< a discover has come
     std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
+    std::atomic<std::uint64_t> announces{0};       ///< leaves included
     std::atomic<std::uint64_t> leaves{0};
     /// Whatever came between the last leave and the next discover.
     std::atomic<std::uint64_t> received_after_leave{0};
@@ -58,6 +59,7 @@ class ScriptedServer {
             const auto discover = TavistroProtocol::decode_discover(bytes);
             if (client_left_ && !discover) ++received_after_leave;
             const auto announce = TavistroProtocol::decode_announce(bytes);
+            if (announce) ++announces;
             client_left_ = announce && is_leave(announce.message);
             if (client_left_) ++leaves;
             if (!discover) continue;
