@@ -48,6 +48,7 @@ class EngineConfigTest : public ::testing::Test {
     /// Loads the text from a file; the error text, empty on success.
     std::string load(const std::string& text) {
         std::ofstream(path_, std::ios::binary) << text;
+        config_.client.recv_buffer_bytes = 77;
         const std::string before = fields_of(config_);
         std::string error = "emptied first";
         const bool loaded = load_engine_config(path_, config_, error);
@@ -64,7 +65,6 @@ class EngineConfigTest : public ::testing::Test {
 };
 
 TEST_F(EngineConfigTest, FileWithOnlyTheRequiredKeysTakesEveryDefault) {
-    config_.client.recv_buffer_bytes = 77;
     ASSERT_EQ(load(smallest_file), "");
     EXPECT_EQ(
         fields_of(config_),

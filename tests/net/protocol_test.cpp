@@ -86,18 +86,22 @@ TEST(Blocks, BeginAgainAndGiveWay) {
     const auto three_channels = block_datagrams(7, 4, 3).front();
     EXPECT_FALSE(reassembly.offer(decode_audio(three_channels).message, block));
 
-    // What nobody sent is silent, also where an earlier block left its samples.
-    const auto first_half = block_datagrams(6, 4, 2, 48 + 16).front();
-    EXPECT_TRUE(reassembly.offer(decode_audio(patched(first_half, 38, {1})).message, block));
-    EXPECT_EQ(block.samples, (std::vector<float>{1, 2, 3, 4, 0, 0, 0, 0}));
-
     EXPECT_FALSE(offer(9, 0));
     EXPECT_FALSE(offer(1, 0)) << "late";
+    EXPECT_TRUE(offer(9, 1)) << "nothing lost by the late one";
+    EXPECT_FALSE(offer(9, 0));
     EXPECT_FALSE(offer(17, 0)) << "takes the place of 9";
     EXPECT_TRUE(offer(17, 1));
     EXPECT_FALSE(offer(0xFFFFFFFF, 0));
     EXPECT_FALSE(offer(7, 0)) << "takes the place of the block before the wrap";
     EXPECT_TRUE(offer(7, 1));
+
+    // What nobody sent is silent, also where an earlier block left its samples.
+    for (const std::uint32_t sequence : {25U, 33U}) {
+        const auto first_half = block_datagrams(sequence, 4, 2, 48 + 16).front();
+        EXPECT_TRUE(reassembly.offer(decode_audio(patched(first_half, 38, {1})).message, block));
+        EXPECT_EQ(block.samples, (std::vector<float>{1, 2, 3, 4, 0, 0, 0, 0}));
+    }
 }
 
 }  // namespace
