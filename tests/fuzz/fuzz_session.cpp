@@ -1,6 +1,5 @@
 // A client session without sockets: the fuzzer is the server, the device and the clock. What the
 // session hands out and sends is held against what its contract says, after every step.
-#include <numeric>
 #include <optional>
 
 #include "fuzz/fuzz.h"
@@ -21,10 +20,8 @@ class Rig {
     explicit Rig(fuzz::Input input) : in_(input) { test::set_manual_clock(); }
 
     void run() {
-        for (start(); !in_.empty();) {
-            step();
+        for (start(); !in_.empty(); step())
             REQUIRE(silence_ == 0);  // the block that closes a gap comes directly after it
-        }
     }
 
   private:
@@ -39,7 +36,7 @@ class Rig {
         if (what == 5) return receive_raw();
         if (what == 4) return set_format();
         if (what == 3) return session_.running() ? end() : start();
-        if (!session_.running()) return release();
+        if (!session_.running()) return session_.release();
         what == 2 ? session_.send_announce() : session_.ping_tick();
     }
 
@@ -52,13 +49,10 @@ class Rig {
         settings_.client_latency_blocks = 1U + in_.below(128);
         settings_.capture_target_blocks = in_.below(4);
         settings_.capture_capacity_blocks = in_.below(8);
-        session_.reset(settings_, {[this](const auto& line) { on_log(line); },
-                                   [this](const auto& block) { on_block(block); },
-                                   [this](const auto& sync) { on_sync(sync); },
-                                   [this](const auto& telemetry) { on_telemetry(telemetry); }});
-        format_ = {};
-        pings_ = 0;
-        last_block_ = last_sync_ = last_input_ = {};
+        const auto happens = [this](const auto&) { note_event(); };
+        session_.reset(settings_, {happens, [this](const auto& block) { on_block(block); },
+                                   [this](const auto& sync) { on_sync(sync); }, happens});
+        last_block_ = last_sync_ = {};
         session_.run(server);
     }
     void end() {
@@ -69,27 +63,17 @@ class Rig {
         REQUIRE(events_ > before && events_ <= before + 10);
         leaving_ = false;
     }
-    void release() {
-        session_.release();
-        format_ = {};
-    }
     void set_format() {
-        const std::uint32_t sample_rate = in_.one_in(8) ? 0 : 48000U + in_.below(2);
-        const std::uint16_t frames = in_.below(in_.one_in(8) ? 300 : 24);
-        const bool valid = sample_rate != 0 && frames != 0;
-        REQUIRE(session_.set_capture_format(sample_rate, frames) == valid);
-        if (!valid) return;
-        last_block_ = last_sync_ = last_input_ = {};
-        format_ = {sample_rate, frames};
+        sample_rate_ = in_.one_in(8) ? 0 : 48000U + in_.below(2);
+        frames_ = in_.below(in_.one_in(8) ? 300 : 24);
+        if (session_.set_capture_format(sample_rate_, frames_)) last_block_ = last_sync_ = {};
     }
     void push_input() {
         const std::uint16_t oddity = in_.below(64);  // mostly none
-        const auto frames = static_cast<std::uint16_t>(format_.frames + (oddity == 1));
         const auto channels =
             static_cast<std::uint16_t>(settings_.driver_inputs.size() + (oddity == 2));
-        const auto samples = in_.samples(std::size_t{frames} * channels + (oddity == 3));
-        const std::uint32_t rate = format_.sample_rate + (oddity == 4);
-        session_.push_captured_input(rate, frames, channels, samples,
+        const auto samples = in_.samples(std::size_t{frames_} * channels + (oddity == 3));
+        session_.push_captured_input(sample_rate_ + (oddity == 4), frames_, channels, samples,
                                      0.9 + in_.below(256) / 1024.0);
     }
 
@@ -101,7 +85,7 @@ class Rig {
         REQUIRE((session_.running() && !stranger) || events_ == before);
     }
     void receive_sync() {
-        SyncInfo sync{sequence(), format_.sample_rate, format_.frames, in_.take(), server_time()};
+        SyncInfo sync{sequence(), sample_rate_, frames_, in_.take(), server_time()};
         if (in_.one_in(16)) sync.sample_rate = in_.take();
         if (in_.one_in(16)) sync.block_frames = in_.take();
         receive(encode_sync(9, sync));
@@ -142,25 +126,20 @@ class Rig {
         return in_.one_in(8) ? in_.take<std::uint64_t>() : ping_.t1_ns + in_.take<std::uint32_t>();
     }
 
-    bool on_send(std::span<const std::uint8_t> datagram, const platform::Ipv4Endpoint& to) {
+    void note_event() {
         ++events_;
-        REQUIRE(to == server && session_.running() != leaving_);
+        REQUIRE(session_.running() != leaving_);
+    }
+    bool on_send(std::span<const std::uint8_t> datagram, const platform::Ipv4Endpoint& to) {
+        note_event();
+        REQUIRE(to == server);
         const auto header = decode_header(datagram);
         REQUIRE(header && header.message.client_id == settings_.client_id);
-        if (header.message.type == MessageType::Audio) {
-            const AudioFragment input = decode_audio(datagram).message;
-            REQUIRE(last_sync_ && input.sample_rate == format_.sample_rate);
-            REQUIRE(input.frames == format_.frames);
-            REQUIRE(input.sequence - *last_sync_ == settings_.client_latency_blocks);
-            REQUIRE(datagram.size() <= settings_.udp_payload_bytes);
-            if (input.index == 0) {
-                REQUIRE(!last_input_ || is_newer(input.sequence, *last_input_));
-                last_input_ = input.sequence;
-            }
-            REQUIRE(last_input_ == input.sequence);
+        if (const auto input = decode_audio(datagram)) {
+            REQUIRE(datagram.size() <= settings_.udp_payload_bytes && last_sync_);
+            REQUIRE(input.message.sequence - *last_sync_ == settings_.client_latency_blocks);
         } else if (const auto ping = decode_ping(datagram)) {
             ping_ = ping.message;
-            ++pings_;
         } else {
             const auto announce = decode_announce(datagram);
             REQUIRE(announce && announce.message.session_id != 0);
@@ -168,19 +147,13 @@ class Rig {
         }
         return !in_.one_in(16);
     }
-    void on_log(const std::string& line) {
-        ++events_;
-        REQUIRE(session_.running() && line.starts_with("[net] "));
-    }
     void on_block(const CompletedOutputBlock& block) {
-        ++events_;
-        REQUIRE(session_.running());
+        note_event();
         REQUIRE(block.frames > 0 && block.channels == settings_.driver_outputs.size());
         REQUIRE(block.samples.size() == std::size_t{block.frames} * block.channels);
         if (block.delivery_time_ns == 0) {
             REQUIRE(last_block_ && block.sequence == *last_block_ + ++silence_);
-            REQUIRE(block.server_time_ns == 0 && block.server_time_local_ns == 0);
-            REQUIRE(block.arrival_time_ns == 0);
+            REQUIRE(block.arrival_time_ns == 0 && block.server_time_ns == 0);
             REQUIRE(std::ranges::all_of(block.samples, [](float value) { return value == 0.0F; }));
             return;
         }
@@ -195,28 +168,11 @@ class Rig {
         if (in_.one_in(2)) push_input();
     }
     void on_sync(const SyncInfo& sync) {
-        ++events_;
-        REQUIRE(session_.running());
-        const bool other_format =
-            format_.frames != 0 && sync.sample_rate != 0 && sync.block_frames != 0 &&
-            (sync.sample_rate != format_.sample_rate || sync.block_frames != format_.frames);
-        REQUIRE(other_format || !last_sync_ || is_newer(sync.sequence, *last_sync_));
+        note_event();
+        const bool same_format = sync.sample_rate == sample_rate_ && sync.block_frames == frames_;
+        REQUIRE(!same_format || !last_sync_ || is_newer(sync.sequence, *last_sync_));
         last_sync_ = sync.sequence;
         if (in_.one_in(2)) push_input();
-    }
-    void on_telemetry(const ClientTelemetry& t) {
-        ++events_;
-        REQUIRE(session_.running());
-        const auto sum = [](const auto& histogram) {
-            return std::accumulate(histogram.begin(), histogram.end(), std::uint64_t{0});
-        };
-        REQUIRE(sum(t.rtt_histogram) == t.rtt_samples);
-        REQUIRE(sum(t.sync_delay_histogram) == t.sync_delay_samples);
-        REQUIRE(t.rtt_samples + t.ping_timeouts <= pings_);
-        REQUIRE(t.clock_synced == (t.rtt_samples > 0));
-        REQUIRE(t.rtt_min_us <= t.rtt_max_us && t.rtt_last_us <= t.rtt_max_us);
-        REQUIRE(t.rtt_p50_us <= t.rtt_p95_us && t.rtt_p95_us <= t.rtt_p99_us);
-        REQUIRE(t.callback_last_us <= t.callback_max_us);
     }
 
     fuzz::Input in_;
@@ -227,16 +183,13 @@ class Rig {
         return sent;
     }};
     ClientSettings settings_;
-    struct {
-        std::uint32_t sample_rate = 0;
-        std::uint16_t frames = 0;
-    } format_;  ///< of captured input
+    std::uint32_t sample_rate_ = 0;  ///< of captured input
+    std::uint16_t frames_ = 0;
     Ping ping_;
     std::uint32_t sequence_ = 0xFFFFFFF0;
-    std::uint64_t events_ = 0;  ///< callbacks and datagrams
-    std::uint64_t pings_ = 0;
+    std::uint64_t events_ = 0;   ///< callbacks and datagrams
     std::uint32_t silence_ = 0;  ///< records since the last block
-    std::optional<std::uint32_t> last_block_, last_sync_, last_input_;
+    std::optional<std::uint32_t> last_block_, last_sync_;
     bool leaving_ = false;
 };
 
