@@ -115,17 +115,6 @@ TEST_F(EngineConfigTest, EveryLoopbackFaultNeedsTheLoopbackDevice) {
     }
 }
 
-TEST_F(EngineConfigTest, ChannelListsAreCheckedToTheirEnd) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"[asio]\ninput_map=0, 5, 0", "input_map contains duplicate channel index: 0"},
-        {"[asio]\noutput_map=0, 5, -1", "output_map contains negative channel index: -1"},
-        {"[tavistro]\ndriver_outputs=40, 1, 1",
-         "driver_outputs contains duplicate channel index: 1"},
-    };
-    for (const auto& [lines, error] : cases)
-        EXPECT_EQ(load(smallest_file + lines), error);
-}
-
 TEST_F(EngineConfigTest, MissingFileAndDirectoryCannotBeOpened) {
     for (const std::string& path : {path_, testing::TempDir()}) {
         std::string error;
