@@ -93,10 +93,6 @@ std::string format_ipv4(std::uint32_t address) {
                   address >> 8 & 255, address & 255);
     return text;
 }
-bool start_network_stack() noexcept {
-    return true;
-}
-void stop_network_stack() noexcept {}
 
 }  // namespace platform
 
