@@ -47,6 +47,12 @@ TEST(Protocol, DecodersNameTheFirstFaultAndFragmentsMustLieWithinTheirBlock) {
     EXPECT_EQ(decode_audio(resized(good, good.size() + 4)).result, DecodeResult::bad_audio);
 }
 
+TEST(Protocol, OnlyAnAnnounceWithoutAnyChannelIsALeave) {
+    EXPECT_TRUE(is_leave(decode_announce(encode_leave(7, 8)).message));
+    EXPECT_FALSE(is_leave({7, 8, 6, 6, {}, {0}}));
+    EXPECT_FALSE(is_leave({7, 8, 6, 6, {2}, {}}));
+}
+
 TEST(Blocks, AreCutToTheSizeLimit) {
     const struct {
         std::uint16_t frames, channels;
