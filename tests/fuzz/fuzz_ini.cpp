@@ -1,34 +1,14 @@
-// Configuration text through the reader and the loader. What was read is written out and read
-// again.
+// Configuration text through the loader. What was read is written out and read again.
 #include <sstream>
 #include <string>
 
 #include "config/config_keys.h"
 #include "config/engine_config.h"
-#include "config/ini.h"
 #include "fuzz/fuzz.h"
 
 namespace {
 
 using namespace tavistro;
-
-void check_reader(const std::string& text) {
-    IniSections sections;
-    std::string error;
-    std::istringstream input(text);
-    REQUIRE(parse_ini(input, sections, error) == error.empty());
-    std::string written;
-    for (const auto& [section, keys] : sections) {
-        written += "[ " + section + " ]\n";
-        for (const auto& [key, value] : keys) {
-            REQUIRE(value == strip_inline_comment(value));
-            written += key + "=" + value + "\r\n";
-        }
-    }
-    IniSections again;
-    std::istringstream second(written);
-    REQUIRE(parse_ini(second, again, error) && again == sections);
-}
 
 std::string all_values(const EngineConfig& config) {
     std::ostringstream text;
@@ -41,8 +21,6 @@ std::string all_values(const EngineConfig& config) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    check_reader(text);
-
     EngineConfig config;
     config.audio.driver_name = "untouched";
     const std::string before = all_values(config);
