@@ -72,7 +72,7 @@ nlohmann::json run(const Options& options) {
     const auto totals = [&] {
         Totals sum;
         for (std::uint32_t i = 0; i < options.clients; ++i) {
-            host::StatsReader reader;
+            readings::StatsReader reader;
             const auto stats = reader.open(first_id + i) ? reader.read() : std::nullopt;
             if (!stats || engines[i]->snapshot_state().state != TAVISTRO_STATE_RUNNING)
                 throw std::runtime_error("client " + std::to_string(i) + " does not run");

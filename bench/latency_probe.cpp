@@ -165,7 +165,7 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
     if (engine.snapshot_state().state != TAVISTRO_STATE_RUNNING)
         throw std::runtime_error("the engine does not run");
 
-    host::StatsReader stats;
+    readings::StatsReader stats;
     if (!stats.open(client_id)) throw std::runtime_error("no statistics block");
     const auto first = stats.read();
     auto last = first;

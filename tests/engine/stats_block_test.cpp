@@ -72,7 +72,7 @@ class StatsBlockTest : public testing::Test {
                    2147483647};  // the name carries the whole id
     platform::NamedMemory other_holder_;
     StatsBlock stats_;
-    host::StatsReader reader_;
+    readings::StatsReader reader_;
 };
 
 /// What all writes with this base leave.

@@ -67,7 +67,7 @@ class Line : public Rig {
   private:
     std::uint32_t latency_blocks_;
     std::uint32_t jitter_us_;
-    host::StatsReader reader_;
+    readings::StatsReader reader_;
 };
 
 struct Condition {

@@ -14,6 +14,8 @@ namespace tavistro::host {
 
 namespace {
 
+using namespace readings;
+
 std::string fixed(double value, int decimals) {
     std::ostringstream text;
     text << std::fixed << std::setprecision(decimals) << value;

@@ -81,13 +81,14 @@ class RunWatch {
     double cpu_seconds_at_start_ = process_cpu_seconds();
     tavistro_engine_state state_{};
     EventFollower events_;
-    StatsReader stats_reader_;
+    readings::StatsReader stats_reader_;
     RunTotals totals_;
     std::optional<tavistro_stats_block> stats_;
 };
 
 int fail(const tavistro_engine_state& state, const std::string& config_path) {
-    std::cerr << "tavistro-host: the run failed: " << failure_text(state, config_path) << '\n';
+    std::cerr << "tavistro-host: the run failed: " << readings::failure_text(state, config_path)
+              << '\n';
     return 1;
 }
 

@@ -18,7 +18,7 @@ bool shows_a_run(const tavistro_stats_block& block) {
 }  // namespace
 
 bool engine_plays_as(std::uint32_t client_id) {
-    StatsReader reader;
+    readings::StatsReader reader;
     if (!reader.open(client_id)) return false;
     const auto block = reader.read();
     return block && shows_a_run(*block) && reader.is_held();

@@ -200,7 +200,7 @@ void judge_presence(Samples samples, Account& account) {
         tell(Cause::engine_silent,
              "the engine's block is there, but nobody writes it: its process died or hangs");
     } else if (last.presence == Presence::ended && last.stats->state == TAVISTRO_STATE_FAILED) {
-        tell(Cause::engine_failed, std::string(host::error_text(last.stats->error_code)));
+        tell(Cause::engine_failed, std::string(readings::error_text(last.stats->error_code)));
     } else if (last.presence == Presence::ended) {
         tell(Cause::engine_ended, "the run was stopped");
     }

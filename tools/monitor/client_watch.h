@@ -28,7 +28,7 @@ class ClientWatch {
     std::optional<tavistro_stats_block> read_newest();
 
     std::uint32_t client_id_;
-    host::StatsReader reader_;
+    readings::StatsReader reader_;
     Presence presence_ = Presence::absent;  ///< as of the last check
     std::optional<tavistro_stats_block> last_;
     std::int64_t last_change_us_ = 0;

@@ -1,21 +1,28 @@
 #include "tools/monitor/formats.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <istream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
-#include "tools/monitor/fields.h"
 #include "tools/monitor/totals_fields.h"
+#include "tools/readings/fields_json.h"
 
 namespace tavistro::monitor {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using readings::Field;
+using readings::FieldKind;
+using readings::FieldType;
+using readings::histogram;
+using readings::Json;
+using readings::number;
+using readings::stats_fields;
 
 constexpr std::pair<Presence, const char*> presence_names[] = {
     {Presence::absent, "absent"},
@@ -36,51 +43,10 @@ Presence presence_from(const std::string& name) {
     return found->first;
 }
 
-Json stats_json(const tavistro_stats_block& stats) {
-    Json json = Json::object();
-    for (const Field& field : fields()) {
-        auto& value = json[std::string(field.name)];
-        if (field.type == FieldType::histogram) {
-            value = histogram(stats, field);
-        } else {
-            value = number(stats, field);
-        }
-    }
-    return json;
-}
-
-tavistro_stats_block stats_from(const Json& json) {
-    tavistro_stats_block stats{};
-    for (const Field& field : fields()) {
-        const auto& value = json.at(std::string(field.name));
-        if (field.type == FieldType::histogram) {
-            set_histogram(stats, field, value.get<Histogram>());
-        } else {
-            set_number(stats, field, value.get<std::int64_t>());
-        }
-    }
-    return stats;
-}
-
-Json totals_json(const Totals& totals) {
-    Json json = Json::object();
-    for (const TotalsField& field : totals_fields())
-        std::visit([&](auto value) { json[std::string(field.name)] = value; },
-                   number(totals, field));
-    return json;
-}
-
-Totals totals_from(const Json& json) {
-    Totals totals;
-    for (const TotalsField& field : totals_fields()) {
-        const Json& value = json.at(std::string(field.name));
-        if (field.is_real) {
-            set_number(totals, field, value.get<double>());
-        } else {
-            set_number(totals, field, value.get<std::int64_t>());
-        }
-    }
-    return totals;
+Json object_of(const void* record, std::span<const Field> fields) {
+    Json object = Json::object();
+    readings::add_fields(object, record, fields);
+    return object;
 }
 
 Json sample_json(const Sample& sample) {
@@ -88,8 +54,8 @@ Json sample_json(const Sample& sample) {
             {"client_id", sample.client_id},
             {"presence", name_of(sample.presence)},
             {"host_late_us", sample.host_late_us},
-            {"stats", sample.stats ? stats_json(*sample.stats) : Json()},
-            {"totals", totals_json(sample.totals)}};
+            {"stats", sample.stats ? object_of(&*sample.stats, stats_fields()) : Json()},
+            {"totals", object_of(&sample.totals, totals_fields())}};
 }
 
 Json account_json(std::uint32_t client_id, const Account& account) {
@@ -112,67 +78,81 @@ Json account_json(std::uint32_t client_id, const Account& account) {
 }
 
 /// As short as reads back exactly.
-std::string text_of(const TotalsNumber& number) {
-    std::array<char, 32> digits;
-    return std::visit(
-        [&](auto value) {
-            return std::string(
-                digits.data(),
-                std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr);
-        },
-        number);
+std::string text_of(const readings::Number& number) {
+    return std::visit([](auto value) { return fmt::to_string(value); }, number);
 }
 
-/// Seconds, as Prometheus wants them, exactly: 250 is 0.00025.
-std::string seconds_text(std::uint32_t microseconds) {
-    std::string digits = std::to_string(microseconds % 1'000'000);
-    digits.insert(0, 6 - digits.size(), '0');
-    return std::to_string(microseconds / 1'000'000).append(".").append(digits);
+void add_columns(std::string& heading, std::string_view prefix, std::span<const Field> fields) {
+    for (const Field& field : fields) {
+        heading += fmt::format(",{}{}", prefix, field.name);
+        if (field.type != FieldType::histogram) continue;
+        heading += "_0";
+        for (std::size_t i = 1; i < readings::histogram_bounds_us.size(); ++i)
+            heading += fmt::format(",{}{}_{}", prefix, field.name, i);
+    }
+}
+
+void add_values(std::string& row, const void* record, std::span<const Field> fields) {
+    for (const Field& field : fields) {
+        if (field.type == FieldType::histogram) {
+            row += fmt::format(",{}", fmt::join(histogram(record, field), ","));
+        } else {
+            row.append(",").append(text_of(number(record, field)));
+        }
+    }
 }
 
 class PrometheusText {
   public:
     void family(const std::string& name, FieldKind kind, std::string_view help) {
-        text_.append("# HELP ").append(name).append(" ").append(help).append("\n# TYPE ");
-        text_.append(name).append(kind == FieldKind::counter ? " counter\n" : " gauge\n");
+        add("# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
+            kind == FieldKind::counter ? "counter" : "gauge");
     }
-    void value(const std::string& name, std::uint32_t client_id, const std::string& more_labels,
-               const TotalsNumber& value) {
-        text_.append(name).append("{client_id=\"").append(std::to_string(client_id)).append("\"");
-        text_.append(more_labels).append("} ").append(text_of(value)).append("\n");
+    void value(const std::string& name, std::uint32_t client_id, const std::string& value) {
+        add("{}{{client_id=\"{}\"}} {}\n", name, client_id, value);
     }
     /// Buckets that include those below, as histogram_quantile() wants them.
-    void buckets(const std::string& name, std::uint32_t client_id, const Histogram& counts) {
-        std::int64_t sum = 0;
+    void buckets(const std::string& name, std::uint32_t client_id,
+                 const readings::Histogram& counts) {
+        std::uint64_t sum = 0;
         for (std::size_t i = 0; i < counts.size(); ++i) {
             sum += counts[i];
-            const bool last = i + 1 == counts.size();
-            value(name, client_id,
-                  ",le=\"" + (last ? std::string("+Inf") : seconds_text(histogram_bounds_us[i])) +
-                      "\"",
-                  sum);
+            add("{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
+                i + 1 == counts.size() ? "+Inf" : text_of(readings::histogram_bounds_us[i]), sum);
+        }
+    }
+    /// The fields of the record of every engine that runs.
+    template <typename RecordOf>
+    void fields(std::span<const Field> all, std::string_view prefix,
+                std::span<const Sample> samples, RecordOf record_of) {
+        for (const Field& field : all) {
+            if (field.name == "client_id") continue;  // a label of all
+            const bool is_histogram = field.type == FieldType::histogram;
+            const char* const ending = is_histogram                       ? "_bucket"
+                                       : field.kind == FieldKind::counter ? "_total"
+                                                                          : "";
+            const std::string name = fmt::format("{}{}{}", prefix, field.name, ending);
+            family(name, field.kind, field.help);
+            for (const Sample& sample : samples) {
+                if (sample.presence != Presence::alive) continue;
+                if (is_histogram) {
+                    buckets(name, sample.client_id, histogram(record_of(sample), field));
+                } else {
+                    value(name, sample.client_id, text_of(number(record_of(sample), field)));
+                }
+            }
         }
     }
     std::string take() { return std::move(text_); }
 
   private:
+    template <typename... Values>
+    void add(fmt::format_string<Values...> format, Values&&... values) {
+        fmt::format_to(std::back_inserter(text_), format, std::forward<Values>(values)...);
+    }
+
     std::string text_;
 };
-
-// The monitor counts some of what the engine counts, but for as long as it watches.
-std::string prometheus_name(const TotalsField& field) {
-    std::string name = "tavistro_monitor_";
-    name.append(field.name);
-    return field.kind == FieldKind::counter ? name + "_total" : name;
-}
-
-std::string prometheus_name(const Field& field) {
-    std::string name = "tavistro_";
-    name.append(field.name);
-    if (field.type == FieldType::histogram)
-        return name.replace(name.rfind("histogram"), std::string::npos, "seconds_bucket");
-    return field.kind == FieldKind::counter ? name + "_total" : name;
-}
 
 }  // namespace
 
@@ -189,8 +169,11 @@ Sample from_json(const std::string& line) {
         if (!json.contains("totals"))
             throw std::runtime_error("it has no totals, an older monitor made it");
         sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
-        if (!json.at("stats").is_null()) sample.stats = stats_from(json["stats"]);
-        sample.totals = totals_from(json["totals"]);
+        if (!json.at("stats").is_null()) {
+            sample.stats.emplace();
+            readings::take_fields(json["stats"], &*sample.stats, stats_fields());
+        }
+        readings::take_fields(json["totals"], &sample.totals, totals_fields());
         return sample;
     } catch (const Json::exception& error) {
         throw std::runtime_error(error.what());
@@ -232,67 +215,33 @@ std::vector<Sample> read_recording(std::istream& in) {
 }
 
 std::string csv_heading() {
-    std::string text = "time_ms,presence,host_late_us";
-    for (const Field& field : fields()) {
-        if (field.type != FieldType::histogram) {
-            text.append(",").append(field.name);
-            continue;
-        }
-        for (std::size_t i = 0; i < TAVISTRO_STATS_HISTOGRAM_BUCKETS; ++i)
-            text.append(",").append(field.name).append("_").append(std::to_string(i));
-    }
-    for (const TotalsField& field : totals_fields())
-        text.append(",total_").append(field.name);
-    return text;
+    std::string heading = "time_ms,presence,host_late_us";
+    add_columns(heading, "", stats_fields());
+    add_columns(heading, "total_", totals_fields());
+    return heading;
 }
 
 std::string csv_row(const Sample& sample) {
-    std::string text = std::to_string(sample.time_ms);
-    text.append(",").append(name_of(sample.presence)).append(",");
-    text += std::to_string(sample.host_late_us);
+    std::string row =
+        fmt::format("{},{},{}", sample.time_ms, name_of(sample.presence), sample.host_late_us);
     // Without a block only the client is known.
     tavistro_stats_block stats = sample.stats.value_or(tavistro_stats_block{});
     stats.client_id = sample.client_id;
-    for (const Field& field : fields()) {
-        if (field.type != FieldType::histogram) {
-            text.append(",").append(std::to_string(number(stats, field)));
-            continue;
-        }
-        for (const std::uint32_t count : histogram(stats, field))
-            text.append(",").append(std::to_string(count));
-    }
-    for (const TotalsField& field : totals_fields())
-        text.append(",").append(text_of(number(sample.totals, field)));
-    return text;
+    add_values(row, &stats, stats_fields());
+    add_values(row, &sample.totals, totals_fields());
+    return row;
 }
 
 std::string to_prometheus(std::span<const Sample> samples) {
     PrometheusText text;
     text.family("tavistro_up", FieldKind::gauge, "Whether an engine of this client_id is running");
     for (const Sample& sample : samples)
-        text.value("tavistro_up", sample.client_id, "",
-                   std::int64_t{sample.presence == Presence::alive});
-    for (const Field& field : fields()) {
-        if (field.name == "client_id") continue;
-        const std::string name = prometheus_name(field);
-        text.family(name, field.kind, field.help);
-        for (const Sample& sample : samples) {
-            if (sample.presence != Presence::alive) continue;
-            if (field.type == FieldType::histogram) {
-                text.buckets(name, sample.client_id, histogram(*sample.stats, field));
-            } else {
-                text.value(name, sample.client_id, "", number(*sample.stats, field));
-            }
-        }
-    }
-    for (const TotalsField& field : totals_fields()) {
-        const std::string name = prometheus_name(field);
-        text.family(name, field.kind, field.help);
-        for (const Sample& sample : samples) {
-            if (sample.presence == Presence::alive)
-                text.value(name, sample.client_id, "", number(sample.totals, field));
-        }
-    }
+        text.value("tavistro_up", sample.client_id, sample.presence == Presence::alive ? "1" : "0");
+    text.fields(stats_fields(), "tavistro_", samples,
+                [](const Sample& sample) { return &*sample.stats; });
+    // The monitor counts some of what the engine counts, but for as long as it watches.
+    text.fields(totals_fields(), "tavistro_monitor_", samples,
+                [](const Sample& sample) { return &sample.totals; });
     return text.take();
 }
 

@@ -32,10 +32,10 @@ std::string presence_line(const Sample& sample, const std::string& numbers = {})
     if (sample.presence == Presence::ended) {
         line += "engine stopped, last values";
         if (s.error_code != TAVISTRO_ERROR_NONE)
-            line.append(": ").append(host::error_text(s.error_code));
+            line.append(": ").append(readings::error_text(s.error_code));
         return line;
     }
-    line += host::state_text(s.state);
+    line += readings::state_text(s.state);
     if (s.stream_sample_rate > 0)
         line += text("   %u Hz, %u frames", s.stream_sample_rate, s.stream_block_frames);
     if (sample.presence == Presence::silent) line += "   NOBODY WRITES: dead or hanging";
@@ -128,7 +128,7 @@ void add_numbers(std::vector<std::string>& lines, const Sample& now,
     lines.push_back(buffer_line(s));
     lines.push_back(
         text("         lowest %u, highest %u in the last second", s.min_frames, s.max_frames));
-    lines.push_back(text("speed    buffer read %+.0f ppm, ", host::read_speed_ppm(s)) +
+    lines.push_back(text("speed    buffer read %+.0f ppm, ", readings::read_speed_ppm(s)) +
                     clocks_text(now));
     lines.push_back(text("a second received %u (again %u)  queued %u  periods %u  rendered %u",
                          s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec,

@@ -4,7 +4,7 @@
 
 #include "common/drift_law.h"
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 double read_speed_ppm(const tavistro_stats_block& stats) {
     if (stats.target_frames == 0) return 0;
@@ -14,4 +14,4 @@ double read_speed_ppm(const tavistro_stats_block& stats) {
                       (highest_read_ratio - 1) * 1e6);
 }
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

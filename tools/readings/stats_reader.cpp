@@ -3,7 +3,7 @@
 #include <bit>
 #include <cstring>
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 std::optional<tavistro_stats_block> StatsReader::read() const {
     Words words;
@@ -15,4 +15,4 @@ std::optional<tavistro_stats_block> StatsReader::read() const {
     return block;
 }
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

@@ -9,7 +9,7 @@
 
 #include "tavistro/stats_block.h"
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 /// Not thread-safe: one owner. A block that is held keeps showing the last contents after the run
 /// has ended.
@@ -41,4 +41,4 @@ class StatsReader {
     std::intptr_t handle_ = -1;
 };
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <span>
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 namespace {
 
@@ -176,4 +176,4 @@ std::string failure_text(const tavistro_engine_state& state, std::string_view co
     return hint.empty() ? text + '.' : text.append(". ").append(hint);
 }
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

@@ -7,7 +7,7 @@
 
 #include "tavistro/engine.h"
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 /// Each returns "unknown" for a code that this host does not know.
 std::string_view state_text(std::uint32_t state);
@@ -22,4 +22,4 @@ std::string_view message_text(std::uint32_t message);
 /// `config_path` is the file that the run was started with.
 std::string failure_text(const tavistro_engine_state& state, std::string_view config_path);
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

@@ -16,6 +16,8 @@
 namespace tavistro::host {
 namespace {
 
+using namespace readings;
+
 TEST(Texts, EveryCodeOfTheInterfaceHasItsOwnText) {
     const struct {
         std::string_view (*text)(std::uint32_t);
@@ -104,9 +106,9 @@ TEST(JsonReport, WritesOneObjectPerLineWithTheFieldsThatScriptsRead) {
     report->summary({2.0, 0.5, state, std::nullopt});
 
     const std::pair<const char*, const char*> expected[] = {
-        {"state", R"({"state": {"code": 3, "text": "Running"}})"},
+        {"state", R"({"state": 3, "state_text": "Running"})"},
         {"event", R"({"sequence": 7, "missed_before": 2})"},
-        {"status", R"({"device": {"sample_rate": 44100}, "stats": null,
+        {"status", R"({"device_sample_rate": 44100, "stats": null,
                        "output_meters": [{"channel": 5, "peak_permille": 250}]})"},
         {"summary", R"({"cpu_seconds_per_second": 0.25, "stats": {"ratio_ppm": -20}})"},
         {"summary", R"({"cpu_seconds_per_second": null})"}};

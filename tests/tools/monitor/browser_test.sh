@@ -49,7 +49,7 @@ driver_name =
 loopback_device = on
 EOF
 "$build/tavistro-host" run "$work/client.ini" --json >"$work/host" &
-await "$work/host" '"text":"Running"' >/dev/null
+await "$work/host" '"state_text":"Running"' >/dev/null
 "$build/tavistro-monitor" 77 --http 0 --record "$work/recording" --json >"$work/samples" 2>"$work/monitor" &
 monitor=$!
 port=$(await "$work/monitor" 'serving at port \K\d+')

@@ -14,7 +14,6 @@
 #include "engine/stats_block.h"
 #include "support/eventually.h"
 #include "tavistro/engine.h"
-#include "tools/monitor/fields.h"
 #include "tools/monitor/formats.h"
 #include "tools/monitor/http_server.h"
 #include "tools/monitor/observer.h"
@@ -22,30 +21,33 @@
 #include "tools/monitor/screen.h"
 #include "tools/monitor/totals_fields.h"
 #include "tools/monitor/view.h"
+#include "tools/readings/fields.h"
 
 namespace tavistro::monitor {
 namespace {
+
+using namespace readings;
 
 /// A sample in which no two fields have one value.
 Sample distinct_sample() {
     Sample sample{.time_ms = 1'700'000'000'000, .client_id = 3, .presence = Presence::alive};
     sample.stats.emplace();
     std::int64_t next = 1000;
-    for (const Field& field : fields()) {
+    for (const Field& field : stats_fields()) {
         if (field.type == FieldType::histogram) {
             Histogram counts;
             for (auto& count : counts)
                 count = static_cast<std::uint32_t>(next++);
-            set_histogram(*sample.stats, field, counts);
+            set_histogram(&*sample.stats, field, counts);
         } else {
-            set_number(*sample.stats, field, field.type == FieldType::i32 ? -next : next);
+            set_number(&*sample.stats, field, field.type == FieldType::i32 ? -next : next);
             ++next;
         }
     }
-    for (const TotalsField& field : totals_fields()) {
+    for (const Field& field : totals_fields()) {
         ++next;
-        set_number(sample.totals, field,
-                   field.is_real ? TotalsNumber(-0.1 * static_cast<double>(next)) : next);
+        set_number(&sample.totals, field,
+                   field.type == FieldType::real ? Number(-0.1 * static_cast<double>(next)) : next);
     }
     return sample;
 }
@@ -60,8 +62,8 @@ TEST(Formats, ARecordingGivesBackWhatWasRecorded) {
     ASSERT_EQ(samples.size(), 2U);
     EXPECT_EQ(to_json(samples[0]), to_json(sample));
     EXPECT_EQ(std::memcmp(&*samples[0].stats, &*sample.stats, sizeof *sample.stats), 0);
-    for (const TotalsField& field : totals_fields())
-        EXPECT_EQ(number(samples[0].totals, field), number(sample.totals, field)) << field.name;
+    for (const Field& field : totals_fields())
+        EXPECT_EQ(number(&samples[0].totals, field), number(&sample.totals, field)) << field.name;
     EXPECT_EQ(samples[0].host_late_us, 5U);
     EXPECT_EQ(to_json(samples[1]), to_json(absent));
 
@@ -107,9 +109,9 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
     for (const std::string& line : std::initializer_list<std::string>{
              "tavistro_up{client_id=\"3\"} 1\n", "tavistro_up{client_id=\"4\"} 0\n",
              "# TYPE tavistro_underruns_total counter\n",
-             "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000250\"} 1017\n",
-             "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"0.000500\"} 2035\n",
-             "tavistro_rtt_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 10215\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"250\"} 1017\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"500\"} 2035\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"+Inf\"} 10215\n",
              "# TYPE tavistro_monitor_server_faster_ppm gauge\n",
              "tavistro_monitor_replaced_count_total{client_id=\"3\"} " + replaced + "\n"})
         EXPECT_NE(metrics.find(line), std::string::npos) << line;
@@ -136,9 +138,9 @@ TEST(Formats, AnAccountKeepsItsWordsAndEndsNoScript) {
 
 TEST(View, FitsWhateverTheNumbers) {
     Sample extreme = distinct_sample();
-    for (const Field& field : fields()) {
+    for (const Field& field : stats_fields()) {
         if (field.type == FieldType::histogram) continue;
-        set_number(*extreme.stats, field, std::numeric_limits<std::int32_t>::max());
+        set_number(&*extreme.stats, field, std::int64_t{std::numeric_limits<std::int32_t>::max()});
     }
     extreme.totals.clock_uncertainty_ppm = 1e9;
     const Account account = account_of_trouble(std::string(50, 'a') + " " + std::string(200, 'b'));

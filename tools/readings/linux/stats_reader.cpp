@@ -10,7 +10,7 @@
 // Read through the descriptor: anybody may shrink the object, and touching a mapped page that is
 // gone would end the process.
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 bool StatsReader::open(std::uint32_t client_id) {
     if (handle_ != -1) return true;
@@ -41,4 +41,4 @@ bool StatsReader::copy_to(Words& words) const {
            static_cast<ssize_t>(sizeof words);
 }
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

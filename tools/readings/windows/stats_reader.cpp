@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <string>
 
-namespace tavistro::host {
+namespace tavistro::readings {
 
 // The handle is the address of the mapped view, which keeps the block.
 
@@ -37,4 +37,4 @@ bool StatsReader::copy_to(Words& words) const {
     return true;
 }
 
-}  // namespace tavistro::host
+}  // namespace tavistro::readings

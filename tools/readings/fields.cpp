@@ -1,0 +1,178 @@
+#include "tools/readings/fields.h"
+
+#include <cstring>
+
+#include "tavistro/engine.h"
+#include "tools/readings/texts.h"
+
+namespace tavistro::readings {
+
+namespace {
+
+#define FIELD(record, name, type, ...) \
+    { #name, offsetof(record, name), FieldType::type, __VA_ARGS__ }
+#define STATS(name, type, kind, ...) \
+    FIELD(tavistro_stats_block, name, type, FieldKind::kind, __VA_ARGS__)
+#define PLAIN(record, name, type) FIELD(record, name, type, FieldKind::gauge)
+#define CODE(record, name, text) FIELD(record, name, u32, FieldKind::gauge, "", text)
+
+constexpr Field stats_table[] = {
+    STATS(state, u32, gauge, "State of the engine, tavistro_state_code", state_text),
+    STATS(error_code, u32, gauge, "Error of the engine, tavistro_error_code", error_text),
+    STATS(client_id, u32, gauge, "Identity of the client"),
+    STATS(stream_sample_rate, u32, gauge, "Sample rate of the stream in Hz"),
+    STATS(stream_block_frames, u32, gauge, "Frames per block of the stream"),
+    STATS(client_recv_blocks_per_sec, u32, gauge, "New blocks received in the last second"),
+    STATS(client_duplicate_blocks_per_sec, u32, gauge,
+          "Late or repeated blocks in the last second"),
+    STATS(rtt_samples, u32, counter, "Round trips measured"),
+    STATS(ping_timeouts, u32, counter, "Pings without an answer"),
+    STATS(rtt_last_us, u32, gauge, "Round trip, last, in microseconds"),
+    STATS(rtt_min_us, u32, gauge, "Round trip, lowest, in microseconds"),
+    STATS(rtt_max_us, u32, gauge, "Round trip, highest, in microseconds"),
+    STATS(rtt_p50_us, u32, gauge, "Round trip, median, in microseconds"),
+    STATS(rtt_p95_us, u32, gauge, "Round trip, 95th percentile, in microseconds"),
+    STATS(rtt_p99_us, u32, gauge, "Round trip, 99th percentile, in microseconds"),
+    STATS(clock_synced, u32, gauge, "Whether the offset to the server clock is known"),
+    STATS(sync_rtt_us, u32, gauge, "Round trip that set the clock offset in microseconds"),
+    STATS(rtt_histogram, histogram, counter, "Round trips by duration"),
+    STATS(sync_delay_samples, u32, counter, "Sync notices measured"),
+    STATS(sync_delay_last_us, u32, gauge, "Delay of sync notices, last, in microseconds"),
+    STATS(sync_delay_min_us, u32, gauge, "Delay of sync notices, lowest, in microseconds"),
+    STATS(sync_delay_max_us, u32, gauge, "Delay of sync notices, highest, in microseconds"),
+    STATS(sync_delay_p50_us, u32, gauge, "Delay of sync notices, median, in microseconds"),
+    STATS(sync_delay_p95_us, u32, gauge, "Delay of sync notices, 95th percentile, in microseconds"),
+    STATS(sync_delay_p99_us, u32, gauge, "Delay of sync notices, 99th percentile, in microseconds"),
+    STATS(sync_delay_histogram, histogram, counter, "Delays of sync notices by duration"),
+    STATS(player_recv_blocks_per_sec, u32, gauge, "Blocks queued for playing in the last second"),
+    STATS(callbacks_per_sec, u32, gauge, "Device periods in the last second"),
+    STATS(dequeued_per_sec, u32, gauge, "Blocks rendered in the last second"),
+    STATS(playback_buffer_frames, u32, gauge, "Fill of the playback buffer in frames"),
+    STATS(min_frames, u32, gauge, "Lowest fill since the report before"),
+    STATS(max_frames, u32, gauge, "Highest fill since the report before"),
+    STATS(target_frames, u32, gauge, "Fill that the drift control aims at"),
+    STATS(error_frames, i32, gauge, "Fill minus target in frames"),
+    STATS(buffer_us, i32, gauge, "Buffered audio in microseconds"),
+    STATS(buffer_centiblocks, i32, gauge, "Buffered audio in hundredths of a block"),
+    STATS(ratio_ppm, i32, gauge,
+          "Estimated server clock against device clock in parts per million"),
+    STATS(callback_duration_last_us, u32, gauge, "Work of a device period, last, in microseconds"),
+    STATS(callback_duration_max_us, u32, gauge,
+          "Work of a device period, highest, in microseconds"),
+    STATS(underruns, u32, counter, "Device periods without a block to play"),
+    STATS(overruns, u32, counter, "Blocks that found the playback buffer full"),
+    STATS(playback_dropped, u32, counter, "Blocks dropped before playing, overruns among them"),
+    STATS(capture_dropped, u32, counter, "Captured blocks dropped"),
+    STATS(block_callback_last_us, u32, gauge,
+          "Arrival of a block to the end of its delivery, last, in microseconds"),
+    STATS(block_callback_max_us, u32, gauge,
+          "Arrival of a block to the end of its delivery, highest, in microseconds"),
+    STATS(queue_latency_last_us, u32, gauge,
+          "Delivery of a block to its playing, last, in microseconds"),
+    STATS(queue_latency_max_us, u32, gauge,
+          "Delivery of a block to its playing, highest, in microseconds"),
+    STATS(server_to_output_last_us, u32, gauge,
+          "Server's time of a block to its playing, last, in microseconds"),
+    STATS(server_to_output_max_us, u32, gauge,
+          "Server's time of a block to its playing, highest, in microseconds"),
+    STATS(rendered_frames, u64, counter, "Frames rendered"),
+};
+
+constexpr Field state_table[] = {
+    CODE(tavistro_engine_state, state, state_text),
+    CODE(tavistro_engine_state, status_level, level_text),
+    CODE(tavistro_engine_state, status_category, category_text),
+    CODE(tavistro_engine_state, error_code, error_text),
+    CODE(tavistro_engine_state, error_detail, message_text),
+    CODE(tavistro_engine_state, status_message, message_text),
+    PLAIN(tavistro_engine_state, client_id, u32),
+    PLAIN(tavistro_engine_state, stream_sample_rate, u32),
+    PLAIN(tavistro_engine_state, stream_block_frames, u32),
+    PLAIN(tavistro_engine_state, device_sample_rate, u32),
+    PLAIN(tavistro_engine_state, device_block_frames, u32),
+};
+
+constexpr Field event_table[] = {
+    PLAIN(tavistro_engine_event, sequence, u64),
+    // The tick of the system's clock; time_ms is the time of day in what the tools show.
+    {"system_time_ms", offsetof(tavistro_engine_event, time_ms), FieldType::u64},
+    CODE(tavistro_engine_event, kind, event_kind_text),
+    CODE(tavistro_engine_event, subject, category_text),
+    PLAIN(tavistro_engine_event, attempt, u32),
+    PLAIN(tavistro_engine_event, max_attempts, u32),
+    CODE(tavistro_engine_event, error_code, error_text),
+    CODE(tavistro_engine_event, message, message_text),
+};
+
+constexpr Field meter_table[] = {
+    PLAIN(tavistro_channel_meter, channel, u32),
+    PLAIN(tavistro_channel_meter, peak_permille, u32),
+};
+
+#undef CODE
+#undef PLAIN
+#undef STATS
+#undef FIELD
+
+template <typename Value>
+Value get(const void* record, const Field& field) {
+    Value value;
+    std::memcpy(&value, static_cast<const std::byte*>(record) + field.offset, sizeof value);
+    return value;
+}
+
+template <typename Value>
+void put(void* record, const Field& field, const Value& value) {
+    std::memcpy(static_cast<std::byte*>(record) + field.offset, &value, sizeof value);
+}
+
+}  // namespace
+
+std::span<const Field> stats_fields() {
+    return stats_table;
+}
+std::span<const Field> state_fields() {
+    return state_table;
+}
+std::span<const Field> event_fields() {
+    return event_table;
+}
+std::span<const Field> meter_fields() {
+    return meter_table;
+}
+
+Number number(const void* record, const Field& field) {
+    switch (field.type) {
+        case FieldType::real:
+            return get<double>(record, field);
+        case FieldType::u64:
+        case FieldType::i64:
+            return get<std::int64_t>(record, field);
+        case FieldType::i32:
+            return std::int64_t{get<std::int32_t>(record, field)};
+        default:
+            return std::int64_t{get<std::uint32_t>(record, field)};
+    }
+}
+
+void set_number(void* record, const Field& field, Number value) {
+    std::visit(
+        [&](auto plain) {
+            if (field.type == FieldType::u32 || field.type == FieldType::i32) {
+                put(record, field, static_cast<std::uint32_t>(plain));
+            } else {
+                put(record, field, plain);
+            }
+        },
+        value);
+}
+
+Histogram histogram(const void* record, const Field& field) {
+    return get<Histogram>(record, field);
+}
+
+void set_histogram(void* record, const Field& field, const Histogram& counts) {
+    put(record, field, counts);
+}
+
+}  // namespace tavistro::readings
