@@ -1,6 +1,5 @@
-#include "tools/host/check_command.h"
+#include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -13,6 +12,7 @@
 #include "config/engine_config.h"
 #include "config/ini.h"
 #include "platform/regular_file.h"
+#include "tools/host/commands.h"
 #include "tools/host/config_warnings.h"
 
 namespace tavistro::host {
@@ -35,20 +35,12 @@ IniSections sections_of(const std::string& bytes) {
     return sections;
 }
 
-/// Fills up to the next column; a longer text keeps its distance from what follows.
-std::string column(std::string_view text, std::size_t width) {
-    constexpr std::size_t smallest_gap = 2;
-    return std::string(text).append(std::max(width, text.size() + smallest_gap) - text.size(), ' ');
-}
-
-void list_setting(std::string_view name, std::string_view value, std::string_view origin,
-                  std::string_view allowed, std::ostream& out) {
-    out << "  " << column(name, 37) << column(value, 20);
-    if (allowed.empty()) {
-        out << origin << '\n';
-    } else {
-        out << column(origin, 9) << allowed << '\n';
-    }
+/// A longer text keeps its distance from what follows.
+std::string setting_line(std::string_view name, std::string_view value, std::string_view origin,
+                         std::string_view allowed) {
+    const std::string start = fmt::format("  {:<35}  {:<18}  ", name, value);
+    return start + (allowed.empty() ? fmt::format("{}\n", origin)
+                                    : fmt::format("{:<7}  {}\n", origin, allowed));
 }
 
 void list_keys(const EngineConfig& config, const IniSections& sections, std::ostream& out) {
@@ -57,15 +49,15 @@ void list_keys(const EngineConfig& config, const IniSections& sections, std::ost
         if (key.section != std::exchange(section, key.section)) out << '[' << section << "]\n";
         std::string written;
         const bool in_file = lookup(sections, key.section, key.key, written);
-        list_setting(key.key, value_text(key, config), in_file ? "file" : "default", key.allowed,
-                     out);
+        out << setting_line(key.key, value_text(key, config), in_file ? "file" : "default",
+                            key.allowed);
     }
 }
 
 void list_derived(const EngineConfig& config, std::ostream& out) {
     const struct {
         std::string_view name;
-        std::uint64_t value;
+        std::uint64_t blocks;
         std::string_view origin;
     } sizes[] = {
         {"prebuffer_blocks", config.audio.prebuffer_blocks, "derived"},
@@ -77,9 +69,8 @@ void list_derived(const EngineConfig& config, std::ostream& out) {
         {"capture_target_blocks", config.client.capture_target_blocks, "fixed"},
     };
     out << "follows from client_latency_blocks, in blocks\n";
-    for (const auto& size : sizes) {
-        list_setting(size.name, std::to_string(size.value), size.origin, "", out);
-    }
+    for (const auto& [name, blocks, origin] : sizes)
+        out << setting_line(name, fmt::to_string(blocks), origin, "");
 }
 
 }  // namespace
@@ -92,8 +83,9 @@ int check_config(const std::string& path, std::ostream& out, std::ostream& error
     if (valid) {
         list_keys(config, sections_of(bytes), out);
         list_derived(config, out);
+    } else {
+        errors << error << '\n';
     }
-    if (!valid) errors << error << '\n';
     for (const std::string& warning : config_warnings(bytes))
         errors << "warning: " << warning << '\n';
     return valid ? 0 : 1;

@@ -1,5 +1,7 @@
 #include "tools/host/config_warnings.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -60,23 +62,13 @@ bool is_section(std::string_view name) {
     return std::ranges::find(config_keys(), name, &ConfigKey::section) != config_keys().end();
 }
 
-std::string quoted(std::string_view text) {
-    return std::string("'").append(text).append("'");
-}
-
-std::string header(std::string_view section) {
-    return std::string("[").append(section).append("]");
-}
-
 /// "[section] expects a, b, c" for a section of few keys, else nothing.
 std::string keys_of(std::string_view section) {
-    std::string list;
-    std::size_t count = 0;
-    for (const ConfigKey& known : config_keys()) {
-        if (known.section != section) continue;
-        list.append(count++ == 0 ? "" : ", ").append(known.key);
-    }
-    return count == 0 || count > few_keys ? "" : header(section) + " expects " + list;
+    std::vector<std::string_view> keys;
+    for (const ConfigKey& known : config_keys())
+        if (known.section == section) keys.push_back(known.key);
+    if (keys.empty() || keys.size() > few_keys) return {};
+    return fmt::format("[{}] expects {}", section, fmt::join(keys, ", "));
 }
 
 class Checker {
@@ -104,9 +96,8 @@ class Checker {
 
   private:
     void warn(const std::string& text) {
-        const std::string place =
-            line_number_ == 0 ? "" : "line " + std::to_string(line_number_) + ": ";
-        warnings_.push_back(place + text);
+        warnings_.push_back(line_number_ == 0 ? text
+                                              : fmt::format("line {}: {}", line_number_, text));
     }
 
     void check_line(std::string_view line) {
@@ -124,9 +115,9 @@ class Checker {
         section_ = to_lower(trim(line.substr(1, line.size() - 2)));
         if (is_section(*section_)) return;
         const ConfigKey* const near = nearest(*section_, &ConfigKey::section);
-        warn("unknown section " + header(*section_) + ": " +
-             (near != nullptr ? "did you mean " + header(near->section) + "?"
-                              : "its keys are ignored"));
+        warn(fmt::format("unknown section [{}]: {}", *section_,
+                         near != nullptr ? fmt::format("did you mean [{}]?", near->section)
+                                         : "its keys are ignored"));
     }
 
     void check_key(const std::string& key, std::string_view value) {
@@ -134,38 +125,33 @@ class Checker {
             return known.section == *section_ && known.key == key;
         };
         if (std::ranges::none_of(config_keys(), is_this)) return explain_unknown(key);
-        const auto [first, is_first] =
-            first_lines_.try_emplace(*section_ + '/' + key, line_number_);
-        if (!is_first) {
-            warn(quoted(key) + " was given in line " + std::to_string(first->second) +
-                 " already: the last one counts");
-        }
+        const auto [first, is_first] = first_lines_.try_emplace(key, line_number_);
+        if (!is_first)
+            warn(fmt::format("'{}' was given in line {} already: the last one counts", key,
+                             first->second));
         const auto begins = [&](std::string_view quote) { return value.starts_with(quote); };
-        if (std::ranges::any_of(quotes, begins)) {
-            warn("the quotes in " + quoted(key) +
-                 " are taken for a part of the value: leave them "
-                 "out");
-        }
+        if (std::ranges::any_of(quotes, begins))
+            warn(fmt::format("the quotes in '{}' are taken for a part of the value: leave them out",
+                             key));
     }
 
     void explain_unknown(const std::string& key) {
         const std::string place =
-            section_->empty() ? "above every section" : "in " + header(*section_);
+            section_->empty() ? "above every section" : fmt::format("in [{}]", *section_);
         const auto known = std::ranges::find(config_keys(), key, &ConfigKey::key);
-        if (known != config_keys().end()) {
-            return warn(quoted(key) + " has no effect " + place + ": it belongs in " +
-                        header(known->section));
-        }
+        if (known != config_keys().end())
+            return warn(fmt::format("'{}' has no effect {}: it belongs in [{}]", key, place,
+                                    known->section));
         if (!section_->empty() && !is_section(*section_)) return;  // told with its header
-        const std::string unknown = "unknown key " + quoted(key) + " " + place;
-        const ConfigKey* const near = nearest(key, &ConfigKey::key);
-        if (near == nullptr) {
-            const std::string expected = keys_of(*section_);
-            return warn(expected.empty() ? unknown : unknown + ": " + expected);
+        std::string text = fmt::format("unknown key '{}' {}", key, place);
+        if (const ConfigKey* const near = nearest(key, &ConfigKey::key)) {
+            text += fmt::format(": did you mean '{}'", near->key);
+            if (near->section != *section_) text += fmt::format(" in [{}]", near->section);
+            text += '?';
+        } else if (const std::string expected = keys_of(*section_); !expected.empty()) {
+            text += ": " + expected;
         }
-        const bool elsewhere = near->section != *section_;
-        warn(unknown + ": did you mean " + quoted(near->key) +
-             (elsewhere ? " in " + header(near->section) : "") + "?");
+        warn(text);
     }
 
     std::uint64_t line_number_ = 0;            ///< from 1; 0 while the file as a whole is looked at

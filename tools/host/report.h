@@ -4,12 +4,22 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "tavistro/engine.h"
 #include "tavistro/stats_block.h"
-#include "tools/host/event_follower.h"
+#include "tools/host/run_history.h"
 
 namespace tavistro::host {
+
+using Meters = std::span<const tavistro_channel_meter>;
+
+inline Meters input_meters(const tavistro_engine_state& state) {
+    return Meters(state.input_meters).first(state.input_meter_count);
+}
+inline Meters output_meters(const tavistro_engine_state& state) {
+    return Meters(state.output_meters).first(state.output_meter_count);
+}
 
 /// What a finished run amounted to.
 struct RunSummary {

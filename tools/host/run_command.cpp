@@ -1,16 +1,14 @@
-#include "tools/host/run_command.h"
-
 #include <chrono>
 #include <csignal>
-#include <iostream>
+#include <ctime>
 #include <memory>
+#include <ostream>
 #include <thread>
 
 #include "tavistro/engine.h"
-#include "tools/host/event_follower.h"
-#include "tools/host/process_time.h"
+#include "tools/host/commands.h"
 #include "tools/host/report.h"
-#include "tools/host/run_totals.h"
+#include "tools/host/run_history.h"
 #include "tools/readings/stats_reader.h"
 #include "tools/readings/texts.h"
 
@@ -31,6 +29,13 @@ volatile std::sig_atomic_t stop_requested = 0;
 extern "C" void request_stop(int signal) {
     stop_requested = 1;
     std::signal(signal, SIG_DFL);
+}
+
+/// Processor time of all threads of this process so far.
+double process_cpu_seconds() {
+    timespec used{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
 }
 
 struct DestroyEngine {
@@ -86,44 +91,36 @@ class RunWatch {
     std::optional<tavistro_stats_block> stats_;
 };
 
-int fail(const tavistro_engine_state& state, const std::string& config_path) {
-    std::cerr << "tavistro-host: the run failed: " << readings::failure_text(state, config_path)
-              << '\n';
-    return 1;
-}
-
 }  // namespace
 
-int run_engine(const RunOptions& options) {
+int run_engine(const std::string& config_path, std::optional<double> seconds, bool json,
+               std::ostream& out, std::ostream& errors) {
     const Engine engine(tavistro_engine_create());
     if (!engine) {
-        std::cerr << "tavistro-host: the engine could not be created\n";
+        errors << "tavistro-host: the engine could not be created\n";
         return 1;
     }
+    stop_requested = 0;
     std::signal(SIGINT, request_stop);
     std::signal(SIGTERM, request_stop);
 
-    const auto report = options.json ? make_json_report(std::cout) : make_human_report(std::cout);
+    const auto report = json ? make_json_report(out) : make_human_report(out);
     RunWatch watch(engine.get(), *report);
-    if (tavistro_engine_start_from_config(engine.get(), options.config_path.c_str()) == 0) {
-        watch.look();
-        return fail(watch.state(), options.config_path);
-    }
-    const auto time_is_over = [&] {
-        return options.seconds && watch.seconds() >= *options.seconds;
-    };
+    const bool started = tavistro_engine_start_from_config(engine.get(), config_path.c_str()) != 0;
     watch.look();
-    while (!watch.ended() && !time_is_over() && stop_requested == 0) {
-        std::this_thread::sleep_for(poll_period);
+    if (started) {
+        while (!watch.ended() && !(seconds && watch.seconds() >= *seconds) && stop_requested == 0) {
+            std::this_thread::sleep_for(poll_period);
+            watch.look();
+        }
+        tavistro_engine_stop(engine.get());
         watch.look();
+        watch.summarize();
     }
-    tavistro_engine_stop(engine.get());
-    watch.look();
-    watch.summarize();
-    if (watch.state().state == TAVISTRO_STATE_FAILED) {
-        return fail(watch.state(), options.config_path);
-    }
-    return 0;
+    if (started && watch.state().state != TAVISTRO_STATE_FAILED) return 0;
+    errors << "tavistro-host: the run failed: "
+           << readings::failure_text(watch.state(), config_path) << '\n';
+    return 1;
 }
 
 }  // namespace tavistro::host

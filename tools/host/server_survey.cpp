@@ -7,6 +7,11 @@
 
 namespace tavistro::host {
 
+std::string_view address_class_text(int address_class) {
+    constexpr std::string_view texts[] = {"this host", "private network", "elsewhere"};
+    return texts[address_class];
+}
+
 void ServerSurvey::offer(std::span<const std::uint8_t> datagram,
                          const platform::Ipv4Endpoint& source, std::uint64_t round_trip_ns) {
     ServerChoice judge(client_id_, nonce_);

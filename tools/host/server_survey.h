@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/udp_socket.h"
@@ -18,6 +20,8 @@ struct AnsweringServer {
     bool compatible = false;  ///< the engine would talk to it
     std::uint64_t round_trip_ns = 0;
 };
+
+std::string_view address_class_text(int address_class);
 
 /// Takes the datagrams that may answer one discover message. Pure: sockets and time are its user's.
 class ServerSurvey {

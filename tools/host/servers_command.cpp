@@ -1,8 +1,5 @@
-#include "tools/host/servers_command.h"
+#include <fmt/format.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -11,6 +8,8 @@
 #include "net/protocol.h"
 #include "platform/clock.h"
 #include "platform/udp_socket.h"
+#include "tools/host/commands.h"
+#include "tools/host/json_lines.h"
 #include "tools/host/server_survey.h"
 
 namespace tavistro::host {
@@ -23,15 +22,11 @@ constexpr std::uint32_t receive_error_pause_ms = 10;
 /// Clients are told apart by address as well: any number will do for one that only asks.
 constexpr std::uint32_t asking_client_id = 1;
 
-class NetworkStack {
-  public:
-    NetworkStack() : started(platform::start_network_stack()) {}
-    NetworkStack(const NetworkStack&) = delete;
-    NetworkStack& operator=(const NetworkStack&) = delete;
+struct NetworkStack {
+    const bool started = platform::start_network_stack();
     ~NetworkStack() {
         if (started) platform::stop_network_stack();
     }
-    const bool started;
 };
 
 /// Only an address of this machine can be bound.
@@ -41,12 +36,7 @@ bool is_own_address(std::uint32_t address) {
 }
 
 std::string endpoint_text(const platform::Ipv4Endpoint& endpoint) {
-    return platform::format_ipv4(endpoint.address) + ':' + std::to_string(endpoint.port);
-}
-
-const char* class_text(int address_class) {
-    constexpr const char* texts[] = {"this host", "private network", "elsewhere"};
-    return texts[address_class];
+    return fmt::format("{}:{}", platform::format_ipv4(endpoint.address), endpoint.port);
 }
 
 /// Asks everybody; returns whom, in words.
@@ -79,30 +69,17 @@ void collect(platform::UdpSocket& socket, std::uint64_t asked_ns, std::uint32_t 
     }
 }
 
-void show(const AnsweringServer& server, std::ostream& out) {
-    char line[128];
-    std::snprintf(line, sizeof line, "%-21s  %-15s  protocol %u  %-12s  %.2f ms\n",
-                  endpoint_text(server.endpoint).c_str(), class_text(server.address_class),
-                  static_cast<unsigned>(server.protocol_version),
-                  server.compatible ? "compatible" : "incompatible",
-                  static_cast<double>(server.round_trip_ns) / 1e6);
-    out << line;
-}
-
-nlohmann::ordered_json json_of(const AnsweringServer& server) {
-    return {{"type", "server"},
-            {"address", platform::format_ipv4(server.endpoint.address)},
-            {"port", server.endpoint.port},
-            {"address_class",
-             {{"code", server.address_class}, {"text", class_text(server.address_class)}}},
-            {"protocol_version", server.protocol_version},
-            {"compatible", server.compatible},
-            {"round_trip_ms", static_cast<double>(server.round_trip_ns) / 1e6}};
+std::string text_line(const AnsweringServer& server) {
+    return fmt::format("{:<21}  {:<15}  protocol {}  {:<12}  {:.2f} ms",
+                       endpoint_text(server.endpoint), address_class_text(server.address_class),
+                       server.protocol_version, server.compatible ? "compatible" : "incompatible",
+                       static_cast<double>(server.round_trip_ns) / 1e6);
 }
 
 }  // namespace
 
-int list_servers(const ServersOptions& options, std::ostream& out, std::ostream& errors) {
+int list_servers(const ServersOptions& options, bool json, std::ostream& out,
+                 std::ostream& errors) {
     const NetworkStack network;
     platform::UdpSocket socket;
     if (!network.started || !socket.open({}) || !socket.set_receive_timeout(receive_slice_ms)) {
@@ -118,13 +95,8 @@ int list_servers(const ServersOptions& options, std::ostream& out, std::ostream&
     collect(socket, asked_ns, options.timeout_ms, survey);
 
     const std::vector<AnsweringServer> servers = survey.servers();
-    for (const AnsweringServer& server : servers) {
-        if (options.json) {
-            out << json_of(server).dump() << '\n';
-        } else {
-            show(server, out);
-        }
-    }
+    for (const AnsweringServer& server : servers)
+        out << (json ? json_line(server) : text_line(server)) << '\n';
     out.flush();
     if (servers.empty()) {
         errors << "no server answered within " << options.timeout_ms << " ms; asked: " << asked

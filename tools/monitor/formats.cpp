@@ -102,57 +102,52 @@ void add_values(std::string& row, const void* record, std::span<const Field> fie
     }
 }
 
-class PrometheusText {
-  public:
-    void family(const std::string& name, FieldKind kind, std::string_view help) {
-        add("# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
-            kind == FieldKind::counter ? "counter" : "gauge");
-    }
-    void value(const std::string& name, std::uint32_t client_id, const std::string& value) {
-        add("{}{{client_id=\"{}\"}} {}\n", name, client_id, value);
-    }
-    /// Buckets that include those below, as histogram_quantile() wants them.
-    void buckets(const std::string& name, std::uint32_t client_id,
+template <typename... Values>
+void add(std::string& text, fmt::format_string<Values...> format, Values&&... values) {
+    fmt::format_to(std::back_inserter(text), format, std::forward<Values>(values)...);
+}
+
+void add_family(std::string& text, std::string_view name, FieldKind kind, std::string_view help) {
+    add(text, "# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
+        kind == FieldKind::counter ? "counter" : "gauge");
+}
+
+/// Buckets that include those below, as histogram_quantile() wants them.
+void add_buckets(std::string& text, std::string_view name, std::uint32_t client_id,
                  const readings::Histogram& counts) {
-        std::uint64_t sum = 0;
-        for (std::size_t i = 0; i < counts.size(); ++i) {
-            sum += counts[i];
-            add("{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
-                i + 1 == counts.size() ? "+Inf" : text_of(readings::histogram_bounds_us[i]), sum);
-        }
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+        const bool last = i + 1 == counts.size();
+        sum += counts[i];
+        add(text, "{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
+            last ? "+Inf" : fmt::to_string(readings::histogram_bounds_us[i]), sum);
     }
-    /// The fields of the record of every engine that runs.
-    template <typename RecordOf>
-    void fields(std::span<const Field> all, std::string_view prefix,
+}
+
+/// The fields of a record of every engine that runs.
+template <typename RecordOf>
+void add_fields(std::string& text, std::string_view prefix, std::span<const Field> fields,
                 std::span<const Sample> samples, RecordOf record_of) {
-        for (const Field& field : all) {
-            if (field.name == "client_id") continue;  // a label of all
-            const bool is_histogram = field.type == FieldType::histogram;
-            const char* const ending = is_histogram                       ? "_bucket"
-                                       : field.kind == FieldKind::counter ? "_total"
-                                                                          : "";
-            const std::string name = fmt::format("{}{}{}", prefix, field.name, ending);
-            family(name, field.kind, field.help);
-            for (const Sample& sample : samples) {
-                if (sample.presence != Presence::alive) continue;
-                if (is_histogram) {
-                    buckets(name, sample.client_id, histogram(record_of(sample), field));
-                } else {
-                    value(name, sample.client_id, text_of(number(record_of(sample), field)));
-                }
+    for (const Field& field : fields) {
+        if (field.name == "client_id") continue;  // a label of all
+        const bool is_histogram = field.type == FieldType::histogram;
+        const char* const ending = is_histogram                       ? "_bucket"
+                                   : field.kind == FieldKind::counter ? "_total"
+                                                                      : "";
+        const std::string name = fmt::format("{}{}{}", prefix, field.name, ending);
+        add_family(text, name, field.kind, field.help);
+        for (const Sample& sample : samples) {
+            if (sample.presence != Presence::alive) continue;
+            const void* const record = record_of(sample);
+            if (is_histogram) {
+                add_buckets(text, name, sample.client_id, histogram(record, field));
+            } else {
+                add(text, "{}{{client_id=\"{}\"}} {}\n", name, sample.client_id,
+                    text_of(number(record, field)));
             }
         }
     }
-    std::string take() { return std::move(text_); }
-
-  private:
-    template <typename... Values>
-    void add(fmt::format_string<Values...> format, Values&&... values) {
-        fmt::format_to(std::back_inserter(text_), format, std::forward<Values>(values)...);
-    }
-
-    std::string text_;
-};
+}
 
 }  // namespace
 
@@ -233,16 +228,18 @@ std::string csv_row(const Sample& sample) {
 }
 
 std::string to_prometheus(std::span<const Sample> samples) {
-    PrometheusText text;
-    text.family("tavistro_up", FieldKind::gauge, "Whether an engine of this client_id is running");
+    std::string text;
+    add_family(text, "tavistro_up", FieldKind::gauge,
+               "Whether an engine of this client_id is running");
     for (const Sample& sample : samples)
-        text.value("tavistro_up", sample.client_id, sample.presence == Presence::alive ? "1" : "0");
-    text.fields(stats_fields(), "tavistro_", samples,
-                [](const Sample& sample) { return &*sample.stats; });
+        add(text, "tavistro_up{{client_id=\"{}\"}} {:d}\n", sample.client_id,
+            sample.presence == Presence::alive);
+    add_fields(text, "tavistro_", stats_fields(), samples,
+               [](const Sample& sample) { return &*sample.stats; });
     // The monitor counts some of what the engine counts, but for as long as it watches.
-    text.fields(totals_fields(), "tavistro_monitor_", samples,
-                [](const Sample& sample) { return &sample.totals; });
-    return text.take();
+    add_fields(text, "tavistro_monitor_", totals_fields(), samples,
+               [](const Sample& sample) { return &sample.totals; });
+    return text;
 }
 
 }  // namespace tavistro::monitor

@@ -1,18 +1,12 @@
 #include "tools/readings/texts.h"
 
 #include <algorithm>
-#include <span>
 
 namespace tavistro::readings {
 
 namespace {
 
-struct Text {
-    std::uint32_t code;
-    std::string_view text;
-};
-
-constexpr Text states[] = {
+constexpr CodeText states[] = {
     {TAVISTRO_STATE_IDLE, "Idle"},
     {TAVISTRO_STATE_STARTING, "Starting"},
     {TAVISTRO_STATE_CONNECTED, "Connected"},
@@ -23,13 +17,13 @@ constexpr Text states[] = {
     {TAVISTRO_STATE_FAILED, "Failed"},
 };
 
-constexpr Text levels[] = {
+constexpr CodeText levels[] = {
     {TAVISTRO_LEVEL_NONE, "none"},       {TAVISTRO_LEVEL_HEALTHY, "healthy"},
     {TAVISTRO_LEVEL_WARNING, "warning"}, {TAVISTRO_LEVEL_PENDING, "pending"},
     {TAVISTRO_LEVEL_ERROR, "error"},
 };
 
-constexpr Text categories[] = {
+constexpr CodeText categories[] = {
     {TAVISTRO_CATEGORY_ENGINE, "engine"},
     {TAVISTRO_CATEGORY_NETWORK, "network"},
     {TAVISTRO_CATEGORY_DEVICE_STALL, "device stall"},
@@ -45,7 +39,7 @@ constexpr Text categories[] = {
     {TAVISTRO_CATEGORY_COMPATIBILITY, "compatibility"},
 };
 
-constexpr Text event_kinds[] = {
+constexpr CodeText event_kinds[] = {
     {TAVISTRO_EVENT_RECOVERY_REQUESTED, "recovery requested"},
     {TAVISTRO_EVENT_ATTEMPT_STARTED, "attempt started"},
     {TAVISTRO_EVENT_ATTEMPT_FAILED, "attempt failed"},
@@ -53,7 +47,7 @@ constexpr Text event_kinds[] = {
     {TAVISTRO_EVENT_GAVE_UP, "gave up"},
 };
 
-constexpr Text errors[] = {
+constexpr CodeText errors[] = {
     {TAVISTRO_ERROR_NONE, "none"},
     {TAVISTRO_ERROR_NO_CONFIG_PATH, "no configuration path"},
     {TAVISTRO_ERROR_ALREADY_STARTED, "already started"},
@@ -67,7 +61,7 @@ constexpr Text errors[] = {
     {TAVISTRO_ERROR_SERVER_INCOMPATIBLE, "server incompatible"},
 };
 
-constexpr Text advice[] = {
+constexpr CodeText advice[] = {
     {TAVISTRO_ERROR_NO_CONFIG_PATH, "Name a configuration file."},
     {TAVISTRO_ERROR_CLIENT_START_FAILED,
      "Is the server running, are server_ip and server_port right, and does a firewall let UDP "
@@ -81,7 +75,7 @@ constexpr Text advice[] = {
     {TAVISTRO_ERROR_SERVER_INCOMPATIBLE, "Server and engine must speak the same protocol version."},
 };
 
-constexpr Text messages[] = {
+constexpr CodeText messages[] = {
     {TAVISTRO_MESSAGE_NONE, "none"},
     {TAVISTRO_MESSAGE_NO_CONFIG_PATH, "No configuration path was given"},
     {TAVISTRO_MESSAGE_ALREADY_STARTED, "A run was started already and not stopped yet"},
@@ -140,31 +134,31 @@ constexpr Text messages[] = {
     {TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE, "The server is not compatible with this engine"},
 };
 
-std::string_view find_text(std::span<const Text> table, std::uint32_t code,
-                           std::string_view otherwise = "unknown") {
-    const auto found = std::ranges::find(table, code, &Text::code);
+}  // namespace
+
+std::string_view text_of(std::span<const CodeText> table, std::int64_t code,
+                         std::string_view otherwise) {
+    const auto found = std::ranges::find(table, code, &CodeText::code);
     return found == table.end() ? otherwise : found->text;
 }
 
-}  // namespace
-
 std::string_view state_text(std::uint32_t state) {
-    return find_text(states, state);
+    return text_of(states, state);
 }
 std::string_view level_text(std::uint32_t level) {
-    return find_text(levels, level);
+    return text_of(levels, level);
 }
 std::string_view category_text(std::uint32_t category) {
-    return find_text(categories, category);
+    return text_of(categories, category);
 }
 std::string_view event_kind_text(std::uint32_t kind) {
-    return find_text(event_kinds, kind);
+    return text_of(event_kinds, kind);
 }
 std::string_view error_text(std::uint32_t error) {
-    return find_text(errors, error);
+    return text_of(errors, error);
 }
 std::string_view message_text(std::uint32_t message) {
-    return find_text(messages, message);
+    return text_of(messages, message);
 }
 
 std::string failure_text(const tavistro_engine_state& state, std::string_view config_path) {
@@ -172,7 +166,7 @@ std::string failure_text(const tavistro_engine_state& state, std::string_view co
     if (state.error_code == TAVISTRO_ERROR_CONFIG_INVALID) {
         return text.append(". For the reason run: tavistro-host check ").append(config_path);
     }
-    const std::string_view hint = find_text(advice, state.error_code, "");
+    const std::string_view hint = text_of(advice, state.error_code, "");
     return hint.empty() ? text + '.' : text.append(". ").append(hint);
 }
 

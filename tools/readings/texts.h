@@ -1,7 +1,8 @@
-// What this host says to people for the numbers that the engine reports.
+// What the tools say to people for the numbers that an engine reports.
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -9,7 +10,15 @@
 
 namespace tavistro::readings {
 
-/// Each returns "unknown" for a code that this host does not know.
+struct CodeText {
+    std::int64_t code;
+    std::string_view text;
+};
+/// `otherwise` for a code that is not in the table.
+std::string_view text_of(std::span<const CodeText> table, std::int64_t code,
+                         std::string_view otherwise = "unknown");
+
+/// Each returns "unknown" for a code that it does not know.
 std::string_view state_text(std::uint32_t state);
 std::string_view level_text(std::uint32_t level);
 std::string_view category_text(std::uint32_t category);

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <tuple>
 
 #include "support/scripted_server.h"
-#include "tools/host/server_survey.h"
-#include "tools/host/servers_command.h"
+#include "tools/host/commands.h"
+#include "tools/host/json_lines.h"
 
 namespace tavistro::host {
 namespace {
@@ -55,23 +54,31 @@ TEST(ServerSurvey, ListsEveryServerOnceNearestFirstWhateverItSpeaks) {
 
 TEST(ServersCommand, ListsWhoAnswersOnThisHostAndSaysWhoWasAskedWhenNobodyDoes) {
     std::optional<test::ScriptedServer> server(std::in_place);
-    const std::uint16_t port = server->port();
+    const std::string port = std::to_string(server->port());
+    const ServersOptions options{.timeout_ms = 500, .port = server->port()};
     std::ostringstream out;
     std::ostringstream errors;
-    // A loaded machine may need several tries.
-    for (int tries = 0; tries < 10 && out.str().empty(); ++tries)
-        list_servers({.timeout_ms = 500, .port = port, .json = true}, out, errors);
+    EXPECT_EQ(list_servers(options, false, out, errors), 0) << errors.str();
+    std::string line = "127.0.0.1:" + port;
+    line.append(23 - line.size(), ' ').append("this host        protocol 5  compatible    ");
+    EXPECT_TRUE(out.str().starts_with(line)) << out.str();
+    out.str("");
+    EXPECT_EQ(list_servers(options, true, out, errors), 0) << errors.str();
+    EXPECT_TRUE(out.str().starts_with(
+        R"({"type":"server","address":"127.0.0.1","port":)" + port +
+        R"(,"address_class":0,"address_class_text":"this host","protocol_version":5,)"
+        R"("compatible":true,"rtt_us":)"))
+        << out.str();
     server.reset();
-    const auto line = nlohmann::json::parse(out.str());
-    EXPECT_EQ(line["address"], "127.0.0.1");
-    EXPECT_EQ(line["port"], port);
-    EXPECT_EQ(line["address_class"]["text"], "this host");
-    EXPECT_EQ(line["compatible"], true);
 
-    errors.str("");
-    EXPECT_EQ(list_servers({.timeout_ms = 1, .address = localhost, .port = port}, out, errors), 1);
-    EXPECT_EQ(errors.str(),
-              "no server answered within 1 ms; asked: 127.0.0.1:" + std::to_string(port) + "\n");
+    EXPECT_EQ(list_servers({1, localhost, options.port}, false, out, errors), 1);
+    EXPECT_EQ(list_servers({1, {}, options.port}, false, out, errors), 1);
+    const std::string told = "no server answered within 1 ms; asked: 127.0.0.1:" + port;
+    EXPECT_TRUE(errors.str().starts_with(told + "\n" + told + " and 255.255.255.255:" + port))
+        << errors.str();
+    AnsweringServer far{};
+    far.round_trip_ns = 1'234'567;
+    EXPECT_TRUE(json_line(far).ends_with(R"("rtt_us":1234})"));
 }
 
 }  // namespace
