@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <istream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "tools/monitor/totals_fields.h"
@@ -24,23 +24,16 @@ using readings::Json;
 using readings::number;
 using readings::stats_fields;
 
-constexpr std::pair<Presence, const char*> presence_names[] = {
-    {Presence::absent, "absent"},
-    {Presence::alive, "alive"},
-    {Presence::silent, "silent"},
-    {Presence::ended, "ended"},
-};
+constexpr std::string_view presence_names[] = {"absent", "alive", "silent", "ended"};
 
-const char* name_of(Presence presence) {
-    return std::ranges::find(presence_names, presence, [](const auto& p) { return p.first; })
-        ->second;
+std::string_view name_of(Presence presence) {
+    return presence_names[static_cast<std::size_t>(presence)];
 }
 
 Presence presence_from(const std::string& name) {
-    const auto* const found =
-        std::ranges::find(presence_names, name, [](const auto& p) { return p.second; });
+    const auto* const found = std::ranges::find(presence_names, name);
     if (found == std::end(presence_names)) throw std::runtime_error("unknown presence " + name);
-    return found->first;
+    return static_cast<Presence>(found - presence_names);
 }
 
 Json object_of(const void* record, std::span<const Field> fields) {
@@ -102,14 +95,9 @@ void add_values(std::string& row, const void* record, std::span<const Field> fie
     }
 }
 
-template <typename... Values>
-void add(std::string& text, fmt::format_string<Values...> format, Values&&... values) {
-    fmt::format_to(std::back_inserter(text), format, std::forward<Values>(values)...);
-}
-
 void add_family(std::string& text, std::string_view name, FieldKind kind, std::string_view help) {
-    add(text, "# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
-        kind == FieldKind::counter ? "counter" : "gauge");
+    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
+                        kind == FieldKind::counter ? "counter" : "gauge");
 }
 
 /// Buckets that include those below, as histogram_quantile() wants them.
@@ -119,8 +107,8 @@ void add_buckets(std::string& text, std::string_view name, std::uint32_t client_
     for (std::size_t i = 0; i < counts.size(); ++i) {
         const bool last = i + 1 == counts.size();
         sum += counts[i];
-        add(text, "{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
-            last ? "+Inf" : fmt::to_string(readings::histogram_bounds_us[i]), sum);
+        text += fmt::format("{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
+                            last ? "+Inf" : fmt::to_string(readings::histogram_bounds_us[i]), sum);
     }
 }
 
@@ -142,8 +130,8 @@ void add_fields(std::string& text, std::string_view prefix, std::span<const Fiel
             if (is_histogram) {
                 add_buckets(text, name, sample.client_id, histogram(record, field));
             } else {
-                add(text, "{}{{client_id=\"{}\"}} {}\n", name, sample.client_id,
-                    text_of(number(record, field)));
+                text += fmt::format("{}{{client_id=\"{}\"}} {}\n", name, sample.client_id,
+                                    text_of(number(record, field)));
             }
         }
     }
@@ -232,8 +220,8 @@ std::string to_prometheus(std::span<const Sample> samples) {
     add_family(text, "tavistro_up", FieldKind::gauge,
                "Whether an engine of this client_id is running");
     for (const Sample& sample : samples)
-        add(text, "tavistro_up{{client_id=\"{}\"}} {:d}\n", sample.client_id,
-            sample.presence == Presence::alive);
+        text += fmt::format("tavistro_up{{client_id=\"{}\"}} {}\n", sample.client_id,
+                            sample.presence == Presence::alive ? 1 : 0);
     add_fields(text, "tavistro_", stats_fields(), samples,
                [](const Sample& sample) { return &*sample.stats; });
     // The monitor counts some of what the engine counts, but for as long as it watches.

@@ -1,43 +1,34 @@
 #include "tools/readings/texts.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace tavistro::readings {
 
 namespace {
 
-constexpr CodeText states[] = {
-    {TAVISTRO_STATE_IDLE, "Idle"},
-    {TAVISTRO_STATE_STARTING, "Starting"},
-    {TAVISTRO_STATE_CONNECTED, "Connected"},
-    {TAVISTRO_STATE_RUNNING, "Running"},
-    {TAVISTRO_STATE_RESTARTING, "Restarting"},
-    {TAVISTRO_STATE_STOPPING, "Stopping"},
-    {TAVISTRO_STATE_STOPPED, "Stopped"},
-    {TAVISTRO_STATE_FAILED, "Failed"},
-};
+// By their codes, which count from 0.
+constexpr std::string_view states[] = {"Idle",       "Starting", "Connected", "Running",
+                                       "Restarting", "Stopping", "Stopped",   "Failed"};
+static_assert(std::size(states) == TAVISTRO_STATE_FAILED + 1);
 
-constexpr CodeText levels[] = {
-    {TAVISTRO_LEVEL_NONE, "none"},       {TAVISTRO_LEVEL_HEALTHY, "healthy"},
-    {TAVISTRO_LEVEL_WARNING, "warning"}, {TAVISTRO_LEVEL_PENDING, "pending"},
-    {TAVISTRO_LEVEL_ERROR, "error"},
-};
+constexpr std::string_view levels[] = {"none", "healthy", "warning", "pending", "error"};
+static_assert(std::size(levels) == TAVISTRO_LEVEL_ERROR + 1);
 
-constexpr CodeText categories[] = {
-    {TAVISTRO_CATEGORY_ENGINE, "engine"},
-    {TAVISTRO_CATEGORY_NETWORK, "network"},
-    {TAVISTRO_CATEGORY_DEVICE_STALL, "device stall"},
-    {TAVISTRO_CATEGORY_SAMPLE_RATE_MISMATCH, "sample rate mismatch"},
-    {TAVISTRO_CATEGORY_BLOCK_SIZE_MISMATCH, "block size mismatch"},
-    {TAVISTRO_CATEGORY_UNDERRUN, "underrun"},
-    {TAVISTRO_CATEGORY_OVERRUN, "overrun"},
-    {TAVISTRO_CATEGORY_CAPTURE_DROP, "capture drop"},
-    {TAVISTRO_CATEGORY_PLAYBACK_DROP, "playback drop"},
-    {TAVISTRO_CATEGORY_AUDIO_DEVICE, "audio device"},
-    {TAVISTRO_CATEGORY_DEVICE_RESET, "device reset"},
-    {TAVISTRO_CATEGORY_OUTPUT_READY_FAILURE, "output-ready failure"},
-    {TAVISTRO_CATEGORY_COMPATIBILITY, "compatibility"},
-};
+constexpr std::string_view categories[] = {"engine",
+                                           "network",
+                                           "device stall",
+                                           "sample rate mismatch",
+                                           "block size mismatch",
+                                           "underrun",
+                                           "overrun",
+                                           "capture drop",
+                                           "playback drop",
+                                           "audio device",
+                                           "device reset",
+                                           "output-ready failure",
+                                           "compatibility"};
+static_assert(std::size(categories) == TAVISTRO_CATEGORY_COMPATIBILITY + 1);
 
 constexpr CodeText event_kinds[] = {
     {TAVISTRO_EVENT_RECOVERY_REQUESTED, "recovery requested"},
@@ -134,6 +125,10 @@ constexpr CodeText messages[] = {
     {TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE, "The server is not compatible with this engine"},
 };
 
+std::string_view text_at(std::span<const std::string_view> texts, std::uint32_t code) {
+    return code < texts.size() ? texts[code] : "unknown";
+}
+
 }  // namespace
 
 std::string_view text_of(std::span<const CodeText> table, std::int64_t code,
@@ -143,13 +138,13 @@ std::string_view text_of(std::span<const CodeText> table, std::int64_t code,
 }
 
 std::string_view state_text(std::uint32_t state) {
-    return text_of(states, state);
+    return text_at(states, state);
 }
 std::string_view level_text(std::uint32_t level) {
-    return text_of(levels, level);
+    return text_at(levels, level);
 }
 std::string_view category_text(std::uint32_t category) {
-    return text_of(categories, category);
+    return text_at(categories, category);
 }
 std::string_view event_kind_text(std::uint32_t kind) {
     return text_of(event_kinds, kind);
