@@ -237,9 +237,9 @@ TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {
          {"line 1: 'server_port' has no effect above every section: it belongs in [network]",
           "line 2: unknown key 'zzzzzzzz' above every section"}},
         {"[NETWORK]\nserver_port=1\n[Socket]\n# "
-         "x=1\n[a]\nclient=1\n[protocol]\nannounce_period=1\n",
+         "x=1\n[a]\nclient=1\n[protocol]\nannounce__period_mss=1\n",
          {"line 5: unknown section [a]: its keys are ignored",
-          "line 8: unknown key 'announce_period' in [protocol]: did you mean "
+          "line 8: unknown key 'announce__period_mss' in [protocol]: did you mean "
           "'announce_period_ms'?"}},
         {"[netwrok]\nserver_ip=\nother=\n[elsewhere]\nother=\n",
          {"line 1: unknown section [netwrok]: did you mean [network]?",

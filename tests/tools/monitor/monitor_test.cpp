@@ -104,7 +104,12 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
     EXPECT_EQ(std::stod(columns["total_clock_uncertainty_ppm"]),
               sample.totals.clock_uncertainty_ppm);
 
-    const std::string metrics = to_prometheus(std::vector{sample, Sample{.client_id = 4}});
+    EXPECT_TRUE(csv_row({.time_ms = 1, .client_id = 4}).starts_with("1,absent,0,0,0,4,"));
+
+    Sample ended = sample;
+    ended.client_id = 4;
+    ended.presence = Presence::ended;
+    const std::string metrics = to_prometheus(std::vector{sample, ended});
     const std::string replaced = std::to_string(sample.totals.replaced.count);
     for (const std::string& line : std::initializer_list<std::string>{
              "tavistro_up{client_id=\"3\"} 1\n", "tavistro_up{client_id=\"4\"} 0\n",
