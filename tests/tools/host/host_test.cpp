@@ -46,12 +46,12 @@ TEST(ReadSpeed, IsTheMeasuredRatioWithTheCorrectionOfTheFillWithinBounds) {
     stats.ratio_ppm = -20;
     EXPECT_EQ(read_speed_ppm(stats), 0) << "no stream yet";
     stats.target_frames = 100;
-    EXPECT_EQ(read_speed_ppm(stats), -20 - 350);
+    EXPECT_NEAR(read_speed_ppm(stats), -20 - 350, 1e-6);
     stats.min_frames = 100;
     stats.max_frames = 200;
-    EXPECT_EQ(read_speed_ppm(stats), -20 + 350 * 0.5);
+    EXPECT_NEAR(read_speed_ppm(stats), -20 + 350 * 0.5, 1e-6);
     stats.max_frames = 3000;
-    EXPECT_EQ(read_speed_ppm(stats), 4500);
+    EXPECT_NEAR(read_speed_ppm(stats), 4500, 1e-6);
 }
 
 TEST(EventFollower, ShowsEveryEventOnceAndCountsThoseThatWereMissed) {
