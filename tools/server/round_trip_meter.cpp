@@ -6,70 +6,42 @@
 #include <cmath>
 #include <utility>
 
+#include "tools/server/correlation.h"
+
 namespace tavistro::server {
 
 namespace {
 
 constexpr std::size_t max_lag_blocks = 300;
 constexpr std::size_t max_lag_seconds = 2;
-/// The first search runs on averages of this many frames, the second around its best lags.
-constexpr std::size_t decimation = 8;
-constexpr std::size_t fine_reach = 2 * decimation;
-/// Averages between two lags can make a shift by one period of a note look better than the truth:
-/// the best few are looked at closely.
-constexpr std::size_t candidate_count = 4;
-/// A known lag is looked for nearby first; below this it is searched from scratch.
-constexpr double trusted_correlation = 0.9;
 constexpr double least_correlation = 0.3;
-/// A resampler at work moves the lag by some frames a second: likeness is judged in shorter pieces.
+/// Lags whose correlations differ by less are equally good: those of a steady tone.
+constexpr double equal_correlation = 1e-9;
+/// A resampler at work moves the lag by some frames a second: likeness is judged in shorter pieces,
+/// each at the best lag within this reach.
 constexpr std::size_t likeness_pieces = 16;
-/// Less than this is silence and the rounding of sums.
-constexpr double least_energy = 1e-9;
+constexpr std::size_t likeness_reach_frames = 16;
 
 bool is_silent(std::span<const float> samples) {
-    return std::all_of(samples.begin(), samples.end(), [](float s) { return s == 0.0F; });
+    return std::ranges::all_of(samples, [](float sample) { return sample == 0.0F; });
 }
 
 bool bit_equal(std::span<const float> a, std::span<const float> b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](float x, float y) {
+    return std::ranges::equal(a, b, [](float x, float y) {
         return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y);
     });
 }
 
-double squared(float sample) {
-    return static_cast<double>(sample) * static_cast<double>(sample);
-}
-
-double energy(std::span<const float> samples) {
-    double sum = 0;
-    for (const float s : samples)
-        sum += squared(s);
-    return sum;
-}
-
-double product(std::span<const float> a, std::span<const float> b) {
-    double sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        sum += static_cast<double>(a[i]) * static_cast<double>(b[i]);
-    }
-    return sum;
-}
-
-/// 0 when either side is silent.
-double correlation(std::span<const float> a, std::span<const float> b) {
-    const double norm = std::sqrt(energy(a) * energy(b));
-    return norm > 0 ? product(a, b) / norm : 0.0;
-}
-
-std::vector<float> averages(std::span<const float> samples) {
-    std::vector<float> means(samples.size() / decimation);
-    for (std::size_t i = 0; i < means.size(); ++i) {
-        float sum = 0;
-        for (const float s : samples.subspan(i * decimation, decimation))
-            sum += s;
-        means[i] = sum / decimation;
-    }
-    return means;
+/// The highest value between the entries: the top of the parabola through the best of them and its
+/// neighbours.
+double peak(std::span<const double> values) {
+    const auto best = std::ranges::max_element(values);
+    if (best == values.begin() || best + 1 == values.end()) return *best;
+    const double before = *(best - 1);
+    const double after = *(best + 1);
+    const double curvature = before - 2 * *best + after;
+    if (!(curvature < 0)) return *best;
+    return std::min(1.0, *best - (before - after) * (before - after) / (8 * curvature));
 }
 
 }  // namespace
@@ -108,7 +80,8 @@ RoundTripReport RoundTripMeter::report() const {
     RoundTripReport report = totals_;
     if (correlations_.empty()) return report;
     std::vector<double> sorted = correlations_;
-    std::sort(sorted.begin(), sorted.end());
+    std::ranges::sort(sorted);
+    report.windows = sorted.size();
     report.correlation_min = sorted.front();
     report.correlation_median = sorted[sorted.size() / 2];
     report.correlation_max = sorted.back();
@@ -125,108 +98,35 @@ void RoundTripMeter::measure() {
     totals_.compared_blocks += counts.compared;
     // Where the sound begins within the window, what is missing before is no loss of likeness.
     const bool begins = !std::exchange(heard_, true) && counts.silent > 0;
-    if (begins) return;
-    correlations_.push_back(likeness(*lag));
-    ++totals_.windows;
+    if (!begins) correlations_.push_back(likeness(*lag));
 }
 
 std::optional<std::size_t> RoundTripMeter::find_lag() const {
     if (is_silent(returned_)) return {};
-    if (known_lag_) {
-        const std::size_t first = *known_lag_ - std::min(*known_lag_, fine_reach);
-        const std::size_t nearby = best_lag_between(first, *known_lag_ + fine_reach);
-        if (correlation_at(nearby) >= trusted_correlation) return nearby;
-    }
-    std::optional<std::size_t> best;
-    double best_correlation = least_correlation;
-    for (const std::size_t candidate : coarse_lags()) {
-        const std::size_t lag =
-            best_lag_between(candidate - std::min(candidate, fine_reach), candidate + fine_reach);
-        const double at_lag = correlation_at(lag);
-        if (at_lag <= best_correlation) continue;
-        best_correlation = at_lag;
-        best = lag;
-    }
-    return best;
-}
-
-std::vector<std::size_t> RoundTripMeter::coarse_lags() const {
-    // The window must begin on a border of the averages on both sides.
-    const std::vector<float> sent = averages(std::span(sent_).subspan(max_lag_ % decimation));
-    const std::vector<float> returned = averages(returned_);
-    const std::size_t lags = max_lag_ / decimation;
-    // The returned side's energy is the same for every lag, so the scores leave it out; the sent
-    // side's follows the window as it slides back. Lag i stands at i + 1, between two borders.
-    std::vector<double> scores(lags + 3, 0.0);
-    double sent_energy = energy(std::span(sent).subspan(lags, returned.size()));
-    for (std::size_t lag = 0; lag <= lags; ++lag) {
-        const std::size_t start = lags - lag;
-        if (lag > 0) sent_energy += squared(sent[start]) - squared(sent[start + returned.size()]);
-        if (sent_energy < least_energy) continue;
-        const auto window = std::span<const float>(sent).subspan(start, returned.size());
-        scores[lag + 1] = product(returned, window) / std::sqrt(sent_energy);
-    }
-    std::vector<std::size_t> peaks;
-    for (std::size_t i = 1; i <= lags + 1; ++i) {
-        if (scores[i] > scores[i - 1] && scores[i] >= scores[i + 1]) peaks.push_back(i);
-    }
-    const std::size_t count = std::min(peaks.size(), candidate_count);
-    std::partial_sort(peaks.begin(), peaks.begin() + static_cast<std::ptrdiff_t>(count),
-                      peaks.end(),
-                      [&](std::size_t a, std::size_t b) { return scores[a] > scores[b]; });
-    peaks.resize(count);
-    for (std::size_t& peak : peaks)
-        peak = (peak - 1) * decimation;
-    return peaks;
-}
-
-std::size_t RoundTripMeter::best_lag_between(std::size_t first, std::size_t last) const {
-    std::size_t best = first;
-    double best_correlation = -2;
-    for (std::size_t lag = first; lag <= std::min(last, max_lag_); ++lag) {
-        const double at_lag = correlation_at(lag);
-        if (at_lag <= best_correlation) continue;
-        best_correlation = at_lag;
-        best = lag;
-    }
-    return best;
-}
-
-double RoundTripMeter::correlation_at(std::size_t lag) const {
-    return correlation_at(lag, 0, window_);
-}
-
-double RoundTripMeter::correlation_at(std::size_t lag, std::size_t start, std::size_t count) const {
-    return correlation(std::span(returned_).subspan(start, count),
-                       std::span(sent_).subspan(max_lag_ - lag + start, count));
+    std::vector<double> by_lag = correlation(returned_, sent_);
+    std::ranges::reverse(by_lag);  // the latest stretch has the shortest lag
+    const double best = *std::ranges::max_element(by_lag);
+    if (best < least_correlation) return {};
+    const auto is_best = [&](double value) { return value > best - equal_correlation; };
+    if (known_lag_ && is_best(by_lag[*known_lag_])) return known_lag_;
+    return static_cast<std::size_t>(std::ranges::find_if(by_lag, is_best) - by_lag.begin());
 }
 
 double RoundTripMeter::likeness(std::size_t lag) const {
     const std::size_t count = window_ / likeness_pieces;
+    const std::size_t longest = std::min(lag + likeness_reach_frames, max_lag_);
+    const std::size_t shortest = lag - std::min(lag, likeness_reach_frames);
     double weights = 0;
     double sum = 0;
     for (std::size_t start = 0; start + count <= window_; start += count) {
-        const double weight = energy(std::span(returned_).subspan(start, count));
+        const auto piece = std::span(returned_).subspan(start, count);
+        const double weight = energy(piece);
+        const auto nearby =
+            std::span(sent_).subspan(max_lag_ + start - longest, count + longest - shortest);
         weights += weight;
-        if (weight > 0) sum += weight * peak_correlation(lag, start, count);
+        sum += weight * peak(correlation(piece, nearby));
     }
     return weights > 0 ? sum / weights : 0.0;
-}
-
-double RoundTripMeter::peak_correlation(std::size_t lag, std::size_t start,
-                                        std::size_t count) const {
-    const std::size_t first = lag - std::min(lag, fine_reach);
-    const std::size_t last = std::min(lag + fine_reach, max_lag_);
-    std::vector<double> scores;
-    for (std::size_t at = first; at <= last; ++at)
-        scores.push_back(correlation_at(at, start, count));
-    const auto best = std::max_element(scores.begin(), scores.end());
-    if (best == scores.begin() || best + 1 == scores.end()) return *best;
-    const double before = *(best - 1);
-    const double after = *(best + 1);
-    const double curvature = before - 2 * *best + after;
-    if (!(curvature < 0)) return *best;
-    return std::min(1.0, *best - (before - after) * (before - after) / (8 * curvature));
 }
 
 RoundTripMeter::BlockCounts RoundTripMeter::compare_blocks(std::size_t lag) const {

@@ -25,7 +25,7 @@ struct RoundTripReport {
 
 /// Compares two channels of one timeline block by block. A window is measured for itself, so that a
 /// lag that moves slowly does no harm. Lags reach 300 blocks or two seconds, whichever is less.
-/// A search costs some ten million operations once a second: not for the block clock's thread.
+/// A window costs some ten million operations once a second: not for the block clock's thread.
 /// Not thread-safe.
 class RoundTripMeter {
   public:
@@ -44,16 +44,8 @@ class RoundTripMeter {
   private:
     void measure();
     std::optional<std::size_t> find_lag() const;
-    /// The most likely lags, the best first, to a few frames.
-    std::vector<std::size_t> coarse_lags() const;
-    std::size_t best_lag_between(std::size_t first, std::size_t last) const;
-    double correlation_at(std::size_t lag) const;
-    double correlation_at(std::size_t lag, std::size_t start, std::size_t count) const;
     /// Mean correlation of the window's pieces, each at its own lag near `lag`, by their energy.
     double likeness(std::size_t lag) const;
-    /// Of a piece of the window at its own lag, which may lie between two frames: the top of the
-    /// parabola through the best correlation and its neighbours.
-    double peak_correlation(std::size_t lag, std::size_t start, std::size_t count) const;
     /// Counts of the window's blocks at a lag.
     struct BlockCounts {
         std::uint64_t exact = 0;
