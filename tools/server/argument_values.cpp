@@ -1,21 +1,11 @@
 #include "tools/server/argument_values.h"
 
-#include <charconv>
 #include <string>
 #include <utility>
 
 namespace tavistro::server {
 
 namespace {
-
-template <typename Number>
-std::optional<Number> parse_number(std::string_view text) {
-    Number number{};
-    const char* const end = text.data() + text.size();
-    const auto [stopped_at, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc{} || stopped_at != end) return {};
-    return number;
-}
 
 std::optional<std::uint32_t> parse_channel(std::string_view text) {
     const auto channel = parse_number<std::uint32_t>(text);
@@ -91,16 +81,6 @@ std::optional<MeasureOptions> parse_measure(std::string_view text) {
     const auto returned = parse_channel(parts->second);
     if (!sent || !returned) return {};
     return MeasureOptions{*sent, *returned};
-}
-
-std::optional<StreamFormat> parse_format(std::string_view text) {
-    const auto parts = split(text, '/');
-    if (!parts) return {};
-    const auto rate = parse_number<std::uint32_t>(parts->first);
-    const auto frames = parse_number<std::uint16_t>(parts->second);
-    if (!rate || !frames) return {};
-    const StreamFormat format{*rate, *frames};
-    return format.is_valid() ? std::optional(format) : std::nullopt;
 }
 
 }  // namespace tavistro::server

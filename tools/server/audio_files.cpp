@@ -18,12 +18,8 @@ constexpr std::size_t most_samples = std::size_t{1} << 28;
 
 class FileSource final : public Source {
   public:
-    FileSource(std::uint32_t first_channel, std::size_t channels, std::uint32_t sample_rate,
-               std::vector<float> samples)
-        : first_channel_(first_channel),
-          channels_(channels),
-          sample_rate_(sample_rate),
-          samples_(std::move(samples)) {}
+    FileSource(std::uint32_t first_channel, std::size_t channels, std::vector<float> samples)
+        : first_channel_(first_channel), channels_(channels), samples_(std::move(samples)) {}
 
     void mix(MixBus& bus) override {
         for (std::size_t frame = 0; frame < bus.frames(); ++frame) {
@@ -34,12 +30,11 @@ class FileSource final : public Source {
         }
     }
 
-    bool change_rate(std::uint32_t sample_rate) override { return sample_rate == sample_rate_; }
+    void change_rate(std::uint32_t) override {}
 
   private:
     std::uint32_t first_channel_;
     std::size_t channels_;
-    std::uint32_t sample_rate_;
     std::vector<float> samples_;  ///< interleaved, as in the file
     std::size_t position_ = 0;
 };
@@ -70,8 +65,7 @@ Outcome<std::unique_ptr<Source>> make_file_source(const PlayOptions& options,
     const sf_count_t read = file.readf(samples.data(), file.frames());
     if (read <= 0) return {.error = "cannot read " + options.path + ": " + file.strError()};
     samples.resize(static_cast<std::size_t>(read) * channels);
-    return {.value = std::make_unique<FileSource>(options.channel, channels, sample_rate,
-                                                  std::move(samples))};
+    return {.value = std::make_unique<FileSource>(options.channel, channels, std::move(samples))};
 }
 
 Recorder::Recorder(const RecordOptions& options, std::uint32_t sample_rate)

@@ -57,19 +57,11 @@ void BusObserver::push(std::uint64_t block_index, const StreamFormat& format, co
     arrived_.notify_one();
 }
 
-std::vector<MeasureSnapshot> BusObserver::measures() const {
+void BusObserver::add_to(ServerSnapshot& snapshot) const {
     const std::lock_guard lock(mutex_);
-    return measures_;
-}
-
-std::uint64_t BusObserver::blocks_left_out() const {
-    const std::lock_guard lock(mutex_);
-    return left_out_;
-}
-
-std::string BusObserver::recording_error() const {
-    const std::lock_guard lock(mutex_);
-    return recording_error_;
+    snapshot.measures = measures_;
+    snapshot.unobserved_blocks = left_out_;
+    snapshot.recording_error = recording_error_;
 }
 
 void BusObserver::run() {

@@ -33,10 +33,8 @@ class BusObserver {
     /// waiting is left out and counted.
     void push(std::uint64_t block_index, const StreamFormat& format, const MixBus& bus);
 
-    /// Any thread.
-    std::vector<MeasureSnapshot> measures() const;
-    std::uint64_t blocks_left_out() const;
-    std::string recording_error() const;
+    /// What was measured and left out, and what failed. Any thread.
+    void add_to(ServerSnapshot& snapshot) const;
 
   private:
     struct ObservedBlock {

@@ -35,7 +35,7 @@ bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce
     if (is_leave(announce)) {
         // A leave of an older session, overtaken by the next announce, means nothing.
         if (renews) {
-            ++counters_.left;
+            ++counters_.sessions_left;
             remove(known);
         }
         return true;
@@ -46,7 +46,7 @@ bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce
         return true;
     }
     if (known != clients_.end()) {
-        ++counters_.replaced;
+        ++counters_.sessions_replaced;
         remove(known);
     }
     ++counters_.sessions;
@@ -60,7 +60,7 @@ void ClientRegistry::drop_silent(std::uint64_t now_ms) {
             ++client;
             continue;
         }
-        ++counters_.timed_out;
+        ++counters_.sessions_timed_out;
         client = remove(client);
     }
 }
@@ -79,8 +79,15 @@ Client* ClientRegistry::find(const platform::Ipv4Endpoint& endpoint, std::uint32
     return found == clients_.end() ? nullptr : &*found;
 }
 
+InputCounters ClientRegistry::input_counters() const {
+    InputCounters sum = gone_input_;
+    for (const Client& client : clients_)
+        sum += client.input_counters();
+    return sum;
+}
+
 std::list<Client>::iterator ClientRegistry::remove(std::list<Client>::iterator client) {
-    counters_.gone_input += client->input_counters();
+    gone_input_ += client->input_counters();
     return clients_.erase(client);
 }
 

@@ -41,14 +41,6 @@ class ClientRegistry {
     /// Longer channel lists than twice the bus are nonsense.
     static constexpr std::size_t max_list_entries = 2 * bus_channel_count;
 
-    struct Counters {
-        std::uint64_t sessions = 0;  ///< every session begun
-        std::uint64_t replaced = 0;  ///< begun while an older one of the same client was known
-        std::uint64_t left = 0;
-        std::uint64_t timed_out = 0;
-        InputCounters gone_input;  ///< of the sessions that ended
-    };
-
     /// Registers, renews, replaces (another session or port) or, for the leave form of the present
     /// session, removes. Lists too long are refused: false.
     bool announce(const platform::Ipv4Endpoint& from, const TavistroProtocol::Announce& announce,
@@ -61,13 +53,16 @@ class ClientRegistry {
     Client* find(const platform::Ipv4Endpoint& endpoint, std::uint32_t client_id);
     std::list<Client>& clients() noexcept { return clients_; }
     const std::list<Client>& clients() const noexcept { return clients_; }
-    const Counters& counters() const noexcept { return counters_; }
+    const SessionCounters& counters() const noexcept { return counters_; }
+    /// Of all sessions, also those that ended.
+    InputCounters input_counters() const;
 
   private:
     std::list<Client>::iterator remove(std::list<Client>::iterator client);
 
     std::list<Client> clients_;
-    Counters counters_;
+    SessionCounters counters_;
+    InputCounters gone_input_;  ///< of the sessions that ended
 };
 
 }  // namespace tavistro::server

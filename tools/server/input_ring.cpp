@@ -29,18 +29,6 @@ void copy_rectangle(const AudioFragment& fragment, std::span<float> samples) {
 
 }  // namespace
 
-InputCounters& InputCounters::operator+=(const InputCounters& other) noexcept {
-    complete += other.complete;
-    incomplete += other.incomplete;
-    missing += other.missing;
-    late += other.late;
-    early += other.early;
-    mismatched += other.mismatched;
-    duplicates += other.duplicates;
-    gaps += other.gaps;
-    return *this;
-}
-
 void InputRing::accept(const AudioFragment& fragment, std::uint32_t next_sequence) {
     const StreamFormat format{fragment.sample_rate, fragment.frames};
     if (format != format_ || fragment.channels != channels_) {
@@ -56,33 +44,36 @@ void InputRing::accept(const AudioFragment& fragment, std::uint32_t next_sequenc
         count_block(counters_.early, last_early_, fragment.sequence);
         return;
     }
-    Slot& slot = slot_of(fragment.sequence);
-    // A slot of another block is left over from one that was skipped.
-    if (!slot.in_use || slot.sequence != fragment.sequence) open(slot, fragment);
-    if (slot.fragments.size() != fragment.count) {
+    Block& block = blocks_[fragment.sequence];
+    if (block.fragments.empty()) {
+        block.fragments.resize(fragment.count);
+        block.samples.resize(channels_ * format_.frames);
+    }
+    if (block.fragments.size() != fragment.count) {
         ++counters_.mismatched;
         return;
     }
-    if (slot.fragments[fragment.index]) {
+    if (block.fragments[fragment.index]) {
         ++counters_.duplicates;
         return;
     }
-    slot.fragments[fragment.index] = true;
-    ++slot.received;
-    copy_rectangle(fragment, slot.samples);
+    block.fragments[fragment.index] = true;
+    ++block.received;
+    copy_rectangle(fragment, block.samples);
 }
 
-std::span<const float> InputRing::take(std::uint32_t sequence) {
-    Slot& slot = slot_of(sequence);
-    if (!slot.in_use || slot.sequence != sequence) {
+std::vector<float> InputRing::take(std::uint32_t sequence) {
+    auto taken = blocks_.extract(sequence);
+    std::erase_if(blocks_,
+                  [sequence](const auto& block) { return is_newer(sequence, block.first); });
+    if (taken.empty()) {
         if (first_sequence_ && !is_newer(*first_sequence_, sequence)) ++counters_.missing;
         return {};
     }
-    ++(slot.received == slot.fragments.size() ? counters_.complete : counters_.incomplete);
-    std::swap(taken_, slot.samples);
-    recycle(slot);
-    if (channels_ != 0) count_gaps(std::span(taken_).first(format_.frames));
-    return taken_;
+    Block& block = taken.mapped();
+    ++(block.received == block.fragments.size() ? counters_.complete : counters_.incomplete);
+    if (channels_ != 0) count_gaps(std::span(block.samples).first(format_.frames));
+    return std::move(block.samples);
 }
 
 void InputRing::count_gaps(std::span<const float> channel) {
@@ -94,25 +85,6 @@ void InputRing::count_gaps(std::span<const float> channel) {
             ++*silent_frames_;
         }
     }
-}
-
-void InputRing::open(Slot& slot, const AudioFragment& fragment) {
-    if (slot.in_use) recycle(slot);
-    if (!spare_.empty()) {
-        slot.samples = std::move(spare_.back());
-        spare_.pop_back();
-    }
-    slot.in_use = true;
-    slot.sequence = fragment.sequence;
-    slot.received = 0;
-    slot.fragments.assign(fragment.count, false);
-    slot.samples.assign(channels_ * format_.frames, 0.0F);
-}
-
-void InputRing::recycle(Slot& slot) {
-    slot.in_use = false;
-    spare_.push_back(std::move(slot.samples));
-    slot.samples.clear();
 }
 
 }  // namespace tavistro::server

@@ -15,6 +15,7 @@ using TavistroProtocol::MessageType;
 
 namespace {
 
+constexpr std::uint64_t ns_per_us = 1'000;
 constexpr std::uint64_t ns_per_ms = 1'000'000;
 
 bool on_bus(std::int32_t channel) {
@@ -32,29 +33,48 @@ MixingSession::MixingSession(const Settings& settings, const SkewedClock& clock,
       sources_(std::move(sources)),
       bus_(settings.format.frames) {}
 
-MixingSession::Answer MixingSession::receive(std::span<const std::uint8_t> bytes,
-                                             const Ipv4Endpoint& from, const FaultOptions& faults,
-                                             std::uint64_t local_ns) {
+std::optional<TavistroProtocol::Datagram> MixingSession::receive(
+    std::span<const std::uint8_t> bytes, const Ipv4Endpoint& from, const FaultOptions& faults,
+    std::uint64_t local_ns) {
     const auto header = TavistroProtocol::decode_header(bytes);
-    if (!header) {
-        ++malformed_;
-        return {};
-    }
-    switch (header.message.type) {
+    switch (header ? header.message.type : MessageType{}) {
         case MessageType::Discover:
-            return answer_discover(bytes, faults);
+            if (const auto discover = TavistroProtocol::decode_discover(bytes)) {
+                return TavistroProtocol::encode_discover_reply(
+                    {.client_id = discover.message.client_id,
+                     .nonce = discover.message.nonce,
+                     .port = port_,
+                     .version = faults.reply_version});
+            }
+            break;
         case MessageType::Ping:
-            return answer_ping(bytes, local_ns);
+            if (const auto ping = TavistroProtocol::decode_ping(bytes)) {
+                return TavistroProtocol::encode_pong(
+                    {.client_id = ping.message.client_id,
+                     .nonce = ping.message.nonce,
+                     .t1_ns = ping.message.t1_ns,
+                     .t2_ns = clock_.to_server(local_ns),
+                     .t3_ns = clock_.to_server(platform::nanosecond_clock())});
+            }
+            break;
         case MessageType::Announce:
-            take_announce(bytes, from, local_ns);
-            return {};
+            if (const auto announce = TavistroProtocol::decode_announce(bytes);
+                announce &&
+                registry_.announce(from, announce.message, format(), local_ns / ns_per_ms)) {
+                return {};
+            }
+            break;
         case MessageType::Audio:
-            take_audio(bytes, from, header.message.client_id);
-            return {};
+            if (const auto fragment = TavistroProtocol::decode_audio(bytes)) {
+                take_audio(fragment.message, registry_.find(from, header.message.client_id));
+                return {};
+            }
+            break;
         default:
-            ++malformed_;
-            return {};
+            break;
     }
+    ++counters_.malformed;
+    return {};
 }
 
 std::uint64_t MixingSession::next_due_ns() const noexcept {
@@ -69,10 +89,11 @@ std::optional<BlockStamp> MixingSession::mix_due_block(const FaultOptions& fault
     if (due == 0) return {};
     if (due > max_late_blocks) {
         schedule_.advance(due - max_late_blocks);
-        blocks_skipped_ += due - max_late_blocks;
+        counters_.blocks_skipped += due - max_late_blocks;
     }
     const BlockStamp block = schedule_.next();
-    lateness_max_ns_ = std::max(lateness_max_ns_, now_ns - block.time_ns);
+    counters_.lateness_max_us =
+        std::max(counters_.lateness_max_us, (now_ns - block.time_ns) / ns_per_us);
     registry_.drop_silent(local_ns / ns_per_ms);
     mix(block);
     if (send) {
@@ -80,25 +101,19 @@ std::optional<BlockStamp> MixingSession::mix_due_block(const FaultOptions& fault
         for (Client& client : registry_.clients()) {
             if (!paused) send_sync(client, block, outbox);
             send_audio(client, block, outbox);
-            ++blocks_sent_;
+            ++counters_.blocks_sent;
         }
     }
     schedule_.advance();
     return block;
 }
 
-bool MixingSession::change_format(const StreamFormat& format) {
-    const std::uint32_t old_rate = schedule_.format().sample_rate;
-    for (auto source = sources_.begin(); source != sources_.end(); ++source) {
-        if ((*source)->change_rate(format.sample_rate)) continue;
-        for (auto undo = sources_.begin(); undo != source; ++undo)
-            (*undo)->change_rate(old_rate);
-        return false;
-    }
+void MixingSession::change_format(const StreamFormat& format) {
+    for (const auto& source : sources_)
+        source->change_rate(format.sample_rate);
     schedule_.change_format(format);
     bus_.resize(format.frames);
     registry_.change_format(format);
-    return true;
 }
 
 void MixingSession::adjust_clock(std::int64_t offset_ms, double drift_ppm, std::uint64_t local_ns) {
@@ -108,55 +123,12 @@ void MixingSession::adjust_clock(std::int64_t offset_ms, double drift_ppm, std::
     schedule_.move_to(schedule_.next().time_ns + clock_.to_server(local_ns) - before_ns);
 }
 
-MixingSession::Answer MixingSession::answer_discover(std::span<const std::uint8_t> bytes,
-                                                     const FaultOptions& faults) {
-    const auto discover = TavistroProtocol::decode_discover(bytes);
-    if (!discover) {
-        ++malformed_;
-        return {};
-    }
-    return TavistroProtocol::encode_discover_reply({.client_id = discover.message.client_id,
-                                                    .nonce = discover.message.nonce,
-                                                    .port = port_,
-                                                    .version = faults.reply_version,
-                                                    .capability = faults.reply_capability});
-}
-
-MixingSession::Answer MixingSession::answer_ping(std::span<const std::uint8_t> bytes,
-                                                 std::uint64_t local_ns) {
-    const auto ping = TavistroProtocol::decode_ping(bytes);
-    if (!ping) {
-        ++malformed_;
-        return {};
-    }
-    return TavistroProtocol::encode_pong({.client_id = ping.message.client_id,
-                                          .nonce = ping.message.nonce,
-                                          .t1_ns = ping.message.t1_ns,
-                                          .t2_ns = clock_.to_server(local_ns),
-                                          .t3_ns = clock_.to_server(platform::nanosecond_clock())});
-}
-
-void MixingSession::take_announce(std::span<const std::uint8_t> bytes, const Ipv4Endpoint& from,
-                                  std::uint64_t local_ns) {
-    const auto announce = TavistroProtocol::decode_announce(bytes);
-    const bool taken =
-        announce && registry_.announce(from, announce.message, format(), local_ns / ns_per_ms);
-    if (!taken) ++malformed_;
-}
-
-void MixingSession::take_audio(std::span<const std::uint8_t> bytes, const Ipv4Endpoint& from,
-                               std::uint32_t client_id) {
-    const auto fragment = TavistroProtocol::decode_audio(bytes);
-    if (!fragment) {
-        ++malformed_;
-        return;
-    }
-    Client* client = registry_.find(from, client_id);
+void MixingSession::take_audio(const TavistroProtocol::AudioFragment& fragment, Client* client) {
     if (client == nullptr) {
-        ++strangers_;
-        return;
+        ++counters_.strangers;
+    } else {
+        client->input.accept(fragment, schedule_.next().sequence);
     }
-    client->input.accept(fragment.message, schedule_.next().sequence);
 }
 
 void MixingSession::mix(const BlockStamp& block) {
@@ -166,21 +138,22 @@ void MixingSession::mix(const BlockStamp& block) {
     const std::size_t frames = bus_.frames();
     bool heard = false;
     for (Client& client : registry_.clients()) {
-        const std::span<const float> input = client.input.take(block.sequence);
+        const std::vector<float> input = client.input.take(block.sequence);
         if (input.empty()) continue;
         heard = heard || std::ranges::any_of(input, [](float sample) { return sample != 0.0F; });
         const std::vector<std::int32_t>& channels = client.announce.driver_inputs;
         for (std::size_t i = 0; i < channels.size(); ++i) {
             if (!on_bus(channels[i])) continue;
-            bus_.add(static_cast<std::size_t>(channels[i]), input.subspan(i * frames, frames));
+            bus_.add(static_cast<std::size_t>(channels[i]),
+                     std::span(input).subspan(i * frames, frames));
         }
     }
     if (!heard) return;
     // Counted in frames: the server's clock may have been set since.
     const std::uint64_t frame = block.frame_position;
     const std::uint64_t silent_frames = frame - last_heard_frame_.value_or(frame);
-    longest_silence_ms_ =
-        std::max(longest_silence_ms_, silent_frames * 1000 / format().sample_rate);
+    counters_.longest_silence_ms =
+        std::max(counters_.longest_silence_ms, silent_frames * 1000 / format().sample_rate);
     last_heard_frame_ = frame;
 }
 

@@ -12,6 +12,7 @@
 #include "tools/server/client_registry.h"
 #include "tools/server/delay_queue.h"
 #include "tools/server/mix_bus.h"
+#include "tools/server/server_counters.h"
 #include "tools/server/server_options.h"
 #include "tools/server/skewed_clock.h"
 #include "tools/server/sources.h"
@@ -49,8 +50,8 @@ class MixingSession {
                                             std::vector<RoutedDatagram>& outbox);
     static constexpr std::uint64_t max_late_blocks = 64;
 
-    /// From the next block on. False, with nothing changed, when a source cannot follow.
-    bool change_format(const StreamFormat& format);
+    /// From the next block on.
+    void change_format(const StreamFormat& format);
     /// Sets the server's clock; the rhythm of the blocks follows it without a jump.
     void adjust_clock(std::int64_t offset_ms, double drift_ppm, std::uint64_t local_ns);
 
@@ -58,23 +59,11 @@ class MixingSession {
     BlockStamp next_block() const noexcept { return schedule_.next(); }
     const MixBus& bus() const noexcept { return bus_; }
     const ClientRegistry& registry() const noexcept { return registry_; }
-    std::uint64_t blocks_skipped() const noexcept { return blocks_skipped_; }
-    std::uint64_t lateness_max_ns() const noexcept { return lateness_max_ns_; }
-    std::uint64_t malformed() const noexcept { return malformed_; }
-    std::uint64_t strangers() const noexcept { return strangers_; }
-    std::uint64_t blocks_sent() const noexcept { return blocks_sent_; }  ///< to all clients
-    /// Between two blocks in which any client was heard.
-    std::uint64_t longest_silence_ms() const noexcept { return longest_silence_ms_; }
+    const MixCounters& counters() const noexcept { return counters_; }
 
   private:
-    using Answer = std::optional<TavistroProtocol::Datagram>;
-
-    Answer answer_discover(std::span<const std::uint8_t> bytes, const FaultOptions& faults);
-    Answer answer_ping(std::span<const std::uint8_t> bytes, std::uint64_t local_ns);
-    void take_announce(std::span<const std::uint8_t> bytes, const platform::Ipv4Endpoint& from,
-                       std::uint64_t local_ns);
-    void take_audio(std::span<const std::uint8_t> bytes, const platform::Ipv4Endpoint& from,
-                    std::uint32_t client_id);
+    /// `client`: null when it is not registered.
+    void take_audio(const TavistroProtocol::AudioFragment& fragment, Client* client);
     void mix(const BlockStamp& block);
     void send_sync(Client& client, const BlockStamp& block, std::vector<RoutedDatagram>& outbox);
     void send_audio(const Client& client, const BlockStamp& block,
@@ -89,13 +78,8 @@ class MixingSession {
     ClientRegistry registry_;
     std::vector<float> output_;                 ///< of one client, planar
     TavistroProtocol::DatagramList fragments_;  ///< of that
-    std::uint64_t blocks_skipped_ = 0;
-    std::uint64_t lateness_max_ns_ = 0;
-    std::uint64_t malformed_ = 0;
-    std::uint64_t strangers_ = 0;
-    std::uint64_t blocks_sent_ = 0;
+    MixCounters counters_;
     std::optional<std::uint64_t> last_heard_frame_;
-    std::uint64_t longest_silence_ms_ = 0;
 };
 
 }  // namespace tavistro::server

@@ -34,36 +34,18 @@ void sleep_until_ns(std::uint64_t local_ns) {
     if (local_ns > now_ns) std::this_thread::sleep_for(std::chrono::nanoseconds(local_ns - now_ns));
 }
 
-ClientSnapshot snapshot_of(const Client& client) {
-    return {.endpoint = client.endpoint,
-            .client_id = client.announce.client_id,
-            .session_id = client.announce.session_id,
-            .driver_inputs = client.announce.driver_inputs,
-            .driver_outputs = client.announce.driver_outputs,
-            .sync_blocks_sent = client.sync_blocks_sent,
-            .input = client.input_counters()};
-}
-
 void add_session(ServerSnapshot& snapshot, const MixingSession& session) {
+    const ClientRegistry& registry = session.registry();
     const BlockStamp next = session.next_block();
+    static_cast<MixCounters&>(snapshot) = session.counters();
+    static_cast<SessionCounters&>(snapshot) = registry.counters();
     snapshot.format = session.format();
     snapshot.next_sequence = next.sequence;
-    snapshot.blocks = next.index - session.blocks_skipped();
-    snapshot.blocks_skipped = session.blocks_skipped();
-    snapshot.lateness_max_us = session.lateness_max_ns() / 1000;
-    snapshot.malformed = session.malformed();
-    snapshot.strangers = session.strangers();
-    snapshot.blocks_sent = session.blocks_sent();
-    snapshot.longest_silence_ms = session.longest_silence_ms();
-    const ClientRegistry::Counters& counters = session.registry().counters();
-    snapshot.sessions = counters.sessions;
-    snapshot.sessions_replaced = counters.replaced;
-    snapshot.sessions_left = counters.left;
-    snapshot.sessions_timed_out = counters.timed_out;
-    snapshot.input = counters.gone_input;
-    for (const Client& client : session.registry().clients()) {
-        snapshot.clients.push_back(snapshot_of(client));
-        snapshot.input += snapshot.clients.back().input;
+    snapshot.blocks = next.index - snapshot.blocks_skipped;
+    snapshot.input = registry.input_counters();
+    for (const Client& client : registry.clients()) {
+        snapshot.clients.push_back(
+            {client.endpoint, client.announce, client.sync_blocks_sent, client.input_counters()});
     }
 }
 
@@ -107,29 +89,24 @@ ServerSnapshot ReferenceServer::snapshot() const {
     snapshot.format = options_.format;
     {
         const std::lock_guard lock(mutex_);
+        static_cast<TrafficCounters&>(snapshot) = traffic_;
         if (session_) add_session(snapshot, *session_);
         const std::uint64_t until_ms =
             stopped_ms_ != 0 || !session_ ? stopped_ms_ : platform::millisecond_tick();
         snapshot.uptime_ms = until_ms - started_ms_;
     }
-    snapshot.datagrams_sent = traffic_.datagrams_sent;
-    snapshot.datagrams_received = traffic_.datagrams_received;
-    snapshot.bytes_sent = traffic_.bytes_sent;
-    snapshot.bytes_received = traffic_.bytes_received;
-    snapshot.send_failures = traffic_.send_failures;
-    snapshot.lost_on_purpose = traffic_.lost_on_purpose;
-    snapshot.blocks_lost = traffic_.blocks_lost;
-    snapshot.blocks_held_back = traffic_.blocks_held_back;
-    snapshot.syncs_lost = traffic_.syncs_lost;
-    snapshot.measures = observer_.measures();
-    snapshot.unobserved_blocks = observer_.blocks_left_out();
-    snapshot.recording_error = observer_.recording_error();
+    observer_.add_to(snapshot);
     return snapshot;
 }
 
 bool ReferenceServer::change_format(std::uint32_t sample_rate, std::uint16_t frames) {
     const std::lock_guard lock(mutex_);
-    return change_format_locked({sample_rate, frames});
+    const StreamFormat format{sample_rate, frames};
+    if (!session_ || !format.is_valid()) return false;
+    const bool has_files = !options_.plays.empty() || !options_.records.empty();
+    if (has_files && sample_rate != session_->format().sample_rate) return false;
+    session_->change_format(format);
+    return true;
 }
 
 void ReferenceServer::set_faults(const FaultOptions& faults) {
@@ -161,9 +138,9 @@ std::string ReferenceServer::open_socket() {
 }
 
 void ReferenceServer::begin_session(SourceList sources) {
-    traffic_.reset();
     delayed_.clear();
     const std::lock_guard lock(mutex_);
+    traffic_ = {};
     block_lane_ = FaultLane(options_.seed);
     reply_lane_ = FaultLane(options_.seed + 1);
     uplink_lane_ = FaultLane(options_.seed + 2);
@@ -182,7 +159,6 @@ void ReferenceServer::begin_session(SourceList sources) {
                      std::move(sources), now_ns);
     started_ms_ = platform::millisecond_tick();
     stopped_ms_ = 0;
-    change_due_ = options_.change.has_value();
 }
 
 void ReferenceServer::run_receive() {
@@ -200,9 +176,7 @@ void ReferenceServer::run_receive() {
             continue;
         }
         failures_in_a_row = 0;
-        traffic_.bytes_received += received.size;
         platform::for_each_datagram(received, buffer, [&](const auto& datagram) {
-            ++traffic_.datagrams_received;
             meet_faults(uplink_lane_,
                         {RoutedDatagram::Direction::from_client,
                          received.source,
@@ -225,7 +199,6 @@ bool ReferenceServer::send_due_block() {
     outbox_.clear();
     {
         const std::lock_guard lock(mutex_);
-        apply_timed_change();
         const std::uint64_t now_ns = nanosecond_clock();
         const auto block = session_->mix_due_block(faults_, sending_, now_ns, outbox_);
         if (!block) return false;
@@ -246,15 +219,15 @@ void ReferenceServer::send_outbox() {
         const Passage passage =
             meet_faults(block_lane_, datagram,
                         [this](const RoutedDatagram& copy) { departing_.push_back(&copy); });
-        if (!header || header.message.type != TavistroProtocol::MessageType::Audio) {
-            if (passage.copies == 0) ++traffic_.syncs_lost;
-            continue;
-        }
-        if (passage.copies == 0 && std::exchange(lost_to, datagram.client) != datagram.client) {
-            ++traffic_.blocks_lost;
-        }
-        if (passage.held_back && std::exchange(held_back_to, datagram.client) != datagram.client) {
-            ++traffic_.blocks_held_back;
+        const bool is_audio = header && header.message.type == TavistroProtocol::MessageType::Audio;
+        const std::lock_guard lock(mutex_);
+        if (!is_audio) {
+            traffic_.syncs_lost += passage.copies == 0 ? 1U : 0U;
+        } else if (passage.copies == 0) {
+            traffic_.blocks_lost += std::exchange(lost_to, datagram.client) != datagram.client;
+        } else if (passage.held_back) {
+            traffic_.blocks_held_back +=
+                std::exchange(held_back_to, datagram.client) != datagram.client;
         }
     }
     send_departing();
@@ -273,6 +246,7 @@ void ReferenceServer::send_departing() {
 void ReferenceServer::send(std::span<const platform::DatagramBytes> datagrams,
                            const platform::Ipv4Endpoint& client) {
     const platform::SentDatagrams sent = socket_.send_run(datagrams, client);
+    const std::lock_guard lock(mutex_);
     traffic_.datagrams_sent += sent.count;
     traffic_.bytes_sent += sent.bytes;
     traffic_.send_failures += datagrams.size() - sent.count;
@@ -289,21 +263,6 @@ void ReferenceServer::wait_for_work() {
     sleep_until_ns(std::min(wake_ns, delayed_.next_due_ns().value_or(wake_ns)));
 }
 
-void ReferenceServer::apply_timed_change() {
-    if (!change_due_ || platform::millisecond_tick() - started_ms_ < options_.change->after_ms) {
-        return;
-    }
-    change_due_ = false;
-    change_format_locked(options_.change->format);
-}
-
-bool ReferenceServer::change_format_locked(const StreamFormat& format) {
-    if (!session_ || !format.is_valid()) return false;
-    const bool rate_changes = format.sample_rate != session_->format().sample_rate;
-    if (rate_changes && !options_.records.empty()) return false;
-    return session_->change_format(format);
-}
-
 template <typename PassOn>
 Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& datagram,
                                      const PassOn& pass_on) {
@@ -312,11 +271,14 @@ Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& data
     {
         const std::lock_guard lock(mutex_);
         passage = lane.pass(faults_, session_->format(), session_->next_block().index, now_ns);
-        if (faults_.silent && datagram.direction == RoutedDatagram::Direction::to_client) {
+        if (datagram.direction == RoutedDatagram::Direction::from_client) {
+            ++traffic_.datagrams_received;
+            traffic_.bytes_received += datagram.bytes.size();
+        } else if (faults_.silent) {
             passage.copies = 0;
         }
+        traffic_.lost_on_purpose += passage.copies == 0 ? 1U : 0U;
     }
-    if (passage.copies == 0) ++traffic_.lost_on_purpose;
     // What is due but not released yet must not be overtaken.
     const bool waits =
         passage.due_ns > now_ns || delayed_.next_due_ns().value_or(now_ns + 1) <= now_ns;

@@ -66,34 +66,12 @@ class ReferenceServer {
     }
 
   private:
-    struct Traffic {
-        std::atomic<std::uint64_t> datagrams_sent{0};
-        std::atomic<std::uint64_t> datagrams_received{0};
-        std::atomic<std::uint64_t> bytes_sent{0};
-        std::atomic<std::uint64_t> bytes_received{0};
-        std::atomic<std::uint64_t> send_failures{0};
-        std::atomic<std::uint64_t> lost_on_purpose{0};
-        std::atomic<std::uint64_t> blocks_lost{0};
-        std::atomic<std::uint64_t> blocks_held_back{0};
-        std::atomic<std::uint64_t> syncs_lost{0};
-
-        void reset() noexcept {
-            for (auto* counter :
-                 {&datagrams_sent, &datagrams_received, &bytes_sent, &bytes_received,
-                  &send_failures, &lost_on_purpose, &blocks_lost, &blocks_held_back, &syncs_lost}) {
-                *counter = 0;
-            }
-        }
-    };
-
     std::string open_socket();
     void begin_session(SourceList sources);
     void run_receive();
     void run_clock();
     bool send_due_block();
     void wait_for_work();
-    void apply_timed_change();
-    bool change_format_locked(const StreamFormat& format);
     /// Calls pass_on with each copy that need not wait, and queues the others.
     template <typename PassOn>
     Passage meet_faults(FaultLane& lane, const RoutedDatagram& datagram, const PassOn& pass_on);
@@ -117,7 +95,6 @@ class ReferenceServer {
     BusHistory history_;
     BusObserver observer_;
     DelayQueue delayed_;
-    Traffic traffic_;
 
     // The clock thread's own.
     std::vector<RoutedDatagram> outbox_;
@@ -126,6 +103,7 @@ class ReferenceServer {
 
     mutable std::mutex mutex_;  ///< guards everything below
     std::optional<MixingSession> session_;
+    TrafficCounters traffic_;
     // Lanes of their own, so that blocks meet the same faults whatever clients ask and send.
     FaultLane block_lane_{0};
     FaultLane reply_lane_{0};
@@ -134,7 +112,6 @@ class ReferenceServer {
     bool sending_ = true;
     std::uint64_t started_ms_ = 0;
     std::uint64_t stopped_ms_ = 0;  ///< 0 while running
-    bool change_due_ = false;
 };
 
 }  // namespace tavistro::server

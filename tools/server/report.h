@@ -7,14 +7,23 @@
 
 namespace tavistro::server {
 
-/// One line on the time since `before`, without a line end.
-std::string status_line(const ServerSnapshot& now, const ServerSnapshot& before);
-/// A few lines on the whole run, one per client and measure.
-std::string summary_text(const ServerSnapshot& total);
+/// What the server says of itself, in one of two languages. Texts end without a line end.
+class Report {
+  public:
+    /// `json`: one object per line, with a "type".
+    explicit Report(bool json) : json_(json) {}
 
-/// {"type":"listening","port":...}
-std::string listening_json(std::uint16_t port, const StreamFormat& format);
-/// All counters, {"type":"status",...} or {"type":"summary",...}; on one line.
-std::string snapshot_json(const char* type, const ServerSnapshot& snapshot);
+    std::string listening(std::uint16_t port, const StreamFormat& format) const;
+    /// `event` is "joined" or "left".
+    std::string client(const char* event, const ClientSnapshot& client) const;
+    /// For people: what happened per second since `before`, and what counts so far. For machines:
+    /// everything that was counted so far.
+    std::string status(const ServerSnapshot& now, const ServerSnapshot& before) const;
+    /// On the whole run; for people some lines, one per client and measure.
+    std::string summary(const ServerSnapshot& total) const;
+
+  private:
+    bool json_;
+};
 
 }  // namespace tavistro::server

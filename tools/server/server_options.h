@@ -49,7 +49,6 @@ struct FaultOptions {
     std::uint32_t pause_every_ms = 0;  ///< Sync stops once in this time, at its end; audio goes on
     std::uint32_t pause_for_ms = 0;
     std::uint32_t reply_version = TavistroProtocol::protocol_version;
-    std::uint64_t reply_capability = TavistroProtocol::capability_word;
     bool silent = false;  ///< sends nothing at all
 };
 
@@ -84,11 +83,6 @@ struct MeasureOptions {
     std::uint32_t returned = 0;
 };
 
-struct FormatChange {
-    std::uint32_t after_ms = 0;
-    StreamFormat format{};
-};
-
 struct ServerOptions {
     std::uint32_t bind_address = 0;     ///< host byte order; 0: every interface
     std::uint16_t port = default_port;  ///< 0: a port of the system's choice
@@ -104,7 +98,6 @@ struct ServerOptions {
     std::vector<MeasureOptions> measures{};
     FaultOptions faults{};
     std::uint64_t seed = 1;  ///< of every random choice
-    std::optional<FormatChange> change{};
 };
 
 }  // namespace tavistro::server

@@ -1,5 +1,6 @@
 #include "tools/server/server_program.h"
 
+#include <algorithm>
 #include <csignal>
 #include <ostream>
 #include <utility>
@@ -22,21 +23,34 @@ void request_stop(int) {
     stop_requested = 1;
 }
 
-/// Prints a status every second until it is time to end.
-void serve(const ReferenceServer& server, const CommandLine& command, std::ostream& out) {
+bool has(const std::vector<ClientSnapshot>& clients, const ClientSnapshot& wanted) {
+    return std::ranges::any_of(clients, [&](const ClientSnapshot& client) {
+        return client.endpoint == wanted.endpoint &&
+               client.announce.session_id == wanted.announce.session_id;
+    });
+}
+
+/// Prints who comes and goes, and a status every second, until it is time to end.
+void serve(const ReferenceServer& server, const CommandLine& command, const Report& report,
+           std::ostream& out) {
     const std::uint64_t started_ms = platform::millisecond_tick();
     const std::uint64_t length_ms = std::uint64_t{command.seconds} * 1000;
     std::uint64_t next_status_ms = started_ms + status_period_ms;
-    ServerSnapshot before;
+    ServerSnapshot told;
+    std::vector<ClientSnapshot> known;
     while (stop_requested == 0) {
         const std::uint64_t now_ms = platform::millisecond_tick();
         if (length_ms != 0 && now_ms - started_ms >= length_ms) return;
+        ServerSnapshot now = server.snapshot();
+        for (const ClientSnapshot& client : known)
+            if (!has(now.clients, client)) out << report.client("left", client) << std::endl;
+        for (const ClientSnapshot& client : now.clients)
+            if (!has(known, client)) out << report.client("joined", client) << std::endl;
+        known = now.clients;
         if (now_ms >= next_status_ms) {
             next_status_ms += status_period_ms;
-            const ServerSnapshot now = server.snapshot();
-            out << (command.json ? snapshot_json("status", now) : status_line(now, before))
-                << std::endl;
-            before = now;
+            out << report.status(now, told) << std::endl;
+            told = std::move(now);
         }
         platform::sleep_ms(poll_period_ms);
     }
@@ -59,18 +73,12 @@ int run_server_program(int argc, const char* const* argv, std::ostream& out, std
         err << "tavistro-server: " << error << "\n";
         return 1;
     }
-    const StreamFormat& format = command.options.format;
-    if (command.json) {
-        out << listening_json(server.port(), format) << std::endl;
-    } else {
-        out << "listening on UDP port " << server.port() << ", " << format.sample_rate << " Hz, "
-            << format.frames << " frames" << std::endl;
-    }
-    serve(server, command, out);
+    const Report report(command.json);
+    out << report.listening(server.port(), command.options.format) << std::endl;
+    serve(server, command, report, out);
     server.stop();
     const ServerSnapshot total = server.snapshot();
-    out << (command.json ? snapshot_json("summary", total) + "\n" : summary_text(total))
-        << std::flush;
+    out << report.summary(total) << std::endl;
     return total.recording_error.empty() ? 0 : 1;
 }
 

@@ -27,9 +27,8 @@ class Tone final : public Source {
         }
     }
 
-    bool change_rate(std::uint32_t sample_rate) override {
+    void change_rate(std::uint32_t sample_rate) override {
         turns_per_frame_ = options_.frequency_hz / sample_rate;
-        return true;
     }
 
   private:
@@ -55,10 +54,9 @@ class Melody final : public Source {
         }
     }
 
-    bool change_rate(std::uint32_t sample_rate) override {
+    void change_rate(std::uint32_t sample_rate) override {
         sample_rate_ = sample_rate;
         begin_note();
-        return true;
     }
 
   private:

@@ -17,8 +17,8 @@ class Source {
     virtual ~Source() = default;
     /// Adds the next block, of the bus's size. Allocates nothing.
     virtual void mix(MixBus& bus) = 0;
-    /// The stream goes on at another rate. False, with nothing changed, when this cannot follow.
-    virtual bool change_rate(std::uint32_t sample_rate) = 0;
+    /// The stream goes on at another rate, which a file cannot follow.
+    virtual void change_rate(std::uint32_t sample_rate) = 0;
 };
 
 /// What a function that can fail on outside input gives: a value, or a text for people.

@@ -1,41 +1,59 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
-#include <cstdlib>
+#include <csignal>
 #include <filesystem>
+#include <sstream>
 #include <string>
 
-#include "tools/server/recorder.h"
+#include "tools/server/bus_observer.h"
+#include "tools/server/server_program.h"
 #include "tools/server/sources.h"
 
 namespace tavistro::server {
 namespace {
 
 TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("tavistro-server-test-" + std::to_string(std::rand()) + ".wav");
+    const std::string path = testing::TempDir() + "tavistro-server-test-" +
+                             std::to_string(std::hash<const void*>()(&path)) + ".wav";
     MixBus bus(32);
     for (std::size_t i = 0; i < 32; ++i) {
-        bus.channel(4)[i] = static_cast<float>(i) / 64;
-        bus.channel(7)[i] = -static_cast<float>(i) / 64;
+        bus.channel(4)[i] = static_cast<float>(i + 1) / 64;
+        bus.channel(7)[i] = -static_cast<float>(i + 1) / 64;
     }
-    {
-        Recorder recorder({path.string(), {7, 4}}, 48000);
-        ASSERT_EQ(recorder.error(), "");
-        recorder.write(bus.samples(), 32);
-    }
-    const auto source = make_file_source({path.string(), 10}, 48000);
-    ASSERT_TRUE(source) << source.error;
+    BusObserver observer;
+    ASSERT_EQ(observer.start({.format = {48000, 32}, .records = {{path, {7, 4}}}}), "");
+    for (std::uint64_t block = 0; block < 50; ++block)
+        observer.push(block, {48000, 32}, bus);
+    observer.stop();  // writes all that was pushed
+    EXPECT_EQ(std::filesystem::file_size(path) / (2 * sizeof(float)) / 32, 50U);
+
     MixBus played(48);
-    source.value->mix(played);
-    for (std::size_t i = 0; i < 48; ++i) {
-        ASSERT_EQ(played.channel(10)[i], bus.channel(7)[i % 32]) << i;
-        ASSERT_EQ(played.channel(11)[i], bus.channel(4)[i % 32]) << i;
+    for (const std::uint32_t first : {30U, 10U}) {
+        const auto source = make_file_source({path, first}, 48000);
+        ASSERT_TRUE(source) << source.error;
+        played.clear();
+        source.value->mix(played);
+        for (std::size_t i = 0; i < 48; ++i) {
+            ASSERT_EQ(played.channel(first)[i], bus.channel(7)[i % 32]) << i;
+            ASSERT_EQ(played.channel(first + 1)[i], bus.channel(4)[i % 32]) << i;
+        }
     }
-    EXPECT_FALSE(source.value->change_rate(44100));
-    EXPECT_NE(make_file_source({path.string(), 0}, 44100).error.find("48000 Hz"),
-              std::string::npos);
-    EXPECT_NE(make_file_source({path.string(), 31}, 48000).error, "");
+    EXPECT_NE(make_file_source({path, 0}, 44100).error.find("48000 Hz"), std::string::npos);
+    EXPECT_NE(make_file_source({path, 31}, 48000).error, "");
     std::filesystem::remove(path);
+}
+
+TEST(AudioFiles, ARecordingThatFailsEndsTheProgramWithOne) {
+    const rlimit small{10000, RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const std::string record = testing::TempDir() + "tavistro-server-test-full.wav@0,1";
+    const char* const arguments[] = {"tavistro-server", "--port",      "0", "--seconds", "1",
+                                     "--record",        record.c_str()};
+    std::ostringstream out, err;
+    EXPECT_EQ(run_server_program(std::size(arguments), arguments, out, err), 1) << err.str();
+    EXPECT_NE(out.str().find("recording failed"), std::string::npos) << out.str() << err.str();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <tuple>
 
 #include "tools/server/block_schedule.h"
+#include "tools/server/delay_queue.h"
 #include "tools/server/fault_lane.h"
 #include "tools/server/skewed_clock.h"
 
@@ -64,6 +65,7 @@ TEST(FaultLane, JitterKeepsTheOrderAndReorderingBreaksIt) {
     };
     EXPECT_EQ(overtaken({.jitter_ms = 20}), 0U);
     EXPECT_NEAR(static_cast<double>(overtaken({.reorder_percent = 5})), 1000, 100);
+    EXPECT_TRUE(FaultLane(1).pass({.reorder_percent = 100}, format, 0, 0).held_back);
 }
 
 TEST(FaultLane, BurstsAndPausesComeAtTheEndOfTheirPeriod) {
@@ -78,6 +80,19 @@ TEST(FaultLane, BurstsAndPausesComeAtTheEndOfTheirPeriod) {
     }
 }
 
+TEST(DelayQueue, LetsOutWhatIsDueInTheOrderItCame) {
+    DelayQueue queue;
+    for (const auto& [due_ns, port] : {std::pair(20, 1), {10, 2}, {20, 3}}) {
+        queue.push(static_cast<std::uint64_t>(due_ns),
+                   {.client = {1, static_cast<std::uint16_t>(port)}});
+    }
+    EXPECT_EQ(queue.next_due_ns(), 10U);
+    EXPECT_EQ(queue.pop_due(19)->client.port, 2);
+    EXPECT_FALSE(queue.pop_due(19));
+    EXPECT_EQ(queue.pop_due(20)->client.port, 1);
+    EXPECT_EQ(queue.pop_due(20)->client.port, 3);
+}
+
 TEST(BlockSchedule, KeepsItsRateForDaysAndAcrossChanges) {
     BlockSchedule schedule(format, 1'000'000'000, 0xFFFFFFFF);
     EXPECT_EQ(schedule.due_blocks(999'999'999), 0U);
@@ -89,11 +104,14 @@ TEST(BlockSchedule, KeepsItsRateForDaysAndAcrossChanges) {
     EXPECT_EQ(schedule.next().sequence, static_cast<std::uint32_t>(week_s * 375 - 1));
     EXPECT_EQ(schedule.next().frame_position, week_s * 48000);
 
+    const std::uint64_t due_ns = schedule.next().time_ns;
     schedule.change_format({44100, 441});
     const BlockStamp first = schedule.next();
+    EXPECT_EQ(first.time_ns, due_ns);
     schedule.advance();
     EXPECT_EQ(schedule.next().time_ns, first.time_ns + 10'000'000);
     EXPECT_EQ(schedule.next().sequence, first.sequence + 1);
+    EXPECT_EQ(sequence_of_wall_clock(8'000, format), 3000U);
 }
 
 TEST(SkewedClock, DriftsSteadilyAndConvertsBothWays) {

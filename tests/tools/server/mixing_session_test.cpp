@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "net/server_messages.h"
 #include "support/movable_clock.h"
 
@@ -15,15 +17,24 @@ using platform::Ipv4Endpoint;
 constexpr StreamFormat format{48000, 64};
 constexpr std::uint32_t first_sequence = 0xFFFFFFFE;  // wraps early
 constexpr std::uint64_t start_ns = 10'000'000'000;
+constexpr std::int64_t offset_ms = 700;  // the server's clock against ours
 
 struct Sent {
     std::vector<SyncInfo> syncs;
-    std::vector<std::vector<float>> blocks;  ///< one-fragment blocks, planar
+    std::vector<std::vector<float>> blocks;  ///< planar
 };
+
+/// `values[c]` all over channel c.
+std::vector<float> constant(const std::vector<float>& values, std::size_t frames = format.frames) {
+    std::vector<float> samples;
+    for (const float value : values)
+        samples.resize(samples.size() + frames, value);
+    return samples;
+}
 
 class MixingSessionTest : public testing::Test {
   protected:
-    MixingSessionTest() { test::set_manual_clock(20'000); }
+    MixingSessionTest() { test::set_manual_clock(start_ns / 1'000'000 + 3); }
     ~MixingSessionTest() override { test::use_running_clock(); }
 
     std::optional<Datagram> receive(const Datagram& bytes, const Ipv4Endpoint& from) {
@@ -36,21 +47,19 @@ class MixingSessionTest : public testing::Test {
                 from);
     }
 
-    /// A block in which channel c is constantly values[c], in fragments of one channel.
-    DatagramList input(std::uint32_t id, std::uint32_t sequence, const std::vector<float>& values) {
-        std::vector<float> samples;
-        for (const float value : values)
-            samples.resize(samples.size() + format.frames, value);
-        DatagramList fragments;
-        encode_audio_block({id, sequence, format.sample_rate, format.frames,
-                            static_cast<std::uint16_t>(values.size()), samples},
-                           48 + 4 * format.frames, fragments);
-        return fragments;
+    /// The datagrams of a planar block, each with half a channel.
+    DatagramList fragments(std::uint32_t id, std::uint32_t sequence,
+                           const std::vector<float>& samples, const StreamFormat& of = format) {
+        DatagramList result;
+        encode_audio_block({id, sequence, of.sample_rate, of.frames,
+                            static_cast<std::uint16_t>(samples.size() / of.frames), samples},
+                           48 + 2 * of.frames, result);
+        return result;
     }
 
     void send_input(const Ipv4Endpoint& from, std::uint32_t id, std::uint32_t sequence,
-                    const std::vector<float>& values) {
-        for (const Datagram& fragment : input(id, sequence, values))
+                    const std::vector<float>& samples, const StreamFormat& of = format) {
+        for (const Datagram& fragment : fragments(id, sequence, samples, of))
             receive(fragment, from);
     }
 
@@ -65,18 +74,16 @@ class MixingSessionTest : public testing::Test {
             if (const auto sync = decode_sync(datagram.bytes)) sent.syncs.push_back(sync.message);
             const auto audio = decode_audio(datagram.bytes);
             if (!audio) continue;
-            EXPECT_EQ(sent.syncs.size(), 1U) << "audio before its sync";
-            EXPECT_EQ(audio.message.sequence, sent.syncs.back().sequence);
+            for (const SyncInfo& sync : sent.syncs)
+                EXPECT_EQ(audio.message.sequence, sync.sequence);
             sent.blocks.emplace_back(audio.message.sample_count());
             read_samples(audio.message.payload, sent.blocks.back());
         }
         return sent;
     }
 
-    const Client& client(std::size_t index = 0) {
-        return *std::next(session.registry().clients().begin(), static_cast<std::ptrdiff_t>(index));
-    }
-    std::size_t client_count() { return session.registry().clients().size(); }
+    std::size_t clients() { return session.registry().clients().size(); }
+    InputCounters input() { return session.registry().input_counters(); }
 
     const Ipv4Endpoint alice{0x0A000001, 5000};
     const Ipv4Endpoint bob{0x0A000002, 5000};
@@ -86,33 +93,46 @@ class MixingSessionTest : public testing::Test {
                            .port = 4242,
                            .udp_payload_bytes = 1200,
                            .first_sequence = first_sequence},
-                          SkewedClock(start_ns, 0, 0),
+                          SkewedClock(start_ns, offset_ms, 0),
                           {},
                           start_ns};
 };
 
 TEST_F(MixingSessionTest, BlockNIsTheSumOfWhatWasTaggedN) {
     announce(alice, 1, 11, {0, 3}, {});
-    announce(bob, 2, 22, {3}, {3, 0, 31, 99});
+    announce(bob, 2, 22, {3}, {3, 0, 31, 99, 0});
+    std::vector<std::vector<float>> from_alice;
     for (std::uint32_t block = 0; block < 5; ++block) {
-        const auto value = static_cast<float>(block + 1);
-        send_input(alice, 1, first_sequence + block, {value, 10 * value});
-        send_input(bob, 2, first_sequence + block, {100 * value});
+        from_alice.emplace_back();
+        for (int i = 0; i < 2 * 64; ++i)
+            from_alice[block].push_back(static_cast<float>(1000 * block + i));
+        send_input(alice, 1, first_sequence + block, from_alice[block]);
+        send_input(bob, 2, first_sequence + block, constant({0.5F}));
     }
     for (std::uint32_t block = 0; block < 5; ++block) {
+        faults = {.pause_every_ms = 2, .pause_for_ms = block == 4 ? 2U : 0U};
         const Sent sent = mix(bob);
-        ASSERT_EQ(sent.syncs.size(), 1U);
-        EXPECT_EQ(sent.syncs[0].sequence, first_sequence + block);
-        EXPECT_EQ(sent.syncs[0].server_frame_position, block * 64U);
-        EXPECT_EQ(sent.syncs[0].server_time_ns, start_ns + block * 64'000'000ULL / 48);
-        ASSERT_EQ(sent.blocks.size(), 1U);
-        const auto value = static_cast<float>(block + 1);
-        std::vector<float> expected(64, 110 * value);  // in the order of the client's list
-        expected.resize(128, value);
-        expected.resize(256, 0.0F);
-        EXPECT_EQ(sent.blocks[0], expected);
+        ASSERT_EQ(sent.syncs.size(), block == 4 ? 0U : 1U);
+        if (block < 4) {
+            EXPECT_EQ(sent.syncs[0].sequence, first_sequence + block);
+            EXPECT_EQ(sent.syncs[0].server_frame_position, block * 64U);
+            EXPECT_EQ(sent.syncs[0].server_time_ns,
+                      start_ns + offset_ms * 1'000'000 + block * 64'000'000ULL / 48);
+        }
+        ASSERT_EQ(sent.blocks.size(), 2U) << "two datagrams of at most 1200 bytes";
+        std::vector<float> heard = sent.blocks[0];
+        heard.insert(heard.end(), sent.blocks[1].begin(), sent.blocks[1].end());
+        const auto& samples = from_alice[block];
+        std::vector<float> expected(samples.begin() + 64, samples.end());  // the client's order
+        for (float& sample : expected)
+            sample += 0.5F;
+        expected.insert(expected.end(), samples.begin(), samples.begin() + 64);
+        expected.resize(4 * 64);
+        expected.insert(expected.end(), samples.begin(), samples.begin() + 64);
+        EXPECT_EQ(heard, expected);
     }
-    EXPECT_EQ(client(0).input_counters().complete, 5U);
+    EXPECT_EQ(input().complete, 10U);
+    EXPECT_EQ(session.counters().blocks_sent, 10U);
 }
 
 TEST_F(MixingSessionTest, CountsInputThatMissesItsBlock) {
@@ -120,72 +140,104 @@ TEST_F(MixingSessionTest, CountsInputThatMissesItsBlock) {
     mix(alice);
     mix(alice);
     const std::uint32_t next = session.next_block().sequence;
-    send_input(alice, 1, next - 1, {1, 1});                           // both fragments: one block
-    send_input(alice, 1, next + InputRing::block_count, {1, 1});      // too far ahead
-    send_input(alice, 1, next + InputRing::block_count - 1, {1, 1});  // just near enough
-    send_input(alice, 1, next, {1, 1, 1});                            // three channels
-    const DatagramList half = input(1, next, {5, 6});
-    receive(half[1], alice);
-    receive(half[1], alice);
+    const std::vector<float> stereo = constant({1, 1});
+    send_input(alice, 1, next - 1, stereo);                           // all fragments: one block
+    send_input(alice, 1, next + InputRing::block_count, stereo);      // too far ahead
+    send_input(alice, 1, next + InputRing::block_count - 1, stereo);  // just near enough
+    send_input(alice, 1, next, constant({1, 1, 1}));                  // three channels: 6 datagrams
+    const DatagramList all = fragments(1, next, constant({5, 6}));
+    receive(all[3], alice);
+    receive(all[3], alice);
     const Sent sent = mix(alice);  // what came of it is played
-    EXPECT_EQ(sent.blocks[0].front(), 0.0F);
-    EXPECT_EQ(sent.blocks[0].back(), 6.0F);
-    send_input(alice, 1, next + 2, {1, 1});
+    std::vector<float> expected = constant({0, 6});
+    std::fill_n(expected.begin() + 64, 32, 0.0F);
+    EXPECT_EQ(sent.blocks.at(0), expected);
+    send_input(alice, 1, next + 2, stereo);
     mix(alice);
     mix(alice);
+    const InputCounters counters = input();
+    EXPECT_EQ(std::tie(counters.complete, counters.incomplete, counters.late, counters.early,
+                       counters.mismatched, counters.duplicates, counters.missing),
+              std::tuple(1U, 1U, 1U, 1U, 6U, 1U, 1U));
 
-    const InputCounters counters = client().input_counters();
-    EXPECT_EQ(counters.complete, 1U);
-    EXPECT_EQ(counters.incomplete, 1U);
-    EXPECT_EQ(counters.late, 1U);
-    EXPECT_EQ(counters.early, 1U);
-    EXPECT_EQ(counters.mismatched, 3U);
-    EXPECT_EQ(counters.duplicates, 1U);
-    EXPECT_EQ(counters.missing, 1U);
-
-    send_input(bob, 1, next + 5, {1, 1});
-    EXPECT_EQ(session.strangers(), 2U);
+    send_input(alice, 2, next + 5, stereo);                  // another client
+    send_input({alice.address, 5001}, 1, next + 5, stereo);  // another socket
+    receive({1, 2, 3}, alice);
+    EXPECT_EQ(session.counters().strangers, 8U);
+    EXPECT_EQ(session.counters().malformed, 1U);
 }
 
 TEST_F(MixingSessionTest, HearsSilenceAmidSoundAndNotWhatNeverCame) {
     announce(alice, 1, 11, {0, 1}, {});
     std::uint32_t sequence = first_sequence;
     for (const int level : {0, 5, -1, 5, 0, -1, 0, 5, -1, 5, 0}) {  // -1: does not come
-        if (level >= 0) send_input(alice, 1, sequence, {static_cast<float>(level), 0});
+        std::vector<float> samples = constant({static_cast<float>(level), 0});
+        std::fill_n(samples.begin() + 10, InputRing::least_gap_frames - 1, 0.0F);
+        if (level >= 0) send_input(alice, 1, sequence, samples);
         ++sequence;
         mix(alice);
     }
-    EXPECT_EQ(client().input_counters().gaps, 1U);
-    EXPECT_EQ(client().input_counters().missing, 3U);
-    EXPECT_EQ(session.longest_silence_ms(), 4 * 64 / 48U);
+    EXPECT_EQ(input().gaps, 1U);
+    EXPECT_EQ(input().missing, 3U);
+    EXPECT_EQ(session.counters().longest_silence_ms, 4 * 64 / 48U);
 }
 
 TEST_F(MixingSessionTest, ClientsAreReplacedLeaveAndTimeOut) {
+    const Ipv4Endpoint again{alice.address, 7000};
     announce(alice, 1, 11, {0}, {0});
     announce({alice.address, 6000}, 2, 12, {}, {0});
     announce(bob, 1, 11, {0}, {0});  // same id, another host: another client
-    EXPECT_EQ(client_count(), 3U);
-
-    send_input(alice, 1, first_sequence, {1});
-    announce({alice.address, 7000}, 1, 13, {0}, {0});  // started again on another port
-    EXPECT_EQ(client_count(), 3U);
-    EXPECT_EQ(session.registry().counters().replaced, 1U);
+    EXPECT_EQ(clients(), 3U);
+    send_input(alice, 1, first_sequence, constant({1}));
+    mix(alice);
+    send_input(alice, 1, first_sequence + 1, constant({1}));
+    announce(again, 1, 13, {0}, {0});     // started again on another port
+    announce(again, 1, 13, {0}, {0, 1});  // other channels: begins anew
+    EXPECT_EQ(clients(), 3U);
     EXPECT_EQ(mix(bob).blocks[0][0], 0.0F) << "input of the old session";
-
     receive(encode_leave(1, 11), alice);  // of the old session
-    EXPECT_EQ(client_count(), 3U);
-    receive(encode_leave(1, 13), {alice.address, 7000});
-    EXPECT_EQ(client_count(), 2U);
-    EXPECT_EQ(session.registry().counters().left, 1U);
+    EXPECT_EQ(clients(), 3U);
+    receive(encode_leave(1, 13), again);
+    EXPECT_EQ(clients(), 2U);
 
     now_ns = start_ns + 4'900'000'000;
     announce(bob, 1, 11, {0}, {0});
     now_ns = start_ns + 5'100'000'000;
     std::vector<RoutedDatagram> outbox;
     session.mix_due_block(faults, true, now_ns, outbox);
-    ASSERT_EQ(client_count(), 1U);
-    EXPECT_EQ(client().endpoint, bob);
-    EXPECT_EQ(session.registry().counters().timed_out, 1U);
+    ASSERT_EQ(clients(), 1U);
+    EXPECT_EQ(session.registry().clients().front().endpoint, bob);
+    const SessionCounters& counters = session.registry().counters();
+    EXPECT_EQ(std::tie(counters.sessions, counters.sessions_replaced, counters.sessions_left,
+                       counters.sessions_timed_out),
+              std::tuple(5U, 2U, 1U, 1U));
+    EXPECT_EQ(input().complete, 1U) << "of a session that is gone";
+}
+
+TEST_F(MixingSessionTest, AnswersWithItsPortAndItsOwnTime) {
+    faults.reply_version = 9;
+    const auto reply = decode_discover_reply(*receive(encode_discover({7, 70}), alice)).message;
+    EXPECT_EQ(std::tie(reply.client_id, reply.nonce, reply.port, reply.version),
+              std::tuple(7U, 70U, 4242, 9U));
+    const auto pong = decode_pong(*receive(encode_ping({7, 71, 72}), alice)).message;
+    EXPECT_EQ(std::tie(pong.client_id, pong.nonce, pong.t1_ns), std::tuple(7U, 71U, 72U));
+    EXPECT_EQ(pong.t2_ns, start_ns + offset_ms * 1'000'000);
+    EXPECT_EQ(pong.t3_ns, pong.t2_ns + 3'000'000) << "when it leaves";
+}
+
+TEST_F(MixingSessionTest, GoesOnAcrossFormatsAndASetClock) {
+    announce(alice, 1, 11, {0}, {0});
+    for (const StreamFormat& next : {StreamFormat{44100, 32}, {96000, 16}, format}) {
+        session.change_format(next);
+        const std::uint64_t due_ns = session.next_due_ns();
+        session.adjust_clock(offset_ms + next.frames, 0, now_ns);
+        EXPECT_EQ(session.next_due_ns(), due_ns) << "the rhythm stays";
+        send_input(alice, 1, session.next_block().sequence, constant({3}, next.frames), next);
+        const Sent sent = mix(alice);
+        EXPECT_EQ(sent.syncs[0].block_frames, next.frames);
+        EXPECT_EQ(sent.blocks[0], constant({3}, next.frames));
+    }
+    EXPECT_EQ(input().complete, 3U);
 }
 
 TEST_F(MixingSessionTest, CatchesUpInOrderAndGivesUpOnlyWhatIsHopeless) {
@@ -200,7 +252,7 @@ TEST_F(MixingSessionTest, CatchesUpInOrderAndGivesUpOnlyWhatIsHopeless) {
     ASSERT_EQ(indexes.size(), MixingSession::max_late_blocks);
     EXPECT_EQ(indexes.front(), 751 - MixingSession::max_late_blocks);
     EXPECT_EQ(indexes.back(), 750U);
-    EXPECT_EQ(session.blocks_skipped(), indexes.front());
+    EXPECT_EQ(session.counters().blocks_skipped, indexes.front());
     EXPECT_EQ(session.next_due_ns(), start_ns + 1'001'333'333);
 }
 

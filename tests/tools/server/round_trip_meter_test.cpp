@@ -5,6 +5,7 @@
 #include <cmath>
 #include <random>
 
+#include "tools/server/bus_observer.h"
 #include "tools/server/sources.h"
 
 namespace tavistro::server {
@@ -15,13 +16,12 @@ constexpr std::size_t blocks_per_window = 375;
 
 using Signal = std::vector<float>;
 
-Signal melody(std::size_t blocks) {
-    const auto source = make_melody({.channel = 0, .level = 0.5F}, format.sample_rate);
+Signal played(Source& source, std::size_t blocks) {
     MixBus bus(format.frames);
     Signal signal;
     for (std::size_t i = 0; i < blocks; ++i) {
         bus.clear();
-        source->mix(bus);
+        source.mix(bus);
         const auto block = bus.channel(0);
         signal.insert(signal.end(), block.begin(), block.end());
     }
@@ -53,8 +53,22 @@ RoundTripReport measured(const Signal& sent, const Signal& returned) {
 }
 
 const Signal& sent_melody() {
-    static const Signal signal = melody(2 * blocks_per_window);
+    static const Signal signal =
+        played(*make_melody({.level = 0.5F}, format.sample_rate), 2 * blocks_per_window);
     return signal;
+}
+
+TEST(Sources, PlayAtTheirLevelAndPitch) {
+    const auto tone = make_tone({.frequency_hz = 375, .level = 0.5F}, 44100);
+    tone->change_rate(format.sample_rate);  // a period is a block
+    const Signal wave = played(*tone, 2);
+    EXPECT_NEAR(wave[32], 0.5, 1e-6);
+    EXPECT_NEAR(wave[128 + 96], -0.5, 1e-6);
+    EXPECT_NEAR(std::ranges::max(sent_melody()), 0.4, 0.1);
+    const auto melody = make_melody({.level = 0.5F}, 44100);
+    melody->change_rate(format.sample_rate);
+    EXPECT_NE(played(*melody, 2), Signal(sent_melody().begin(), sent_melody().begin() + 256))
+        << "a change begins the next note";
 }
 
 TEST(RoundTripMeter, FindsAnyLagAndWhatCameBackExactly) {
@@ -97,6 +111,58 @@ TEST(RoundTripMeter, FollowsASlowlyMovingLag) {
     EXPECT_NEAR(static_cast<double>(*report.last_lag_frames), 1000 + 1.5 * 48000 * 300e-6, 10);
     EXPECT_GT(report.correlation_min, 0.999);
     EXPECT_LT(report.exact_blocks, report.compared_blocks / 10);
+}
+
+TEST(RoundTripMeter, CountsWhatIsSentAndComesBackSilentAtTheLagItKnows) {
+    Signal sent = sent_melody();
+    const auto second = static_cast<std::ptrdiff_t>(blocks_per_window * format.frames);
+    std::fill(sent.begin() + second, sent.end(), 0.0F);
+    Signal returned = delayed(sent, 5003);
+    std::fill(returned.begin() + second, returned.end(), 0.0F);
+    EXPECT_EQ(measured(sent, returned).silent_blocks, 40U) << "5003 frames were on their way";
+
+    // A click that nothing was sent for is no comparison; nor is it like what was sent.
+    returned = delayed(sent, 30 * 128);
+    returned.back() = 0.001F;
+    const RoundTripReport report = measured(sent, returned);
+    EXPECT_EQ(report.compared_blocks, blocks_per_window);
+    EXPECT_EQ(report.exact_blocks, blocks_per_window);
+}
+
+TEST(RoundTripMeter, ReportsTheSpreadOfItsWindows) {
+    Signal returned = delayed(sent_melody(), 100);
+    std::minstd_rand random;
+    for (auto sample = returned.begin() + static_cast<std::ptrdiff_t>(returned.size() / 2);
+         sample != returned.end(); ++sample)
+        *sample += static_cast<float>(random()) * 0x1p-34F;
+    const RoundTripReport report = measured(sent_melody(), returned);
+    EXPECT_EQ(report.windows, 2U);
+    EXPECT_LT(report.correlation_min, 0.95);
+    EXPECT_GT(report.correlation_max, 0.9999);
+    EXPECT_EQ(report.correlation_median, report.correlation_max);
+}
+
+TEST(BusObserver, MeasuresAcrossAHoleWithoutMixingItsSides) {
+    const Signal returned = delayed(sent_melody(), 768);
+    BusObserver observer;
+    const MeasureOptions channels{.sent = 5, .returned = 3};
+    ASSERT_EQ(observer.start({.format = format, .measures = {channels}}), "");
+    MixBus bus(format.frames);
+    for (std::size_t block = 0; block < 600; ++block) {
+        if (block == 100) block += 50;
+        const auto at = static_cast<std::ptrdiff_t>(block * format.frames);
+        std::copy_n(sent_melody().begin() + at, format.frames, bus.channel(5).begin());
+        std::copy_n(returned.begin() + at, format.frames, bus.channel(3).begin());
+        observer.push(block, format, bus);
+    }
+    observer.stop();
+    ServerSnapshot snapshot;
+    observer.add_to(snapshot);
+    const RoundTripReport& report = snapshot.measures.at(0).report;
+    EXPECT_EQ(report.last_lag_frames, 768U);
+    EXPECT_GT(report.compared_blocks, blocks_per_window - 10);
+    EXPECT_EQ(report.exact_blocks, report.compared_blocks);
+    EXPECT_EQ(snapshot.unobserved_blocks, 0U);
 }
 
 TEST(RoundTripMeter, SaysWhenNothingOrSomethingElseComesBack) {
