@@ -8,19 +8,6 @@ namespace tavistro::server {
 
 using TavistroProtocol::Announce;
 
-namespace {
-
-bool same_session(const Client& client, const platform::Ipv4Endpoint& from,
-                  const Announce& announce) {
-    return client.endpoint == from && client.announce.session_id == announce.session_id;
-}
-
-bool same_channels(const Announce& a, const Announce& b) {
-    return a.driver_inputs == b.driver_inputs && a.driver_outputs == b.driver_outputs;
-}
-
-}  // namespace
-
 bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce& announce,
                               const StreamFormat& format, std::uint64_t now_ms) {
     if (announce.session_id == 0 || announce.driver_inputs.size() > max_list_entries ||
@@ -31,7 +18,8 @@ bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce
         return client.endpoint.address == from.address &&
                client.announce.client_id == announce.client_id;
     });
-    const bool renews = known != clients_.end() && same_session(*known, from, announce);
+    const bool renews = known != clients_.end() && known->endpoint == from &&
+                        known->announce.session_id == announce.session_id;
     if (is_leave(announce)) {
         // A leave of an older session, overtaken by the next announce, means nothing.
         if (renews) {
@@ -40,7 +28,8 @@ bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce
         }
         return true;
     }
-    if (renews && same_channels(known->announce, announce)) {
+    if (renews && known->announce.driver_inputs == announce.driver_inputs &&
+        known->announce.driver_outputs == announce.driver_outputs) {
         known->announce = announce;
         known->announced_ms = now_ms;
         return true;

@@ -81,7 +81,7 @@ std::uint64_t MixingSession::next_due_ns() const noexcept {
     return clock_.to_local(schedule_.next().time_ns);
 }
 
-std::optional<BlockStamp> MixingSession::mix_due_block(const FaultOptions& faults, bool send,
+std::optional<BlockStamp> MixingSession::mix_due_block(const FaultOptions& faults,
                                                        std::uint64_t local_ns,
                                                        std::vector<RoutedDatagram>& outbox) {
     const std::uint64_t now_ns = clock_.to_server(local_ns);
@@ -96,13 +96,11 @@ std::optional<BlockStamp> MixingSession::mix_due_block(const FaultOptions& fault
         std::max(counters_.lateness_max_us, (now_ns - block.time_ns) / ns_per_us);
     registry_.drop_silent(local_ns / ns_per_ms);
     mix(block);
-    if (send) {
-        const bool paused = sync_is_paused(faults, format(), block.index);
-        for (Client& client : registry_.clients()) {
-            if (!paused) send_sync(client, block, outbox);
-            send_audio(client, block, outbox);
-            ++counters_.blocks_sent;
-        }
+    const bool paused = sync_is_paused(faults, format(), block.index);
+    for (Client& client : registry_.clients()) {
+        if (!paused) send_sync(client, block, outbox);
+        send_audio(client, block, outbox);
+        ++counters_.blocks_sent;
     }
     schedule_.advance();
     return block;

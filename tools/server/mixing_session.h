@@ -42,11 +42,10 @@ class MixingSession {
 
     /// Local time at which the next block is due.
     std::uint64_t next_due_ns() const noexcept;
-    /// Mixes the next block and appends what its clients get, Sync first; nothing for them when
-    /// `send` is false. Blocks that are late by more than max_late_blocks are given up first.
-    /// Returns the block, or nothing when none is due.
-    std::optional<BlockStamp> mix_due_block(const FaultOptions& faults, bool send,
-                                            std::uint64_t local_ns,
+    /// Mixes the next block and appends what its clients get, Sync first. Blocks that are late by
+    /// more than max_late_blocks are given up first. Returns the block, or nothing when none is
+    /// due.
+    std::optional<BlockStamp> mix_due_block(const FaultOptions& faults, std::uint64_t local_ns,
                                             std::vector<RoutedDatagram>& outbox);
     static constexpr std::uint64_t max_late_blocks = 64;
 

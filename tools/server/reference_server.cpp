@@ -116,11 +116,6 @@ void ReferenceServer::set_faults(const FaultOptions& faults) {
     session_->adjust_clock(faults.clock_offset_ms, faults.drift_ppm, nanosecond_clock());
 }
 
-void ReferenceServer::set_sending(bool sending) {
-    const std::lock_guard lock(mutex_);
-    sending_ = sending;
-}
-
 std::string ReferenceServer::open_socket() {
     network_started_ = platform::start_network_stack();
     if (!network_started_) return "no network";
@@ -200,7 +195,7 @@ bool ReferenceServer::send_due_block() {
     {
         const std::lock_guard lock(mutex_);
         const std::uint64_t now_ns = nanosecond_clock();
-        const auto block = session_->mix_due_block(faults_, sending_, now_ns, outbox_);
+        const auto block = session_->mix_due_block(faults_, now_ns, outbox_);
         if (!block) return false;
         history_.add(*block, session_->bus());
         observer_.push(block->index, session_->format(), session_->bus());

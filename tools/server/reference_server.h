@@ -55,8 +55,6 @@ class ReferenceServer {
     bool change_format(std::uint32_t sample_rate, std::uint16_t frames);
     /// Replaces every fault; random choices go on where they were.
     void set_faults(const FaultOptions& faults);
-    /// False: blocks are mixed but neither their Sync nor their audio is sent.
-    void set_sending(bool sending);
 
     /// Keeps the last `blocks` blocks of the bus from now on; 0 ends it.
     void enable_history(std::size_t blocks) { history_.enable(blocks); }
@@ -109,7 +107,6 @@ class ReferenceServer {
     FaultLane reply_lane_{0};
     FaultLane uplink_lane_{0};
     FaultOptions faults_;
-    bool sending_ = true;
     std::uint64_t started_ms_ = 0;
     std::uint64_t stopped_ms_ = 0;  ///< 0 while running
 };

@@ -92,6 +92,12 @@ std::string dump(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
+std::string client_json(const char* type, const ClientSnapshot& client) {
+    json object = to_json(client);
+    object["type"] = type;
+    return dump(object);
+}
+
 /// Everything that was counted.
 std::string counts_json(const char* type, const ServerSnapshot& snapshot) {
     json object{{"type", type},
@@ -128,15 +134,15 @@ std::string Report::listening(std::uint16_t port, const StreamFormat& format) co
                        format.frames);
 }
 
-std::string Report::client(const char* event, const ClientSnapshot& client) const {
-    if (!json_) {
-        return fmt::format("{} {}, sends {} channels, receives {}", name_of(client), event,
-                           client.announce.driver_inputs.size(),
-                           client.announce.driver_outputs.size());
-    }
-    json object = to_json(client);
-    object["type"] = event;
-    return dump(object);
+std::string Report::joined(const ClientSnapshot& client) const {
+    if (json_) return client_json("joined", client);
+    return fmt::format("{} joined: sends {} channels, receives {}", name_of(client),
+                       client.announce.driver_inputs.size(), client.announce.driver_outputs.size());
+}
+
+std::string Report::left(const ClientSnapshot& client) const {
+    if (json_) return client_json("left", client);
+    return fmt::format("{} left: {}", name_of(client), input_text(client.input));
 }
 
 std::string Report::status(const ServerSnapshot& now, const ServerSnapshot& before) const {

@@ -14,8 +14,9 @@ class Report {
     explicit Report(bool json) : json_(json) {}
 
     std::string listening(std::uint16_t port, const StreamFormat& format) const;
-    /// `event` is "joined" or "left".
-    std::string client(const char* event, const ClientSnapshot& client) const;
+    std::string joined(const ClientSnapshot& client) const;
+    /// Of a client that left or fell silent.
+    std::string left(const ClientSnapshot& client) const;
     /// For people: what happened per second since `before`, and what counts so far. For machines:
     /// everything that was counted so far.
     std::string status(const ServerSnapshot& now, const ServerSnapshot& before) const;

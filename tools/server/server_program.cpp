@@ -43,9 +43,9 @@ void serve(const ReferenceServer& server, const CommandLine& command, const Repo
         if (length_ms != 0 && now_ms - started_ms >= length_ms) return;
         ServerSnapshot now = server.snapshot();
         for (const ClientSnapshot& client : known)
-            if (!has(now.clients, client)) out << report.client("left", client) << std::endl;
+            if (!has(now.clients, client)) out << report.left(client) << std::endl;
         for (const ClientSnapshot& client : now.clients)
-            if (!has(known, client)) out << report.client("joined", client) << std::endl;
+            if (!has(known, client)) out << report.joined(client) << std::endl;
         known = now.clients;
         if (now_ms >= next_status_ms) {
             next_status_ms += status_period_ms;

@@ -30,7 +30,7 @@ Signal played(Source& source, std::size_t blocks) {
 
 /// Delay that begins with `delay` and grows by `slope` frames per frame, read between the samples:
 /// exact where it is a whole number.
-Signal delayed(const Signal& signal, double delay, double slope = 0, float gain = 1) {
+Signal delayed(const Signal& signal, double delay, double slope = 0) {
     Signal result(signal.size());
     for (std::size_t i = 0; i < result.size(); ++i) {
         const double at = static_cast<double>(i) * (1 - slope) - delay;
@@ -38,7 +38,7 @@ Signal delayed(const Signal& signal, double delay, double slope = 0, float gain 
         const auto below = static_cast<std::size_t>(at);
         const double part = at - std::floor(at);
         const float next = part > 0 ? signal[below + 1] : 0;
-        result[i] = gain * static_cast<float>(signal[below] * (1 - part) + next * part);
+        result[i] = static_cast<float>(signal[below] * (1 - part) + next * part);
     }
     return result;
 }
@@ -58,41 +58,26 @@ const Signal& sent_melody() {
     return signal;
 }
 
-TEST(Sources, PlayAtTheirLevelAndPitch) {
+TEST(Sources, PlayAtTheirLevelAndTheNewRate) {
     const auto tone = make_tone({.frequency_hz = 375, .level = 0.5F}, 44100);
     tone->change_rate(format.sample_rate);  // a period is a block
     const Signal wave = played(*tone, 2);
     EXPECT_NEAR(wave[32], 0.5, 1e-6);
     EXPECT_NEAR(wave[128 + 96], -0.5, 1e-6);
     EXPECT_NEAR(std::ranges::max(sent_melody()), 0.4, 0.1);
-    const auto melody = make_melody({.level = 0.5F}, 44100);
-    melody->change_rate(format.sample_rate);
-    EXPECT_NE(played(*melody, 2), Signal(sent_melody().begin(), sent_melody().begin() + 256))
-        << "a change begins the next note";
 }
 
 TEST(RoundTripMeter, FindsAnyLagAndWhatCameBackExactly) {
-    struct Case {
-        std::uint32_t lag;
-        float gain;
-        bool exact;
-    };
-    for (const auto& [lag, gain, exact] :
-         {Case{0, 1, true}, Case{1, 1, true}, Case{768, 1, true}, Case{777, 1, true},
-          Case{5003, 0.5F, false}, Case{300 * 128, 1, true}}) {
-        SCOPED_TRACE(lag);
-        const RoundTripReport report =
-            measured(sent_melody(), delayed(sent_melody(), lag, 0, gain));
-        ASSERT_EQ(report.last_lag_frames, lag);
+    for (const std::uint32_t lag : {0U, 1U, 777U, 300U * 128}) {
+        Signal returned = delayed(sent_melody(), lag);
+        returned[90000] = std::nextafter(returned[90000], 1.0F);
+        const RoundTripReport report = measured(sent_melody(), returned);
+        EXPECT_EQ(report.last_lag_frames, lag);
         EXPECT_GT(report.correlation_max, 0.9999);
         EXPECT_GT(report.compared_blocks, blocks_per_window);
-        EXPECT_EQ(report.exact_blocks, exact ? report.compared_blocks : 0U);
+        EXPECT_EQ(report.exact_blocks, report.compared_blocks - 1) << "one wrong bit, one block";
         EXPECT_EQ(report.silent_blocks, 0U) << "before the lag is over nothing can come back";
     }
-    Signal returned = delayed(sent_melody(), 768);
-    returned[90000] = std::nextafter(returned[90000], 1.0F);
-    const RoundTripReport report = measured(sent_melody(), returned);
-    EXPECT_EQ(report.exact_blocks, report.compared_blocks - 1) << "one wrong bit, one block";
 }
 
 TEST(RoundTripMeter, LooksBetweenFramesAndPastTheBeginning) {
@@ -129,24 +114,10 @@ TEST(RoundTripMeter, CountsWhatIsSentAndComesBackSilentAtTheLagItKnows) {
     EXPECT_EQ(report.exact_blocks, blocks_per_window);
 }
 
-TEST(RoundTripMeter, ReportsTheSpreadOfItsWindows) {
-    Signal returned = delayed(sent_melody(), 100);
-    std::minstd_rand random;
-    for (auto sample = returned.begin() + static_cast<std::ptrdiff_t>(returned.size() / 2);
-         sample != returned.end(); ++sample)
-        *sample += static_cast<float>(random()) * 0x1p-34F;
-    const RoundTripReport report = measured(sent_melody(), returned);
-    EXPECT_EQ(report.windows, 2U);
-    EXPECT_LT(report.correlation_min, 0.95);
-    EXPECT_GT(report.correlation_max, 0.9999);
-    EXPECT_EQ(report.correlation_median, report.correlation_max);
-}
-
 TEST(BusObserver, MeasuresAcrossAHoleWithoutMixingItsSides) {
     const Signal returned = delayed(sent_melody(), 768);
     BusObserver observer;
-    const MeasureOptions channels{.sent = 5, .returned = 3};
-    ASSERT_EQ(observer.start({.format = format, .measures = {channels}}), "");
+    ASSERT_EQ(observer.start({.format = format, .measures = {{.sent = 5, .returned = 3}}}), "");
     MixBus bus(format.frames);
     for (std::size_t block = 0; block < 600; ++block) {
         if (block == 100) block += 50;
@@ -162,22 +133,17 @@ TEST(BusObserver, MeasuresAcrossAHoleWithoutMixingItsSides) {
     EXPECT_EQ(report.last_lag_frames, 768U);
     EXPECT_GT(report.compared_blocks, blocks_per_window - 10);
     EXPECT_EQ(report.exact_blocks, report.compared_blocks);
-    EXPECT_EQ(snapshot.unobserved_blocks, 0U);
 }
 
-TEST(RoundTripMeter, SaysWhenNothingOrSomethingElseComesBack) {
-    const Signal silence(sent_melody().size());
-    const RoundTripReport nothing = measured(sent_melody(), silence);
-    EXPECT_FALSE(nothing.last_lag_frames);
-    EXPECT_EQ(nothing.silent_blocks, 2 * blocks_per_window);
-
-    Signal noise(sent_melody().size());
+TEST(RoundTripMeter, TakesNoiseForNoAnswer) {
+    Signal returned = delayed(sent_melody(), 100);
     std::minstd_rand random;
-    for (float& sample : noise)
-        sample = static_cast<float>(random()) * 0x1p-31F - 0.5F;
-    const RoundTripReport other = measured(sent_melody(), noise);
-    EXPECT_FALSE(other.last_lag_frames);
-    EXPECT_EQ(other.exact_blocks, 0U);
+    for (std::size_t i = returned.size() / 2; i < returned.size(); ++i)
+        returned[i] = static_cast<float>(random()) * 0x1p-31F - 0.5F;
+    const RoundTripReport report = measured(sent_melody(), returned);
+    EXPECT_EQ(report.last_lag_frames, 100U);
+    EXPECT_EQ(report.windows, 1U);
+    EXPECT_LE(report.compared_blocks, blocks_per_window);
 }
 
 }  // namespace
