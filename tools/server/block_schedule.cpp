@@ -42,16 +42,12 @@ void BlockSchedule::advance(std::uint64_t blocks) noexcept {
 }
 
 void BlockSchedule::change_format(const StreamFormat& format) noexcept {
-    rebase(next().time_ns);
+    move_to(next().time_ns);
     format_ = format;
 }
 
 void BlockSchedule::move_to(std::uint64_t next_ns) noexcept {
-    rebase(next_ns);
-}
-
-void BlockSchedule::rebase(std::uint64_t base_ns) noexcept {
-    base_ns_ = base_ns;
+    base_ns_ = next_ns;
     since_base_ = 0;
 }
 

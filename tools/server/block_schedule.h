@@ -36,8 +36,6 @@ class BlockSchedule {
     void move_to(std::uint64_t next_ns) noexcept;
 
   private:
-    void rebase(std::uint64_t base_ns) noexcept;
-
     StreamFormat format_;
     std::uint64_t base_ns_;  ///< deadline of the block `since_base_` blocks ago
     std::uint64_t since_base_ = 0;

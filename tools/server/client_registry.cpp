@@ -55,10 +55,8 @@ void ClientRegistry::drop_silent(std::uint64_t now_ms) {
 }
 
 void ClientRegistry::change_format(const StreamFormat& format) {
-    for (Client& client : clients_) {
-        client.earlier_input += client.input.counters();
-        client.input = InputRing(format, client.announce.driver_inputs.size());
-    }
+    for (Client& client : clients_)
+        client.input.change_format(format);
 }
 
 Client* ClientRegistry::find(const platform::Ipv4Endpoint& endpoint, std::uint32_t client_id) {
@@ -71,12 +69,12 @@ Client* ClientRegistry::find(const platform::Ipv4Endpoint& endpoint, std::uint32
 InputCounters ClientRegistry::input_counters() const {
     InputCounters sum = gone_input_;
     for (const Client& client : clients_)
-        sum += client.input_counters();
+        sum += client.input.counters();
     return sum;
 }
 
 std::list<Client>::iterator ClientRegistry::remove(std::list<Client>::iterator client) {
-    gone_input_ += client->input_counters();
+    gone_input_ += client->input.counters();
     return clients_.erase(client);
 }
 

@@ -24,12 +24,6 @@ struct Client {
     std::uint64_t announced_ms = 0;       ///< when it came
     std::uint64_t sync_blocks_sent = 0;
     InputRing input;
-    InputCounters earlier_input;  ///< counted by this session before a format change
-
-    InputCounters input_counters() const {
-        InputCounters sum = earlier_input;
-        return sum += input.counters();
-    }
 };
 
 /// Clients by host address and client id: two of one id on one host replace each other. Not

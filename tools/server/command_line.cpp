@@ -3,19 +3,111 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <functional>
 #include <limits>
 #include <sstream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/udp_socket.h"
-#include "tools/server/argument_values.h"
 #include "tools/version_flag.h"
 
 namespace tavistro::server {
 
 namespace {
+
+// Each reads one argument, whole; nothing when it is not of that form, a number is out of range or
+// a channel is not on the bus.
+
+template <typename Number>
+std::optional<Number> parse_number(std::string_view text) {
+    Number number{};
+    const char* const end = text.data() + text.size();
+    const auto [stopped_at, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc{} || stopped_at != end) return {};
+    return number;
+}
+
+std::optional<std::uint32_t> parse_channel(std::string_view text) {
+    const auto channel = parse_number<std::uint32_t>(text);
+    if (!channel || *channel >= bus_channel_count) return {};
+    return channel;
+}
+
+/// Both sides of the last `separator`; nothing without one.
+std::optional<std::pair<std::string_view, std::string_view>> split(std::string_view text,
+                                                                   char separator) {
+    const std::size_t at = text.rfind(separator);
+    if (at == std::string_view::npos) return {};
+    return std::pair(text.substr(0, at), text.substr(at + 1));
+}
+
+/// Cuts an "@LEVEL" off the end of `text`, whose level is `otherwise` without one.
+std::optional<float> take_level(std::string_view& text, float otherwise) {
+    const auto parts = split(text, '@');
+    if (!parts) return otherwise;
+    const auto level = parse_number<float>(parts->second);
+    if (!level || !(*level > 0) || *level > 1) return {};
+    text = parts->first;
+    return level;
+}
+
+/// "CH=HZ" or "CH=HZ@LEVEL", level above 0 up to 1.
+std::optional<ToneOptions> parse_tone(std::string_view text) {
+    ToneOptions tone;
+    const auto level = take_level(text, tone.level);
+    const auto parts = split(text, '=');
+    if (!level || !parts) return {};
+    const auto channel = parse_channel(parts->first);
+    const auto frequency_hz = parse_number<double>(parts->second);
+    if (!channel || !frequency_hz || !(*frequency_hz > 0) || *frequency_hz > 200000) return {};
+    return ToneOptions{*channel, *frequency_hz, *level};
+}
+
+/// "CH" or "CH@LEVEL".
+std::optional<MelodyOptions> parse_melody(std::string_view text) {
+    const auto level = take_level(text, MelodyOptions{}.level);
+    const auto channel = parse_channel(text);
+    if (!level || !channel) return {};
+    return MelodyOptions{*channel, *level};
+}
+
+/// "FILE@CH".
+std::optional<PlayOptions> parse_play(std::string_view text) {
+    const auto parts = split(text, '@');
+    if (!parts || parts->first.empty()) return {};
+    const auto channel = parse_channel(parts->second);
+    if (!channel) return {};
+    return PlayOptions{std::string(parts->first), *channel};
+}
+
+/// "FILE@CH" or "FILE@CH,CH...".
+std::optional<RecordOptions> parse_record(std::string_view text) {
+    const auto parts = split(text, '@');
+    if (!parts || parts->first.empty()) return {};
+    RecordOptions record{std::string(parts->first), {}};
+    std::string_view list = parts->second;
+    while (true) {
+        const std::size_t comma = list.find(',');
+        const auto channel = parse_channel(list.substr(0, comma));
+        if (!channel) return {};
+        record.channels.push_back(*channel);
+        if (comma == std::string_view::npos) return record;
+        list.remove_prefix(comma + 1);
+    }
+}
+
+/// "SENT:RETURNED", two channels.
+std::optional<MeasureOptions> parse_measure(std::string_view text) {
+    const auto parts = split(text, ':');
+    if (!parts) return {};
+    const auto sent = parse_channel(parts->first);
+    const auto returned = parse_channel(parts->second);
+    if (!sent || !returned) return {};
+    return MeasureOptions{*sent, *returned};
+}
 
 /// An option with a value. Options have one type, so that CLI11's templates are compiled once.
 struct Argument {

@@ -30,6 +30,13 @@ class InputRing {
     /// at all. Forgets the blocks before it.
     std::vector<float> take(std::uint32_t sequence);
 
+    /// Empty, for blocks of another format; counts go on.
+    void change_format(const StreamFormat& format) {
+        const InputCounters counted = counters_;
+        *this = InputRing(format, channels_);
+        counters_ = counted;
+    }
+
     const InputCounters& counters() const noexcept { return counters_; }
 
     /// A shorter run of zeros is no silence: a wave may rest at zero for a moment.

@@ -45,7 +45,7 @@ void add_session(ServerSnapshot& snapshot, const MixingSession& session) {
     snapshot.input = registry.input_counters();
     for (const Client& client : registry.clients()) {
         snapshot.clients.push_back(
-            {client.endpoint, client.announce, client.sync_blocks_sent, client.input_counters()});
+            {client.endpoint, client.announce, client.sync_blocks_sent, client.input.counters()});
     }
 }
 

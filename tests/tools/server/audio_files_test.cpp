@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tools/server/bus_observer.h"
+#include "tools/server/reference_server.h"
 #include "tools/server/server_program.h"
 #include "tools/server/sources.h"
 
@@ -41,6 +42,10 @@ TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
     }
     EXPECT_NE(make_file_source({path, 0}, 44100).error.find("48000 Hz"), std::string::npos);
     EXPECT_NE(make_file_source({path, 31}, 48000).error, "");
+    ReferenceServer server(ServerOptions{.port = 0, .plays = {{path, 0}}});
+    ASSERT_EQ(server.start(), "");
+    EXPECT_FALSE(server.change_format(44100, 128)) << "amid a file";
+    EXPECT_TRUE(server.change_format(48000, 64));
     std::filesystem::remove(path);
 }
 

@@ -53,10 +53,7 @@ class ReferenceServerTest : public testing::Test {
         return server.snapshot();
     }
 
-    ReferenceServer server{{.bind_address = platform::ipv4_loopback,
-                            .port = 0,
-                            .format = format,
-                            .records = {{testing::TempDir() + "tavistro-server-test.wav", {0}}}}};
+    ReferenceServer server{{.bind_address = platform::ipv4_loopback, .port = 0, .format = format}};
     std::optional<Peer> peer;
 };
 
@@ -85,12 +82,13 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
             EXPECT_LE(growth, (blocks + 4) * per_block[i]) << i;
         }
         EXPECT_EQ(now.datagrams_received - before.datagrams_received, 20U);
-        EXPECT_EQ(now.malformed - before.malformed, taken) << "faults meet both directions";
+        EXPECT_TRUE(test::eventually([&] {
+            return server.snapshot().malformed - before.malformed == taken;
+        })) << "faults meet both directions";
     }
 }
 
 TEST_F(ReferenceServerTest, StopsAndStartsAgainAboveItsNumbers) {
-    EXPECT_FALSE(server.change_format(44100, 128)) << "amid a recording";
     EXPECT_TRUE(server.change_format(48000, 1));  // counts faster than the wall clock
     server.enable_history(2);
     after(5000);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 
 #include "tools/server/bus_observer.h"
 #include "tools/server/sources.h"
@@ -106,7 +105,7 @@ TEST(RoundTripMeter, CountsWhatIsSentAndComesBackSilentAtTheLagItKnows) {
     std::fill(returned.begin() + second, returned.end(), 0.0F);
     EXPECT_EQ(measured(sent, returned).silent_blocks, 40U) << "5003 frames were on their way";
 
-    // A click that nothing was sent for is no comparison; nor is it like what was sent.
+    // A click that nothing was sent for is no comparison.
     returned = delayed(sent, 30 * 128);
     returned.back() = 0.001F;
     const RoundTripReport report = measured(sent, returned);
@@ -133,17 +132,6 @@ TEST(BusObserver, MeasuresAcrossAHoleWithoutMixingItsSides) {
     EXPECT_EQ(report.last_lag_frames, 768U);
     EXPECT_GT(report.compared_blocks, blocks_per_window - 10);
     EXPECT_EQ(report.exact_blocks, report.compared_blocks);
-}
-
-TEST(RoundTripMeter, TakesNoiseForNoAnswer) {
-    Signal returned = delayed(sent_melody(), 100);
-    std::minstd_rand random;
-    for (std::size_t i = returned.size() / 2; i < returned.size(); ++i)
-        returned[i] = static_cast<float>(random()) * 0x1p-31F - 0.5F;
-    const RoundTripReport report = measured(sent_melody(), returned);
-    EXPECT_EQ(report.last_lag_frames, 100U);
-    EXPECT_EQ(report.windows, 1U);
-    EXPECT_LE(report.compared_blocks, blocks_per_window);
 }
 
 }  // namespace
