@@ -100,8 +100,8 @@ class MixingSessionTest : public testing::Test {
 };
 
 TEST_F(MixingSessionTest, BlockNIsTheSumOfWhatWasTaggedN) {
-    announce(alice, 1, 11, {0, 3}, {});
-    announce(bob, 2, 22, {3}, {3, 99, 0});
+    announce(alice, 1, 11, {0, 31}, {});
+    announce(bob, 2, 22, {31}, {31, 32, 0});  // 32: off the bus
     const auto from_alice = [](std::uint32_t block) {
         std::vector<float> samples(2 * 64);
         std::iota(samples.begin(), samples.end(), static_cast<float>(1000 * block));
@@ -158,9 +158,9 @@ TEST_F(MixingSessionTest, CountsInputThatMissesItsBlock) {
                        counters.mismatched, counters.duplicates, counters.missing),
               std::tuple(1U, 1U, 1U, 1U, 6U, 1U, 1U));
 
-    send_input(alice, 2, next + 5, stereo);                  // another client
-    send_input({alice.address, 5001}, 1, next + 5, stereo);  // another socket
-    receive({1, 2, 3}, alice);
+    send_input(alice, 2, next + 5, stereo);                   // another client
+    send_input({alice.address, 5001}, 1, next + 5, stereo);   // another socket
+    announce(bob, 2, 22, std::vector<std::int32_t>(65), {});  // more than twice the bus
     EXPECT_EQ(session.counters().strangers, 8U);
     EXPECT_EQ(session.counters().malformed, 1U);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 
 #include "tools/server/bus_observer.h"
 #include "tools/server/sources.h"
@@ -111,6 +112,14 @@ TEST(RoundTripMeter, CountsWhatIsSentAndComesBackSilentAtTheLagItKnows) {
     const RoundTripReport report = measured(sent, returned);
     EXPECT_EQ(report.compared_blocks, blocks_per_window);
     EXPECT_EQ(report.exact_blocks, blocks_per_window);
+}
+
+TEST(RoundTripMeter, TakesNoiseForNoAnswer) {
+    Signal returned = delayed(sent_melody(), 100);
+    std::minstd_rand random;
+    for (std::size_t i = returned.size() / 2; i < returned.size(); ++i)
+        returned[i] = static_cast<float>(random()) * 0x1p-30F - 1.0F;
+    EXPECT_EQ(measured(sent_melody(), returned).windows, 1U);
 }
 
 TEST(BusObserver, MeasuresAcrossAHoleWithoutMixingItsSides) {
