@@ -82,6 +82,7 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
             EXPECT_LE(growth, (blocks + 4) * per_block[i]) << i;
         }
         EXPECT_EQ(now.datagrams_received - before.datagrams_received, 20U);
+        EXPECT_EQ(now.send_failures, 0U);
         EXPECT_TRUE(test::eventually([&] {
             return server.snapshot().malformed - before.malformed == taken;
         })) << "faults meet both directions";
