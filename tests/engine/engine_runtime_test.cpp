@@ -204,7 +204,7 @@ class EngineRuntimeTest : public testing::Test {
     StreamFormat format_;
     std::uint64_t sessions_ = 0;
     std::uint64_t passed_pause_ = 0;  ///< next_event_sequence during it
-    host::StatsReader stats_;
+    readings::StatsReader stats_;
     const std::shared_ptr<test::DevicePanel> device_ = std::make_shared<test::DevicePanel>();
     std::atomic<std::uint32_t> closed_in_{0};  ///< the state that was shown then
     int devices_made_ = 0;
