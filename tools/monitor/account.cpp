@@ -1,7 +1,11 @@
 #include "tools/monitor/account.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <cstdio>
+#include <array>
+#include <functional>
+#include <tuple>
 #include <utility>
 
 #include "tavistro/engine.h"
@@ -17,26 +21,18 @@ constexpr double piece_s = 120;
 /// A difference of two clocks that is known no better than this says nothing.
 constexpr double least_certain_ppm = 500;
 
-constexpr std::pair<Cause, std::string_view> cause_names[] = {
-    {Cause::engine_absent, "no engine"},         {Cause::engine_silent, "engine silent"},
-    {Cause::engine_ended, "engine stopped"},     {Cause::engine_failed, "engine failed"},
-    {Cause::server_silent, "server silent"},     {Cause::format_mismatch, "format mismatch"},
-    {Cause::network_loss, "network loss"},       {Cause::missing_notices, "missing notices"},
-    {Cause::late_network, "late network"},       {Cause::device_stall, "device stall"},
-    {Cause::device_too_slow, "device too slow"}, {Cause::device_too_fast, "device too fast"},
-    {Cause::device_uneven, "device uneven"},     {Cause::host_overload, "host overload"},
-};
+/// In the order of Cause.
+constexpr std::array<std::string_view, 14> cause_names{
+    "no engine",       "engine silent",   "engine stopped",  "engine failed", "server silent",
+    "format mismatch", "network loss",    "missing notices", "late network",  "device stall",
+    "device too slow", "device too fast", "device uneven",   "host overload"};
 
-template <typename... Values>
-std::string text(const char* format, Values... values) {
-    char buffer[200];
-    std::snprintf(buffer, sizeof buffer, format, values...);
-    return buffer;
-}
-
-std::string time_text(double seconds) {
-    const auto whole = static_cast<long long>(seconds + 0.5);
-    return text("%lld:%02lld", whole / 60, whole % 60);
+std::string when_text(double from_s, double until_s) {
+    const auto time_text = [](double seconds) {
+        const auto whole = static_cast<int>(seconds + 0.5);
+        return fmt::format("{}:{:02}", whole / 60, whole % 60);
+    };
+    return until_s > from_s ? time_text(from_s) + " to " + time_text(until_s) : time_text(from_s);
 }
 
 using Samples = std::span<const Sample>;
@@ -81,7 +77,7 @@ class RunAccount {
         : run_(run), origin_(origin), account_(account) {}
 
     void judge() {
-        tell_facts(Stretch(run_, origin_));
+        tell_facts();
         std::vector<std::pair<Cause, Samples>> open;
         for (const Samples& piece : pieces_of(run_)) {
             const Stretch stretch(piece, origin_);
@@ -113,74 +109,52 @@ class RunAccount {
         account_.causes.push_back({cause, span.from_s, span.until_s, words_for(cause, stretch)});
     }
 
-    template <typename Count>
-    void fact(const Stretch& s, std::string_view name, const Count& count, std::string words) {
-        if (count(s.counted()) == 0) return;
-        const Span span = s.span_of(count);
-        account_.facts.push_back({name, span.from_s, span.until_s, std::move(words)});
-    }
-
-    void tell_facts(const Stretch& s) {
+    void tell_facts() {
+        const Stretch s(run_, origin_);
         const Totals& n = s.counted();
-        const auto counted = [](std::int64_t count, const char* what) {
-            return text("%lld %s", static_cast<long long>(count), what);
+        const auto tell = [&](std::string_view name, const Span& span, std::string words) {
+            account_.facts.push_back({name, span.from_s, span.until_s, std::move(words)});
         };
-        const auto of_blocks = [&](const Trouble& trouble, const char* what) {
-            return text("%lld %s, %.2f %% of %lld", static_cast<long long>(trouble.count), what,
-                        100.0 * static_cast<double>(trouble.count) /
-                            static_cast<double>(std::max<std::int64_t>(n.blocks, 1)),
-                        static_cast<long long>(n.blocks));
+        const auto fact = [&](std::string_view name, const auto& count, std::string words) {
+            if (count(n) != 0) tell(name, s.span_of(count), std::move(words));
         };
-        const auto ms = [](std::int64_t us) { return static_cast<double>(us) / 1e3; };
-        fact(
-            s, "blocks replaced", [](const Totals& t) { return t.replaced.count; },
-            of_blocks(n.replaced, "blocks played as silence"));
-        fact(
-            s, "blocks repeated", [](const Totals& t) { return t.repeated.count; },
-            of_blocks(n.repeated, "blocks that came again or too late"));
-        fact(
-            s, "notices missed", [](const Totals& t) { return t.notices_missed.count; },
-            of_blocks(n.notices_missed, "notices of the server's clock"));
-        fact(
-            s, "server silent", [](const Totals& t) { return t.silence.count; },
-            text("%.1f s without anything from the server",
-                 static_cast<double>(n.silence.count) / 1e3));
-        fact(
-            s, "stream held up", [](const Totals& t) { return t.late.count; },
-            text("%lld times, up to %.1f ms; the buffer holds %.1f ms",
-                 static_cast<long long>(n.late.count), ms(n.longest_late_us), s.buffer_ms()));
-        fact(
-            s, "underruns", [](const Totals& t) { return t.underruns; },
-            counted(n.underruns, "periods without a block to play"));
-        fact(
-            s, "overruns", [](const Totals& t) { return t.overruns; },
-            counted(n.overruns, "blocks that found the buffer full"));
-        fact(
-            s, "blocks refused", [](const Totals& t) { return t.refused; },
-            counted(n.refused, "blocks dropped for their format"));
-        fact(
-            s, "capture dropped", [](const Totals& t) { return t.capture_dropped; },
-            counted(n.capture_dropped, "captured blocks dropped"));
-        fact(
-            s, "device periods",
-            [](const Totals& t) { return t.periods_short.count + t.periods_long.count; },
-            text("%lld ran, %.1f s have %.0f; %lld too few in %lld seconds, %lld too many in %lld",
-                 static_cast<long long>(n.periods), static_cast<double>(n.reported_ms) / 1e3,
-                 static_cast<double>(n.reported_ms) * 1e3 / s.block_us(),
-                 static_cast<long long>(n.periods_short.count),
-                 static_cast<long long>(n.periods_short.seconds),
-                 static_cast<long long>(n.periods_long.count),
-                 static_cast<long long>(n.periods_long.seconds)));
-        fact(
-            s, "host pauses", [](const Totals& t) { return t.pauses.count; },
-            text("%lld waits of this computer's threads of a block or more, up to %.1f ms",
-                 static_cast<long long>(n.pauses.count), ms(n.longest_pause_us)));
-        if (n.clock_uncertainty_ppm > 0 && n.clock_uncertainty_ppm < least_certain_ppm) {
-            const Span span = s.span();
-            account_.facts.push_back({"clocks", span.from_s, span.until_s,
-                                      text("the server's is %+.0f +-%.0f ppm against the device's",
-                                           n.server_faster_ppm, n.clock_uncertainty_ppm)});
+        const auto count_of = [](Trouble Totals::*trouble) {
+            return [=](const Totals& t) { return (t.*trouble).count; };
+        };
+        for (const auto& [name, trouble, what] :
+             {std::tuple{"blocks replaced", &Totals::replaced, "blocks played as silence"},
+              {"blocks repeated", &Totals::repeated, "blocks that came again or too late"},
+              {"notices missed", &Totals::notices_missed, "notices of the server's clock"}}) {
+            const std::int64_t count = (n.*trouble).count;
+            fact(name, count_of(trouble),
+                 fmt::format("{} {}, {:.2f} % of {}", count, what, percent(count, n.blocks),
+                             n.blocks));
         }
+        fact("server silent", count_of(&Totals::silence),
+             fmt::format("{:.1f} s without anything from the server", thousandth(n.silence.count)));
+        fact("stream held up", count_of(&Totals::late),
+             fmt::format("{} times, up to {:.1f} ms; the buffer holds {:.1f} ms", n.late.count,
+                         thousandth(n.longest_late_us), s.buffer_ms()));
+        for (const auto& [name, sum, what] :
+             {std::tuple{"underruns", &Totals::underruns, "periods without a block to play"},
+              {"overruns", &Totals::overruns, "blocks that found the buffer full"},
+              {"blocks refused", &Totals::refused, "blocks dropped for their format"},
+              {"capture dropped", &Totals::capture_dropped, "captured blocks dropped"}})
+            fact(name, std::mem_fn(sum), fmt::format("{} {}", n.*sum, what));
+        fact(
+            "device periods",
+            [](const Totals& t) { return t.periods_short.count + t.periods_long.count; },
+            fmt::format("{} ran, {:.1f} s have {:.0f}; {} too few in {} seconds, {} too many in {}",
+                        n.periods, thousandth(n.reported_ms), s.periods_due(),
+                        n.periods_short.count, n.periods_short.seconds, n.periods_long.count,
+                        n.periods_long.seconds));
+        fact("host pauses", count_of(&Totals::pauses),
+             fmt::format("{} waits of this computer's threads of a block or more, up to {:.1f} ms",
+                         n.pauses.count, thousandth(n.longest_pause_us)));
+        if (n.clock_uncertainty_ppm > 0 && n.clock_uncertainty_ppm < least_certain_ppm)
+            tell("clocks", s.span(),
+                 fmt::format("the server's is {:+.0f} +-{:.0f} ppm against the device's",
+                             n.server_faster_ppm, n.clock_uncertainty_ppm));
     }
 
     Samples run_;
@@ -215,15 +189,10 @@ Samples until_the_last_word(Samples samples) {
     return samples;
 }
 
-std::string when_text(double from_s, double until_s) {
-    return until_s > from_s ? time_text(from_s) + " to " + time_text(until_s) : time_text(from_s);
-}
-
 }  // namespace
 
 std::string_view cause_text(Cause cause) {
-    return std::ranges::find(cause_names, cause, [](const auto& name) { return name.first; })
-        ->second;
+    return cause_names.at(static_cast<std::size_t>(cause));
 }
 
 Account judge(std::span<const Sample> samples) {
@@ -237,21 +206,24 @@ Account judge(std::span<const Sample> samples) {
     return account;
 }
 
+std::map<std::uint32_t, Account> judge_each(std::span<const Sample> samples) {
+    std::map<std::uint32_t, std::vector<Sample>> histories;
+    for (const Sample& sample : samples)
+        histories[sample.client_id].push_back(sample);
+    std::map<std::uint32_t, Account> accounts;
+    for (const auto& [id, history] : histories)
+        accounts.emplace(id, judge(history));
+    return accounts;
+}
+
 std::vector<std::string> account_lines(const Account& account) {
     std::vector<std::string> lines;
     for (const Fact& fact : account.facts)
-        lines.push_back(when_text(fact.from_s, fact.until_s)
-                            .append("  ")
-                            .append(fact.name)
-                            .append(": ")
-                            .append(fact.text));
+        lines.push_back(
+            fmt::format("{}  {}: {}", when_text(fact.from_s, fact.until_s), fact.name, fact.text));
     for (const Finding& finding : account.causes)
-        lines.push_back(std::string("CAUSE ")
-                            .append(cause_text(finding.cause))
-                            .append(" (")
-                            .append(when_text(finding.from_s, finding.until_s))
-                            .append("): ")
-                            .append(finding.text));
+        lines.push_back(fmt::format("CAUSE {} ({}): {}", cause_text(finding.cause),
+                                    when_text(finding.from_s, finding.until_s), finding.text));
     if (!account.not_clear_yet.empty()) lines.push_back("not clear yet: " + account.not_clear_yet);
     return lines;
 }

@@ -3,6 +3,8 @@
 // explain, the live view, the page and the report all say what judge() gives.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -52,16 +54,19 @@ inline constexpr double least_watched_s = 4;
 
 struct Account {
     double watched_s = 0;
-    std::vector<Fact> facts;      ///< in the order of time
-    std::vector<Finding> causes;  ///< in the order of Cause
+    std::vector<Fact> facts{};      ///< in the order of time
+    std::vector<Finding> causes{};  ///< in the order of Cause
     /// Set when something was heard that no cause explains: what would make it clear.
-    std::string not_clear_yet;
+    std::string not_clear_yet{};
 
     bool nothing_wrong() const { return causes.empty() && not_clear_yet.empty(); }
 };
 
 /// Samples of one client in the order of time.
 Account judge(std::span<const Sample> samples);
+
+/// Samples of several clients: the account of each, by client_id.
+std::map<std::uint32_t, Account> judge_each(std::span<const Sample> samples);
 
 /// The account in words: a line for each fact, then for each cause, none with an end.
 std::vector<std::string> account_lines(const Account& account);

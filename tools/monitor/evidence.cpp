@@ -19,10 +19,11 @@
 // apart: once may be chance.
 #include "tools/monitor/evidence.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 
 namespace tavistro::monitor {
 
@@ -59,13 +60,6 @@ constexpr double far_from_pauses = 8;
 /// A device at another rate is off in each second; a stall is much more off in one than on average.
 constexpr double steady = 3;
 constexpr std::int64_t least_rate_ms = 4000;
-
-template <typename... Values>
-std::string text(const char* format, Values... values) {
-    char buffer[400];
-    std::snprintf(buffer, sizeof buffer, format, values...);
-    return buffer;
-}
 
 /// How many pauses a thread of the engine may have had. Those of the monitor's own thread are
 /// counted; another is paused as often, give or take the square root of the number, four times
@@ -207,7 +201,7 @@ class Judgement {
                                                  longest_periods * most_pauses(n_.pauses.count);
         const bool doubled = lasts(&Totals::periods_long);
         // On the whole, clocks that differ apart.
-        const double due = static_cast<double>(n_.reported_ms) * 1e3 / s_.block_us();
+        const double due = s_.periods_due();
         const double clocks = std::abs(n_.server_faster_ppm) * 1e-6 * due;
         const double too_many = static_cast<double>(n_.periods) - due;
         const bool short_on_the_whole =
@@ -272,13 +266,12 @@ class Judgement {
 };
 
 std::string drop_outs_text(const Totals& n) {
-    return text("%lld underruns, %lld overruns", static_cast<long long>(n.underruns),
-                static_cast<long long>(n.overruns));
+    return fmt::format("{} underruns, {} overruns", n.underruns, n.overruns);
 }
 
-double percent(std::int64_t part, std::int64_t whole) {
-    return 100.0 * static_cast<double>(part) /
-           static_cast<double>(std::max<std::int64_t>(whole, 1));
+/// "3 blocks (1.50 %)"
+std::string share_text(std::int64_t part, std::string_view what, std::int64_t whole) {
+    return fmt::format("{} {} ({:.2f} %)", part, what, percent(part, whole));
 }
 
 std::string lateness_words(const Stretch& s) {
@@ -286,27 +279,26 @@ std::string lateness_words(const Stretch& s) {
     const std::int64_t out_of_turn = std::min(n.repeated.count, n.replaced.count);
     std::string words;
     if (out_of_turn >= fewest_blocks)
-        words = text("%lld blocks (%.2f %%) came after silence had been played for them",
-                     static_cast<long long>(out_of_turn), percent(out_of_turn, n.blocks));
+        words = share_text(out_of_turn, "blocks", n.blocks) +
+                " came after silence had been played for them";
     if (n.late.count == 0) return words;
-    const double late_ms = static_cast<double>(n.longest_late_us) / 1e3;
-    const double needed = std::ceil(late_ms * 1e3 / s.block_us()) + 3;
-    if (!words.empty()) words += "; ";
-    words += text(
-        "%lld times the stream was held up, for up to %.0f ms; the buffer holds %.1f ms; %s",
-        static_cast<long long>(n.late.count), late_ms, s.buffer_ms(), drop_outs_text(n).c_str());
+    const double needed = std::ceil(static_cast<double>(n.longest_late_us) / s.block_us()) + 3;
+    words += fmt::format(
+        "{}{} times the stream was held up, for up to {:.0f} ms; the buffer holds {:.1f} ms; {}",
+        words.empty() ? "" : "; ", n.late.count, thousandth(n.longest_late_us), s.buffer_ms(),
+        drop_outs_text(n));
     if (needed * s.block_us() / 1e3 > s.buffer_ms())
-        words += text("; client_latency_blocks = %.0f would hold it", needed);
+        words += fmt::format("; client_latency_blocks = {:.0f} would hold it", needed);
     return words;
 }
 
 std::string clock_words(const Stretch& s, const char* side) {
     const Totals& n = s.counted();
-    return text(
-        "the device's clock is %s by %.0f +-%.0f ppm against the server's, or periods are "
-        "%s all the time; %s",
+    return fmt::format(
+        "the device's clock is {} by {:.0f} +-{:.0f} ppm against the server's, or periods are {} "
+        "all the time; {}",
         side, std::abs(n.server_faster_ppm), n.clock_uncertainty_ppm,
-        n.server_faster_ppm > 0 ? "missed" : "doubled", drop_outs_text(n).c_str());
+        n.server_faster_ppm > 0 ? "missed" : "doubled", drop_outs_text(n));
 }
 
 }  // namespace
@@ -343,6 +335,11 @@ Stretch::Rate Stretch::another_rate() const {
     return {*found, far_from_pauses * paused_share < off};
 }
 
+double percent(std::int64_t part, std::int64_t whole) {
+    return 100.0 * static_cast<double>(part) /
+           static_cast<double>(std::max<std::int64_t>(whole, 1));
+}
+
 Proof proof_of(const Stretch& stretch) {
     return Judgement(stretch).take();
 }
@@ -351,32 +348,28 @@ std::string words_for(Cause cause, const Stretch& s) {
     const Totals& n = s.counted();
     switch (cause) {
         case Cause::server_silent:
-            return text(
-                "nothing came from the server for %.1f s: it stopped, or the network is cut",
-                static_cast<double>(n.silence.count) / 1e3);
-        case Cause::format_mismatch:
+            return fmt::format(
+                "nothing came from the server for {:.1f} s: it stopped, or the network is cut",
+                thousandth(n.silence.count));
+        case Cause::format_mismatch: {
+            const std::string stream =
+                fmt::format("{} Hz in blocks of {} frames", s.last().stream_sample_rate,
+                            s.last().stream_block_frames);
             if (const double rate = s.another_rate().hz; rate != 0)
-                return text(
-                    "the device runs at %.0f Hz, or with another period; the stream has %u "
-                    "Hz in blocks of %u frames",
-                    rate, s.last().stream_sample_rate, s.last().stream_block_frames);
-            return text(
-                "%lld blocks were refused: the device runs in another format than the "
-                "stream, %u Hz in blocks of %u frames",
-                static_cast<long long>(n.refused), s.last().stream_sample_rate,
-                s.last().stream_block_frames);
-        case Cause::network_loss: {
-            const std::int64_t lost =
-                n.replaced.count - std::min(n.repeated.count, n.replaced.count);
-            return text("%lld blocks (%.2f %%) never came; silence was played for them",
-                        static_cast<long long>(lost), percent(lost, n.blocks));
+                return fmt::format(
+                    "the device runs at {:.0f} Hz, or with another period; the stream has {}", rate,
+                    stream);
+            return fmt::format(
+                "{} blocks were refused: the device runs in another format than the stream, {}",
+                n.refused, stream);
         }
+        case Cause::network_loss:
+            return share_text(n.replaced.count - std::min(n.repeated.count, n.replaced.count),
+                              "blocks", n.blocks) +
+                   " never came; silence was played for them";
         case Cause::missing_notices:
-            return text(
-                "%lld notices of the server's clock (%.2f %%) never came, while the audio "
-                "did; no input was sent for them",
-                static_cast<long long>(n.notices_missed.count),
-                percent(n.notices_missed.count, n.blocks));
+            return share_text(n.notices_missed.count, "notices of the server's clock", n.blocks) +
+                   " never came, while the audio did; no input was sent for them";
         case Cause::late_network:
             return lateness_words(s);
         case Cause::device_stall: {
@@ -384,28 +377,25 @@ std::string words_for(Cause cause, const Stretch& s) {
                 n.periods_short.count > 0
                     ? n.periods_short.count
                     : std::llround(n.server_faster_ppm * 1e-6 * static_cast<double>(n.blocks));
-            return text("the device missed %lld periods (%.2f %%, %.2f s); %s",
-                        static_cast<long long>(missed), percent(missed, n.periods + missed),
-                        static_cast<double>(missed) * s.block_us() / 1e6,
-                        drop_outs_text(n).c_str());
+            return fmt::format("the device missed {} periods ({:.2f} %, {:.2f} s); {}", missed,
+                               percent(missed, n.periods + missed),
+                               static_cast<double>(missed) * s.block_us() / 1e6, drop_outs_text(n));
         }
         case Cause::device_too_slow:
             return clock_words(s, "slow");
         case Cause::device_too_fast:
             if (n.periods_long.count == 0) return clock_words(s, "fast");
-            return text("the device asked for %lld periods (%.2f %%) more than its rate has; %s",
-                        static_cast<long long>(n.periods_long.count),
-                        percent(n.periods_long.count, n.periods), drop_outs_text(n).c_str());
+            return fmt::format("the device asked for {} more than its rate has; {}",
+                               share_text(n.periods_long.count, "periods", n.periods),
+                               drop_outs_text(n));
         case Cause::device_uneven:
-            return text(
-                "%s, while the network was punctual and this computer did not pause: the "
-                "device's periods come unevenly; the buffer holds %.1f ms, try more "
-                "client_latency_blocks",
-                drop_outs_text(n).c_str(), s.buffer_ms());
+            return fmt::format(
+                "{}, while the network was punctual and this computer did not pause: the device's "
+                "periods come unevenly; the buffer holds {:.1f} ms, try more client_latency_blocks",
+                drop_outs_text(n), s.buffer_ms());
         case Cause::host_overload:
-            return text("%lld pauses of this computer's threads, up to %.1f ms; %s",
-                        static_cast<long long>(n.pauses.count),
-                        static_cast<double>(n.longest_pause_us) / 1e3, drop_outs_text(n).c_str());
+            return fmt::format("{} pauses of this computer's threads, up to {:.1f} ms; {}",
+                               n.pauses.count, thousandth(n.longest_pause_us), drop_outs_text(n));
         case Cause::engine_absent:
         case Cause::engine_silent:
         case Cause::engine_ended:
@@ -419,27 +409,22 @@ std::string what_would_make_clear(const Stretch& s, const Proof& proof) {
     constexpr double long_enough_s = 120;
     const Totals& n = s.counted();
     std::string words = "no side is proven for ";
-    if (proof.drop_outs > 0)
-        words += text("%lld underruns and overruns", static_cast<long long>(proof.drop_outs));
+    if (proof.drop_outs > 0) words += fmt::format("{} underruns and overruns", proof.drop_outs);
     if (proof.drop_outs > 0 && proof.replaced > 0) words += " and ";
-    if (proof.replaced > 0)
-        words += text("%lld blocks replaced by silence", static_cast<long long>(proof.replaced));
+    if (proof.replaced > 0) words += fmt::format("{} blocks replaced by silence", proof.replaced);
     words += ". ";
     if (s.seconds() < long_enough_s)
-        words += text("Watch for two minutes (this was %.0f s). ", s.seconds());
-    if (n.pauses.count > 0) {
-        words += text(
-            "This computer let threads wait, %lld times, up to %.1f ms: end other programs "
-            "or grant real-time priority, and see whether it goes.",
-            static_cast<long long>(n.pauses.count), static_cast<double>(n.longest_pause_us) / 1e3);
-    } else if (n.late.count > 0 || n.replaced.count > 0 || n.notices_missed.count > 0) {
-        words += "Try a cable, or a server on this computer: if it goes, it was the network.";
-    } else {
-        words +=
-            "Try twice the client_latency_blocks: if it goes, periods or blocks come unevenly; "
-            "if it only gets rarer, two clocks differ.";
-    }
-    return words;
+        words += fmt::format("Watch for two minutes (this was {:.0f} s). ", s.seconds());
+    if (n.pauses.count > 0)
+        return words + fmt::format(
+                           "This computer let threads wait, {} times, up to {:.1f} ms: end other "
+                           "programs or grant real-time priority, and see whether it goes.",
+                           n.pauses.count, thousandth(n.longest_pause_us));
+    if (n.late.count > 0 || n.replaced.count > 0 || n.notices_missed.count > 0)
+        return words + "Try a cable, or a server on this computer: if it goes, it was the network.";
+    return words +
+           "Try twice the client_latency_blocks: if it goes, periods or blocks come unevenly; if "
+           "it only gets rarer, two clocks differ.";
 }
 
 }  // namespace tavistro::monitor

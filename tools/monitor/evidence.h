@@ -18,6 +18,13 @@ struct Span {
     double until_s = 0;
 };
 
+/// Of microseconds milliseconds, of those seconds.
+inline double thousandth(std::int64_t n) {
+    return static_cast<double>(n) / 1e3;
+}
+/// 0 of nothing.
+double percent(std::int64_t part, std::int64_t whole);
+
 /// What happened to one run of the audio path between the first and the last of some samples.
 class Stretch {
   public:
@@ -27,9 +34,13 @@ class Stretch {
     /// Totals of the last sample minus those of the first. The clocks are as last measured.
     const Totals& counted() const { return counted_; }
     const tavistro_stats_block& last() const { return *samples_.back().stats; }
-    double seconds() const { return static_cast<double>(counted_.watched_ms) / 1000; }
+    double seconds() const { return thousandth(counted_.watched_ms); }
     std::int64_t drop_outs() const { return counted_.underruns + counted_.overruns; }
     double block_us() const { return 1e6 * last().stream_block_frames / last().stream_sample_rate; }
+    /// In the time that the engine's reports cover.
+    double periods_due() const {
+        return static_cast<double>(counted_.reported_ms) * 1e3 / block_us();
+    }
     double buffer_ms() const { return 1e3 * last().target_frames / last().stream_sample_rate; }
 
     Span span() const;

@@ -11,13 +11,12 @@ namespace tavistro::monitor {
 namespace {
 
 /// The newest always; of those before it one a second is enough to judge by.
-void remember(std::vector<Sample>& history, Sample sample) {
+void remember(std::vector<Sample>& history, const Sample& sample) {
     constexpr double spacing_s = 0.9;
     constexpr double kept_s = 120;
     const std::size_t count = history.size();
     if (count > 1 && seconds_between(history[count - 2], history.back()) < spacing_s &&
         history.back().totals.run == sample.totals.run) {
-        sample.host_late_us = std::max(sample.host_late_us, history.back().host_late_us);
         history.back() = sample;
     } else {
         history.push_back(sample);

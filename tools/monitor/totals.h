@@ -29,17 +29,18 @@ struct Totals {
     std::int64_t refused = 0;  ///< blocks dropped for another reason than an overrun: their format
     std::int64_t capture_dropped = 0;
 
-    Trouble replaced;        ///< blocks that silence was played for
-    Trouble repeated;        ///< blocks that came again, or after silence had taken their place
-    Trouble notices_missed;  ///< fewer notices than blocks
+    Trouble replaced{};        ///< blocks that silence was played for
+    Trouble repeated{};        ///< blocks that came again, or after silence had taken their place
+    Trouble notices_missed{};  ///< fewer notices than blocks
     std::int64_t notices_missed_alone = 0;  ///< certainly more than blocks that went missing
-    Trouble notice_gaps;  ///< spans of missed notices, longer than what the buffer holds
-    Trouble silence;      ///< milliseconds without a sign of the server, in spans of over 1 s
-    Trouble late;         ///< spans without a notice, half as long as the buffer, made up for then
-    Trouble periods_short;  ///< device periods too few, in seconds with fewer than any clock makes
-    Trouble periods_long;   ///< too many, in seconds with more
-    Trouble pauses;         ///< of this computer's threads, each longer than a block
-    Trouble unexplained;    ///< underruns and overruns with no other trouble in the seconds around
+    Trouble notice_gaps{};  ///< spans of missed notices, longer than what the buffer holds
+    Trouble silence{};      ///< milliseconds without a sign of the server, in spans of over 1 s
+    Trouble late{};  ///< spans without a notice, half as long as the buffer, made up for then
+    Trouble
+        periods_short{};     ///< device periods too few, in seconds with fewer than any clock makes
+    Trouble periods_long{};  ///< too many, in seconds with more
+    Trouble pauses{};        ///< of this computer's threads, each longer than a block
+    Trouble unexplained{};   ///< underruns and overruns with no other trouble in the seconds around
 
     std::int64_t long_pauses = 0;     ///< those longer than half of what the buffer holds
     std::int64_t paused_periods = 0;  ///< device periods that the pauses would cost
