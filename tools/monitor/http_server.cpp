@@ -1,9 +1,10 @@
 #include "tools/monitor/http_server.h"
 
-#include <boost/asio.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/version.hpp>
+#include <httplib/httplib.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <stdexcept>
@@ -14,140 +15,177 @@ namespace tavistro::monitor {
 
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = boost::beast::http;
-using asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::milliseconds pause_after_failure{100};
-constexpr int most_connections = 64;
+constexpr time_t wake_every_us = 50'000;  ///< to see whether the server stops
+constexpr std::size_t most_connections = 32;
+constexpr std::size_t longest_request_bytes = 16384;
 
-std::optional<tcp::endpoint> endpoint_of(const std::string& text) {
+/// A number and a port.
+std::optional<std::pair<std::string, std::uint16_t>> address_of(const std::string& text) {
     const std::size_t colon = text.rfind(':');
-    std::string address = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
+    std::string host = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
     const std::string port_text = colon == std::string::npos ? text : text.substr(colon + 1);
-    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
-        address = address.substr(1, address.size() - 2);
-    if (address == "localhost") address = "127.0.0.1";
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    if (host == "localhost") host = "127.0.0.1";
     std::uint16_t port = 0;
     const char* const end = port_text.data() + port_text.size();
     const auto parsed = std::from_chars(port_text.data(), end, port);
-    beast::error_code error;
-    const auto ip = asio::ip::make_address(address, error);
-    if (error || parsed.ec != std::errc() || parsed.ptr != end || port_text.empty()) return {};
-    return tcp::endpoint{ip, port};
+    std::array<char, sizeof(in6_addr)> ip;
+    const bool is_ip = inet_pton(AF_INET, host.c_str(), ip.data()) == 1 ||
+                       inet_pton(AF_INET6, host.c_str(), ip.data()) == 1;
+    if (!is_ip || parsed.ec != std::errc() || parsed.ptr != end) return {};
+    return std::pair(host, port);
 }
 
-/// One connection: requests one after the other, until the client closes or is too slow.
-class Connection : public std::enable_shared_from_this<Connection> {
+/// A connection to a client that may be slow or hostile: neither the length of a request nor the
+/// time that it takes is without a limit, and the end of the server ends every wait. The socket
+/// does not block.
+class Connection : public httplib::detail::SocketStream {
   public:
-    Connection(tcp::socket socket, const HttpServer::Pages& pages, int& open)
-        : stream_(std::move(socket)), pages_(pages), open_(open) {
-        ++open_;
-    }
-    ~Connection() { --open_; }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
+    Connection(socket_t socket, const std::atomic<bool>& stops)
+        : SocketStream(socket, 0, 0, 0, 0), stops_(stops) {}
 
-    void read() {
-        request_ = {};
-        stream_.expires_after(patience);
-        http::async_read(stream_, buffer_, request_,
-                         [self = shared_from_this()](beast::error_code error, std::size_t) {
-                             if (!error) self->answer();
-                         });
+    void begin_request(std::chrono::milliseconds patience) {
+        until_ = Clock::now() + patience;
+        left_bytes_ = longest_request_bytes;
+    }
+    bool is_readable() const override { return becomes(httplib::detail::select_read); }
+    bool is_writable() const override { return becomes(httplib::detail::select_write); }
+    ssize_t read(char* to, std::size_t size) override {
+        const ssize_t count = SocketStream::read(to, std::min(size, left_bytes_));
+        left_bytes_ -= static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+        return left_bytes_ == 0 ? -1 : count;
     }
 
   private:
-    void answer() {
-        response_ = {};
-        response_.version(request_.version());
-        response_.keep_alive(request_.keep_alive());
-        response_.set(http::field::cache_control, "no-store");
-        response_.set(http::field::content_type, "text/plain; charset=utf-8");
-        const bool head = request_.method() == http::verb::head;
-        if (!head && request_.method() != http::verb::get) {
-            response_.result(http::status::method_not_allowed);
-            response_.set(http::field::allow, "GET, HEAD");
-            response_.body() = "only GET and HEAD\n";
-        } else if (auto page = pages_({request_.target().data(), request_.target().size()})) {
-            response_.set(http::field::content_type, page->content_type);
-            response_.body() = std::move(page->body);
-        } else {
-            response_.result(http::status::not_found);
-            response_.body() =
-                "no such page; there are /, /metrics, /samples.json and /diagnosis.json\n";
-        }
-        response_.prepare_payload();
-        if (head) response_.body().clear();
-        http::async_write(stream_, response_,
-                          [self = shared_from_this()](beast::error_code error, std::size_t) {
-                              if (!error && self->response_.keep_alive()) self->read();
-                          });
+    template <typename Select>
+    bool becomes(const Select& select) const {
+        ssize_t ready = 0;
+        while (ready == 0 && !stops_ && Clock::now() < until_)
+            ready = select(socket(), 0, wake_every_us);
+        return ready > 0;
     }
 
-    beast::tcp_stream stream_;
-    const HttpServer::Pages& pages_;
-    int& open_;
-    beast::flat_buffer buffer_{16384};  // larger requests are refused
-    http::request<http::empty_body> request_;
-    http::response<http::string_body> response_;
+    const std::atomic<bool>& stops_;
+    Clock::time_point until_;
+    std::size_t left_bytes_ = 0;
 };
 
 }  // namespace
 
-class HttpServer::Listener {
+/// Requests and answers are the library's; connections are accepted here, since its own loop ends
+/// at the first one that fails, and takes any number.
+class HttpServer::Server : private httplib::Server {
   public:
-    Listener(const tcp::endpoint& endpoint, Pages pages)
-        : pages_(std::move(pages)), acceptor_(context_, endpoint) {
-        accept();
-        thread_ = std::thread([this] { context_.run(); });
+    Server(const std::string& text, Pages pages, std::chrono::milliseconds patience)
+        : pages_(std::move(pages)), patience_(patience) {
+        const auto address = address_of(text);
+        if (!address) throw std::runtime_error("'" + text + "' is not [ADDR:]PORT");
+        set_socket_options([](socket_t socket) {
+            const int on = 1;
+            setsockopt(socket, SOL_SOCKET, TAVISTRO_LISTENING_OPTION,
+                       reinterpret_cast<const char*>(&on), sizeof on);
+        });
+        set_keep_alive_timeout(patience / std::chrono::seconds(1));
+        set_keep_alive_max_count(1'000'000);
+        set_default_headers({{"Cache-Control", "no-store"}});
+        set_pre_routing_handler([this](const auto& request, auto& response) {
+            answer(request, response);
+            return HandlerResponse::Handled;
+        });
+        const auto& [host, port] = *address;
+        port_ = port == 0 ? bind_to_any_port(host, AI_NUMERICHOST) : port;
+        if (port_ < 0 || (port != 0 && !bind_to_port(host, port, AI_NUMERICHOST)))
+            throw std::runtime_error("cannot listen at " + text +
+                                     ": it is taken, not permitted or not this computer's");
+        workers_.emplace(most_connections);
+        thread_ = std::thread([this] { accept_all(); });
     }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-    ~Listener() {
-        context_.stop();
+    ~Server() override {
+        stops_ = true;
         thread_.join();
+        workers_->shutdown();
+        httplib::detail::close_socket(svr_sock_);
     }
-    std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
+    std::uint16_t port() const { return static_cast<std::uint16_t>(port_); }
 
   private:
-    void accept() {
-        acceptor_.async_accept([this](beast::error_code error, tcp::socket socket) {
-            // Out of descriptors, most likely: not at once again.
-            if (error) std::this_thread::sleep_for(pause_after_failure);
-            if (!error && open_ < most_connections)
-                std::make_shared<Connection>(std::move(socket), pages_, open_)->read();
-            accept();
-        });
+    void accept_all() {
+        while (!stops_) {
+            if (httplib::detail::select_read(svr_sock_, 0, wake_every_us) <= 0) continue;
+            const socket_t socket = accept(svr_sock_, nullptr, nullptr);
+            if (socket == INVALID_SOCKET) {
+                // Out of descriptors, most likely: not at once again.
+                std::this_thread::sleep_for(pause_after_failure);
+            } else if (open_ == most_connections) {
+                httplib::detail::close_socket(socket);
+            } else {
+                httplib::detail::set_nonblocking(socket, true);
+                ++open_;
+                workers_->enqueue([this, socket] { serve(socket); });
+            }
+        }
+    }
+
+    /// Requests one after the other, until the client closes, is too slow or is not understood.
+    void serve(socket_t socket) {
+        Connection connection(socket, stops_);
+        bool goes_on = true;
+        bool is_last = false;
+        while (goes_on && !is_last) {
+            bool is_understood = false;
+            connection.begin_request(patience_);
+            goes_on = process_request(connection, false, is_last, [&](httplib::Request& request) {
+                is_understood = true;
+                request.ranges.clear();  // many of them would make a long answer
+            });
+            goes_on = goes_on && is_understood;
+        }
+        httplib::detail::shutdown_socket(socket);
+        httplib::detail::close_socket(socket);
+        --open_;
+    }
+
+    void answer(const httplib::Request& request, httplib::Response& response) const {
+        constexpr const char* text = "text/plain; charset=utf-8";
+        response.status = 200;
+        if (request.method != "GET" && request.method != "HEAD") {
+            response.status = 405;
+            response.set_header("Allow", "GET, HEAD");
+            response.set_content("only GET and HEAD\n", text);
+        } else if (auto page = pages_(request.target)) {
+            response.set_header("Content-Type", page->content_type);
+            response.body = std::move(page->body);
+        } else {
+            response.status = 404;
+            response.set_content(
+                "no such page; there are /, /metrics, /samples.json and /diagnosis.json\n", text);
+        }
     }
 
     Pages pages_;
-    int open_ = 0;  ///< connections; they may outlive the acceptor, not the context
-    asio::io_context context_{1};
-    tcp::acceptor acceptor_;
+    std::chrono::milliseconds patience_;
+    int port_ = 0;
+    std::atomic<bool> stops_{false};
+    std::atomic<std::size_t> open_{0};
+    std::optional<httplib::ThreadPool> workers_;
     std::thread thread_;
 };
 
 bool is_http_address(const std::string& address) {
-    return endpoint_of(address).has_value();
+    return address_of(address).has_value();
 }
 
-HttpServer::HttpServer(const std::string& address, Pages pages) {
-    const auto endpoint = endpoint_of(address);
-    if (!endpoint) throw std::runtime_error("'" + address + "' is not [ADDR:]PORT");
-    try {
-        listener_ = std::make_unique<Listener>(*endpoint, std::move(pages));
-    } catch (const boost::system::system_error& error) {
-        throw std::runtime_error("cannot listen at " + address + ": " + error.code().message());
-    }
-}
+HttpServer::HttpServer(const std::string& address, Pages pages, std::chrono::milliseconds patience)
+    : server_(std::make_unique<Server>(address, std::move(pages), patience)) {}
 
 HttpServer::~HttpServer() = default;
 
 std::uint16_t HttpServer::port() const {
-    return listener_->port();
+    return server_->port();
 }
 
 }  // namespace tavistro::monitor

@@ -1,8 +1,9 @@
-// The monitor without engines: what it makes of samples, and what it answers over HTTP.
+// The monitor without engines: what it makes of blocks and samples.
 
 #include <gtest/gtest.h>
 
-#include <boost/asio.hpp>
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -15,10 +16,9 @@
 #include "support/eventually.h"
 #include "tavistro/engine.h"
 #include "tools/monitor/formats.h"
-#include "tools/monitor/http_server.h"
 #include "tools/monitor/observer.h"
-#include "tools/monitor/page.h"
 #include "tools/monitor/screen.h"
+#include "tools/monitor/terminal.h"
 #include "tools/monitor/totals_fields.h"
 #include "tools/monitor/view.h"
 #include "tools/readings/fields.h"
@@ -27,6 +27,7 @@ namespace tavistro::monitor {
 namespace {
 
 using namespace readings;
+using Lines = std::vector<std::string>;
 
 /// A sample in which no two fields have one value.
 Sample distinct_sample() {
@@ -156,22 +157,69 @@ TEST(View, FitsWhateverTheNumbers) {
             EXPECT_LE(line.size(), width) << line;
         EXPECT_LE(short_view(extreme, width).size(), width);
     }
-    const auto absent = view(std::vector{Sample{.client_id = 9}}, full_width);
-    EXPECT_EQ(absent, std::vector<std::string>{
-                          "client 9   no engine with this client_id; waiting for a start"});
+    EXPECT_EQ(account_view({.not_clear_yet = "an account that is broken here"}, 30),
+              (Lines{"not clear yet: an account that", "         is broken here"}));
 }
 
-TEST(View, TellsTheClocksOnceTheyAreMeasuredAndThatNothingIsWrongOnceThatIsKnown) {
-    Sample sample = distinct_sample();
-    sample.stats->clock_synced = 1;
-    const auto speed = [&] { return view(std::vector{sample}, full_width)[3]; };
-    sample.totals.clock_uncertainty_ppm = 0;
-    EXPECT_TRUE(speed().ends_with("clocks: measured soon")) << speed();
-    sample.totals.server_faster_ppm = 12.3;
-    sample.totals.clock_uncertainty_ppm = 2.4;
-    EXPECT_TRUE(speed().ends_with("clocks: server +12 ppm +-3 against the device")) << speed();
+TEST(View, ShowsWhatTheEngineReports) {
+    Sample before{.client_id = 3, .presence = Presence::alive, .stats = tavistro_stats_block{}};
+    tavistro_stats_block& s = *before.stats;
+    s.state = TAVISTRO_STATE_RUNNING;
+    s.stream_sample_rate = 48000;
+    s.stream_block_frames = 128;
+    s.target_frames = 768;
+    s.min_frames = 700;
+    s.max_frames = 836;
+    s.playback_buffer_frames = 384;
+    s.buffer_us = 8000;
+    s.ratio_ppm = -12;
+    s.overruns = 4;
+    s.capture_dropped = 7;
+    std::tie(s.rtt_last_us, s.rtt_min_us, s.rtt_max_us) = std::tuple(210, 100, 900);
+    std::tie(s.rtt_p50_us, s.rtt_p95_us, s.rtt_p99_us) = std::tuple(250, 500, 1000);
+    std::ranges::copy(std::array{3000, 999, 1}, s.rtt_histogram);
+    std::tie(s.callback_duration_last_us, s.callback_duration_max_us) = std::tuple(50, 260);
+    std::tie(s.block_callback_last_us, s.block_callback_max_us) = std::tuple(20, 130);
+    std::tie(s.server_to_output_last_us, s.server_to_output_max_us) = std::tuple(17000, 21000);
+    std::tie(s.queue_latency_last_us, s.queue_latency_max_us) = std::tuple(15000, 16000);
+    std::tie(s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec) = std::tuple(375, 2);
+    std::tie(s.player_recv_blocks_per_sec, s.callbacks_per_sec, s.dequeued_per_sec) =
+        std::tuple(376, 374, 373);
+    Sample now = before;
+    now.stats->overruns = 9;
+    now.totals = {.server_faster_ppm = 12.3, .clock_uncertainty_ppm = 2.4};
+    EXPECT_EQ(view(std::vector{before, now}, full_width),
+              (Lines{"client 3   Running   48000 Hz, 128 frames",
+                     "buffer   [########........|...............] 384/768 frames 8.0 ms",
+                     "         lowest 700, highest 836 in the last second",
+                     "speed    buffer read -12 ppm, clocks: server +12 ppm +-3 against the device",
+                     "a second received 375 (again 2)  queued 376  periods 374  rendered 373",
+                     "drops    underruns 0  overruns 9 (+5)  playback 0  capture 7",
+                     "rtt      last 0.21  min 0.10  p50 0.25  p95 0.50  p99 0.90  max 0.90 ms",
+                     "sync     last 0.00  min 0.00  p50 0.00  p95 0.00  p99 0.00  max 0.00 ms",
+                     "  up to ms  0.25   0.5     1     2     5    10    20    50   100  more",
+                     "  rtt      75.0  25.0  <0.1     -     -     -     -     -     -     - %",
+                     "  sync        -     -     -     -     -     -     -     -     -     - %",
+                     "way      server to output 17.0 ms (max 21.0), in the queue 15.0 (max 16.0)",
+                     "work     period 0.05 ms (max 0.26), delivery 0.02 ms (max 0.13)"}));
+    EXPECT_EQ(short_view(now, full_width),
+              "client 3   drops 0+9+0+7  buffer 384/768  Running   48000 Hz, 128 frames");
 
-    using Lines = std::vector<std::string>;
+    now.totals.clock_uncertainty_ppm = 0;
+    EXPECT_TRUE(view(std::vector{now}, full_width)[3].ends_with(
+        "clocks: measured soon (offset not known yet)"));
+    now.presence = Presence::silent;
+    EXPECT_TRUE(view(std::vector{now}, full_width)[0].ends_with("NOBODY WRITES: dead or hanging"));
+    now.presence = Presence::ended;
+    EXPECT_EQ(view(std::vector{now}, full_width)[0], "client 3   engine stopped, last values");
+    now.stats->error_code = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED;
+    EXPECT_EQ(view(std::vector{now}, full_width)[0],
+              "client 3   engine stopped, last values: audio device failed");
+    EXPECT_EQ(view(std::vector{Sample{.client_id = 9}}, full_width),
+              Lines{"client 9   no engine with this client_id; waiting for a start"});
+}
+
+TEST(View, SaysThatNothingIsWrongOnceThatIsKnown) {
     Account account;
     account.watched_s = 3.9;
     EXPECT_EQ(tell(account), Lines{"too short a time to judge"});
@@ -179,9 +227,9 @@ TEST(View, TellsTheClocksOnceTheyAreMeasuredAndThatNothingIsWrongOnceThatIsKnown
     account.watched_s = 65.9;
     EXPECT_EQ(tell(account), Lines{"nothing wrong in 1:05"});
     EXPECT_EQ(account_view(account, full_width), Lines{"nothing wrong in 1:05"});
-    account.causes = {{Cause::engine_ended, 65, 65, "stopped"}};
+    account.causes = {{Cause::engine_failed, 65, 65, "reason"}};
     EXPECT_EQ(account_view(account, full_width), Lines{}) << "told by the first line of the view";
-    EXPECT_EQ(tell(account), account_lines(account));
+    EXPECT_EQ(tell(account), Lines{"CAUSE engine failed (1:05): reason"});
 }
 
 TEST(Screen, JudgesTheLastTwoMinutesHoweverOftenItIsShown) {
@@ -189,12 +237,46 @@ TEST(Screen, JudgesTheLastTwoMinutesHoweverOftenItIsShown) {
         std::ostringstream out;
         Screen screen(out, false);
         Sample sample = distinct_sample();
-        sample.totals = {};
+        sample.totals = {.run = 1};
         for (const std::int64_t end_ms = sample.time_ms + 200'000; sample.time_ms <= end_ms;
              sample.time_ms += interval_ms)
             screen.show({sample});
         EXPECT_TRUE(out.str().ends_with("nothing wrong in 2:00\n\n")) << interval_ms;
+        sample.totals.run = 2;
+        screen.show({sample});
+        sample.time_ms += 10;
+        out.str("");
+        screen.show({sample});
+        EXPECT_TRUE(out.str().ends_with("nothing wrong in 2:00\n\n")) << interval_ms;
     }
+}
+
+TEST(Screen, DrawsOneOverTheOtherAndOnlyWhatFits) {
+    const std::size_t rows = terminal_size().rows;
+    std::ostringstream out;
+    const auto drawn = [&](Screen& screen, const std::vector<Sample>& samples) {
+        out.str("");
+        screen.show(samples);
+        return out.str();
+    };
+    std::vector<Sample> many;
+    for (std::uint32_t id = 1; id <= rows; ++id)
+        many.push_back({.client_id = id});
+    {
+        Screen screen(out, true);
+        EXPECT_EQ(out.str(), "\x1b[?1049h\x1b[?25l");
+        const std::string waits =
+            "client 1   no engine with this client_id; waiting for a start\x1b[K";
+        EXPECT_EQ(drawn(screen, {many[0]}), "\x1b[H" + waits + "\n\x1b[K\nCtrl-C ends\x1b[K\x1b[J");
+        const std::string low = drawn(screen, many);
+        EXPECT_TRUE(low.starts_with("\x1b[H" + waits + "\nclient 2 "));
+        EXPECT_EQ(std::ranges::count(low, '\n'), static_cast<std::ptrdiff_t>(rows) - 1);
+        many.resize(rows / 2 + 1);
+        EXPECT_TRUE(drawn(screen, many)
+                        .ends_with("a higher window shows more\x1b[K\nCtrl-C ends\x1b[K\x1b[J"));
+        out.str("");
+    }
+    EXPECT_EQ(out.str(), "\x1b[?25h\x1b[?1049l");
 }
 
 /// What an engine writes, without one.
@@ -271,43 +353,6 @@ TEST(ClientWatch, AnEngineThatWritesNothingForSecondsIsSilentAndWhatItLeftIsNotC
     EXPECT_EQ(look_at(9000).totals.watched_ms, silent.totals.watched_ms);
     engine.report(6);
     EXPECT_EQ(look_at(9300).presence, Presence::alive);
-}
-
-std::string ask(const HttpServer& server, const std::string& request) {
-    boost::asio::ip::tcp::iostream stream;
-    stream.expires_after(std::chrono::seconds(30));
-    stream.connect("127.0.0.1", std::to_string(server.port()));
-    stream << request << std::flush;
-    std::ostringstream answer;
-    answer << stream.rdbuf();
-    return answer.str();
-}
-
-TEST(Http, AnswersWhatItHasAndRefusesTheRest) {
-    const HttpServer server("127.0.0.1:0", [](std::string_view target) {
-        return target == "/page" ? std::optional(HttpPage{"text/x", "the page"}) : std::nullopt;
-    });
-    constexpr const char* end = " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
-    const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"GET /page", "200", "\r\n\r\nthe page"},
-        {"HEAD /page", "200", "\r\n\r\n"},
-        {"GET /other", "404", "diagnosis.json\n"},
-        {"DELETE /page", "405", "HEAD\n"}};
-    for (const auto& [request, status, ending] : cases) {
-        const std::string answer = ask(server, request + end);
-        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << answer;
-        EXPECT_TRUE(answer.ends_with(ending)) << answer;
-    }
-    EXPECT_EQ(ask(server, "GET /" + std::string(100'000, 'x') + end), "") << "too long";
-    EXPECT_EQ(ask(server, "\x16\x03\x01 no HTTP at all\r\n\r\n"), "");
-    EXPECT_TRUE(ask(server, std::string("GET /page") + end).ends_with("the page"))
-        << "goes on after nonsense";
-
-    const auto pages = [](std::string_view) { return std::optional<HttpPage>(); };
-    for (const std::string& address :
-         {std::string(), std::string("x"), std::string("70000"), std::string("elsewhere:80"),
-          std::string("80 "), std::to_string(server.port())})
-        EXPECT_THROW(HttpServer(address, pages), std::runtime_error) << address;
 }
 
 }  // namespace
