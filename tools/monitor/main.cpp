@@ -5,7 +5,7 @@
 #include <exception>
 #include <iostream>
 
-#include "tools/monitor/monitor_program.h"
+#include "tools/monitor/tasks.h"
 
 namespace {
 
@@ -20,15 +20,23 @@ extern "C" void request_stop(int signal) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    using namespace tavistro::monitor;
     try {
         int exit_code = 0;
-        const auto options = tavistro::monitor::parse_options(argc, argv, exit_code);
+        const auto options = parse_options(argc, argv, exit_code);
         if (!options) return exit_code;
         std::signal(SIGINT, request_stop);
         std::signal(SIGTERM, request_stop);
-        return tavistro::monitor::run_monitor(*options, std::cout, stop_requested);
+        switch (options->task) {
+            case Options::Task::watch:
+                return watch(*options, std::cout, stop_requested);
+            case Options::Task::report:
+                return write_report(*options, std::cout);
+            case Options::Task::explain:
+                return explain(*options, std::cout, stop_requested);
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tavistro-monitor: %s\n", error.what());
-        return 1;
     }
+    return 1;
 }

@@ -9,17 +9,6 @@
 
 namespace tavistro::monitor {
 
-namespace {
-
-constexpr const char* usage =
-    "usage: tavistro-monitor [CLIENT_ID...] [--once] [--json | --csv] [--interval S] [--seconds "
-    "N]\n"
-    "                        [--record FILE] [--http [ADDR:]PORT]\n"
-    "       tavistro-monitor report FILE [--output FILE]\n"
-    "       tavistro-monitor explain [CLIENT_ID...] [--seconds N] [--recording FILE]\n";
-
-}  // namespace
-
 std::optional<Options> parse_options(int argc, const char* const* argv, int& exit_code) {
     constexpr int wrong_arguments = 2;
     constexpr double explain_seconds = 30;
@@ -76,7 +65,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         exit_code = app.exit(help);
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
-        std::cerr << "tavistro-monitor: " << error.what() << '\n' << usage;
+        const CLI::App& asked = report->parsed() ? *report : explain->parsed() ? *explain : app;
+        std::cerr << app.get_name() << ": " << error.what() << '\n'
+                  << CLI::Formatter().make_usage(&asked, asked.get_display_name());
         exit_code = wrong_arguments;
         return std::nullopt;
     }
