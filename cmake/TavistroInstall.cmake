@@ -60,6 +60,11 @@ if(TAVISTRO_BUILD_TOOLS)
     install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   endif()
   install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  # The licences of what is part of a tool come with it.
+  foreach(library httplib uplot)
+    install(FILES third_party/${library}/LICENSE
+            DESTINATION ${CMAKE_INSTALL_DOCDIR}/third_party/${library} COMPONENT tools)
+  endforeach()
 endif()
 
 # Documents, side by side as in the sources: their links lead to each other.
