@@ -9,8 +9,9 @@ namespace {
 
 using Block = tavistro_stats_block;
 
-constexpr std::uint32_t Block::*fault_counts[] = {
-    &Block::underruns, &Block::overruns, &Block::playback_dropped, &Block::capture_dropped};
+using Count = std::uint32_t Block::*;
+constexpr Count fault_counts[] = {&Block::underruns, &Block::overruns, &Block::playback_dropped,
+                                  &Block::capture_dropped};
 
 Block joined(const Block& before, Block now) {
     for (const auto count : fault_counts)

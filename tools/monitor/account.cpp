@@ -115,8 +115,8 @@ class RunAccount {
         const auto tell = [&](std::string_view name, const Span& span, std::string words) {
             account_.facts.push_back({name, span.from_s, span.until_s, std::move(words)});
         };
-        const auto fact = [&](std::string_view name, const auto& count, std::string words) {
-            if (count(n) != 0) tell(name, s.span_of(count), std::move(words));
+        const auto fact = [&](std::string_view name, const auto& count, const std::string& words) {
+            if (count(n) != 0) tell(name, s.span_of(count), words);
         };
         const auto count_of = [](Trouble Totals::*trouble) {
             return [=](const Totals& t) { return (t.*trouble).count; };

@@ -131,7 +131,7 @@ TEST(Http, CutsOffWhoeverIsSlowTalksNonsenseOrTooMuch) {
 }
 
 TEST(Http, HasANumberOfConnectionsAndStopsAtOnceWhateverTheyDo) {
-    std::optional<HttpServer> server(std::in_place, "0", pages, 1h);
+    std::optional<HttpServer> server(std::in_place, "0", pages, std::chrono::hours(1));
     Peer half(*server);
     half.send("GET /pa");
     Peer deaf(*server);
