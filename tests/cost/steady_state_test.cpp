@@ -1,7 +1,7 @@
 // What a block may cost besides arithmetic once a stream runs.
 #include <gtest/gtest.h>
 
-#include "cost/block_rig.h"
+#include "bench/block_cost/block_rig.h"
 #include "support/realtime_guard.h"
 
 namespace tavistro::test {

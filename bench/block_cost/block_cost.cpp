@@ -5,7 +5,7 @@
 #include <functional>
 #include <string_view>
 
-#include "cost/block_rig.h"
+#include "bench/block_cost/block_rig.h"
 #include "support/chosen_simd_level.h"
 
 namespace {
