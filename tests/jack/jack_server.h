@@ -1,40 +1,76 @@
 // A JACK server without hardware, 48000 Hz and at first 128 frames, with 2 physical ports each way.
 #pragma once
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <jack/jack.h>
-#include <sys/types.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <memory>
+#include <string>
+
+#include "support/eventually.h"
 
 namespace tavistro::test {
 
 struct CloseJackClient {
     void operator()(jack_client_t* client) const noexcept { jack_client_close(client); }
 };
-using JackClientHandle = std::unique_ptr<jack_client_t, CloseJackClient>;
 
 /// A client of the test's own. Only while no other client of the process belongs to a dead server:
 /// libjack would close that one.
-JackClientHandle open_jack_client();
+inline auto open_jack_client() {
+    return std::unique_ptr<jack_client_t, CloseJackClient>(
+        jack_client_open("test", JackNoStartServer, nullptr));
+}
 
 /// The server of this process, under a name of its own that libjack finds in the environment.
 class JackServer {
   public:
-    /// Returns when clients can be opened; throws when none can.
-    JackServer();
+    JackServer() {
+        jack_set_error_function([](const char*) {});
+        jack_set_info_function([](const char*) {});
+        setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
+        setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
+        run();
+    }
     JackServer(const JackServer&) = delete;
     JackServer& operator=(const JackServer&) = delete;
-    ~JackServer();
-
-    /// As a crash would end it.
-    void kill() noexcept { end(SIGKILL); }
-    /// Returns at once.
-    void restart();
+    /// A dead server keeps its place among the eight that a machine may have, until one of the same
+    /// name has ended in peace.
+    ~JackServer() {
+        if (process_ == 0) run();
+        end(SIGTERM);
+    }
+    /// SIGKILL: as a crash would end it.
+    void end(int signal) {
+        ::kill(process_, signal);
+        waitpid(process_, nullptr, 0);
+        process_ = 0;
+    }
 
   private:
-    void end(int signal) noexcept;
+    // Synchronous, and patient with its clients: one that a loaded machine holds up is late, but
+    // misses nothing.
+    void run() {
+        process_ = fork();
+        if (process_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            const int nowhere = open("/dev/null", O_RDWR);
+            dup2(nowhere, STDOUT_FILENO);
+            dup2(nowhere, STDERR_FILENO);
+            execl(TAVISTRO_JACKD, "jackd", "-n", name_.c_str(), "-S", "-r", "-t", "5000", "-d",
+                  "dummy", "-r", "48000", "-p", "128", "-C", "2", "-P", "2", nullptr);
+            _exit(127);
+        }
+        EXPECT_TRUE(eventually([] { return open_jack_client() != nullptr; })) << "no JACK server";
+    }
 
+    const std::string name_ = "tavistro-test-" + std::to_string(getpid());
     pid_t process_ = 0;  ///< 0: killed
 };
 
