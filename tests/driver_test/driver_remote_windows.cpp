@@ -3,7 +3,7 @@
 #include <array>
 #include <filesystem>
 
-#include "driver/driver_remote.h"
+#include "driver_test/driver_remote.h"
 #include "platform/windows/library.h"
 
 namespace tavistro::test {

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "driver/driver_remote.h"
+#include "driver_test/driver_remote.h"
 
 namespace tavistro::test {
 
