@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <numeric>
 #include <vector>
 
 #include "support/simd_levels.h"
@@ -67,23 +66,9 @@ std::uint64_t write_reference(const Format& format, float sample) {
 
 class SampleFormat : public AtSimdLevel {
   protected:
-    /// Reads the words as samples, and writes those as words again.
-    void expect_both_ways(const Format& format, const std::vector<std::uint64_t>& words) {
-        Bytes bytes{0};  // an odd address
-        for (const std::uint64_t word : words)
-            format.append(bytes, word);
-        std::vector<float> read(words.size(), 77.0F);
-        samples_to_float(bytes.data() + 1, format.code, read, GetParam());
-        for (std::size_t i = 0; i < words.size(); ++i)
-            ASSERT_EQ(std::bit_cast<std::uint32_t>(read[i]),
-                      std::bit_cast<std::uint32_t>(read_reference(format, words[i])))
-                << "type " << format.code << " word " << std::hex << words[i];
-        expect_written(format, read);
-    }
-
     /// The bytes of the samples and not one more.
     void expect_written(const Format& format, std::span<const float> samples) {
-        Bytes expected{0xA5};
+        Bytes expected{0xA5};  // then an odd address
         for (const float sample : samples)
             format.append(expected, write_reference(format, sample));
         expected.push_back(0xA5);
@@ -100,16 +85,16 @@ TEST_P(SampleFormat, ReadsEveryTypeAsTheReferenceDoes) {
         std::vector<std::uint64_t> words{last, last / 2, last / 2 + 1, last / 2 + 2};
         for (std::uint64_t word = 0; word <= last - last / 60'000; word += strides[format.bytes])
             words.push_back(word);
-        ASSERT_NO_FATAL_FAILURE(expect_both_ways(format, words));
-    }
-}
-
-TEST_P(SampleFormat, EveryWordOf24Bits) {
-    constexpr Format format{17, 3, 24, false};
-    std::vector<std::uint64_t> words(65'536);
-    for (std::uint64_t first = 0; first < 1 << 24; first += words.size()) {
-        std::iota(words.begin(), words.end(), first);
-        ASSERT_NO_FATAL_FAILURE(expect_both_ways(format, words));
+        Bytes bytes{0};
+        for (const std::uint64_t word : words)
+            format.append(bytes, word);
+        std::vector<float> read(words.size(), 77.0F);
+        samples_to_float(bytes.data() + 1, format.code, read, GetParam());
+        for (std::size_t i = 0; i < words.size(); ++i)
+            ASSERT_EQ(std::bit_cast<std::uint32_t>(read[i]),
+                      std::bit_cast<std::uint32_t>(read_reference(format, words[i])))
+                << "type " << format.code << " word " << std::hex << words[i];
+        ASSERT_NO_FATAL_FAILURE(expect_written(format, read));
     }
 }
 

@@ -11,13 +11,9 @@ namespace tavistro {
 namespace {
 
 TEST(DriftLaw, CorrectsByTheFillWithinBounds) {
-    const std::tuple<double, double, double> cases[] = {{1.0, 768, 1.0},
-                                                        {1.0, 1024, 1.0 + 0.00035 / 3},
-                                                        {1.0, 128, 1.0 - 0.00035 * 5 / 6},
-                                                        {1.001, 768, 1.001},
+    const std::tuple<double, double, double> cases[] = {{1.0, 1024, 1.0 + 0.00035 / 3},
                                                         {0.9954, 0, 0.9955},
                                                         {0.96, 1536, 0.9955},
-                                                        {1.0046, 0, 1.00425},
                                                         {1.04, 768, 1.0045}};
     for (const auto& [clock_ratio, fill, ratio] : cases)
         EXPECT_DOUBLE_EQ(read_ratio(clock_ratio, fill, 768), ratio) << clock_ratio << " " << fill;
@@ -35,7 +31,6 @@ TEST(DriftEstimator, FollowsPlausibleNoticesAndRebasesOnAll) {
         {"server restarted", 500, 1000, 0.0},
         {"lower bound excluded", 1'450, 1000, 0.0},
         {"device stood still", 2'450, 0, 0.0},
-        {"position repeated", 2'450, 1000, 0.0},
         {"restarted server goes on", 3'460, 1000, 1.01},
     };
     DriftEstimator drift;

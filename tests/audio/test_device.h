@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "asio/audio_device.h"
@@ -19,18 +18,16 @@ struct DevicePanel {
     bool starts = true;
     std::atomic<int> refusals{0};     ///< opens still to fail
     std::atomic<bool> faulty{false};  ///< takes no output and asks for a reset, until the next open
-    bool runs_by_itself = false;      ///< periods on a thread of its own, from opening to close
-    bool calls_in_start = false;
-    std::uint32_t frames = 0;  ///< of a period; 0 for what is asked for
-    double rate_error = 0.0;   ///< added to the rate that is asked for, Hz
-    float input = 0.0F;        ///< every sample of input channel c is input * (c + 1)
+    std::uint32_t frames = 0;         ///< of a period; 0 for what is asked for
+    double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
+    float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
     std::function<void()> during_period;
 
     std::vector<std::vector<float>> played;  ///< last period of every output, empty for silence
     std::function<void()> period;
     /// Calls outside a period of the open device, for the other half, or that said ready before
     /// every output was written.
-    std::atomic<int> calls_out_of_turn{0};
+    int calls_out_of_turn = 0;
     std::int32_t half = 1;
     std::size_t unwritten_outputs = 0;
 };
@@ -57,21 +54,10 @@ class TestDevice : public AudioDevice {
         };
         panel_->period();  // as some drivers do
         open_ = true;
-        running_ = panel_->runs_by_itself;
-        thread_ = std::thread([this] {
-            while (running_)
-                panel_->period();
-        });
         return true;
     }
-    bool start() override {
-        if (panel_->calls_in_start) panel_->period();
-        return panel_->starts;
-    }
-    void close() override {
-        running_ = false;
-        if (thread_.joinable()) thread_.join();
-    }
+    bool start() override { return panel_->starts; }
+    void close() override {}
     void read_input(std::int32_t channel, std::int32_t half, float* destination,
                     std::int32_t frames) override {
         expect_turn(half == panel_->half);
@@ -97,8 +83,6 @@ class TestDevice : public AudioDevice {
 
     std::shared_ptr<DevicePanel> panel_;
     bool open_ = false;
-    std::atomic<bool> running_{false};
-    std::thread thread_;
 };
 
 }  // namespace tavistro::test
