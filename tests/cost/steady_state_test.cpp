@@ -16,11 +16,8 @@ RealtimeViolations cost_of(Work work) {
 }
 
 TEST(SteadyState, ABlockAllocatesNothingAndAPeriodLocksNothing) {
-    struct Case {
-        std::uint16_t channels;
-        std::size_t fragments;
-    };
-    for (const auto& [channels, fragments] : {Case{2, 1}, Case{32, 16}}) {
+    const std::pair<std::uint16_t, std::size_t> cases[] = {{2, 1}, {32, 16}};
+    for (const auto& [channels, fragments] : cases) {
         SCOPED_TRACE(channels);
         BlockRig rig(channels);
         for (int block = 0; block < 800; ++block) {  // two seconds, reports included

@@ -17,15 +17,11 @@
 
 namespace tavistro::test {
 
-struct CloseJackClient {
-    void operator()(jack_client_t* client) const noexcept { jack_client_close(client); }
-};
-
 /// A client of the test's own. Only while no other client of the process belongs to a dead server:
 /// libjack would close that one.
 inline auto open_jack_client() {
-    return std::unique_ptr<jack_client_t, CloseJackClient>(
-        jack_client_open("test", JackNoStartServer, nullptr));
+    return std::unique_ptr<jack_client_t, int (*)(jack_client_t*)>(
+        jack_client_open("test", JackNoStartServer, nullptr), jack_client_close);
 }
 
 /// The server of this process, under a name of its own that libjack finds in the environment.
