@@ -1,6 +1,7 @@
 #include "tools/host/run_history.h"
 
 #include <algorithm>
+#include <array>
 #include <span>
 
 namespace tavistro::host {
@@ -9,9 +10,9 @@ namespace {
 
 using Block = tavistro_stats_block;
 
-using Count = std::uint32_t Block::*;
-constexpr Count fault_counts[] = {&Block::underruns, &Block::overruns, &Block::playback_dropped,
-                                  &Block::capture_dropped};
+constexpr auto fault_counts = std::to_array(
+    {&tavistro_stats_block::underruns, &tavistro_stats_block::overruns,
+     &tavistro_stats_block::playback_dropped, &tavistro_stats_block::capture_dropped});
 
 Block joined(const Block& before, Block now) {
     for (const auto count : fault_counts)
@@ -26,7 +27,8 @@ Block joined(const Block& before, Block now) {
 /// counter alone one that counted no less.
 bool started_anew(const Block& before, const Block& now) {
     const auto is_less = [&](auto count) { return now.*count < before.*count; };
-    return is_less(&Block::rendered_frames) || std::ranges::any_of(fault_counts, is_less);
+    return now.rendered_frames < before.rendered_frames ||
+           std::ranges::any_of(fault_counts, is_less);
 }
 
 }  // namespace
