@@ -36,16 +36,14 @@ class DriverFolder : public testing::Test {
 
 TEST_F(DriverFolder, ListsItsDriversByNameAndMakesTheirObjects) {
     const auto drivers = registered_drivers();
-    ASSERT_EQ(drivers.size(), 3u);
-    EXPECT_EQ(drivers[0].key_name, "ant");
-    EXPECT_EQ(drivers[1].key_name, "bee");
-    EXPECT_EQ(drivers[2].key_name, "zebra");
+    std::vector<std::string> names;
+    for (const RegisteredDriver& driver : drivers)
+        names.push_back(driver.key_name);
+    ASSERT_EQ(names, (std::vector<std::string>{"ant", "bee", "zebra"}));
     EXPECT_EQ(drivers[0].description, "Tavistro Test Driver");
-
     std::string text = drivers[0].class_id_text;
     const auto id = parse_class_id(text);
     ASSERT_TRUE(id);
-    EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string());
     std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
     EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string()) << "in other letters";
     void* object = nullptr;

@@ -9,51 +9,39 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string_view>
-
-#include "platform/threads.h"
+#include <string>
+#include <thread>
 
 namespace tavistro::platform {
 namespace {
 
-constexpr const char* asio_key = "software\\asio\\";
-constexpr const char* complete_class = "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0001}";
-constexpr const char* class_without_server = "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0002}";
+const std::string asio_key = "software\\asio\\Tavistro test ";
+const std::string class_key = "clsid\\";
+const std::string complete_class = "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0001}";
+const std::string class_without_server = "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0002}";
 
-void write(HKEY root, const std::string& key, const char* name, std::string_view value,
-           DWORD type = REG_SZ) {
-    HKEY opened = nullptr;
-    ASSERT_EQ(RegCreateKeyA(root, key.c_str(), &opened), ERROR_SUCCESS) << key;
-    EXPECT_EQ(RegSetValueExA(opened, name, 0, type, reinterpret_cast<const BYTE*>(value.data()),
-                             static_cast<DWORD>(value.size())),
+void write(HKEY root, const std::string& key, const char* name, const std::string& value) {
+    EXPECT_EQ(RegSetKeyValueA(root, key.c_str(), name, REG_SZ, value.c_str(),
+                              static_cast<DWORD>(value.size() + 1)),
               ERROR_SUCCESS);
-    RegCloseKey(opened);
 }
 
 class DriverRegistryTest : public testing::Test {
   protected:
     DriverRegistryTest() {
-        using namespace std::string_view_literals;
-        const auto driver = [](const char* key) {
-            return std::string(asio_key) + "Tavistro test " + key;
-        };
-        write(HKEY_LOCAL_MACHINE, driver("complete"), "clsid", complete_class);
-        write(HKEY_LOCAL_MACHINE, driver("complete"), "description", "A driver\0left over"sv);
-        write(HKEY_LOCAL_MACHINE, driver("no server"), "clsid", class_without_server);
-        write(HKEY_LOCAL_MACHINE, driver("no class"), "description", "never listed");
-        write(HKEY_LOCAL_MACHINE, driver("number"), "clsid", "1234", REG_DWORD);
-        write(HKEY_CLASSES_ROOT, std::string("clsid\\") + complete_class + "\\InprocServer32",
-              nullptr, "c:\\drivers\\complete.dll");
-        write(HKEY_CLASSES_ROOT, std::string("clsid\\") + class_without_server, nullptr, "a name");
+        write(HKEY_LOCAL_MACHINE, asio_key + "complete", "clsid", complete_class);
+        write(HKEY_LOCAL_MACHINE, asio_key + "complete", "description", "A driver");
+        write(HKEY_LOCAL_MACHINE, asio_key + "no server", "clsid", class_without_server);
+        write(HKEY_LOCAL_MACHINE, asio_key + "no class", "description", "never listed");
+        write(HKEY_CLASSES_ROOT, class_key + complete_class + "\\InprocServer32", nullptr,
+              "c:\\drivers\\complete.dll");
+        write(HKEY_CLASSES_ROOT, class_key + class_without_server, nullptr, "a name");
     }
     ~DriverRegistryTest() override {
-        for (const char* key : {"complete", "no server", "no class", "number"}) {
-            RegDeleteTreeA(HKEY_LOCAL_MACHINE,
-                           (std::string(asio_key) + "Tavistro test " + key).c_str());
-        }
-        for (const char* id : {complete_class, class_without_server}) {
-            RegDeleteTreeA(HKEY_CLASSES_ROOT, (std::string("clsid\\") + id).c_str());
-        }
+        for (const char* key : {"complete", "no server", "no class"})
+            RegDeleteTreeA(HKEY_LOCAL_MACHINE, (asio_key + key).c_str());
+        for (const std::string& id : {complete_class, class_without_server})
+            RegDeleteTreeA(HKEY_CLASSES_ROOT, (class_key + id).c_str());
     }
 };
 
@@ -66,36 +54,24 @@ TEST_F(DriverRegistryTest, ListsWhatNamesAClassAndFindsWhatServesIt) {
     EXPECT_EQ(drivers[0].class_id_text, complete_class);
     EXPECT_EQ(drivers[0].description, "A driver");
     EXPECT_EQ(drivers[1].description, std::nullopt);
-
     EXPECT_EQ(class_server_path("{7d3f0a11-52C4-4c9b-9e63-0d1b5a8e0001}"),
               "c:\\drivers\\complete.dll");
-    for (const std::string text :
-         {class_without_server, "", "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0003}",
-          "{7D3F0A11-52C4-4C9B-9E63-0D1B5A8E0001}\\.."}) {
-        EXPECT_EQ(class_server_path(text), std::nullopt) << text;
-    }
+    EXPECT_EQ(class_server_path(class_without_server), std::nullopt);
 }
 
 // The first apartment is this thread's, which waits and serves nobody: COM would hang the other.
 TEST_F(DriverRegistryTest, AClassWithoutAThreadingModelIsRefusedWhereItsCreationCouldHang) {
     enter_driver_apartment();
-    std::int32_t result = 0;
-    int object = 0;
-    void* created = &object;
-    Thread worker;
-    ASSERT_TRUE(worker.start("worker", [&] {
+    void* object = nullptr;
+    std::thread([&] {
         enter_driver_apartment();
-        result = create_driver_object(*parse_class_id(complete_class), &created);
+        EXPECT_EQ(create_driver_object(*parse_class_id(complete_class), &object), E_NOINTERFACE);
         leave_driver_apartment();
         leave_driver_apartment();  // one too many takes nothing from anybody
-    }));
-    worker.join();
-    EXPECT_EQ(result, E_NOINTERFACE);
-    EXPECT_EQ(created, nullptr);
-
-    EXPECT_EQ(create_driver_object(*parse_class_id(class_without_server), &created),
+    }).join();
+    EXPECT_EQ(create_driver_object(*parse_class_id(class_without_server), &object),
               REGDB_E_CLASSNOTREG);
-    EXPECT_LT(create_driver_object(*parse_class_id(complete_class), &created), 0) << "no such file";
+    EXPECT_LT(create_driver_object(*parse_class_id(complete_class), &object), 0) << "no such file";
     leave_driver_apartment();
 }
 

@@ -16,25 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Library {
-    template <typename Function>
-    Function* find(const char* name) const {
-        return platform::find_function<Function*>(module, name);
-    }
-
-    HMODULE module;
-    decltype(tavistro_engine_create)* create =
-        find<decltype(tavistro_engine_create)>("tavistro_engine_create");
-    decltype(tavistro_engine_start_from_config)* start =
-        find<decltype(tavistro_engine_start_from_config)>("tavistro_engine_start_from_config");
-    decltype(tavistro_engine_get_state)* get_state =
-        find<decltype(tavistro_engine_get_state)>("tavistro_engine_get_state");
-    decltype(tavistro_engine_stop)* stop =
-        find<decltype(tavistro_engine_stop)>("tavistro_engine_stop");
-    decltype(tavistro_engine_destroy)* destroy =
-        find<decltype(tavistro_engine_destroy)>("tavistro_engine_destroy");
-};
-
 fs::path library_path() {
     wchar_t program[MAX_PATH]{};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -43,19 +24,29 @@ fs::path library_path() {
 
 /// One life of the library, up to audio that runs and back.
 void live_once(const fs::path& path, const std::string& config) {
-    const Library engine_library{LoadLibraryW(path.c_str())};
-    ASSERT_NE(engine_library.module, nullptr) << "error " << GetLastError();
-    tavistro_engine* const engine = engine_library.create();
+    using platform::find_function;
+    const HMODULE library = LoadLibraryW(path.c_str());
+    ASSERT_NE(library, nullptr) << "error " << GetLastError();
+    const auto create =
+        find_function<decltype(&tavistro_engine_create)>(library, "tavistro_engine_create");
+    const auto start = find_function<decltype(&tavistro_engine_start_from_config)>(
+        library, "tavistro_engine_start_from_config");
+    const auto get_state =
+        find_function<decltype(&tavistro_engine_get_state)>(library, "tavistro_engine_get_state");
+    const auto stop =
+        find_function<decltype(&tavistro_engine_stop)>(library, "tavistro_engine_stop");
+    const auto destroy =
+        find_function<decltype(&tavistro_engine_destroy)>(library, "tavistro_engine_destroy");
+    tavistro_engine* const engine = create();
     ASSERT_NE(engine, nullptr);
-    ASSERT_EQ(engine_library.start(engine, config.c_str()), 1);
+    ASSERT_EQ(start(engine, config.c_str()), 1);
     tavistro_engine_state state{};
-    while (engine_library.get_state(engine, &state) == 1 && state.state < TAVISTRO_STATE_RUNNING) {
+    while (get_state(engine, &state) == 1 && state.state < TAVISTRO_STATE_RUNNING)
         platform::sleep_ms(2);
-    }
     EXPECT_EQ(state.state, std::uint32_t{TAVISTRO_STATE_RUNNING});
-    engine_library.stop(engine);
-    engine_library.destroy(engine);
-    ASSERT_NE(FreeLibrary(engine_library.module), 0);
+    stop(engine);
+    destroy(engine);
+    ASSERT_NE(FreeLibrary(library), 0);
     ASSERT_EQ(GetModuleHandleW(path.filename().c_str()), nullptr) << "still loaded";
 }
 
@@ -72,12 +63,10 @@ TEST(Library, FiftyLivesEndWithoutAHangAndLeaveNothingBehind) {
     std::ofstream(config)
         << "[network]\nserver_ip = 127.0.0.1\nserver_port = " << server.port()
         << "\nclient_id = 1\n[asio]\ndriver_name =\n[test]\nloopback_device = 1\n";
-    const fs::path path = library_path();
-    live_once(path, config);  // what the system keeps for itself is there after the first
+    live_once(library_path(), config);  // what the system keeps for itself is there after the first
     const DWORD handles_before = open_handles();
-    for (int life = 1; life < 50 && !HasFailure(); ++life) {
-        live_once(path, config);
-    }
+    for (int life = 1; life < 50 && !HasFailure(); ++life)
+        live_once(library_path(), config);
     EXPECT_LT(open_handles(), handles_before + 25) << "less than one in two lives";
     fs::remove(config);
 }
