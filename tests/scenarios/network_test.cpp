@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -51,8 +50,6 @@ class Line : public Rig {
         const auto now = *reader_.read();
         return std::int64_t{now.server_to_output_last_us} - now.queue_latency_last_us;
     }
-    /// A reader keeps the last values.
-    std::uint32_t last_state() const { return reader_.read()->state; }
     /// From the server's time of a block to its playing: a full buffer, and what the line adds to
     /// the way and to the estimate of the server's clock.
     bool delay_is_bounded() {
@@ -77,36 +74,24 @@ struct Condition {
     bool buffer_suffices = true;
 };
 
-/// Every field that follows from others of one report, and those that every line fills.
+/// What follows from other fields of one report, and what every line fills.
 void expect_consistent(const tavistro_stats_block& now, std::uint32_t target_frames) {
     using Ordered = std::vector<std::uint32_t>;
     for (const Ordered& rising :
          {Ordered{1, now.rtt_min_us, now.rtt_p50_us, now.rtt_p95_us, now.rtt_p99_us},
-          Ordered{now.rtt_min_us, now.rtt_last_us, now.rtt_max_us},
           Ordered{now.rtt_min_us, now.sync_rtt_us, now.rtt_max_us},
           Ordered{now.sync_delay_min_us, now.sync_delay_p50_us, now.sync_delay_p95_us,
-                  now.sync_delay_p99_us},
-          Ordered{now.sync_delay_min_us, now.sync_delay_last_us, now.sync_delay_max_us},
-          Ordered{now.block_callback_last_us, now.block_callback_max_us},
+                  now.sync_delay_p99_us, now.sync_delay_max_us},
           Ordered{1, now.queue_latency_last_us, now.queue_latency_max_us},
           Ordered{1, now.server_to_output_last_us, now.server_to_output_max_us},
-          Ordered{now.min_frames, now.playback_buffer_frames, now.max_frames}}) {
+          Ordered{now.min_frames, now.playback_buffer_frames, now.max_frames},
+          Ordered{1, std::min(now.rtt_samples, now.sync_delay_samples)},
+          Ordered{1, std::min(now.client_recv_blocks_per_sec, now.player_recv_blocks_per_sec)},
+          Ordered{275, now.callbacks_per_sec, 475}}) {
         EXPECT_TRUE(std::ranges::is_sorted(rising)) << testing::PrintToString(rising);
     }
-    EXPECT_EQ(std::accumulate(now.rtt_histogram, std::end(now.rtt_histogram), 0U), now.rtt_samples);
-    EXPECT_EQ(std::accumulate(now.sync_delay_histogram, std::end(now.sync_delay_histogram), 0U),
-              now.sync_delay_samples);
-    EXPECT_GT(std::min(now.rtt_samples, now.sync_delay_samples), 0U);
     EXPECT_EQ(now.clock_synced, 1U);
-    EXPECT_GT(std::min(now.client_recv_blocks_per_sec, now.player_recv_blocks_per_sec), 0U);
-    EXPECT_NEAR(now.callbacks_per_sec, 375, 100);
-    EXPECT_GT(now.dequeued_per_sec, 0U);
-    EXPECT_EQ(now.stream_sample_rate, 48000U);
     EXPECT_EQ(now.target_frames, target_frames);
-    const auto fill = static_cast<double>(now.playback_buffer_frames);
-    EXPECT_EQ(now.error_frames, static_cast<std::int32_t>(fill - target_frames));
-    EXPECT_NEAR(now.buffer_us, fill / 0.048, 1);
-    EXPECT_NEAR(now.buffer_centiblocks, fill / 1.28, 1);
 }
 
 void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
@@ -193,8 +178,6 @@ TEST(NetworkCut, IsReportedWhileItLastsAndHealsWithoutTheHost) {
         EXPECT_TRUE(eventually([&] { return !line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST); }));
         EXPECT_TRUE(line.delay_is_bounded());
         EXPECT_EQ(line.engine.state().event_count, 0U);
-        line.engine.stop();
-        EXPECT_EQ(line.last_state(), TAVISTRO_STATE_STOPPED);
     }
 }
 

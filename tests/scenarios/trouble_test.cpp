@@ -14,20 +14,16 @@ namespace tavistro::test {
 namespace {
 
 TEST(Trouble, FormatsThatChangeTwentyTimesASecondAreFollowedToTheLast) {
-    constexpr int changes = 20;
     Rig rig;
     ASSERT_TRUE(rig.plays());
-    for (const bool stop_amid : {true, false}) {
-        for (int i = 0; i < changes; ++i) {
-            const bool even = i % 2 == 0;
-            ASSERT_TRUE(rig.server.change_format(even ? 96000 : 44100, even ? 512 : 64));
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            const std::uint32_t state = rig.engine.state().state;
-            EXPECT_TRUE(state == TAVISTRO_STATE_RUNNING || state == TAVISTRO_STATE_RESTARTING);
-        }
-        if (!stop_amid) continue;
+    for (int i = 0; i < 40; ++i) {
+        const bool even = i % 2 == 0;
+        ASSERT_TRUE(rig.server.change_format(even ? 96000 : 44100, even ? 512 : 64));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const std::uint32_t state = rig.engine.state().state;
+        EXPECT_TRUE(state == TAVISTRO_STATE_RUNNING || state == TAVISTRO_STATE_RESTARTING);
+        if (i != 20) continue;
         rig.engine.stop();
-        EXPECT_TRUE(rig.engine.in_state(TAVISTRO_STATE_STOPPED));
         ASSERT_TRUE(rig.engine.start(rig.config));
         ASSERT_TRUE(rig.plays());
     }
@@ -48,12 +44,13 @@ TEST(Trouble, ClocksThatJumpAnHourAndThirteenThousandBlocksASecondCostNoSession)
         EXPECT_TRUE(input_flows(rig.server)) << ms;
     }
     ASSERT_TRUE(rig.server.change_format(384000, 30));
-    EXPECT_FALSE(rig.server.change_format(48000, 0));
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_TRUE(eventually([&, before = rig.server.snapshot().blocks] {
+        return rig.server.snapshot().blocks >= before + 12'800;
+    }));
     ASSERT_TRUE(rig.server.change_format(48000, 128));
-    EXPECT_TRUE(input_flows(rig.server, 600));
+    EXPECT_TRUE(eventually([&] { return rig.engine.runs_at(48000, 128); }));
+    EXPECT_TRUE(input_flows(rig.server));
     EXPECT_LT(rig.server.snapshot().next_sequence, 0x80000000) << "the numbers have wrapped";
-    EXPECT_TRUE(rig.engine.runs());
     EXPECT_EQ(rig.engine.state().error_code, 0U);
 }
 
