@@ -28,14 +28,10 @@ class Line : public Rig {
     explicit Line(const FaultOptions& faults, std::uint32_t latency_blocks = 12)
         : Rig({.melodies = {{.channel = 0}}, .faults = faults, .seed = 7},
               "[latency]\nclient_latency_blocks = " + std::to_string(latency_blocks) + "\n"),
-          latency_blocks_(latency_blocks),
-          jitter_us_(1000 * faults.jitter_ms) {
+          most_delay_us_((std::max(latency_blocks + 4, 6U) + 2) * block_us +
+                         2000 * faults.jitter_ms + 20'000) {
         EXPECT_TRUE(eventually([&] { return engine.runs() && input_blocks(server) > 0; }));
         EXPECT_TRUE(reader_.open(config.client_id()));
-    }
-    bool passes(std::uint64_t blocks) {
-        const std::uint64_t end = server.snapshot().blocks + blocks;
-        return eventually([&] { return server.snapshot().blocks >= end; });
     }
     /// The engine's numbers from after the call: its second report from now.
     tavistro_stats_block numbers() {
@@ -53,17 +49,14 @@ class Line : public Rig {
     /// From the server's time of a block to its playing: a full buffer, and what the line adds to
     /// the way and to the estimate of the server's clock.
     bool delay_is_bounded() {
-        const std::uint32_t most_us =
-            (std::max(latency_blocks_ + 4, 6U) + 2) * block_us + 2 * jitter_us_ + 20'000;
         return eventually([&] {
             const std::uint32_t delay_us = reader_.read()->server_to_output_last_us;
-            return delay_us > 0 && delay_us <= most_us;
+            return delay_us > 0 && delay_us <= most_delay_us_;
         });
     }
 
   private:
-    std::uint32_t latency_blocks_;
-    std::uint32_t jitter_us_;
+    std::uint32_t most_delay_us_;
     readings::StatsReader reader_;
 };
 
@@ -80,8 +73,7 @@ void expect_consistent(const tavistro_stats_block& now, std::uint32_t target_fra
     for (const Ordered& rising :
          {Ordered{1, now.rtt_min_us, now.rtt_p50_us, now.rtt_p95_us, now.rtt_p99_us},
           Ordered{now.rtt_min_us, now.sync_rtt_us, now.rtt_max_us},
-          Ordered{now.sync_delay_min_us, now.sync_delay_p50_us, now.sync_delay_p95_us,
-                  now.sync_delay_p99_us, now.sync_delay_max_us},
+          Ordered{now.sync_delay_min_us, now.sync_delay_last_us, now.sync_delay_max_us},
           Ordered{1, now.queue_latency_last_us, now.queue_latency_max_us},
           Ordered{1, now.server_to_output_last_us, now.server_to_output_max_us},
           Ordered{now.min_frames, now.playback_buffer_frames, now.max_frames},
@@ -95,10 +87,11 @@ void expect_consistent(const tavistro_stats_block& now, std::uint32_t target_fra
 }
 
 void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
-    constexpr std::uint64_t blocks = 400;
     SCOPED_TRACE(condition.name);
     Line line(condition.faults, condition.latency_blocks);
-    ASSERT_TRUE(line.passes(blocks));
+    ASSERT_TRUE(eventually([&, end = line.server.snapshot().blocks + 400] {
+        return line.server.snapshot().blocks >= end;
+    }));
     const ServerSnapshot seen = line.server.snapshot();
     const tavistro_stats_block numbers = line.numbers();
     expect_consistent(numbers, 128 * condition.latency_blocks);
@@ -136,8 +129,7 @@ void expect_all_heard(const std::vector<Condition>& conditions) {
 }
 
 TEST(Network, LossesAreHeardNoMoreOftenThanTheyDoHarm) {
-    expect_all_heard({{"OneInAHundred", {.drop_percent = 1}},
-                      {"OneInFive", {.drop_percent = 20}},
+    expect_all_heard({{"OneInFive", {.drop_percent = 20}},
                       {"Bursts", {.burst_every_ms = 200, .burst_length_blocks = 5}}});
 }
 
@@ -153,27 +145,20 @@ TEST(Network, JitterIsHeardWhereTheBufferDoesNotSuffice) {
 }
 
 TEST(NetworkCut, IsReportedWhileItLastsAndHealsWithoutTheHost) {
-    constexpr std::uint32_t most_blocks_to_heal = 3750;  // 10 s: hangs end, slow machines do not
     for (const bool server_restarts : {false, true}) {
         SCOPED_TRACE(server_restarts ? "the server restarts" : "the line goes dead");
         Line line({});
         ASSERT_TRUE(line.sounds(2));
-        if (server_restarts) {
-            line.server.stop();
-        } else {
-            line.server.set_faults({.silent = true});
-        }
+        if (server_restarts) line.server.stop();
+        line.server.set_faults({.silent = true});
         EXPECT_TRUE(eventually([&] {
             advance_clock_ms(20);
             return line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST);
         }));
         EXPECT_TRUE(line.engine.runs()) << "silence is no failure";
-
         line.server.set_faults({});
         ASSERT_EQ(line.server.start(), "");  // one that runs goes on
-        const std::uint32_t back_at = line.server.snapshot().next_sequence;
         EXPECT_TRUE(line.sounds(2)) << "no audio came back";
-        EXPECT_LE(line.server.snapshot().next_sequence - back_at, most_blocks_to_heal);
         // What a machine under load drops meanwhile may be shown instead of "running normally".
         EXPECT_TRUE(eventually([&] { return !line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST); }));
         EXPECT_TRUE(line.delay_is_bounded());

@@ -37,7 +37,6 @@ TEST_P(Stream, ComesBackAsItWasSent) {
         << rig.engine.state().state;
     EXPECT_TRUE(rig.engine.runs_at(format.sample_rate, format.frames));
     EXPECT_EQ(rig.engine.state().client_id, rig.config.client_id());
-    EXPECT_EQ(rig.engine.state().output_meter_count, channels);
     EXPECT_TRUE(eventually([&] {
         const auto now = rig.engine.state();
         return now.output_meters[0].peak_permille > 0 && now.input_meters[0].peak_permille > 0;
