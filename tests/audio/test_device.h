@@ -22,6 +22,7 @@ struct DevicePanel {
     double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
     float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
     std::function<void()> during_period;
+    std::function<void()> at_close;
 
     std::vector<std::vector<float>> played;  ///< last period of every output, empty for silence
     std::function<void()> period;
@@ -57,7 +58,9 @@ class TestDevice : public AudioDevice {
         return true;
     }
     bool start() override { return panel_->starts; }
-    void close() override {}
+    void close() override {
+        if (panel_->at_close) panel_->at_close();
+    }
     void read_input(std::int32_t channel, std::int32_t half, float* destination,
                     std::int32_t frames) override {
         expect_turn(half == panel_->half);

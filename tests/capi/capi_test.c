@@ -8,12 +8,8 @@
 
 static int failures = 0;
 
-static void check(int condition, int line) {
-    if (condition) return;
-    printf("%s:%d: not as it should be\n", __FILE__, line);
-    ++failures;
-}
-#define CHECK(condition) check((condition) != 0, __LINE__)
+#define CHECK(condition) \
+    if (!(condition)) failures += printf("%s:%d: not as it should be\n", __FILE__, __LINE__)
 
 static tavistro_engine_state state_of(tavistro_engine* engine) {
     tavistro_engine_state state;
@@ -22,13 +18,10 @@ static tavistro_engine_state state_of(tavistro_engine* engine) {
 }
 
 static void check_fresh(tavistro_engine* engine) {
-    tavistro_engine_state expected;
+    const tavistro_engine_state expected = {
+        .version = 5, .event_capacity = 8, .next_event_sequence = 1};
     unsigned char buffer[905];
     memset(buffer, 0xEE, sizeof buffer);
-    memset(&expected, 0, sizeof expected);
-    expected.version = 5;
-    expected.event_capacity = 8;
-    expected.next_event_sequence = 1;
     CHECK(tavistro_engine_get_state(NULL, buffer) == 0 && buffer[0] == 0xEE);
     CHECK(tavistro_engine_get_state(engine, NULL) == 0);
     CHECK(tavistro_engine_get_state(engine, buffer) == 1);
@@ -43,12 +36,6 @@ static void check_refusals(tavistro_engine* engine) {
     state = state_of(engine);
     CHECK(state.state == TAVISTRO_STATE_IDLE && state.error_code == TAVISTRO_ERROR_NO_CONFIG_PATH);
     CHECK(state.error_detail == 1 && state.status_level == 4 && state.status_message == 1);
-
-    CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 1);
-    tavistro_engine_stop(engine);
-    state = state_of(engine);
-    CHECK(state.state == TAVISTRO_STATE_FAILED && state.client_id == 0);
-    CHECK(state.error_code == TAVISTRO_ERROR_CONFIG_INVALID && state.error_detail == 5);
 
     /* A run that has ended by itself is held until it is stopped. */
     CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 1);

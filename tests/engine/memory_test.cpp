@@ -8,6 +8,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -23,11 +24,12 @@ namespace tavistro::test {
 namespace {
 
 using State = tavistro_engine_state;
+using Wanted = std::function<bool(const State&)>;
 using Error = std::array<std::uint32_t, 2>;  ///< code and detail
 
-/// Of the settings, the client, the statistics block, and the starts and restarts of the device.
-constexpr Error allowed_errors[] = {{3, 5},  {4, 16}, {9, 4},  {10, 6}, {6, 10},
-                                    {6, 25}, {7, 17}, {7, 20}, {7, 21}, {7, 23}};
+/// Of the settings, the client, the statistics block and the starts of the device.
+constexpr Error allowed_errors[] = {{3, 5},  {4, 16}, {9, 4},  {10, 6},
+                                    {6, 10}, {7, 17}, {7, 20}, {7, 21}};
 
 /// A sweep that ends sooner never got beyond loading the settings and starting the client.
 constexpr std::uint64_t few_allocations = 80;
@@ -93,8 +95,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
             if (state.state == TAVISTRO_STATE_FAILED) return false;
             if (wanted(state)) return true;
             if (state.status_message == TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT ||
-                state.status_message == TAVISTRO_MESSAGE_ASIO_RETRY_WAIT ||
-                state.status_message == TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED)
+                state.status_message == TAVISTRO_MESSAGE_ASIO_RETRY_WAIT)
                 advance_clock_ms(1000);
             step();
             platform::sleep_ms(1);
@@ -102,51 +103,30 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         ADD_FAILURE() << "hangs at message " << runtime_.snapshot_state().status_message;
         return false;
     }
-    bool connects() {
+    /// The first steps of a run, as far as needed: until what the shortage met has been done. False
+    /// when the run failed.
+    bool run(std::size_t count) {
+        const auto running_at = [](std::uint32_t rate) {
+            return [rate](const State& s) {
+                return s.state == TAVISTRO_STATE_RUNNING && s.stream_sample_rate == rate;
+            };
+        };
+        const auto report = [&] {
+            if (device_->period) device_->period();  // something to send
+            advance_clock_ms(1000);
+            server_->send_sync(48000, 128);
+        };
+        const std::pair<Wanted, std::function<void()>> steps[] = {
+            {[](const State& s) { return s.state == TAVISTRO_STATE_CONNECTED; }, [] {}},
+            {running_at(48000), [&] { server_->send_sync(48000, 128); }},
+            {[](const State& s) { return s.device_sample_rate != 0; }, report},
+            {running_at(96000), [&] { server_->send_sync(96000, 64); }}};
         Shortage::host_counts = true;
-        const bool started = runtime_.start(path_.c_str());
+        bool goes_on = runtime_.start(path_.c_str());
         Shortage::host_counts = false;
-        return started &&
-               reaches([](const State& s) { return s.state == TAVISTRO_STATE_CONNECTED; });
-    }
-    bool runs(std::uint32_t sample_rate) {
-        return reaches(
-            [&](const State& s) {
-                return s.state == TAVISTRO_STATE_RUNNING && s.stream_sample_rate == sample_rate;
-            },
-            [&] { server_->send_sync(sample_rate, 128); });
-    }
-    bool reports() {
-        if (device_->period) device_->period();  // something to send
-        return reaches([](const State& s) { return s.device_sample_rate != 0; },
-                       [&] {
-                           advance_clock_ms(1000);
-                           server_->send_sync(48000, 128);
-                       });
-    }
-    bool recovers() {
-        if (GetParam().loopback) return true;
-        device_->faulty = true;
-        std::uint32_t message = 0;
-        return reaches(
-            [&](const State& s) {
-                message = s.event_count == 0 ? 0 : s.events[s.event_count - 1].message;
-                return s.state == TAVISTRO_STATE_RUNNING &&
-                       message == TAVISTRO_MESSAGE_EVENT_DEVICE_RECOVERED;
-            },
-            [&] {
-                if (message == 0) advance_clock_ms(1000);  // for a report
-                server_->send_sync(96000, 128);
-            });
-    }
-    /// A run as far as needed: until what the shortage met has been done. False when it failed.
-    bool run() {
-        const std::function<bool()> steps[] = {[&] { return connects(); },
-                                               [&] { return runs(48000); },
-                                               [&] { return Shortage::is_over() || reports(); },
-                                               [&] { return Shortage::is_over() || runs(96000); },
-                                               [&] { return Shortage::is_over() || recovers(); }};
-        return std::ranges::all_of(steps, [](const auto& step) { return step(); });
+        for (std::size_t i = 0; i < count && goes_on && !(i > 1 && Shortage::is_over()); ++i)
+            goes_on = reaches(steps[i].first, steps[i].second);
+        return goes_on;
     }
 
     const std::string path_ = testing::TempDir() + "memory_" + std::to_string(getpid());
@@ -162,7 +142,7 @@ TEST_P(MemoryTest, RunsOutAndEndsARunAtMost) {
         Shortage::seen = 0;
         Shortage::end = number + GetParam().count;
         Shortage::first = number;
-        const bool succeeded = run();
+        const bool succeeded = run(4);
         met = Shortage::seen >= number;
         runtime_.stop();
         Shortage::first = Shortage::end = 0;
@@ -171,7 +151,7 @@ TEST_P(MemoryTest, RunsOutAndEndsARunAtMost) {
         EXPECT_EQ(state.state, succeeded ? TAVISTRO_STATE_STOPPED : TAVISTRO_STATE_FAILED);
         EXPECT_TRUE(succeeded || std::ranges::count(allowed_errors, error) > 0)
             << error[0] << ", " << error[1];
-        EXPECT_TRUE(connects() && runs(48000)) << "after it";
+        EXPECT_TRUE(run(2)) << "after it";
         runtime_.stop();
     }
     EXPECT_GT(number, few_allocations);

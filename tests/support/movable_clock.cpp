@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "platform/clock.h"
-#include "support/short_sleep.h"
 
 namespace {
 
@@ -16,9 +15,7 @@ std::atomic<void (*)()> at_reading{nullptr};
 std::atomic<std::uint32_t> longest_sleep_ms{UINT32_MAX};
 
 std::int64_t system_ns() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace
@@ -69,7 +66,8 @@ void sleep_ms(std::uint32_t ms) noexcept {
     if (manual) {
         test::advance_clock_ms(ms);
     } else if (ms == 0) {
-        test::short_sleep();
+        // A loop that only yielded would keep a core from the other threads of a test.
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     } else {
         std::this_thread::sleep_for(
             std::chrono::milliseconds(std::min(ms, longest_sleep_ms.load())));

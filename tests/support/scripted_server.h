@@ -34,13 +34,7 @@ class ScriptedServer {
                                            {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
-    /// The answer to the newest discover, which a mute server holds back.
-    void answer_held() {
-        send(TavistroProtocol::encode_discover_reply({client_id_, nonce_, port(), version}));
-    }
-
     std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
-    std::atomic<bool> held{false};                 ///< a discover has come
     std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
     std::atomic<std::uint64_t> announces{0};       ///< leaves included
     std::atomic<std::uint64_t> leaves{0};
@@ -65,9 +59,9 @@ class ScriptedServer {
             if (!discover) continue;
             client_id_ = discover.message.client_id;
             client_port_ = received.source.port;
-            nonce_ = discover.message.nonce;
-            held = true;
-            if (!mute) answer_held();
+            if (mute) continue;
+            send(TavistroProtocol::encode_discover_reply(
+                {client_id_, discover.message.nonce, port(), version}));
         }
     }
 
@@ -75,7 +69,6 @@ class ScriptedServer {
     platform::Thread thread_;
     std::atomic<std::uint32_t> client_id_{0};
     std::atomic<std::uint16_t> client_port_{0};
-    std::atomic<std::uint64_t> nonce_{0};
     std::uint32_t sequence_ = 0;
     bool client_left_ = false;
 };
