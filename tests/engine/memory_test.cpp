@@ -8,7 +8,6 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -38,16 +37,10 @@ constexpr std::uint64_t few_allocations = 80;
 /// start(), the test's.
 struct Shortage {
     static inline const std::thread::id main_thread = std::this_thread::get_id();
-    static inline std::atomic<std::thread::id> server_thread;
+    static inline std::thread::id server_thread;
     static inline std::atomic<bool> host_counts{false};
     static inline std::atomic<std::uint64_t> seen{0}, first{0}, end{0};
 
-    /// What allocates before any engine runs is the server.
-    static bool learn() {
-        const auto here = std::this_thread::get_id();
-        if (here != main_thread) server_thread = here;
-        return false;
-    }
     static bool refuses() {
         const auto here = std::this_thread::get_id();
         if (here == main_thread ? !host_counts : here == server_thread) return false;
@@ -68,13 +61,12 @@ struct Failures {
 class MemoryTest : public testing::TestWithParam<Failures> {
   protected:
     MemoryTest() {
-        refuse_allocations(&Shortage::learn);
-        ScriptedServer& server = server_.emplace();
-        EXPECT_TRUE(eventually([] { return Shortage::server_thread.load() != std::thread::id(); }));
+        EXPECT_TRUE(eventually([&] { return server_.thread() != std::thread::id(); }));
+        Shortage::server_thread = server_.thread();
         refuse_allocations(&Shortage::refuses);
         limit_sleeps_ms(1);
         std::ofstream(path_) << "[asio]\ndriver_name=scripted\n[network]\nserver_ip=127.0.0.1\n"
-                             << "discovery_timeout_ms=200\nserver_port=" << server.port()
+                             << "discovery_timeout_ms=200\nserver_port=" << server_.port()
                              << "\nclient_id=" << getpid()
                              << "\n[test]\nloopback_device=" << GetParam().loopback << "\n";
     }
@@ -82,7 +74,6 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         runtime_.stop();
         refuse_allocations(nullptr);
         limit_sleeps_ms(UINT32_MAX);
-        Shortage::server_thread = std::thread::id();
         unlink(path_.c_str());
     }
 
@@ -114,13 +105,13 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         const auto report = [&] {
             if (device_->period) device_->period();  // something to send
             advance_clock_ms(1000);
-            server_->send_sync(48000, 128);
+            server_.send_sync(48000, 128);
         };
         const std::pair<Wanted, std::function<void()>> steps[] = {
             {[](const State& s) { return s.state == TAVISTRO_STATE_CONNECTED; }, [] {}},
-            {running_at(48000), [&] { server_->send_sync(48000, 128); }},
+            {running_at(48000), [&] { server_.send_sync(48000, 128); }},
             {[](const State& s) { return s.device_sample_rate != 0; }, report},
-            {running_at(96000), [&] { server_->send_sync(96000, 64); }}};
+            {running_at(96000), [&] { server_.send_sync(96000, 64); }}};
         Shortage::host_counts = true;
         bool goes_on = runtime_.start(path_.c_str());
         Shortage::host_counts = false;
@@ -130,7 +121,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
     }
 
     const std::string path_ = testing::TempDir() + "memory_" + std::to_string(getpid());
-    std::optional<ScriptedServer> server_;
+    ScriptedServer server_;
     const std::shared_ptr<DevicePanel> device_ = std::make_shared<DevicePanel>();
     EngineRuntime runtime_{[this] { return std::make_unique<TestDevice>(device_); }};
 };

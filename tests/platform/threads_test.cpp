@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/clock.h"
-#include "platform/driver_registry.h"
 
 namespace tavistro::platform {
 namespace {
@@ -26,15 +25,6 @@ TEST(WorkerEvent, KeepsASignalForTheNextWaitAndWakesAWaiter) {
     EXPECT_TRUE(event.wait_for_ms(10'000));
     EXPECT_LT(nanosecond_clock(), begin_ns + 8'000'000'000) << "a signal wakes nobody";
     thread.join();
-}
-
-TEST(DriverRegistry, ReadsBracedClassIdentifiers) {
-    const ClassId expected{0x67, 0x45, 0x23, 0x01, 0xAB, 0x89, 0xEF, 0xCD,
-                           0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xCD, 0xEF};
-    EXPECT_EQ(parse_class_id("{01234567-89AB-CDEF-0123-456789abcdef}"), expected);
-    for (const char* text :
-         {"", "{01234567-89AB-CDEF-0123-456789abcdeg}", "{0123456789AB-CDEF-0123-456789abcdef--}"})
-        EXPECT_FALSE(parse_class_id(text)) << text;
 }
 
 }  // namespace

@@ -41,11 +41,6 @@ class Line : public Rig {
         }
         return *reader_.read();
     }
-    /// Of the last block that was played: from the server's time to its delivery.
-    std::int64_t way_us() const {
-        const auto now = *reader_.read();
-        return std::int64_t{now.server_to_output_last_us} - now.queue_latency_last_us;
-    }
     /// From the server's time of a block to its playing: a full buffer, and what the line adds to
     /// the way and to the estimate of the server's clock.
     bool delay_is_bounded() {
@@ -67,25 +62,6 @@ struct Condition {
     bool buffer_suffices = true;
 };
 
-/// What follows from other fields of one report, and what every line fills.
-void expect_consistent(const tavistro_stats_block& now, std::uint32_t target_frames) {
-    using Ordered = std::vector<std::uint32_t>;
-    for (const Ordered& rising :
-         {Ordered{1, now.rtt_min_us, now.rtt_p50_us, now.rtt_p95_us, now.rtt_p99_us},
-          Ordered{now.rtt_min_us, now.sync_rtt_us, now.rtt_max_us},
-          Ordered{now.sync_delay_min_us, now.sync_delay_last_us, now.sync_delay_max_us},
-          Ordered{1, now.queue_latency_last_us, now.queue_latency_max_us},
-          Ordered{1, now.server_to_output_last_us, now.server_to_output_max_us},
-          Ordered{now.min_frames, now.playback_buffer_frames, now.max_frames},
-          Ordered{1, std::min(now.rtt_samples, now.sync_delay_samples)},
-          Ordered{1, std::min(now.client_recv_blocks_per_sec, now.player_recv_blocks_per_sec)},
-          Ordered{275, now.callbacks_per_sec, 475}}) {
-        EXPECT_TRUE(std::ranges::is_sorted(rising)) << testing::PrintToString(rising);
-    }
-    EXPECT_EQ(now.clock_synced, 1U);
-    EXPECT_EQ(now.target_frames, target_frames);
-}
-
 void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
     SCOPED_TRACE(condition.name);
     Line line(condition.faults, condition.latency_blocks);
@@ -94,8 +70,6 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
     }));
     const ServerSnapshot seen = line.server.snapshot();
     const tavistro_stats_block numbers = line.numbers();
-    expect_consistent(numbers, 128 * condition.latency_blocks);
-
     const std::uint64_t harmed = seen.blocks_lost + seen.blocks_held_back + seen.blocks_skipped;
     EXPECT_LE(seen.input.gaps, harmed + numbers.underruns);
     EXPECT_TRUE(seen.input.gaps > 0 || harmed < 20) << "nobody listens";
@@ -113,8 +87,10 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
         EXPECT_GT(numbers.client_duplicate_blocks_per_sec, 0U);
     }
     if (condition.faults.jitter_ms >= 50) {
-        EXPECT_TRUE(eventually([&] { return line.way_us() > 5000; }))
-            << "a block is timed by its arrival, not by the server's clock";
+        EXPECT_TRUE(eventually([&] {
+            const tavistro_stats_block now = line.numbers();
+            return now.server_to_output_last_us > now.queue_latency_last_us + 5000;
+        })) << "a block is timed by its arrival, not by the server's clock";
     }
     EXPECT_TRUE(line.delay_is_bounded());
     EXPECT_TRUE(line.engine.runs());
@@ -128,14 +104,11 @@ void expect_all_heard(const std::vector<Condition>& conditions) {
         lines.emplace_back([&] { expect_heard_no_more_often_than_it_does_harm(condition); });
 }
 
-TEST(Network, LossesAreHeardNoMoreOftenThanTheyDoHarm) {
-    expect_all_heard({{"OneInFive", {.drop_percent = 20}},
-                      {"Bursts", {.burst_every_ms = 200, .burst_length_blocks = 5}}});
-}
-
-TEST(Network, RepeatedAndOvertakenBlocksAreHeardNoMoreOftenThanTheyDoHarm) {
+TEST(Network, LostRepeatedAndOvertakenBlocksAreHeardNoMoreOftenThanTheyDoHarm) {
     expect_all_heard(
-        {{"AllTwice", {.duplicate_percent = 100}},
+        {{"OneInFive", {.drop_percent = 20}},
+         {"Bursts", {.burst_every_ms = 200, .burst_length_blocks = 5}},
+         {"AllTwice", {.duplicate_percent = 100}},
          {"AllAtOnce",
           {.drop_percent = 5, .duplicate_percent = 20, .reorder_percent = 10, .jitter_ms = 3}}});
 }

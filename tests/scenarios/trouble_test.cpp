@@ -75,18 +75,16 @@ std::size_t entries(const char* folder) {
 }
 
 TEST(Trouble, StartsAndStopsLeaveNothingBehind) {
-    server::ReferenceServer server({.port = 0});
-    ASSERT_EQ(server.start(), "");
-    const ConfigFile config(server.port());
-    Engine engine;
+    Rig rig;
+    ASSERT_TRUE(rig.plays());
+    rig.engine.stop();
+    // A system may keep what the first run has made it open.
     const std::size_t threads = entries("/proc/self/task");
-    std::size_t descriptors = 0;
-    for (int run = 0; run <= 10; ++run) {
-        ASSERT_TRUE(engine.start(config));
-        ASSERT_TRUE(eventually([&] { return engine.runs(); }));
-        engine.stop();
-        // A system may keep what the first run has made it open.
-        if (run == 0) descriptors = entries("/proc/self/fd");
+    const std::size_t descriptors = entries("/proc/self/fd");
+    for (int run = 0; run < 10; ++run) {
+        ASSERT_TRUE(rig.engine.start(rig.config));
+        ASSERT_TRUE(eventually([&] { return rig.engine.runs(); }));
+        rig.engine.stop();
         ASSERT_EQ(entries("/proc/self/fd"), descriptors) << run;
         // The system may list a thread for a moment after it has been joined.
         ASSERT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; })) << run;

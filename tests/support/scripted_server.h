@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <span>
+#include <thread>
 #include <vector>
 
 #include "net/server_messages.h"
@@ -25,6 +26,8 @@ class ScriptedServer {
         thread_.join();
     }
 
+    /// The thread that answers; none before it runs.
+    std::thread::id thread() const { return thread_id_; }
     std::uint16_t port() const { return socket_.local_endpoint().port; }
     /// The client that asked last, and what goes there.
     platform::Ipv4Endpoint client() const { return {platform::ipv4_loopback, client_port_}; }
@@ -44,6 +47,7 @@ class ScriptedServer {
 
   private:
     void answer() {
+        thread_id_ = std::this_thread::get_id();
         std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
         for (;;) {
             const auto received = socket_.receive(buffer);
@@ -67,6 +71,7 @@ class ScriptedServer {
 
     platform::UdpSocket socket_;
     platform::Thread thread_;
+    std::atomic<std::thread::id> thread_id_;
     std::atomic<std::uint32_t> client_id_{0};
     std::atomic<std::uint16_t> client_port_{0};
     std::uint32_t sequence_ = 0;

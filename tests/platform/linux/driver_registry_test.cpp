@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/regular_file.h"
+
 namespace tavistro::platform {
 namespace {
 
@@ -50,8 +52,15 @@ TEST_F(DriverFolder, ListsItsDriversByNameAndMakesTheirObjects) {
     ASSERT_EQ(create_driver_object(*id, &object), 0);
     release_driver_object(object);
     EXPECT_EQ(class_server_path("{}"), std::nullopt);
+    EXPECT_EQ(parse_class_id("{01234567-89AB-CDEF-0123-456789abcdeg}"), std::nullopt);
     EXPECT_LT(create_driver_object({}, &object), 0);
     EXPECT_EQ(object, nullptr);
+}
+
+TEST(RegularFile, IsNeitherAFolderNorADevice) {
+    EXPECT_FALSE(is_regular_file("/"));
+    EXPECT_FALSE(is_regular_file("/dev/zero"));
+    EXPECT_TRUE(is_regular_file(TAVISTRO_TEST_DRIVER));
 }
 
 }  // namespace
