@@ -31,11 +31,9 @@ class ConfigFile {
 };
 
 /// One engine with shorthands for what its record shows.
-class Engine {
-  public:
-    bool start(const ConfigFile& config) { return runtime_.start(config.path()); }
-    void stop() { runtime_.stop(); }
-    tavistro_engine_state state() const { return runtime_.snapshot_state(); }
+struct Engine : EngineRuntime {
+    bool start(const ConfigFile& config) { return EngineRuntime::start(config.path()); }
+    tavistro_engine_state state() const { return snapshot_state(); }
     bool in_state(std::uint32_t code) const { return state().state == code; }
     bool runs() const { return in_state(TAVISTRO_STATE_RUNNING); }
     bool runs_at(std::uint32_t sample_rate, std::uint32_t block_frames) const {
@@ -44,9 +42,6 @@ class Engine {
                now.device_sample_rate == sample_rate && now.device_block_frames == block_frames;
     }
     bool shows(std::uint32_t message) const { return state().status_message == message; }
-
-  private:
-    EngineRuntime runtime_;
 };
 
 /// Blocks of captured input that have arrived at the server in time so far.

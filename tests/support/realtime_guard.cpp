@@ -9,8 +9,6 @@
 #include <memory>
 #include <new>
 
-#include "support/scope_depth.h"
-
 // The linker sends every call that the program makes to these functions here first (--wrap, see
 // CMakeLists.txt); operator new and delete are replaced for the whole program.
 
@@ -45,13 +43,6 @@ RealtimeViolations realtime_violations() {
 
 void reset_realtime_violations() {
     allocations = locks = sleeps = 0;
-}
-
-RealtimeScope::RealtimeScope() {
-    set_scope_depth(scope_depth() + 1);
-}
-RealtimeScope::~RealtimeScope() {
-    set_scope_depth(scope_depth() - 1);
 }
 
 }  // namespace tavistro::test

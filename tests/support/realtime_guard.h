@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "support/scope_depth.h"
+
 namespace tavistro::test {
 
 /// What the code inside RealtimeScopes has done, all threads together.
@@ -24,10 +26,10 @@ void refuse_allocations(bool (*refuses)());
 /// While it lives, what the calling thread does counts.
 class RealtimeScope {
   public:
-    RealtimeScope();
+    RealtimeScope() { set_scope_depth(scope_depth() + 1); }
     RealtimeScope(const RealtimeScope&) = delete;
     RealtimeScope& operator=(const RealtimeScope&) = delete;
-    ~RealtimeScope();
+    ~RealtimeScope() { set_scope_depth(scope_depth() - 1); }
 };
 
 }  // namespace tavistro::test
