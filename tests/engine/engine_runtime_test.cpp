@@ -203,11 +203,12 @@ class EngineRuntimeTest : public testing::Test {
 };
 
 TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_a_stop_before_it_is_no_error) {
-    configure("discovery_timeout_ms=50\n");
+    configure("discovery_timeout_ms=9000\n");
     server_.mute = true;
     ASSERT_TRUE(start());
     await(in(TAVISTRO_STATE_STARTING));
     EXPECT_EQ(stop(), (Pair{0, 0})) << "while asking for the server";
+    configure("discovery_timeout_ms=50\n");
     ASSERT_TRUE(start());
     State state = await_failure({4, 16});
     EXPECT_EQ(state.next_event_sequence, 25u) << "12 failures, 11 retries, 1 giving up";

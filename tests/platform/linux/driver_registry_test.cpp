@@ -46,7 +46,7 @@ TEST_F(DriverFolder, ListsItsDriversByNameAndMakesTheirObjects) {
     std::string text = drivers[0].class_id_text;
     const auto id = parse_class_id(text);
     ASSERT_TRUE(id);
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::toupper(c); });
     EXPECT_EQ(class_server_path(text), (drivers_ / "ant.so").string()) << "in other letters";
     void* object = nullptr;
     ASSERT_EQ(create_driver_object(*id, &object), 0);
