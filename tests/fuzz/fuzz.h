@@ -21,14 +21,6 @@ namespace tavistro::fuzz {
     std::abort();
 }
 
-/// To the bit; of samples that were computed, one NaN is as good as another.
-inline bool same_samples(std::span<const float> a, std::span<const float> b, bool computed) {
-    return std::ranges::equal(a, b, [computed](float x, float y) {
-        return std::bit_cast<std::uint32_t>(x) == std::bit_cast<std::uint32_t>(y) ||
-               (computed && x != x && y != y);
-    });
-}
-
 /// Reads on as zeros after its end, so that every input is a valid one.
 class Input {
   public:

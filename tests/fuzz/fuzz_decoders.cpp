@@ -21,7 +21,7 @@ bool same_without(Ranges unread, Bytes bytes, const Datagram& encoded) {
     return encoded == expected;
 }
 
-bool check_audio(Bytes bytes, std::uint32_t client_id) {
+bool check_audio(Bytes bytes) {
     const auto decoded = decode_audio(bytes);
     if (!decoded) return false;
     const AudioFragment& f = decoded.message;
@@ -30,13 +30,6 @@ bool check_audio(Bytes bytes, std::uint32_t client_id) {
     REQUIRE(f.first_frame + f.frame_count <= f.frames);
     REQUIRE(f.payload.data() == bytes.data() + 48 && f.payload.size() == bytes.size() - 48);
     REQUIRE(f.payload.size() == 4 * f.sample_count());
-    std::vector<float> samples(f.sample_count());
-    read_samples(f.payload, samples);
-    if (f.count > 1 || samples.size() != std::size_t{f.frames} * f.channels) return true;
-    DatagramList list;
-    REQUIRE(encode_audio_block(
-        {client_id, f.sequence, f.sample_rate, f.frames, f.channels, samples}, 65507, list));
-    REQUIRE(list.size() == 1 && same_without({{40, 8}}, bytes, list.front()));
     return true;
 }
 
@@ -62,7 +55,7 @@ int check(Bytes bytes) {
     round_trip(MessageType::Pong, decode_pong(bytes), encode_pong, {});
     round_trip(MessageType::Sync, decode_sync(bytes),
                [&](const SyncInfo& sync) { return encode_sync(client_id, sync); }, {{26, 2}});
-    taken += check_audio(bytes, client_id);
+    taken += check_audio(bytes);
     const std::uint64_t nonce = reply.message.nonce;
     REQUIRE(!reply || is_foreign_reply(bytes, client_id, nonce));
     REQUIRE(!reply || !is_foreign_reply(bytes, client_id, nonce + 1));
