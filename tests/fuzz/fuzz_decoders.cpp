@@ -1,10 +1,11 @@
 // Every decoder on the same bytes: as they came, behind a header that is made to fit, and in sound
 // messages before and after one byte of them changes. Whatever decodes encodes to the same bytes
-// again, those apart that no decoder reads.
+// again, those apart that no decoder reads; fragments of audio go on into the reassembly.
 #include <initializer_list>
 #include <utility>
 
 #include "fuzz/fuzz.h"
+#include "net/reassembly.h"
 #include "net/server_messages.h"
 #include "net/wire_layout.h"
 
@@ -21,6 +22,8 @@ bool same_without(Ranges unread, Bytes bytes, const Datagram& encoded) {
     return encoded == expected;
 }
 
+tavistro::Reassembly reassembly;  // of the fragments of one input that belong to 4 channels
+
 bool check_audio(Bytes bytes) {
     const auto decoded = decode_audio(bytes);
     if (!decoded) return false;
@@ -30,6 +33,8 @@ bool check_audio(Bytes bytes) {
     REQUIRE(f.first_frame + f.frame_count <= f.frames);
     REQUIRE(f.payload.data() == bytes.data() + 48 && f.payload.size() == bytes.size() - 48);
     REQUIRE(f.payload.size() == 4 * f.sample_count());
+    CompletedOutputBlock block;
+    if (reassembly.offer(f, block)) REQUIRE(block.samples.size() == 4U * f.frames);
     return true;
 }
 
@@ -85,6 +90,7 @@ DatagramList sound_messages(tavistro::fuzz::Input& in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    reassembly.reset(4);
     check({data, size});
     tavistro::fuzz::Input in(data, size);
     for (Datagram& datagram : sound_messages(in)) {

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include "net/net_inputs.h"
 #include "support/eventually.h"
 #include "support/movable_clock.h"
@@ -28,31 +26,23 @@ TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
         const char* server_ip;
         std::uint32_t server_version;
         ClientError error;
-        std::string log;
     } cases[] = {
-        {"auto", 4, ClientError::Incompatible, ""},
-        {"127.0.0.1", 5, ClientError::None, "[net] Client started.[net] Client stopped."},
-        {"no address", 5, ClientError::Socket, ""},
-        {"auto", 5, ClientError::None, "[net] Client started.[net] Client stopped."},
+        {"auto", 4, ClientError::Incompatible},
+        {"127.0.0.1", 5, ClientError::None},
+        {"no address", 5, ClientError::Socket},
+        {"auto", 5, ClientError::None},
     };
     TavistroClient client;
-    for (const auto& [server_ip, version, error, expected_log] : cases) {
+    for (const auto& [server_ip, version, error] : cases) {
         server::ReferenceServer server({.port = 0, .faults = {.reply_version = version}});
         ASSERT_EQ(server.start(), "");
-        std::mutex mutex;
-        std::string log;
         std::atomic<int> blocks{0};
-        const bool running = client.start(
-            settings_for(server.port(), server_ip),
-            [&](const std::string& line) {
-                const std::lock_guard lock(mutex);
-                if (line.starts_with("[net] Client")) log += line;
-            },
-            [&](const auto& block) {
-                ++blocks;
-                client.push_captured_input(test_rate, frames, 2, block.samples, 1.0);
-            },
-            {}, {});
+        const auto on_block = [&](const auto& block) {
+            ++blocks;
+            client.push_captured_input(test_rate, frames, 2, block.samples, 1.0);
+        };
+        const bool running =
+            client.start(settings_for(server.port(), server_ip), {}, on_block, {}, {});
         if (running) {
             EXPECT_TRUE(client.start({}, {}, {}, {}, {})) << "running already";
             // The worker changes the format while blocks come in and go out.
@@ -65,52 +55,9 @@ TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
         client.stop();
         client.stop();
         const int blocks_at_stop = blocks;
-        EXPECT_EQ(log, expected_log);
         EXPECT_TRUE(eventually([&] { return server.snapshot().sessions_left == running; }));
         EXPECT_EQ(blocks, blocks_at_stop);
     }
-}
-
-TEST(Client, SaysNothingAfterItHasLeft) {
-    ScriptedServer server;
-    auto settings = settings_for(server.port());
-    settings.udp_payload_bytes = 52;  // a sample each: sending a block takes its time
-    settings.capture_capacity_blocks = 4;
-    TavistroClient client;
-    for (int run = 0; run < 20; ++run) {
-        ASSERT_TRUE(client.start(settings, {}, {}, {}, {}));
-        ASSERT_TRUE(client.set_capture_format(test_rate, 2000));
-        client.push_captured_input(test_rate, 2000, 2, ramp(4000), 1.0);
-        client.push_captured_input(test_rate, 2000, 2, ramp(4000), 1.0);
-        const std::uint64_t before = server.audio_received;
-        server.send_sync(test_rate, 2000);
-        EXPECT_TRUE(eventually([&] { return server.audio_received > before; }));
-        const std::uint64_t leaves = server.leaves;
-        client.stop();
-        // On a busy machine the server may lose it among the datagrams of the block.
-        eventually([&] { return server.leaves > leaves; }, std::chrono::seconds(1));
-    }
-    EXPECT_GT(server.leaves, 0U);
-    EXPECT_EQ(server.received_after_leave, 0U);
-}
-
-TEST(Client, ABurstWaitsInTheReceiveBufferWhileACallbackTakesItsTime) {
-    ScriptedServer server;
-    auto settings = settings_for(server.port());
-    settings.recv_buffer_bytes = 100'000;
-    settings.send_buffer_bytes = 1;
-    std::atomic<int> syncs{0};
-    std::atomic<bool> burst_sent{false};
-    TavistroClient client;
-    const auto on_sync = [&](const SyncInfo&) {
-        ++syncs;
-        eventually([&] { return burst_sent.load(); });
-    };
-    ASSERT_TRUE(client.start(settings, {}, {}, on_sync, {}));
-    for (int i = 0; i < 30; ++i)
-        server.send_sync(test_rate, 128);
-    burst_sent = true;
-    EXPECT_TRUE(eventually([&] { return syncs == 30; }, std::chrono::seconds(5))) << syncs;
 }
 
 std::atomic<std::uint64_t> clock_readings{0};
@@ -126,8 +73,8 @@ TEST(Client, AnnouncesItselfEveryPeriodAndLooksForADuePingInBetween) {
     const std::uint64_t first = server.announces;
     EXPECT_TRUE(eventually([&] { return server.announces >= first + 100; }));
     call_at_readings(nullptr);
-    const auto per_announce = static_cast<double>(clock_readings) / 100.0;
-    EXPECT_NEAR(per_announce, 5.0, 1.0) << "one with the announce, four while it waits";
+    EXPECT_NEAR(static_cast<double>(clock_readings), 500.0, 100.0)
+        << "one with the announce, four while it waits";
     client.stop();
     limit_sleeps_ms(UINT32_MAX);
 }

@@ -217,22 +217,27 @@ TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
     EXPECT_EQ(sent[0], block_datagrams(16, frames, 2).front()) << "at the target fill, as pushed";
 }
 
-TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
-    for (const std::uint32_t sequence : {0xFFFFFFFEU, 0xFFFFFFFFU, 2U, 0xFFFFFFFFU})
+TEST_F(Session, SilenceFillsGapsOfUpTo1024BlocksAndOldBlocksAreDropped) {
+    for (const std::uint32_t sequence : {0xFFFFFFFEU, 2U, 1U, 1027U, 2053U})
         receive_block(sequence);
-    ASSERT_EQ(blocks.size(), 5U) << "with silence for 0 and 1";
+    ASSERT_EQ(blocks.size(), 5U + 1024 + 1);
     EXPECT_EQ(blocks[3].sequence, 1U);
-    EXPECT_EQ(blocks[3].sample_rate, test_rate);
-    EXPECT_EQ(blocks[4].arrival_time_ns, platform::nanosecond_clock());
+    EXPECT_EQ(blocks[3].samples, std::vector<float>(2 * frames));
+    EXPECT_EQ(blocks.back().arrival_time_ns, platform::nanosecond_clock());
+}
+
+TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
     const DatagramList halves = block_datagrams(1, frames, 2, 48 + 4 * frames);
+    receive_block(2);
     receive(halves[0]);
     EXPECT_FALSE(session.set_capture_format(test_rate, 0));
     EXPECT_FALSE(session.set_capture_format(0, frames));
-    session.set_capture_format(test_rate, frames);
+    EXPECT_TRUE(session.set_capture_format(test_rate, frames));
     receive(halves[1]);
-    EXPECT_EQ(blocks.size(), 5U) << "its other half belongs to the old stream";
+    EXPECT_EQ(blocks.size(), 1U) << "its other half belongs to the old stream";
     receive(halves[0]);
-    EXPECT_EQ(blocks.back().sequence, 1U);
+    ASSERT_EQ(blocks.size(), 2U);
+    EXPECT_EQ(blocks[1].sample_rate, test_rate);
 }
 
 TEST(Statistics, SeriesFallIntoBucketsOfInclusiveBounds) {
@@ -253,10 +258,6 @@ TEST(Statistics, DelaysAreKeptInRange) {
     EXPECT_EQ(delay_us(10'000'000, -3, 10'000'002), 1U);
     EXPECT_EQ(delay_us(10'000, 20'000, 1), 0U);
     EXPECT_EQ(delay_us(5'000'000'000'000'000, 0, 1), 0xFFFFFFFFU);
-    statistics.record_callback_latency(1000, 3000);
-    for (const std::uint64_t arrival_ns : {0U, 4000U})  // unknown; after its delivery
-        statistics.record_callback_latency(arrival_ns, 3000);
-    EXPECT_EQ(statistics.snapshot(true).callback_last_us, 2U);
 }
 
 TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {
@@ -266,7 +267,6 @@ TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {
     } cases[] = {
         {1'000'000, 500'000, 800'000, 1'900'000, 600'000, 800'000},
         {1'000'000, 0, 2'000'000, 1'900'000, 900'000, 450'000},  // held longer than we waited
-        {1'000, 5'000, 4'000, 1'600, 600, -3'200},               // left before it came
         {1'000, 1'003, 1'010, 1'010, 3, -1},                     // -1.5 towards zero
         {2'000, 1, 1, 1'000, 0, 1'499},                          // answered before it was asked
     };
@@ -275,10 +275,8 @@ TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {
         clock.ping_sent({7, 42, c.t1}, 5000);
         EXPECT_FALSE(clock.accept({7, 41, c.t1, c.t2, c.t3}, c.t4)) << "another nonce";
         EXPECT_FALSE(clock.accept({7, 42, c.t1 + 1, c.t2, c.t3}, c.t4)) << "another t1";
-        EXPECT_FALSE(clock.synced());
         EXPECT_EQ(clock.accept({7, 42, c.t1, c.t2, c.t3}, c.t4), c.rtt_ns);
         EXPECT_EQ(clock.offset_ns(), c.offset_ns);
-        EXPECT_FALSE(clock.accept({7, 42, c.t1, c.t2, c.t3}, c.t4)) << "answered already";
     }
 }
 

@@ -37,12 +37,9 @@ class ScriptedServer {
                                            {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
-    std::atomic<bool> mute{false};                 ///< answers nothing, as if it were not there
-    std::atomic<std::uint64_t> audio_received{0};  ///< datagrams
-    std::atomic<std::uint64_t> announces{0};       ///< leaves included
+    std::atomic<bool> mute{false};            ///< answers nothing, as if it were not there
+    std::atomic<std::uint64_t> announces{0};  ///< leaves included
     std::atomic<std::uint64_t> leaves{0};
-    /// Whatever came between the last leave and the next discover.
-    std::atomic<std::uint64_t> received_after_leave{0};
     std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< that it claims
 
   private:
@@ -53,13 +50,10 @@ class ScriptedServer {
             const auto received = socket_.receive(buffer);
             if (received.status == platform::ReceiveStatus::closed) return;
             const std::span bytes(buffer.data(), received.size);
-            if (TavistroProtocol::decode_audio(bytes)) ++audio_received;
             const auto discover = TavistroProtocol::decode_discover(bytes);
-            if (client_left_ && !discover) ++received_after_leave;
             const auto announce = TavistroProtocol::decode_announce(bytes);
             if (announce) ++announces;
-            client_left_ = announce && is_leave(announce.message);
-            if (client_left_) ++leaves;
+            if (announce && is_leave(announce.message)) ++leaves;
             if (!discover) continue;
             client_id_ = discover.message.client_id;
             client_port_ = received.source.port;
@@ -75,7 +69,6 @@ class ScriptedServer {
     std::atomic<std::uint32_t> client_id_{0};
     std::atomic<std::uint16_t> client_port_{0};
     std::uint32_t sequence_ = 0;
-    bool client_left_ = false;
 };
 
 }  // namespace tavistro::test
