@@ -30,9 +30,8 @@ class Input {
     template <std::unsigned_integral T = std::uint8_t>
     T take() {
         std::uint64_t value = 0;
-        std::size_t shift = 0;
-        for (const std::uint8_t byte : bytes(sizeof(T)))
-            value |= std::uint64_t{byte} << (8 * shift++);
+        for (std::size_t i = 0; i < sizeof(T) && !empty(); ++i, rest_ = rest_.subspan(1))
+            value |= std::uint64_t{rest_.front()} << (8 * i);
         return static_cast<T>(value);
     }
     /// 0..limit - 1; of one byte where that is enough.
@@ -40,11 +39,6 @@ class Input {
         return static_cast<std::uint16_t>((limit <= 256 ? take() : take<std::uint16_t>()) % limit);
     }
     bool one_in(std::uint32_t chances) { return below(chances) == 1; }
-    std::span<const std::uint8_t> bytes(std::size_t count) {
-        const auto taken = rest_.first(std::min(count, rest_.size()));
-        rest_ = rest_.subspan(taken.size());
-        return taken;
-    }
     /// Samples of every kind, infinite ones and NaNs included, that follow from one byte.
     std::vector<float> samples(std::size_t count) {
         std::uint32_t bits = take() * 0x9E3779B1U;

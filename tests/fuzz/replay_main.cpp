@@ -1,7 +1,5 @@
 // usage: TARGET_replay MUTATIONS FOLDER: a fuzz target without a fuzzer. Runs some noise and every
-// input of the folder, if there is one, then so many mutations of them, always the same ones. When
-// a check fails, the input is printed as hexadecimal numbers.
-#include <csignal>
+// input of the folder, if there is one, then so many mutations of them, always the same ones.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,19 +13,9 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes current;
-
-void print_current(int signal) {
-    for (const std::uint8_t byte : current)
-        std::fprintf(stderr, "%02x ", unsigned{byte});
-    std::fprintf(stderr, "\n");
-    std::signal(signal, SIG_DFL);
-}
-
-void run(const Bytes& bytes) {
-    current = bytes;
-    current.shrink_to_fit();  // for a read beyond the end to be seen
-    LLVMFuzzerTestOneInput(current.data(), current.size());
+void run(Bytes bytes) {
+    bytes.shrink_to_fit();  // for a read beyond the end to be seen
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
 void mutate(Bytes& bytes, const Bytes& other, std::mt19937& engine) {
@@ -47,7 +35,6 @@ void mutate(Bytes& bytes, const Bytes& other, std::mt19937& engine) {
 
 int main(int argc, char** argv) {
     REQUIRE(argc == 3);
-    std::signal(SIGABRT, print_current);
     std::mt19937 engine;
     std::vector<Bytes> seeds(24, Bytes(400));
     for (Bytes& noise : seeds)
