@@ -32,8 +32,6 @@ def check_command(path, command):
         tool, *rest = pathlib.PurePosixPath(words[0]).name, *words[1:2]
         subcommand = [w for w in rest if w.isalpha() and re.search(rf"^  {w} ", help_of(tool), re.M)]
         known = help_of(tool) + help_of(tool, *subcommand) + " --help"
-        if tool == "tavistro-host" and rest and not subcommand and rest[0] not in known.split():
-            faults.append(f"{path.name}: no subcommand in '{command}'")
         for option in re.findall(r"(?<=\s)(--[a-z][a-z-]+|-[a-z]\b)", command):
             if not re.search(rf"(?<![\w-]){option}(?![\w-])", known):
                 faults.append(f"{path.name}: no option {option} in '{command}'")

@@ -28,10 +28,8 @@ bool check_audio(Bytes bytes) {
     const auto decoded = decode_audio(bytes);
     if (!decoded) return false;
     const AudioFragment& f = decoded.message;
-    REQUIRE(f.index < f.count && f.channel_count > 0 && f.frame_count > 0);
     REQUIRE(f.first_channel + f.channel_count <= f.channels);
     REQUIRE(f.first_frame + f.frame_count <= f.frames);
-    REQUIRE(f.payload.data() == bytes.data() + 48 && f.payload.size() == bytes.size() - 48);
     REQUIRE(f.payload.size() == 4 * f.sample_count());
     CompletedOutputBlock block;
     if (reassembly.offer(f, block)) REQUIRE(block.samples.size() == 4U * f.frames);
@@ -51,20 +49,15 @@ int check(Bytes bytes) {
         REQUIRE(header.message.type == type);
         REQUIRE(same_without(unread, bytes, encode(decoded.message)));
     };
-    const auto reply = decode_discover_reply(bytes);
     round_trip(MessageType::Announce, decode_announce(bytes), encode_announce, {});
     round_trip(MessageType::Discover, decode_discover(bytes), encode_discover, {{24, 8}});
-    round_trip(MessageType::DiscoverReply, reply, encode_discover_reply,
+    round_trip(MessageType::DiscoverReply, decode_discover_reply(bytes), encode_discover_reply,
                {{26, 2}, {28, 4}, {44, 4}});
     round_trip(MessageType::Ping, decode_ping(bytes), encode_ping, {});
     round_trip(MessageType::Pong, decode_pong(bytes), encode_pong, {});
     round_trip(MessageType::Sync, decode_sync(bytes),
                [&](const SyncInfo& sync) { return encode_sync(client_id, sync); }, {{26, 2}});
     taken += check_audio(bytes);
-    const std::uint64_t nonce = reply.message.nonce;
-    REQUIRE(!reply || is_foreign_reply(bytes, client_id, nonce));
-    REQUIRE(!reply || !is_foreign_reply(bytes, client_id, nonce + 1));
-    REQUIRE(!is_foreign_reply(bytes, client_id + 1, nonce) || !header);
     return taken;
 }
 

@@ -68,17 +68,16 @@ struct Model {
         if (!playing) fraction = 0.0;
         return false;
     }
-    bool direct() const { return ratio == 1.0 && fraction == 0.0; }
     float sample(std::size_t channel, std::size_t frame) const {
-        if (direct()) return held[frame].samples[channel];
+        if (ratio == 1.0 && fraction == 0.0) return held[frame].samples[channel];
         const double position = static_cast<double>(frame) * ratio + fraction;
         const auto whole = static_cast<std::size_t>(position);
-        const std::size_t first = std::min(whole, held.size() - 1);
-        const std::size_t second = std::min(first + 1, held.size() - 1);
-        const float a = held[first].samples[channel];
-        const float step = held[second].samples[channel] - a;
+        const auto at = [&](std::size_t f) {
+            return held[std::min(f, held.size() - 1)].samples[channel];
+        };
+        const double step = at(whole + 1) - at(whole);
         const double part = position - static_cast<double>(whole);
-        return static_cast<float>(static_cast<double>(step) * part + static_cast<double>(a));
+        return static_cast<float>(step * part + static_cast<double>(at(whole)));
     }
     void consume() {
         fraction += static_cast<double>(shape.block_frames) * ratio;
