@@ -1,12 +1,15 @@
-// What tavistro-host says of codes, runs and configurations.
+// What tavistro-host says of runs, configurations and servers.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <utility>
 
+#include "support/scripted_server.h"
 #include "tools/host/commands.h"
-#include "tools/host/config_warnings.h"
+#include "tools/host/json_lines.h"
 #include "tools/host/report.h"
 
 namespace tavistro::host {
@@ -105,21 +108,15 @@ TEST(JsonReport, HasOneObjectPerLineWithTheNamesOfTheHeaders) {
     std::size_t at = 0;
     for (const char* part :
          {R"({"type":"event","time_s":0.6,"missed_before":3,"sequence":7,"system_time_ms":99,)",
-          R"("error_code":7,"error_code_text":"audio device failed","message":43,)",
-          "\n"
-          R"({"type":"status","time_s":1.0,"state":3,"state_text":"Running",)",
-          R"("input_meters":[{"channel":0,"peak_permille":0},{"channel":1,"peak_permille":500}],)",
-          R"("stats":null})", R"("output_meters":[],"stats":{"state":0,"state_text":"Idle",)",
-          R"("ratio_ppm":-20,)", R"("rendered_frames":5000000000}})",
-          "\n"
-          R"({"type":"summary","time_s":2.0,"state":3,)",
-          R"(_second":0.25,"stats":{)"}) {
+          R"("error_code":7,"error_code_text":"audio device failed",)", R"({"type":"status",)",
+          R"("output_meters":[],"stats":{"state":0,"state_text":"Idle",)", R"("ratio_ppm":-20,)",
+          "\"rendered_frames\":5000000000}}\n{\"type\":\"summary\",\"time_s\":2.0,\"state\":3,"}) {
         at = text.find(part, at);
         ASSERT_NE(at, std::string::npos) << part << "\nin " << text;
     }
 }
 
-TEST(CheckCommand, ListsEverySettingWithItsOriginAndNamesTheMisspeltKeyBehindAFault) {
+TEST(CheckCommand, ListsEverySettingWithItsOrigin) {
     std::ostringstream out, errors;
     EXPECT_EQ(check_config(TAVISTRO_EXAMPLES "/loopback.ini", out, errors), 0) << errors.str();
     for (const char* line :
@@ -127,35 +124,85 @@ TEST(CheckCommand, ListsEverySettingWithItsOriginAndNamesTheMisspeltKeyBehindAFa
           "  announce_period_ms                   1000                default  1..3999\n",
           "  max_queue_blocks                     10                  derived\n"})
         EXPECT_NE(out.str().find(line), std::string::npos) << line << "in\n" << out.str();
+}
+
+TEST(CheckCommand, TellsWhatTheLoaderKeepsToItself) {
     const std::string path = testing::TempDir() + "tavistro_host_test.ini";
-    std::ofstream(path) << "[network]\nserver_ip=auto\nservre_port=1\n";
-    EXPECT_EQ(check_config(path, out, errors), 1);
-    EXPECT_EQ(errors.str(),
-              "Missing required key [network] server_port\nwarning: line 3: unknown key "
-              "'servre_port' in [network]: did you mean 'server_port'?\n");
+    std::ofstream(path) << "\xEF\xBB\xBFserver_port=1\n"
+                           "[NETWORK]\nServer_IP = auto ; \"quoted\"\nx=\nservr_pot=1\n"
+                           "[Socket]\n[network\nunjudged=1\n# x=1\n[a]\nclient=1\n[netwrok]\n"
+                           "[asio]\ndriver_name='a'\nDriver_Name=My \"best\"\n";
+    std::ostringstream errors;
+    EXPECT_EQ(check_config(path, errors, errors), 1);
+    EXPECT_EQ(
+        errors.str(),
+        "Invalid section header at line 7\n"
+        "warning: the file begins with a UTF-8 byte-order mark, which spoils its first line: "
+        "save it without\n"
+        "warning: line 1: 'server_port' has no effect above every section: it belongs in "
+        "[network]\n"
+        "warning: line 4: unknown key 'x' in [network]: [network] expects server_ip, "
+        "server_port, client_id, discovery_timeout_ms, discovery_broadcast\n"
+        "warning: line 5: unknown key 'servr_pot' in [network]: did you mean 'server_port'?\n"
+        "warning: line 10: unknown section [a]: its keys are ignored\n"
+        "warning: line 12: unknown section [netwrok]: did you mean [network]?\n"
+        "warning: line 14: the quotes in 'driver_name' are taken for a part of the value: "
+        "leave them out\n"
+        "warning: line 15: 'driver_name' was given in line 14 already: the last one counts\n");
+    std::ofstream(path) << "\xFE\xFF\1[";
+    EXPECT_EQ(check_config(path, errors, errors), 1);
+    EXPECT_NE(errors.str().find("warning: the file is saved as UTF-16"), std::string::npos);
     std::filesystem::remove(path);
 }
 
-TEST(ConfigWarnings, TellWhatTheLoaderKeepsToItself) {
-    using namespace std::string_literals;
-    for (const std::string& utf16 : {"\xFF\xFE[\0n\0"s, "\xFE\xFF\1["s, "[\0n\0=\0"s})
-        EXPECT_TRUE(config_warnings(utf16).at(0).starts_with("the file is saved as UTF-16"));
-    const std::vector<std::string> expected{
-        "the file begins with a UTF-8 byte-order mark, which spoils its first line: save it "
-        "without",
-        "line 1: 'server_port' has no effect above every section: it belongs in [network]",
-        "line 4: unknown key 'x' in [network]: [network] expects server_ip, server_port, "
-        "client_id, discovery_timeout_ms, discovery_broadcast",
-        "line 5: unknown key 'clent_id' in [network]: did you mean 'client_id'?",
-        "line 8: unknown section [a]: its keys are ignored",
-        "line 10: unknown section [netwrok]: did you mean [network]?",
-        "line 14: the quotes in 'driver_name' are taken for a part of the value: leave them out",
-        "line 15: 'driver_name' was given in line 14 already: the last one counts"};
-    EXPECT_EQ(config_warnings("\xEF\xBB\xBFserver_port=1\n"
-                              "[NETWORK]\r\nServer_IP = auto ; \"quoted\"\r\nx=\nclent_id=1\n"
-                              "[Socket]\n# x=1\n[a]\nclient=1\n[netwrok]\n[network\nunjudged=1\n"
-                              "[asio]\ndriver_name='a'\nDriver_Name=My \"best\"\n"),
-              expected);
+constexpr std::uint32_t localhost = 0x7F000001;
+constexpr std::uint32_t own_address = 0xC0A80005;
+constexpr std::uint32_t lan_address = 0xC0A80009;
+constexpr std::uint32_t far_address = 0x08080808;
+
+TEST(ServerSurvey, ListsEveryServerOnceNearestFirstWhateverItSpeaks) {
+    ServerSurvey survey(7, 99, [](std::uint32_t a) { return a == localhost || a == own_address; });
+    const auto reply = [](std::uint16_t port, std::uint32_t version = 5, std::uint64_t nonce = 99) {
+        return TavistroProtocol::encode_discover_reply({7, nonce, port, version});
+    };
+    auto older = reply(1);
+    older[4] = 4;  // the version in its header
+    std::uint64_t round_trip_ns = 0;
+    for (const auto& [datagram, from] : {std::pair{reply(50), far_address},
+                                         {reply(50), own_address},
+                                         {reply(50), localhost},
+                                         {reply(51), localhost},
+                                         {reply(50, 6), lan_address},
+                                         {older, lan_address},
+                                         {reply(53, 5, 98), lan_address},
+                                         {{1, 2, 3}, lan_address}})
+        survey.offer(datagram, {from, 60}, round_trip_ns += 1000);
+    std::ostringstream listed;
+    for (const AnsweringServer& server : survey.servers())
+        listed << platform::format_ipv4(server.endpoint.address) << ':' << server.endpoint.port
+               << " v" << server.protocol_version << (server.compatible ? " yes\n" : " no\n");
+    EXPECT_EQ(listed.str(),
+              "127.0.0.1:50 v5 yes\n127.0.0.1:51 v5 yes\n192.168.0.9:50 v6 no\n"
+              "192.168.0.9:60 v4 no\n8.8.8.8:50 v5 yes\n");
+    EXPECT_TRUE(json_line(survey.servers().back()).ends_with(R"("compatible":true,"rtt_us":1})"));
+}
+
+TEST(ServersCommand, ListsWhoAnswersOnThisHostAndSaysWhoWasAskedWhenNobodyDoes) {
+    std::optional<test::ScriptedServer> server(std::in_place);
+    const std::string port = std::to_string(server->port());
+    const ServersOptions options{.timeout_ms = 500, .port = server->port()};
+    std::ostringstream out, errors;
+    EXPECT_EQ(list_servers(options, false, out, errors), 0) << errors.str();
+    std::string line = "127.0.0.1:" + port;
+    line.append(23 - line.size(), ' ').append("this host        protocol 5  compatible    ");
+    EXPECT_TRUE(out.str().starts_with(line)) << out.str();
+    server.reset();
+
+    EXPECT_EQ(list_servers({1, localhost, options.port}, false, out, errors), 1);
+    EXPECT_EQ(list_servers({1, {}, options.port}, false, out, errors), 1);
+    const std::string told = "no server answered within 1 ms; asked: 127.0.0.1:" + port;
+    EXPECT_TRUE(errors.str().starts_with(told + "\n" + told + " and 255.255.255.255:" + port))
+        << errors.str();
 }
 
 }  // namespace

@@ -123,17 +123,14 @@ TEST_F(Programs, FailWithAReason) {
     Program& server = server::run_server_program;
     const std::tuple<Program*, std::string, int, std::string> cases[] = {
         {run_host_program, "run none.ini", 1,
-         "host: the run failed: The configuration could not be loaded. For the reason run: "
-         "tavistro-host check none.ini\n"},
+         "host: the run failed: The configuration could not be loaded. For the reason run: "},
         {run_host_program, "run ''", 1,
          "host: the run failed: No configuration path was given. Name a configuration file.\n"},
         {run_host_program, "", 2, "host: A subcommand is required\nConsole host for"},
-        {run_host_program, "run x --seconds 0", 2, "host: --seconds: "},
         {run_host_program, "servers --timeout 0", 2, "host: --timeout: "},
         {run_host_program, "servers --address 1.2.3", 2,
          "host: --address: 1.2.3 is no IPv4 address\n"},
         {server, "--tone 1=440@2", 2, "server: --tone: "},
-        {server, "--measure 0:32", 2, "server: --measure: "},
         {server, "--drop 101", 2, "server: --drop: "},
         {server, "--burst-every-ms 3", 2, "server: --burst-every-ms requires --burst-length"},
         {server, "--burst-length 3", 2, "server: --burst-length requires --burst-every-ms"}};

@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <filesystem>
-#include <sstream>
 #include <string>
 
 #include "tools/server/bus_observer.h"
 #include "tools/server/reference_server.h"
-#include "tools/server/server_program.h"
 #include "tools/server/sources.h"
 
 namespace tavistro::server {
@@ -37,18 +33,6 @@ TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
     ASSERT_EQ(server.start(), "");
     EXPECT_FALSE(server.change_format(44100, 128)) << "amid a file";
     std::filesystem::remove(path);
-}
-
-TEST(AudioFiles, ARecordingThatFailsEndsTheProgramWithOne) {
-    const rlimit small{10000, RLIM_INFINITY};
-    std::signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-    const std::string record = testing::TempDir() + "tavistro-server-test-full.wav@0,1";
-    const char* const arguments[] = {"tavistro-server", "--port",      "0", "--seconds", "1",
-                                     "--record",        record.c_str()};
-    std::ostringstream out, err;
-    EXPECT_EQ(run_server_program(std::size(arguments), arguments, out, err), 1) << err.str();
-    EXPECT_NE(out.str().find("recording failed"), std::string::npos) << out.str() << err.str();
 }
 
 }  // namespace
