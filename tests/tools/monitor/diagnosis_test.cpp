@@ -11,6 +11,7 @@
 #include "bench/diagnosis_lab/catalogue.h"
 #include "bench/diagnosis_lab/world.h"
 #include "tavistro/engine.h"
+#include "tools/monitor/tally.h"
 
 namespace tavistro::test {
 namespace {
@@ -66,6 +67,88 @@ TEST(Diagnosis, CountsAreThoseOfTheWorld) {
     }
 }
 
+/// An engine that publishes a notice at each look, every 4 ms, and a report each second.
+class Counted {
+  public:
+    Counted() {
+        block_.state = TAVISTRO_STATE_RUNNING;
+        block_.stream_sample_rate = 48000;
+        block_.stream_block_frames = 192;
+        block_.target_frames = 1920;
+        block_.clock_synced = 1;
+    }
+    /// Seconds with so many underruns each, and notices as long as `heard`.
+    const monitor::Totals& run(int seconds, std::uint32_t underruns = 0, bool heard = true) {
+        for (int look = 0; look < 250 * seconds; ++look) {
+            block_.sync_delay_samples += heard ? 1 : 0;
+            if (look % 250 == 249) {
+                block_.underruns += underruns;
+                block_.rendered_frames += 48000;
+                block_.client_recv_blocks_per_sec = block_.player_recv_blocks_per_sec =
+                    heard ? 250 : 0;
+                block_.callbacks_per_sec = 250;
+            }
+            look_after(4);
+        }
+        return tally_.totals();
+    }
+    void look_after(std::int64_t ms, std::int64_t overslept_us = 0) {
+        now_us_ += ms * 1000;
+        tally_.look(now_us_, overslept_us, block_);
+    }
+    tavistro_stats_block& block() { return block_; }
+
+  private:
+    tavistro_stats_block block_{};
+    std::int64_t now_us_ = 1'000'000;
+    monitor::Tally tally_;
+};
+
+TEST(Tally, BeginsANewRunWhereCountsBeginAnewOrAReportCouldBeMissed) {
+    Counted engine;
+    EXPECT_EQ(engine.run(5).run, 1);
+    engine.look_after(800);
+    EXPECT_EQ(engine.run(5).run, 1);
+    EXPECT_EQ(engine.run(1).notices, 11 * 250 - 1) << "since the first look";
+    engine.look_after(1000);
+    EXPECT_EQ(engine.run(5).run, 2);
+    engine.block().sync_delay_samples = 0;
+    EXPECT_EQ(engine.run(5).run, 3);
+    engine.block().rendered_frames = 0;
+    EXPECT_EQ(engine.run(5).run, 4);
+    EXPECT_EQ(engine.run(1).reported_ms, 3 * 1000) << "without the first reports";
+}
+
+TEST(Tally, SetsDropOutsBesideTheTroublesOfTheSecondsAround) {
+    Counted engine;
+    engine.run(10);
+    engine.run(1, 3);
+    EXPECT_EQ(engine.run(5).unexplained.count, 3);
+    engine.look_after(4);  // the report is complete
+    engine.look_after(4, 5000);
+    engine.run(1);
+    engine.run(1, 4);
+    const monitor::Totals& totals = engine.run(5);
+    EXPECT_EQ(totals.pauses.count, 1);
+    EXPECT_EQ(totals.pauses.drop_outs, 4);
+    EXPECT_EQ(totals.unexplained.count, 3) << "not those right after a pause";
+    EXPECT_EQ(totals.underruns, 7);
+    engine.look_after(4, 3900);
+    EXPECT_EQ(engine.run(1).pauses.count, 1) << "shorter than a block";
+}
+
+TEST(Tally, ASilenceIsNeitherLatenessNorAGap) {
+    Counted engine;
+    engine.run(10);
+    for (const std::int64_t ms : {3000, 6000}) {
+        engine.run(3, 0, false);
+        const monitor::Totals& totals = engine.run(5);
+        EXPECT_NEAR(static_cast<double>(totals.silence.count), static_cast<double>(ms), 10);
+        EXPECT_EQ(totals.late.count, 0);
+        EXPECT_EQ(totals.notice_gaps.count, 0);
+    }
+}
+
 /// A reading a second of a run in which `grow` adds to the totals, each second or every few.
 std::vector<Sample> readings(int seconds, const std::function<void(int, Sample&)>& grow) {
     Sample sample{.client_id = 1, .presence = Presence::alive, .stats = tavistro_stats_block{}};
@@ -97,6 +180,7 @@ TEST(Judge, TellsFactsAndCausesInTheirOrderAndFromWhenToWhen) {
     // The network loses blocks between 0:10 and 0:40, the device too many periods all the time.
     const auto samples = readings(60, [](int second, Sample& now) {
         if (second % 10 == 0 && second <= 40) add(now.totals.replaced, 3);
+        if (second % 10 == 0 && second <= 40) add(now.totals.repeated, 1);
         if (second % 10 == 0 && second <= 40) add(now.totals.notices_missed, 2);
         if (second % 20 == 5) add(now.totals.periods_long, 4, 4);
         if (second % 20 == 5) now.totals.underruns += 4;
@@ -106,16 +190,20 @@ TEST(Judge, TellsFactsAndCausesInTheirOrderAndFromWhenToWhen) {
     });
     EXPECT_EQ(
         monitor::account_lines(monitor::judge(samples)),
-        (Lines{"0:10 to 0:40  blocks replaced: 12 blocks played as silence, 0.20 % of 6000",
-               "0:10 to 0:40  notices missed: 8 notices of the server's clock, 0.13 % of 6000",
-               "0:05 to 0:45  underruns: 12 periods without a block to play",
-               "0:05 to 0:45  device periods: 6120 ran, 60.0 s have 6000; 0 too few in 0 seconds, "
-               "12 too many in 3",
-               "0:00 to 1:00  clocks: the server's is -20000 +-499 ppm against the device's",
-               "CAUSE network loss (0:00 to 1:00): 12 blocks (0.20 %) never came; silence was "
-               "played for them",
-               "CAUSE device too fast (0:00 to 1:00): the device asked for 12 periods (0.20 %) "
-               "more than its rate has; 12 underruns, 0 overruns"}));
+        (Lines{
+            "0:10 to 0:40  blocks replaced: 12 blocks played as silence, 0.20 % of 6000",
+            "0:10 to 0:40  blocks repeated: 4 blocks that came again or too late, 0.07 % of 6000",
+            "0:10 to 0:40  notices missed: 8 notices of the server's clock, 0.13 % of 6000",
+            "0:05 to 0:45  underruns: 12 periods without a block to play",
+            "0:05 to 0:45  device periods: 6120 ran, 60.0 s have 6000; 0 too few in 0 seconds, "
+            "12 too many in 3",
+            "0:00 to 1:00  clocks: the server's is -20000 +-499 ppm against the device's",
+            "CAUSE network loss (0:00 to 1:00): 8 blocks (0.13 %) never came; silence was "
+            "played for them",
+            "CAUSE late network (0:00 to 1:00): 4 blocks (0.07 %) came after silence had been "
+            "played for them",
+            "CAUSE device too fast (0:00 to 1:00): the device asked for 12 periods (0.20 %) "
+            "more than its rate has; 12 underruns, 0 overruns"}));
 }
 
 // Two minutes are judged at a time, and what goes on is told once.
@@ -150,6 +238,16 @@ TEST(Judge, JoinsNeighbouringPiecesAndKeepsOthersApart) {
     const Account two = monitor::judge(samples);
     ASSERT_EQ(causes_in(two), (Causes{Cause::network_loss, Cause::network_loss})) << said(two);
     EXPECT_EQ(two.causes[1].from_s, 3600);
+}
+
+// A network that doubles blocks hides which of them were late.
+TEST(Judge, NamesNoCauseForLossesBesideDoubledBlocks) {
+    const Account account = monitor::judge(readings(60, [](int second, Sample& now) {
+        if (second % 10 == 0) add(now.totals.replaced, 2);
+        if (second % 10 == 0) add(now.totals.repeated, 5);
+    }));
+    EXPECT_EQ(causes_in(account), Causes{}) << said(account);
+    EXPECT_NE(account.not_clear_yet.find("for 12 blocks replaced by silence"), std::string::npos);
 }
 
 TEST(Judge, SaysOfAnEngineThatEndedDiedOrFailedOnlyThat) {
