@@ -240,6 +240,31 @@ TEST(Judge, JoinsNeighbouringPiecesAndKeepsOthersApart) {
     EXPECT_EQ(two.causes[1].from_s, 3600);
 }
 
+TEST(Judge, NamesEachOfTwoCausesBesideTheOther) {
+    const auto slow_and_silent = [](int second, Sample& now) {
+        if (second == 30) now.totals.underruns += 20;
+        if (second == 30) add(now.totals.silence, 1500, 20);
+        if (second % 10 == 0) ++now.totals.overruns;
+        now.totals.server_faster_ppm = 1000;
+        now.totals.clock_uncertainty_ppm = 50;
+    };
+    EXPECT_EQ(causes_in(monitor::judge(readings(60, slow_and_silent))),
+              (Causes{Cause::server_silent, Cause::device_too_slow}));
+
+    for (const std::int64_t more_underruns : {0, 5}) {
+        const auto uneven_then_ended = [=](int second, Sample& now) {
+            if (second % 10 == 0) {
+                now.totals.underruns += 3 + more_underruns;
+                now.totals.overruns += 8 - more_underruns;
+                add(now.totals.unexplained, 11);
+            }
+            if (second == 60) now.presence = Presence::ended;
+        };
+        EXPECT_EQ(causes_in(monitor::judge(readings(60, uneven_then_ended))),
+                  (Causes{Cause::engine_ended, Cause::device_uneven}));
+    }
+}
+
 // A network that doubles blocks hides which of them were late.
 TEST(Judge, NamesNoCauseForLossesBesideDoubledBlocks) {
     const Account account = monitor::judge(readings(60, [](int second, Sample& now) {

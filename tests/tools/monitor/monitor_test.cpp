@@ -319,6 +319,8 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     ASSERT_TRUE(becomes(Presence::alive));
     EXPECT_EQ(now.totals.run, first.run + 2);
     EXPECT_GT(now.host_late_us, 0U);
+    EXPECT_TRUE(test::eventually([&] { return observer.look()[0].host_late_us == 0; }))
+        << "since the reading before";
     EXPECT_GT(now.time_ms, 1'700'000'000'000);
     EXPECT_EQ(observer.look()[1].client_id, engine.client_id + 1);
 
@@ -348,6 +350,7 @@ TEST(ClientWatch, AnEngineThatWritesNothingForSecondsIsSilentAndWhatItLeftIsNotC
         return watch.look(now_ms * 1000);
     };
     EXPECT_EQ(look_at(5900).presence, Presence::alive);
+    EXPECT_LE(watch.next_glance_us(), (now_ms + 4) * 1000);
     const Sample silent = look_at(6500);
     EXPECT_EQ(silent.presence, Presence::silent);
     EXPECT_EQ(look_at(9000).totals.watched_ms, silent.totals.watched_ms);
