@@ -207,6 +207,7 @@ TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_a_stop_before_it_is
     server_.mute = true;
     ASSERT_TRUE(start());
     await(in(TAVISTRO_STATE_STARTING));
+    test::advance_clock_ms(9000);
     EXPECT_EQ(stop(), (Pair{0, 0})) << "while asking for the server";
     configure("discovery_timeout_ms=50\n");
     ASSERT_TRUE(start());

@@ -18,7 +18,6 @@ namespace tavistro::test {
 namespace {
 
 using server::FaultOptions;
-using server::ServerSnapshot;
 
 constexpr std::uint32_t block_us = 2667;  // of the server's default format
 
@@ -57,8 +56,9 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
     ASSERT_TRUE(eventually([&, end = line.server.snapshot().blocks + 400] {
         return line.server.snapshot().blocks >= end;
     }));
-    const ServerSnapshot seen = line.server.snapshot();
+    const auto seen = line.server.snapshot();
     const tavistro_stats_block numbers = line.numbers();
+    EXPECT_EQ(numbers.clock_synced, 1U);
     const std::uint64_t harmed = seen.blocks_lost + seen.blocks_held_back + seen.blocks_skipped;
     EXPECT_LE(seen.input.gaps, harmed + numbers.underruns);
     EXPECT_TRUE(seen.input.gaps > 0 || harmed < 20) << "nobody listens";
