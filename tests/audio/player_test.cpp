@@ -272,5 +272,34 @@ TEST_F(Player, ALostLoopbackDeviceIsReportedUntilItIsBackOrStopped) {
     EXPECT_EQ(captured_format, (std::array{48000U, 48U, 3U}));
 }
 
+TEST_F(Player, LateCallersAreHarmlessAcrossStopsStartsAndFormatChanges) {
+    panel->runs_by_itself = true;
+    std::atomic<bool> calling{true};
+    std::thread receiver([&] {
+        for (std::uint64_t i = 0; calling; ++i) {
+            push(48000, Levels(i % 2 == 0 ? 8 : 96, 0.5F));
+            notice(i * 4);
+            EXPECT_GT(player.capture_ratio(), 0.9);
+        }
+    });
+    for (int run = 0; run < 30; ++run) {
+        settings.block_size = run % 3 == 0 ? 48 : 4;
+        settings.input_channel_map.resize(run % 2 == 0 ? 1 : 2, 1);
+        EXPECT_TRUE(start(run % 4 < 2));
+        EXPECT_TRUE(eventually([&] {
+            const std::lock_guard guard(mutex);
+            return !captured.empty();
+        }));
+        player.stop();
+        captured.clear();
+        reports.clear();
+        advance_clock_ms(1000);
+        platform::sleep_ms(1);
+        EXPECT_TRUE(captured.empty() && reports.empty()) << "called back after the stop";
+    }
+    calling = false;
+    receiver.join();
+}
+
 }  // namespace
 }  // namespace tavistro::test

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "asio/audio_device.h"
@@ -18,6 +19,7 @@ struct DevicePanel {
     bool starts = true;
     std::atomic<int> refusals{0};     ///< opens still to fail
     std::atomic<bool> faulty{false};  ///< takes no output and asks for a reset, until the next open
+    bool runs_by_itself = false;      ///< periods on a thread of its own, from opening to close
     std::uint32_t frames = 0;         ///< of a period; 0 for what is asked for
     double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
     float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
@@ -28,7 +30,7 @@ struct DevicePanel {
     std::function<void()> period;
     /// Calls outside a period of the open device, for the other half, or that said ready before
     /// every output was written.
-    int calls_out_of_turn = 0;
+    std::atomic<int> calls_out_of_turn{0};
     std::int32_t half = 1;
     std::size_t unwritten_outputs = 0;
 };
@@ -55,11 +57,18 @@ class TestDevice : public AudioDevice {
         };
         panel_->period();  // as some drivers do
         open_ = true;
+        running_ = panel_->runs_by_itself;
+        thread_ = std::thread([this] {
+            while (running_)
+                panel_->period();
+        });
         return true;
     }
     bool start() override { return panel_->starts; }
     void close() override {
         if (panel_->at_close) panel_->at_close();
+        running_ = false;
+        if (thread_.joinable()) thread_.join();
     }
     void read_input(std::int32_t channel, std::int32_t half, float* destination,
                     std::int32_t frames) override {
@@ -86,6 +95,8 @@ class TestDevice : public AudioDevice {
 
     std::shared_ptr<DevicePanel> panel_;
     bool open_ = false;
+    std::atomic<bool> running_{false};
+    std::thread thread_;
 };
 
 }  // namespace tavistro::test
