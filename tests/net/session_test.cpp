@@ -126,6 +126,7 @@ TEST_F(Session, BlocksAreTimedByTheServersClockUntilTheSessionBeginsAnew) {
     EXPECT_EQ(syncs, 4U);
     advance_clock_ms(999);
     expect_times(12, 0);
+    EXPECT_EQ(blocks.size(), 5U + 14) << "with silence before 28, none before the new 12";
     EXPECT_EQ(reports.size(), 2U) << "the first interval is not over";
 }
 
