@@ -129,21 +129,21 @@ TEST(CheckCommand, ListsEverySettingWithItsOrigin) {
 TEST(CheckCommand, TellsWhatTheLoaderKeepsToItself) {
     const std::string path = testing::TempDir() + "tavistro_host_test.ini";
     std::ofstream(path) << "\xEF\xBB\xBFserver_port=1\n"
-                           "[NETWORK]\nServer_IP = auto ; \"quoted\"\nx=\nservr_pot=1\n"
-                           "[Socket]\n[network\nunjudged=1\n# x=1\n[a]\nclient=1\n[netwrok]\n"
+                           "[NETWORK]\nServer_IP = auto ; \"quoted\"\nx=\nserverr_portt=1\n"
+                           "[Socket]\n# x=1\n[network\nunjudged=1\n[a]\nclient=1\n[netwrok]\n"
                            "[asio]\ndriver_name='a'\nDriver_Name=My \"best\"\n";
     std::ostringstream errors;
     EXPECT_EQ(check_config(path, errors, errors), 1);
     EXPECT_EQ(
         errors.str(),
-        "Invalid section header at line 7\n"
+        "Invalid section header at line 8\n"
         "warning: the file begins with a UTF-8 byte-order mark, which spoils its first line: "
         "save it without\n"
         "warning: line 1: 'server_port' has no effect above every section: it belongs in "
         "[network]\n"
         "warning: line 4: unknown key 'x' in [network]: [network] expects server_ip, "
         "server_port, client_id, discovery_timeout_ms, discovery_broadcast\n"
-        "warning: line 5: unknown key 'servr_pot' in [network]: did you mean 'server_port'?\n"
+        "warning: line 5: unknown key 'serverr_portt' in [network]: did you mean 'server_port'?\n"
         "warning: line 10: unknown section [a]: its keys are ignored\n"
         "warning: line 12: unknown section [netwrok]: did you mean [network]?\n"
         "warning: line 14: the quotes in 'driver_name' are taken for a part of the value: "
