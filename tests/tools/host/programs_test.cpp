@@ -130,10 +130,10 @@ TEST_F(Programs, FailWithAReason) {
         {run_host_program, "servers --timeout 0", 2, "host: --timeout: "},
         {run_host_program, "servers --address 1.2.3", 2,
          "host: --address: 1.2.3 is no IPv4 address\n"},
-        {server, "--tone 1=440@2", 2, "server: --tone: "},
-        {server, "--drop 101", 2, "server: --drop: "},
-        {server, "--burst-every-ms 3", 2, "server: --burst-every-ms requires --burst-length"},
-        {server, "--burst-length 3", 2, "server: --burst-length requires --burst-every-ms"}};
+        {server, "--tone 1=440@2 --seconds 1", 2, "server: --tone: "},
+        {server, "--drop 101 --seconds 1", 2, "server: --drop: "},
+        {server, "--burst-every-ms 3 --seconds 1", 2, "server: --burst-every-ms requires"},
+        {server, "--burst-length 3 --seconds 1", 2, "server: --burst-length requires"}};
     for (const auto& [program, arguments, exit_code, reason] : cases) {
         errors.str("");
         told.str("");
