@@ -1,7 +1,6 @@
 // Host and server as people run them, in one process.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -64,20 +63,19 @@ std::vector<double> numbers(const std::string& text, const std::string& name) {
     return found;
 }
 
-TEST_F(Programs, PlayAcrossAnotherStartOfTheServerAndTellOfIt) {
+TEST_F(Programs, PlayTogetherAndTellOfIt) {
     std::ostringstream served, server_errors, warned;
-    const std::string line = "--bind 127.0.0.1 --port " + port +
-                             " --tone 0=440 --tone 1=220 --measure 0:2 --duplicate 9 --json";
     auto server = std::async(std::launch::async, [&] {
-        return run(server::run_server_program, line + " --seconds 2", served, server_errors) +
-               run(server::run_server_program, line + " --frames 64 --seconds 3", served,
-                   server_errors);
+        return run(server::run_server_program,
+                   "--bind 127.0.0.1 --port " + port +
+                       " --tone 0=440 --tone 1=220 --measure 0:2 --duplicate 9 --json --seconds 4",
+                   served, server_errors);
     });
     auto twin = std::async(std::launch::async, [&] {
         const bool seen = test::eventually([&] { return engine_plays_as(client_id()); });
         return seen ? host("run " + config, warned, warned) : 0;
     });
-    EXPECT_EQ(host("run --seconds 4.2 --json " + config, told, errors), 0);
+    EXPECT_EQ(host("run --seconds 3.4 --json " + config, told, errors), 0);
     EXPECT_EQ(errors.str(), "") << "no twin of its own";
     EXPECT_EQ(server.get(), 0) << server_errors.str();
     EXPECT_EQ(twin.get(), 1);
@@ -87,18 +85,15 @@ TEST_F(Programs, PlayAcrossAnotherStartOfTheServerAndTellOfIt) {
     EXPECT_FALSE(engine_plays_as(client_id()));
 
     const std::string text = told.str();
-    EXPECT_NE(text.find("\"stream_block_frames\":64,"), std::string::npos) << text;
-    const std::vector<double> played = numbers(text, "\"rendered_frames\":");
-    EXPECT_TRUE(std::ranges::is_sorted(played)) << "begins anew with the format\n" << text;
-    EXPECT_GE(played.size(), 3U);
+    EXPECT_GE(numbers(text, "\"rendered_frames\":").size(), 2U) << text;
     EXPECT_LE(numbers(text, "\"input_meters\":[{\"channel\":").size(), 5U) << text;
     EXPECT_LT(numbers(text, "\"cpu_seconds_per_second\":").at(0), 2);
     EXPECT_LT(text.find(R"("state_text":"Stopped")"), text.find(R"({"type":"summary")")) << text;
 
     const auto lines = [&](const std::string& part) { return numbers(served.str(), part).size(); };
-    EXPECT_EQ(lines("\"type\":\"joined\""), 2U) << served.str();
+    EXPECT_EQ(lines("\"type\":\"joined\""), 1U) << served.str();
     EXPECT_EQ(lines("\"type\":\"left\""), 1U) << served.str();
-    EXPECT_NEAR(static_cast<double>(lines("\"type\":\"status\"")), 4, 1) << served.str();
+    EXPECT_NEAR(static_cast<double>(lines("\"type\":\"status\"")), 3, 1) << served.str();
     for (const char* part :
          {"\"driver_inputs\":[2,3]", "\"returned\":2,\"sent\":0", "\"blocks_held_back\":0"})
         EXPECT_GT(lines(part), 0U) << part << served.str();
