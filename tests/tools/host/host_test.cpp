@@ -109,7 +109,8 @@ TEST(JsonReport, HasOneObjectPerLineWithTheNamesOfTheHeaders) {
     for (const char* part :
          {R"({"type":"event","time_s":0.6,"missed_before":3,"sequence":7,"system_time_ms":99,)",
           R"("error_code":7,"error_code_text":"audio device failed",)", R"({"type":"status",)",
-          R"("output_meters":[],"stats":{"state":0,"state_text":"Idle",)", R"("ratio_ppm":-20,)",
+          R"("output_meters":[],"stats":{"state":0,"state_text":"Idle",)", R"("rtt_last_us":310,)",
+          R"("ratio_ppm":-20,)", R"("capture_dropped":4,)",
           "\"rendered_frames\":5000000000}}\n{\"type\":\"summary\",\"time_s\":2.0,\"state\":3,"}) {
         at = text.find(part, at);
         ASSERT_NE(at, std::string::npos) << part << "\nin " << text;
