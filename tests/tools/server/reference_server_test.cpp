@@ -79,8 +79,8 @@ TEST_F(ReferenceServerTest, StopsAndStartsAgainAboveItsNumbers) {
     server.enable_history(2);
     after(5000);
     EXPECT_EQ(server.bus_history(0).size(), 2U);
-    server.set_faults({.clock_offset_ms = 3'600'000});
     const std::uint64_t time_ns = server.bus_history(0).back().time_ns;
+    server.set_faults({.clock_offset_ms = 3'600'000});
     after(10);
     EXPECT_GT(server.bus_history(0).back().time_ns, time_ns + 3'500'000'000'000);
     server.stop();
