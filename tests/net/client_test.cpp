@@ -58,6 +58,25 @@ TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
     }
 }
 
+TEST(Client, ABurstWaitsInTheReceiveBufferWhileACallbackTakesItsTime) {
+    ScriptedServer server;
+    auto settings = settings_for(server.port());
+    settings.recv_buffer_bytes = 100'000;
+    settings.send_buffer_bytes = 1;
+    std::atomic<int> syncs{0};
+    std::atomic<bool> burst_sent{false};
+    TavistroClient client;
+    const auto on_sync = [&](const SyncInfo&) {
+        ++syncs;
+        eventually([&] { return burst_sent.load(); });
+    };
+    ASSERT_TRUE(client.start(settings, {}, {}, on_sync, {}));
+    for (int i = 0; i < 30; ++i)
+        server.send_sync(test_rate, 128);
+    burst_sent = true;
+    EXPECT_TRUE(eventually([&] { return syncs == 30; }, std::chrono::seconds(5))) << syncs;
+}
+
 std::atomic<std::uint64_t> clock_readings{0};
 
 TEST(Client, AnnouncesItselfEveryPeriodAndLooksForADuePingInBetween) {
