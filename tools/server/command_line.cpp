@@ -239,12 +239,15 @@ ParsedArguments parse_arguments(int argc, const char* const* argv) {
     add_arguments(app, command);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ParseError& end) {
-        std::ostringstream told, fault;
-        const bool fails = app.exit(end, told, fault) != 0;
+    } catch (const CLI::Success& asked_to_tell) {
+        std::ostringstream told;
+        app.exit(asked_to_tell, told);
+        return {.command = {}, .message = told.str(), .exit_code = 0};
+    } catch (const CLI::ParseError& error) {
         return {.command = {},
-                .message = fails ? "tavistro-server: " + fault.str() : told.str(),
-                .exit_code = fails ? 2 : 0};
+                .message = fmt::format("tavistro-server: {}\n{}", error.what(),
+                                       CLI::Formatter().make_usage(&app, app.get_name())),
+                .exit_code = 2};
     }
     return {.command = std::move(command), .message = {}, .exit_code = 0};
 }

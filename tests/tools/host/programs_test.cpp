@@ -134,6 +134,8 @@ TEST_F(Programs, FailWithAReason) {
         told.str("");
         EXPECT_EQ(run(*program, arguments, told, errors), exit_code) << reason;
         EXPECT_TRUE(errors.str().starts_with("tavistro-" + reason)) << errors.str();
+        EXPECT_EQ(errors.str().find("\nUsage: tavistro-") != std::string::npos, exit_code == 2)
+            << errors.str();
         const bool ran = told.str().ends_with("last error  configuration invalid\n");
         EXPECT_EQ(ran, arguments == "run none.ini") << told.str();
     }
