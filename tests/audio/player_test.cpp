@@ -33,9 +33,16 @@ class Player : public testing::Test {
         EXPECT_EQ(realtime_violations().total(), 0U) << "in some period of this test";
     }
     bool start(bool loopback = false) {
-        lines.clear();
+        {
+            const std::lock_guard guard(mutex);  // the thread of the run before may still log
+            lines.clear();
+        }
         return (player.*(loopback ? &AsioPlayer::start_loopback : &AsioPlayer::start))(
-            settings, [this](const std::string& line) { lines.push_back(line); },
+            settings,
+            [this](const std::string& line) {
+                const std::lock_guard guard(mutex);
+                lines.push_back(line);
+            },
             [this](auto rate, auto frames, auto channels, const Levels& samples) {
                 const std::lock_guard guard(mutex);
                 captured_format = {rate, frames, channels};
