@@ -1,21 +1,22 @@
 #pragma once
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
-#include <cmath>
 #include <string>
 
 namespace tavistro {
 
-/// CLI::Range of real numbers that refuses NaN as well, which compares as outside of nothing.
+/// Refuses what is no number, NaN among it, or not of this range, which the help shows.
 inline CLI::Validator number_range(double lowest, double highest) {
-    const CLI::Range range(lowest, highest);
-    return {[range](std::string& text) {
+    const std::string range = fmt::format("{}..{}", lowest, highest);
+    return {[=](const std::string& text) {
                 double number = 0;
-                if (CLI::detail::lexical_cast(text, number) && std::isnan(number))
-                    return std::string(text).append(" is no number");
-                return range(text);
+                const bool is_in_range = CLI::detail::lexical_cast(text, number) &&
+                                         lowest <= number && number <= highest;
+                return is_in_range ? "" : fmt::format("{} is not in {}", text, range);
             },
-            range.get_description()};
+            range};
 }
 
 }  // namespace tavistro

@@ -1,8 +1,10 @@
 // Audio files, read and written through libsndfile; nothing else of the server knows it.
+#include <fmt/format.h>
 #include <sndfile.hh>
 
 #include <algorithm>
 #include <cstddef>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -41,31 +43,29 @@ class FileSource final : public Source {
 
 }  // namespace
 
-Outcome<std::unique_ptr<Source>> make_file_source(const PlayOptions& options,
-                                                  std::uint32_t sample_rate) {
+std::unique_ptr<Source> make_file_source(const PlayOptions& options, std::uint32_t sample_rate) {
     SndfileHandle file(options.path);
-    if (file.error() != SF_ERR_NO_ERROR) {
-        return {.error = "cannot read " + options.path + ": " + file.strError()};
-    }
-    if (file.samplerate() != static_cast<int>(sample_rate)) {
-        return {.error = options.path + " has " + std::to_string(file.samplerate()) +
-                         " Hz, the stream has " + std::to_string(sample_rate) + " Hz"};
-    }
     const auto channels = static_cast<std::size_t>(file.channels());
-    if (options.channel + channels > bus_channel_count) {
-        return {.error = options.path + " has " + std::to_string(channels) +
-                         " channels: too many from bus channel " + std::to_string(options.channel) +
-                         " on"};
-    }
     const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(file.frames(), 0));
-    if (frames == 0 || frames > most_samples / channels) {
-        return {.error = options.path + (frames == 0 ? " is empty" : " is too long")};
+    std::vector<float> samples;
+    std::string fault;
+    if (file.error() != SF_ERR_NO_ERROR) {
+        fault = fmt::format("cannot be read: {}", file.strError());
+    } else if (file.samplerate() != static_cast<int>(sample_rate)) {
+        fault = fmt::format("has {} Hz, the stream has {} Hz", file.samplerate(), sample_rate);
+    } else if (options.channel + channels > bus_channel_count) {
+        fault = fmt::format("has {} channels: too many from bus channel {} on", channels,
+                            options.channel);
+    } else if (frames > most_samples / channels) {
+        fault = "is too long";
+    } else {
+        samples.resize(frames * channels);
+        const sf_count_t read = file.readf(samples.data(), file.frames());
+        samples.resize(static_cast<std::size_t>(std::max<sf_count_t>(read, 0)) * channels);
+        if (samples.empty()) fault = "has no samples that can be read";
     }
-    std::vector<float> samples(frames * channels);
-    const sf_count_t read = file.readf(samples.data(), file.frames());
-    if (read <= 0) return {.error = "cannot read " + options.path + ": " + file.strError()};
-    samples.resize(static_cast<std::size_t>(read) * channels);
-    return {.value = std::make_unique<FileSource>(options.channel, channels, std::move(samples))};
+    if (!fault.empty()) throw std::runtime_error(options.path + " " + fault);
+    return std::make_unique<FileSource>(options.channel, channels, std::move(samples));
 }
 
 Recorder::Recorder(const RecordOptions& options, std::uint32_t sample_rate)
@@ -73,8 +73,8 @@ Recorder::Recorder(const RecordOptions& options, std::uint32_t sample_rate)
       file_(std::make_unique<SndfileHandle>(
           options.path, SFM_WRITE, SF_FORMAT_WAV | SF_FORMAT_FLOAT,
           static_cast<int>(options.channels.size()), static_cast<int>(sample_rate))) {
-    if (file_->error() == SF_ERR_NO_ERROR) return;
-    error_ = "cannot write " + options.path + ": " + file_->strError();
+    if (file_->error() != SF_ERR_NO_ERROR)
+        throw std::runtime_error("cannot write " + options.path + ": " + file_->strError());
 }
 
 Recorder::Recorder(Recorder&&) noexcept = default;

@@ -1,5 +1,6 @@
 #include "tools/server/bus_observer.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace tavistro::server {
@@ -11,7 +12,7 @@ constexpr std::size_t most_waiting = 4000;
 
 }  // namespace
 
-std::string BusObserver::start(const ServerOptions& options) {
+void BusObserver::start(const ServerOptions& options) {
     const std::lock_guard lock(mutex_);
     recorders_.clear();
     meters_.clear();
@@ -19,19 +20,15 @@ std::string BusObserver::start(const ServerOptions& options) {
     recording_error_.clear();
     left_out_ = next_index_ = 0;
     format_ = options.format;
-    for (const RecordOptions& record : options.records) {
+    for (const RecordOptions& record : options.records)
         recorders_.emplace_back(record, format_.sample_rate);
-        if (!recorders_.back().error().empty()) return recorders_.back().error();
-    }
     for (const MeasureOptions& channels : options.measures) {
         meters_.push_back({channels, RoundTripMeter(format_)});
         measures_.push_back({channels, {}});
     }
-    if (recorders_.empty() && meters_.empty()) return {};
-    accepting_ = true;
-    if (thread_.start("srv-observe", [this] { run(); })) return {};
-    accepting_ = false;
-    return "no thread to be had";
+    if (recorders_.empty() && meters_.empty()) return;
+    accepting_ = thread_.start("srv-observe", [this] { run(); });
+    if (!accepting_) throw std::runtime_error("no thread to be had");
 }
 
 void BusObserver::stop() {

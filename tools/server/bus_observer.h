@@ -23,9 +23,9 @@ class BusObserver {
   public:
     ~BusObserver() { stop(); }
 
-    /// Opens the recordings and starts the thread, unless there is nothing to observe. Returns what
-    /// went wrong, empty when nothing did.
-    std::string start(const ServerOptions& options);
+    /// Opens the recordings and starts the thread, unless there is nothing to observe. Throws
+    /// std::runtime_error, its text for people, when it cannot.
+    void start(const ServerOptions& options);
     /// Works through what has come, completes the recordings, ends the thread. Idempotent.
     void stop();
 

@@ -66,7 +66,12 @@ std::optional<TavistroProtocol::Datagram> MixingSession::receive(
             break;
         case MessageType::Audio:
             if (const auto fragment = TavistroProtocol::decode_audio(bytes)) {
-                take_audio(fragment.message, registry_.find(from, header.message.client_id));
+                Client* const client = registry_.find(from, header.message.client_id);
+                if (client != nullptr) {
+                    client->input.accept(fragment.message, schedule_.next().sequence);
+                } else {
+                    ++counters_.strangers;
+                }
                 return {};
             }
             break;
@@ -119,14 +124,6 @@ void MixingSession::adjust_clock(std::int64_t offset_ms, double drift_ppm, std::
     clock_.adjust(local_ns, offset_ms, drift_ppm);
     // Unsigned arithmetic wraps: this also moves back.
     schedule_.move_to(schedule_.next().time_ns + clock_.to_server(local_ns) - before_ns);
-}
-
-void MixingSession::take_audio(const TavistroProtocol::AudioFragment& fragment, Client* client) {
-    if (client == nullptr) {
-        ++counters_.strangers;
-    } else {
-        client->input.accept(fragment, schedule_.next().sequence);
-    }
 }
 
 void MixingSession::mix(const BlockStamp& block) {

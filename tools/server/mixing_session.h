@@ -61,8 +61,6 @@ class MixingSession {
     const MixCounters& counters() const noexcept { return counters_; }
 
   private:
-    /// `client`: null when it is not registered.
-    void take_audio(const TavistroProtocol::AudioFragment& fragment, Client* client);
     void mix(const BlockStamp& block);
     void send_sync(Client& client, const BlockStamp& block, std::vector<RoutedDatagram>& outbox);
     void send_audio(const Client& client, const BlockStamp& block,

@@ -18,14 +18,15 @@ namespace tavistro::server {
 /// disk: not for the block clock's thread.
 class Recorder {
   public:
-    /// Creates or replaces the file; error() tells when that failed.
+    /// Creates or replaces the file; throws std::runtime_error, its text for people, when it
+    /// cannot.
     Recorder(const RecordOptions& options, std::uint32_t sample_rate);
     Recorder(Recorder&&) noexcept;
     ~Recorder();
 
     /// Appends one block of a bus with `frames` frames per channel.
     void write(std::span<const float> bus, std::size_t frames);
-    /// The first failure, for people; empty without one.
+    /// The first failure to write, for people; empty without one.
     const std::string& error() const noexcept { return error_; }
 
   private:

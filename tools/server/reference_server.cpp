@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -53,20 +54,18 @@ void add_session(ServerSnapshot& snapshot, const MixingSession& session) {
 
 std::string ReferenceServer::start() {
     if (running_.load()) return {};
-    Outcome<SourceList> sources = make_sources(options_);
-    if (!sources) return sources.error;
-    std::string error = open_socket();
-    if (error.empty()) error = observer_.start(options_);
-    if (!error.empty()) {
+    try {
+        SourceList sources = make_sources(options_);
+        open_socket();
+        observer_.start(options_);
+        begin_session(std::move(sources));
+        running_ = true;
+        if (!receive_thread_.start("srv-receive", [this] { run_receive(); }) ||
+            !clock_thread_.start("srv-clock", [this] { run_clock(); }))
+            throw std::runtime_error("no thread to be had");
+    } catch (const std::runtime_error& error) {
         stop();
-        return error;
-    }
-    begin_session(std::move(sources.value));
-    running_ = true;
-    if (!receive_thread_.start("srv-receive", [this] { run_receive(); }) ||
-        !clock_thread_.start("srv-clock", [this] { run_clock(); })) {
-        stop();
-        return "no thread to be had";
+        return error.what();
     }
     return {};
 }
@@ -116,20 +115,19 @@ void ReferenceServer::set_faults(const FaultOptions& faults) {
     session_->adjust_clock(faults.clock_offset_ms, faults.drift_ppm, nanosecond_clock());
 }
 
-std::string ReferenceServer::open_socket() {
+void ReferenceServer::open_socket() {
     network_started_ = platform::start_network_stack();
-    if (!network_started_) return "no network";
+    if (!network_started_) throw std::runtime_error("no network");
     if (port_ == 0) port_ = options_.port;
     const platform::SocketOptions options{.recv_buffer_bytes = socket_buffer_bytes,
                                           .send_buffer_bytes = socket_buffer_bytes,
                                           .bind = {options_.bind_address, port_}};
     if (!socket_.open(options)) {
-        return "cannot take UDP port " + std::to_string(port_) + " at " +
-               platform::format_ipv4(options_.bind_address) +
-               ": in use by another program, or not an address of this machine";
+        throw std::runtime_error("cannot take UDP port " + std::to_string(port_) + " at " +
+                                 platform::format_ipv4(options_.bind_address) +
+                                 ": in use by another program, or not an address of this machine");
     }
     port_ = socket_.local_endpoint().port;
-    return {};
 }
 
 void ReferenceServer::begin_session(SourceList sources) {

@@ -64,7 +64,8 @@ class ReferenceServer {
     }
 
   private:
-    std::string open_socket();
+    /// Throws std::runtime_error, its text for people.
+    void open_socket();
     void begin_session(SourceList sources);
     void run_receive();
     void run_clock();

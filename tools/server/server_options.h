@@ -97,7 +97,7 @@ struct ServerOptions {
     std::vector<RecordOptions> records{};
     std::vector<MeasureOptions> measures{};
     FaultOptions faults{};
-    std::uint64_t seed = 1;  ///< of every random choice
+    std::uint32_t seed = 1;  ///< of every random choice
 };
 
 }  // namespace tavistro::server

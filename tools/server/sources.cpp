@@ -5,7 +5,6 @@
 #include <cmath>
 #include <numbers>
 #include <random>
-#include <utility>
 
 namespace tavistro::server {
 
@@ -110,19 +109,15 @@ std::unique_ptr<Source> make_melody(const MelodyOptions& options, std::uint32_t 
     return std::make_unique<Melody>(options, sample_rate);
 }
 
-Outcome<SourceList> make_sources(const ServerOptions& options) {
+SourceList make_sources(const ServerOptions& options) {
     const std::uint32_t rate = options.format.sample_rate;
-    Outcome<SourceList> sources;
+    SourceList sources;
     for (const ToneOptions& tone : options.tones)
-        sources.value.push_back(make_tone(tone, rate));
-    for (const MelodyOptions& melody : options.melodies) {
-        sources.value.push_back(make_melody(melody, rate));
-    }
-    for (const PlayOptions& play : options.plays) {
-        Outcome<std::unique_ptr<Source>> file = make_file_source(play, rate);
-        if (!file) return {.error = std::move(file.error)};
-        sources.value.push_back(std::move(file.value));
-    }
+        sources.push_back(make_tone(tone, rate));
+    for (const MelodyOptions& melody : options.melodies)
+        sources.push_back(make_melody(melody, rate));
+    for (const PlayOptions& play : options.plays)
+        sources.push_back(make_file_source(play, rate));
     return sources;
 }
 

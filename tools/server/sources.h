@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "tools/server/mix_bus.h"
@@ -21,24 +20,15 @@ class Source {
     virtual void change_rate(std::uint32_t sample_rate) = 0;
 };
 
-/// What a function that can fail on outside input gives: a value, or a text for people.
-template <typename Value>
-struct Outcome {
-    Value value{};
-    std::string error{};  ///< empty: it worked
-
-    explicit operator bool() const noexcept { return error.empty(); }
-};
-
 using SourceList = std::vector<std::unique_ptr<Source>>;
 
 std::unique_ptr<Source> make_tone(const ToneOptions& options, std::uint32_t sample_rate);
 std::unique_ptr<Source> make_melody(const MelodyOptions& options, std::uint32_t sample_rate);
-/// Reads the whole file. Fails for a file that cannot be read, another sample rate than the
-/// stream's, more channels than the bus has from the first one on, or no frames.
-Outcome<std::unique_ptr<Source>> make_file_source(const PlayOptions& options,
-                                                  std::uint32_t sample_rate);
-/// Every source of the options, or the first error.
-Outcome<SourceList> make_sources(const ServerOptions& options);
+/// Reads the whole file. Throws std::runtime_error, its text for people, for a file that cannot be
+/// read, another sample rate than the stream's, more channels than the bus has from the first one
+/// on, or no frames.
+std::unique_ptr<Source> make_file_source(const PlayOptions& options, std::uint32_t sample_rate);
+/// Every source of the options; throws as the files do.
+SourceList make_sources(const ServerOptions& options);
 
 }  // namespace tavistro::server

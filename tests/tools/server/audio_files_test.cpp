@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include "tools/server/bus_observer.h"
@@ -16,19 +17,18 @@ TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
     for (std::size_t i = 0; i < 32; ++i)
         bus.channel(4)[i] = -(bus.channel(7)[i] = static_cast<float>(i + 1));
     BusObserver observer;
-    ASSERT_EQ(observer.start({.format = {48000, 32}, .records = {{path, {7, 4}}}}), "");
+    observer.start({.format = {48000, 32}, .records = {{path, {7, 4}}}});
     observer.push(0, {48000, 32}, bus);
     observer.stop();  // writes all that was pushed
     const auto source = make_file_source({path, 30}, 48000);
-    ASSERT_TRUE(source) << source.error;
     MixBus played(48);
-    source.value->mix(played);
+    source->mix(played);
     for (std::size_t i = 0; i < 48; ++i) {
         EXPECT_EQ(played.channel(30)[i], bus.channel(7)[i % 32]) << i;
         EXPECT_EQ(played.channel(31)[i], bus.channel(4)[i % 32]) << i;
     }
-    EXPECT_NE(make_file_source({path, 0}, 44100).error.find("48000 Hz"), std::string::npos);
-    EXPECT_NE(make_file_source({path, 31}, 48000).error, "");
+    EXPECT_THROW(make_file_source({path, 0}, 44100), std::runtime_error);
+    EXPECT_THROW(make_file_source({path, 31}, 48000), std::runtime_error);
     ReferenceServer server(ServerOptions{.port = 0, .plays = {{path, 0}}});
     ASSERT_EQ(server.start(), "");
     EXPECT_FALSE(server.change_format(44100, 128)) << "amid a file";

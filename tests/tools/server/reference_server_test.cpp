@@ -15,9 +15,9 @@ namespace {
 
 using namespace TavistroProtocol;
 
-constexpr StreamFormat format{48000, 128};
+constexpr StreamFormat format{48000, 32};
 
-/// A client feeds channel 1 and receives every channel: a Sync and 16 datagrams a block.
+/// A client feeds channel 1 and receives every channel: a Sync and 4 datagrams a block.
 class ReferenceServerTest : public testing::Test {
   protected:
     ReferenceServerTest() {
@@ -49,27 +49,30 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
     constexpr Count counts[] = {&TrafficCounters::blocks_lost, &TrafficCounters::blocks_held_back,
                                 &TrafficCounters::syncs_lost, &TrafficCounters::datagrams_sent};
     using PerBlock = std::array<std::uint64_t, std::size(counts)>;
+    // A processor that was taken away leaves so many blocks on their way at once.
+    constexpr std::uint64_t slack = MixingSession::max_late_blocks + 4;
     for (const auto& [faults, per_block, taken] :
-         {std::tuple<FaultOptions, PerBlock, std::uint64_t>{{}, {0, 0, 0, 17}, 20},
-          {{.duplicate_percent = 100}, {0, 0, 0, 34}, 40},
-          {{.reorder_percent = 100}, {0, 1, 0, 17}, 20},
+         {std::tuple<FaultOptions, PerBlock, std::uint64_t>{{}, {0, 0, 0, 5}, 20},
+          {{.duplicate_percent = 100}, {0, 0, 0, 10}, 40},
+          {{.reorder_percent = 100}, {0, 1, 0, 5}, 20},
           {{.drop_percent = 100}, {1, 0, 1, 0}, 0},
           {{.silent = true}, {1, 0, 1, 0}, 20}}) {
         server.set_faults(faults);
-        const ServerSnapshot before = after(4);  // those under the faults before have passed
+        const ServerSnapshot before = after(slack);  // those under the faults before have passed
         for (int i = 0; i < 20; ++i)
             send({1, 2, 3});
-        const ServerSnapshot now = after(50);
+        const ServerSnapshot now = after(4 * slack);
         const std::uint64_t blocks = now.blocks - before.blocks;
         for (std::size_t i = 0; i < per_block.size(); ++i) {
             const std::uint64_t growth = now.*counts[i] - before.*counts[i];
-            EXPECT_GE(growth + 4 * per_block[i], blocks * per_block[i]) << i;
-            EXPECT_LE(growth, (blocks + 4) * per_block[i]) << i;
+            EXPECT_GE(growth + slack * per_block[i], blocks * per_block[i]) << i;
+            EXPECT_LE(growth, (blocks + slack) * per_block[i]) << i;
         }
-        EXPECT_EQ(now.datagrams_received - before.datagrams_received, 20U);
         EXPECT_EQ(now.send_failures, 0U);
         EXPECT_TRUE(test::eventually([&] {
-            return server.snapshot().malformed - before.malformed == taken;
+            const ServerSnapshot last = server.snapshot();
+            return last.datagrams_received - before.datagrams_received == 20 &&
+                   last.malformed - before.malformed == taken;
         })) << "faults meet both directions";
     }
 }

@@ -36,7 +36,7 @@ Signal delayed(const Signal& signal, std::size_t lag) {
 /// What the server measures when as many blocks as `hole` do not come.
 RoundTripReport measured(const Signal& sent, const Signal& returned, std::size_t hole = 0) {
     BusObserver observer;
-    EXPECT_EQ(observer.start({.format = format, .measures = {{.sent = 5, .returned = 3}}}), "");
+    observer.start({.format = format, .measures = {{.sent = 5, .returned = 3}}});
     MixBus bus(format.frames);
     for (std::size_t block = 0; block < sent.size() / format.frames; ++block) {
         if (block == 100) block += hole;
