@@ -13,7 +13,6 @@ namespace {
     { #name, offsetof(record, name), FieldType::type, __VA_ARGS__ }
 #define STATS(name, type, kind, ...) \
     FIELD(tavistro_stats_block, name, type, FieldKind::kind, __VA_ARGS__)
-#define PLAIN(record, name, type) FIELD(record, name, type, FieldKind::gauge)
 #define CODE(record, name, text) FIELD(record, name, u32, FieldKind::gauge, "", text)
 
 constexpr Field stats_table[] = {
@@ -77,32 +76,31 @@ constexpr Field state_table[] = {
     CODE(tavistro_engine_state, error_code, error_text),
     CODE(tavistro_engine_state, error_detail, message_text),
     CODE(tavistro_engine_state, status_message, message_text),
-    PLAIN(tavistro_engine_state, client_id, u32),
-    PLAIN(tavistro_engine_state, stream_sample_rate, u32),
-    PLAIN(tavistro_engine_state, stream_block_frames, u32),
-    PLAIN(tavistro_engine_state, device_sample_rate, u32),
-    PLAIN(tavistro_engine_state, device_block_frames, u32),
+    FIELD(tavistro_engine_state, client_id, u32),
+    FIELD(tavistro_engine_state, stream_sample_rate, u32),
+    FIELD(tavistro_engine_state, stream_block_frames, u32),
+    FIELD(tavistro_engine_state, device_sample_rate, u32),
+    FIELD(tavistro_engine_state, device_block_frames, u32),
 };
 
 constexpr Field event_table[] = {
-    PLAIN(tavistro_engine_event, sequence, u64),
+    FIELD(tavistro_engine_event, sequence, u64),
     // The tick of the system's clock; time_ms is the time of day in what the tools show.
     {"system_time_ms", offsetof(tavistro_engine_event, time_ms), FieldType::u64},
     CODE(tavistro_engine_event, kind, event_kind_text),
     CODE(tavistro_engine_event, subject, category_text),
-    PLAIN(tavistro_engine_event, attempt, u32),
-    PLAIN(tavistro_engine_event, max_attempts, u32),
+    FIELD(tavistro_engine_event, attempt, u32),
+    FIELD(tavistro_engine_event, max_attempts, u32),
     CODE(tavistro_engine_event, error_code, error_text),
     CODE(tavistro_engine_event, message, message_text),
 };
 
 constexpr Field meter_table[] = {
-    PLAIN(tavistro_channel_meter, channel, u32),
-    PLAIN(tavistro_channel_meter, peak_permille, u32),
+    FIELD(tavistro_channel_meter, channel, u32),
+    FIELD(tavistro_channel_meter, peak_permille, u32),
 };
 
 #undef CODE
-#undef PLAIN
 #undef STATS
 #undef FIELD
 
@@ -148,15 +146,11 @@ Number number(const void* record, const Field& field) {
 }
 
 void set_number(void* record, const Field& field, Number value) {
-    std::visit(
-        [&](auto plain) {
-            if (field.type == FieldType::u32 || field.type == FieldType::i32) {
-                put(record, field, static_cast<std::uint32_t>(plain));
-            } else {
-                put(record, field, plain);
-            }
-        },
-        value);
+    if (field.type == FieldType::u32 || field.type == FieldType::i32) {
+        put(record, field, static_cast<std::uint32_t>(std::get<std::int64_t>(value)));
+    } else {
+        std::visit([&](auto plain) { put(record, field, plain); }, value);
+    }
 }
 
 Histogram histogram(const void* record, const Field& field) {

@@ -1,12 +1,21 @@
 // What of the drift control shows in the statistics block.
 #pragma once
 
+#include <algorithm>
+
+#include "common/drift_law.h"
 #include "tavistro/stats_block.h"
 
 namespace tavistro::readings {
 
 /// How much faster than its clock the device's side reads the buffer, in ppm: what the clocks seem
 /// to differ by, and what brings a fill that is off its target back. Negative for slower.
-double read_speed_ppm(const tavistro_stats_block& stats);
+inline double read_speed_ppm(const tavistro_stats_block& stats) {
+    if (stats.target_frames == 0) return 0;
+    const double fill = (static_cast<double>(stats.min_frames) + stats.max_frames) / 2;
+    const double off = (fill - stats.target_frames) / stats.target_frames;
+    return std::clamp(stats.ratio_ppm + fill_correction * 1e6 * off, (lowest_read_ratio - 1) * 1e6,
+                      (highest_read_ratio - 1) * 1e6);
+}
 
 }  // namespace tavistro::readings
