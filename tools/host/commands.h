@@ -1,4 +1,5 @@
-// The subcommands of tavistro-host. With `json` each writes one object per line to `out`.
+// tavistro-host as a function, and its subcommands. With `json` each writes one object per line to
+// `out`.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,10 @@
 #include <string>
 
 namespace tavistro::host {
+
+/// Does what the arguments ask for. Returns the exit code: that of the subcommand, 2 for wrong
+/// arguments. On the main thread: `run` takes signals.
+int run_host_program(int argc, const char* const* argv, std::ostream& out, std::ostream& errors);
 
 /// What the engine would make of a configuration file. Lists the effective settings, defaults and
 /// derived sizes included, on `out` and returns 0; or writes the one line of text that says what is

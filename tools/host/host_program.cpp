@@ -1,31 +1,32 @@
-#include "tools/host/host_program.h"
-
 #include <CLI/CLI.hpp>
 #include <optional>
 #include <ostream>
 #include <string>
 
+#include "config/engine_config.h"
 #include "platform/driver_registry.h"
 #include "platform/udp_socket.h"
 #include "tools/host/commands.h"
 #include "tools/host/engine_library.h"
-#include "tools/host/twin_check.h"
 #include "tools/number_range.h"
+#include "tools/readings/stats_reader.h"
 #include "tools/version_flag.h"
 
 namespace tavistro::host {
 
 namespace {
 
-/// An option that takes a dotted IPv4 address.
-void add_address(CLI::App& command, std::optional<std::uint32_t>& address) {
-    command.add_option_function<std::string>(
-        "--address",
-        [&address](const std::string& text) {
-            address = platform::parse_ipv4(text);
-            if (!address) throw CLI::ValidationError("--address", text + " is no IPv4 address");
-        },
-        "Ask this address alone");
+/// Two engines with one client_id are one client to the server and share one statistics block: both
+/// break up, and neither can tell. Says nothing of a configuration that cannot be loaded: the run
+/// will.
+void warn_of_twin(const std::string& config_path, std::ostream& errors) {
+    EngineConfig config;
+    std::string ignored;
+    if (!load_engine_config(config_path, config, ignored)) return;
+    const std::uint32_t client_id = config.client.client_id;
+    if (!readings::engine_plays_as(client_id)) return;
+    errors << "warning: an engine with client_id " << client_id
+           << " runs on this computer already; give each a client_id of its own" << std::endl;
 }
 
 }  // namespace
@@ -53,7 +54,13 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     CLI::App* const servers = app.add_subcommand("servers", "List the servers that answer");
     servers->add_option("--timeout", servers_options.timeout_ms, "Milliseconds to wait for answers")
         ->check(CLI::Range(1, 600000));
-    add_address(*servers, servers_options.address);
+    servers->add_option_function<std::string>(
+        "--address",
+        [&address = servers_options.address](const std::string& text) {
+            address = platform::parse_ipv4(text);
+            if (!address) throw CLI::ValidationError("--address", text + " is no IPv4 address");
+        },
+        "Ask this address alone");
     servers->add_option("--port", servers_options.port, "UDP port to ask")
         ->check(CLI::Range(1, 65535));
     for (CLI::App* const command : {run, devices, servers})

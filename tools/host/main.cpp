@@ -2,7 +2,7 @@
 #include <exception>
 #include <iostream>
 
-#include "tools/host/host_program.h"
+#include "tools/host/commands.h"
 
 int main(int argc, char** argv) {
     try {

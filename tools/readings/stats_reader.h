@@ -41,4 +41,8 @@ class StatsReader {
     std::intptr_t handle_ = -1;
 };
 
+/// Whether an engine on this computer plays under the client_id: its block shows a run, and it has
+/// not died since.
+bool engine_plays_as(std::uint32_t client_id);
+
 }  // namespace tavistro::readings

@@ -12,8 +12,8 @@
 
 #include "platform/udp_socket.h"
 #include "support/eventually.h"
-#include "tools/host/host_program.h"
-#include "tools/host/twin_check.h"
+#include "tools/host/commands.h"
+#include "tools/readings/stats_reader.h"
 #include "tools/server/server_program.h"
 
 namespace tavistro::host {
@@ -72,7 +72,7 @@ TEST_F(Programs, PlayTogetherAndTellOfIt) {
                    served, server_errors);
     });
     auto twin = std::async(std::launch::async, [&] {
-        const bool seen = test::eventually([&] { return engine_plays_as(client_id()); });
+        const bool seen = test::eventually([&] { return readings::engine_plays_as(client_id()); });
         return seen ? host("run " + config, warned, warned) : 0;
     });
     EXPECT_EQ(host("run --seconds 3.4 --json " + config, told, errors), 0);
@@ -82,7 +82,7 @@ TEST_F(Programs, PlayTogetherAndTellOfIt) {
     EXPECT_EQ(warned.str(), "warning: an engine with client_id 77" + port +
                                 " runs on this computer already; give each a client_id of its own\n"
                                 "tavistro-host: the engine could not be created\n");
-    EXPECT_FALSE(engine_plays_as(client_id()));
+    EXPECT_FALSE(readings::engine_plays_as(client_id()));
 
     const std::string text = told.str();
     EXPECT_GE(numbers(text, "\"rendered_frames\":").size(), 2U) << text;
