@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <span>
-#include <string_view>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -21,7 +21,8 @@ struct AnsweringServer {
     std::uint64_t round_trip_ns = 0;
 };
 
-std::string_view address_class_text(int address_class);
+/// One JSON object, without the end of the line.
+std::string json_line(const AnsweringServer& server);
 
 /// Takes the datagrams that may answer one discover message. Pure: sockets and time are its user's.
 class ServerSurvey {
@@ -40,8 +41,6 @@ class ServerSurvey {
     std::vector<AnsweringServer> servers() const;
 
   private:
-    bool is_same(const AnsweringServer& known, const AnsweringServer& other) const;
-
     std::uint32_t client_id_;
     std::uint64_t nonce_;
     IsOwnAddress is_own_address_;

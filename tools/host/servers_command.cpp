@@ -1,16 +1,19 @@
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "net/discovery.h"
 #include "net/nonce.h"
 #include "net/protocol.h"
 #include "platform/clock.h"
 #include "platform/udp_socket.h"
 #include "tools/host/commands.h"
-#include "tools/host/json_lines.h"
 #include "tools/host/server_survey.h"
+#include "tools/readings/fields_json.h"
 
 namespace tavistro::host {
 
@@ -69,6 +72,11 @@ void collect(platform::UdpSocket& socket, std::uint64_t asked_ns, std::uint32_t 
     }
 }
 
+std::string_view address_class_text(int address_class) {
+    constexpr std::string_view texts[] = {"this host", "private network", "elsewhere"};
+    return texts[address_class];
+}
+
 std::string text_line(const AnsweringServer& server) {
     return fmt::format("{:<21}  {:<15}  protocol {}  {:<12}  {:.2f} ms",
                        endpoint_text(server.endpoint), address_class_text(server.address_class),
@@ -77,6 +85,53 @@ std::string text_line(const AnsweringServer& server) {
 }
 
 }  // namespace
+
+std::string json_line(const AnsweringServer& server) {
+    return readings::Json{{"type", "server"},
+                          {"address", platform::format_ipv4(server.endpoint.address)},
+                          {"port", server.endpoint.port},
+                          {"address_class", server.address_class},
+                          {"address_class_text", address_class_text(server.address_class)},
+                          {"protocol_version", server.protocol_version},
+                          {"compatible", server.compatible},
+                          {"rtt_us", server.round_trip_ns / 1000}}
+        .dump();
+}
+
+void ServerSurvey::offer(std::span<const std::uint8_t> datagram,
+                         const platform::Ipv4Endpoint& source, std::uint64_t round_trip_ns) {
+    ServerChoice judge(client_id_, nonce_);
+    const ServerChoice::Verdict verdict = judge.offer(datagram, source);
+    if (verdict == ServerChoice::Verdict::ignored) return;
+
+    AnsweringServer server{.endpoint = source,
+                           .address_class = address_class(source.address),
+                           .protocol_version = TavistroProtocol::stated_version(datagram),
+                           .compatible = verdict == ServerChoice::Verdict::accepted,
+                           .round_trip_ns = round_trip_ns};
+    if (const auto reply = TavistroProtocol::decode_discover_reply(datagram)) {
+        server.endpoint.port = reply.message.port;
+        server.protocol_version = reply.message.version;
+    }
+    const auto is_same = [&](const AnsweringServer& known) {
+        return known.endpoint.port == server.endpoint.port &&
+               (known.endpoint.address == server.endpoint.address ||
+                (is_own_address_(known.endpoint.address) &&
+                 is_own_address_(server.endpoint.address)));
+    };
+    const auto known = std::ranges::find_if(servers_, is_same);
+    if (known == servers_.end()) {
+        servers_.push_back(server);
+    } else if (server.address_class < known->address_class) {
+        *known = server;
+    }
+}
+
+std::vector<AnsweringServer> ServerSurvey::servers() const {
+    std::vector<AnsweringServer> sorted = servers_;
+    std::ranges::stable_sort(sorted, {}, &AnsweringServer::address_class);
+    return sorted;
+}
 
 int list_servers(const ServersOptions& options, bool json, std::ostream& out,
                  std::ostream& errors) {
@@ -98,11 +153,9 @@ int list_servers(const ServersOptions& options, bool json, std::ostream& out,
     for (const AnsweringServer& server : servers)
         out << (json ? json_line(server) : text_line(server)) << '\n';
     out.flush();
-    if (servers.empty()) {
-        errors << "no server answered within " << options.timeout_ms << " ms; asked: " << asked
-               << '\n';
-    }
-    return servers.empty() ? 1 : 0;
+    if (!servers.empty()) return 0;
+    errors << "no server answered within " << options.timeout_ms << " ms; asked: " << asked << '\n';
+    return 1;
 }
 
 }  // namespace tavistro::host

@@ -9,8 +9,8 @@
 
 #include "support/scripted_server.h"
 #include "tools/host/commands.h"
-#include "tools/host/json_lines.h"
 #include "tools/host/report.h"
+#include "tools/host/server_survey.h"
 
 namespace tavistro::host {
 namespace {

@@ -1,5 +1,3 @@
-#include "tools/host/json_lines.h"
-
 #include <nlohmann/json.hpp>
 #include <ostream>
 
@@ -72,38 +70,6 @@ class JsonReport : public Report {
 
 std::unique_ptr<Report> make_json_report(std::ostream& out) {
     return std::make_unique<JsonReport>(out);
-}
-
-std::string json_line(std::int32_t number, const std::string& name, const DriverSurvey& survey) {
-    const auto& [channels, sizes, current_rate, accepted_rates, input_types, output_types, faults] =
-        survey;
-    Json line{{"type", "device"}, {"number", number}, {"name", name}};
-    line["inputs"] = channels ? Json(channels->inputs) : Json();
-    line["outputs"] = channels ? Json(channels->outputs) : Json();
-    line["input_types"] = input_types;
-    line["output_types"] = output_types;
-    line["buffer_frames"] = nullptr;
-    if (sizes)
-        line["buffer_frames"] = {{"minimum", sizes->minimum},
-                                 {"maximum", sizes->maximum},
-                                 {"preferred", sizes->preferred},
-                                 {"granularity", sizes->granularity}};
-    line["sample_rate"] = current_rate ? Json(*current_rate) : Json();
-    line["accepted_sample_rates"] = accepted_rates;
-    line["faults"] = faults;
-    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::string json_line(const AnsweringServer& server) {
-    return Json{{"type", "server"},
-                {"address", platform::format_ipv4(server.endpoint.address)},
-                {"port", server.endpoint.port},
-                {"address_class", server.address_class},
-                {"address_class_text", address_class_text(server.address_class)},
-                {"protocol_version", server.protocol_version},
-                {"compatible", server.compatible},
-                {"rtt_us", server.round_trip_ns / 1000}}
-        .dump();
 }
 
 }  // namespace tavistro::host
