@@ -38,11 +38,6 @@ double process_cpu_seconds() {
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
 }
 
-struct DestroyEngine {
-    void operator()(tavistro_engine* engine) const { tavistro_engine_destroy(engine); }
-};
-using Engine = std::unique_ptr<tavistro_engine, DestroyEngine>;
-
 /// Looks at a run from outside and reports what is new.
 class RunWatch {
   public:
@@ -95,7 +90,8 @@ class RunWatch {
 
 int run_engine(const std::string& config_path, std::optional<double> seconds, bool json,
                std::ostream& out, std::ostream& errors) {
-    const Engine engine(tavistro_engine_create());
+    const std::unique_ptr<tavistro_engine, decltype(&tavistro_engine_destroy)> engine(
+        tavistro_engine_create(), tavistro_engine_destroy);
     if (!engine) {
         errors << "tavistro-host: the engine could not be created\n";
         return 1;
