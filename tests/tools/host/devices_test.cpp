@@ -17,9 +17,9 @@ class Devices : public testing::Test {
         EXPECT_EQ(driver.count("createBuffers") + driver.count("start"), 0) << "only asked";
         driver.restore();
     }
-    std::string listed() {
+    static std::string listed(bool json = false) {
         std::ostringstream out;
-        EXPECT_EQ(list_devices(false, out, out), 0);
+        EXPECT_EQ(list_devices(json, out, out), 0);
         return out.str();
     }
 
@@ -41,6 +41,10 @@ TEST_F(Devices, ShowWhatEachDriverOffersAndWhyOneDoesNot) {
               "    accepts       44100 48000 88200 96000 176400 192000 Hz\n"
               "1  Odd\n"
               "    fault         could not be loaded: its class is not registered (0x80040154)\n");
+    EXPECT_NE(
+        listed(true).find(R"("outputs":0,"input_types":{"ASIOSTFloat32LSB":1,"ASIOSTInt24LSB":2},)"
+                          R"("output_types":{},"buffer_frames":{"minimum":32,"maximum":2048,)"),
+        std::string::npos);
 }
 
 TEST_F(Devices, NameTheCallThatFailedAndKeepTheOtherAnswers) {

@@ -1,6 +1,7 @@
 // Host and server as people run them, in one process.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -27,14 +28,9 @@ int run(Program& program, const std::string& arguments, std::ostream& out, std::
     std::vector<std::string> words;
     for (std::string word; in >> word;)
         words.push_back(word == "''" ? "" : word);
-    std::vector<const char*> argv;
-    for (const std::string& word : words)
-        argv.push_back(word.c_str());
+    std::vector<const char*> argv(words.size());
+    std::ranges::transform(words, argv.begin(), [](auto& word) { return word.c_str(); });
     return program(static_cast<int>(argv.size()), argv.data(), out, err);
-}
-
-int host(const std::string& arguments, std::ostream& out, std::ostream& err) {
-    return run(run_host_program, arguments, out, err);
 }
 
 class Programs : public testing::Test {
@@ -73,9 +69,9 @@ TEST_F(Programs, PlayTogetherAndTellOfIt) {
     });
     auto twin = std::async(std::launch::async, [&] {
         const bool seen = test::eventually([&] { return readings::engine_plays_as(client_id()); });
-        return seen ? host("run " + config, warned, warned) : 0;
+        return seen ? run(run_host_program, "run " + config, warned, warned) : 0;
     });
-    EXPECT_EQ(host("run --seconds 3.4 --json " + config, told, errors), 0);
+    EXPECT_EQ(run(run_host_program, "run --seconds 3.4 --json " + config, told, errors), 0);
     EXPECT_EQ(errors.str(), "") << "no twin of its own";
     EXPECT_EQ(server.get(), 0) << server_errors.str();
     EXPECT_EQ(twin.get(), 1);
@@ -108,7 +104,7 @@ struct SignalAtFirstLine : std::stringbuf {
 TEST_F(Programs, EndOnASignal) {
     SignalAtFirstLine lines;
     std::ostream out(&lines);
-    EXPECT_EQ(host("run --seconds 9 " + config, out, errors), 0);
+    EXPECT_EQ(run(run_host_program, "run --seconds 9 " + config, out, errors), 0);
     const std::string text = lines.str();
     EXPECT_NE(text.find("  ran         0."), std::string::npos) << text;
     EXPECT_NE(text.find("  none were published\n  last state  Stopped\n"), std::string::npos);
