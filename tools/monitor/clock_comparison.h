@@ -21,29 +21,23 @@ class ClockComparison {
     Result result() const;
 
   private:
-    struct Sums {
+    /// Of the points of one stretch: x are periods, y are blocks minus periods.
+    struct Stretch {
         double n = 0;
-        double x = 0;  ///< periods since the stretch began
-        double y = 0;  ///< blocks minus periods since then
-        double xx = 0;
-        double xy = 0;
-        double yy = 0;
+        double mean_x = 0;
+        double mean_y = 0;
+        double xx = 0;  ///< about the mean
+        /// Sum of the distances of x from its mean.
+        double spread() const;
     };
-    /// What a stretch says of the slope.
-    struct Slope {
-        double xx = 0;  ///< about the means
-        double xy = 0;
-        double yy = 0;
-        double spread = 0;  ///< sum of the distances of x from its mean
-        double points = 0;
-    };
-    static Slope slope_of(const Sums& sums);
-    static void join(Slope& all, const Slope& one);
 
-    Slope ended_;
-    Sums current_;
-    std::int64_t first_periods_ = 0;
-    std::int64_t first_difference_ = 0;
+    Stretch stretch_;
+    // Sums over all stretches, about the means of each.
+    double xx_ = 0;
+    double xy_ = 0;
+    double yy_ = 0;
+    double points_ = 0;        ///< without one of each stretch, which says nothing of the slope
+    double ended_spread_ = 0;  ///< of the stretches that have ended
 };
 
 }  // namespace tavistro::monitor
