@@ -52,13 +52,13 @@ void ClientWatch::check(std::int64_t now_us, std::int64_t overslept_us) {
 
 /// A run that is over or silent may have been followed by one with a block of its own.
 std::optional<tavistro_stats_block> ClientWatch::read_newest() {
-    auto block = reader_.read();
-    if (block && !run_is_over(*block) && !(last_ && is_same(*block, *last_))) return block;
-    const auto held = block;
+    const auto held = reader_.read();
+    const bool is_over = held && run_is_over(*held);
+    if (held && !is_over && !(last_ && is_same(*held, *last_))) return held;
     reader_.close();
-    if (!reader_.open(client_id_)) return held && run_is_over(*held) ? held : std::nullopt;
-    block = reader_.read();
-    return block ? block : held;
+    if (!reader_.open(client_id_)) return is_over ? held : std::nullopt;
+    const auto newest = reader_.read();
+    return newest ? newest : held;
 }
 
 }  // namespace tavistro::monitor

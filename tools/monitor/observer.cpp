@@ -10,20 +10,10 @@ namespace tavistro::monitor {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-std::int64_t in_us(Clock::duration time) {
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
+using namespace std::chrono;
 
 std::int64_t now_us() {
-    return in_us(Clock::now().time_since_epoch());
-}
-
-std::int64_t unix_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
+    return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace
@@ -36,7 +26,8 @@ Observer::Observer(const std::vector<std::uint32_t>& client_ids) {
 
 std::vector<Sample> Observer::look() {
     const std::lock_guard lock(mutex_);
-    const std::int64_t time_ms = unix_ms();
+    const std::int64_t time_ms =
+        duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
     const std::uint32_t late_us = std::exchange(longest_late_us_, 0);
     std::vector<Sample> samples;
     for (ClientWatch& watch : watches_) {
@@ -55,7 +46,7 @@ void Observer::observe(const std::stop_token& stop) {
     const platform::ScopedTimerResolution resolution;
     std::int64_t due_us = now_us();
     while (!stop.stop_requested()) {
-        std::this_thread::sleep_until(Clock::time_point(std::chrono::microseconds(due_us)));
+        std::this_thread::sleep_until(steady_clock::time_point(microseconds(due_us)));
         const std::int64_t woke_us = now_us();
         const std::int64_t late_us = std::clamp<std::int64_t>(woke_us - due_us, 0, longest_told_us);
         const std::lock_guard lock(mutex_);

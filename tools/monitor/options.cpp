@@ -55,9 +55,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         app.parse(argc, argv);
         if (report->parsed() && explain->parsed())
             throw CLI::ValidationError("report and explain do not go together");
-        const bool watches = !report->parsed() && !explain->parsed();
-        if (!watches && (options.once || json || csv || !options.record_path.empty() ||
-                         !options.http_address.empty()))
+        if (!app.get_subcommands().empty() &&
+            (options.once || json || csv || !options.record_path.empty() ||
+             !options.http_address.empty()))
             throw CLI::ValidationError(
                 "--once, --json, --csv, --record and --http are for watching alone");
         if (options.client_ids.empty() && options.recording_path.empty()) options.client_ids = {1};

@@ -1,6 +1,9 @@
 #include "tools/monitor/screen.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <iterator>
 #include <ostream>
 
 #include "tools/monitor/terminal.h"
@@ -40,19 +43,16 @@ void Screen::show(const std::vector<Sample>& samples) {
     std::vector<std::string> all;         // everything
     std::vector<std::string> told;        // what is said, with the most important numbers
     std::vector<std::string> short_ones;  // those numbers
-    const auto append = [](std::vector<std::string>& lines, const std::vector<std::string>& more) {
-        lines.insert(lines.end(), more.begin(), more.end());
-    };
     for (const Sample& sample : samples) {
         auto& history = histories_[sample.client_id];
         remember(history, sample);
         const auto account = account_view(judge(history), size.columns);
-        append(all, view(history, size.columns));
-        append(all, account);
+        std::ranges::move(view(history, size.columns), std::back_inserter(all));
+        std::ranges::copy(account, std::back_inserter(all));
         all.emplace_back();
         short_ones.push_back(short_view(sample, size.columns));
         told.push_back(short_ones.back());
-        append(told, account);
+        std::ranges::copy(account, std::back_inserter(told));
     }
     if (redraws_ && all.size() > size.rows) {
         all = told.size() < size.rows ? std::move(told) : std::move(short_ones);
@@ -60,18 +60,13 @@ void Screen::show(const std::vector<Sample>& samples) {
         all.resize(std::min(all.size(), size.rows));
     }
     if (redraws_ && all.size() < size.rows) all.emplace_back("Ctrl-C ends");
-    put(all);
-}
-
-void Screen::put(const std::vector<std::string>& lines) {
-    std::string text = redraws_ ? "\x1b[H" : "";
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        text += lines[i];
-        if (redraws_) text += "\x1b[K";  // what a longer line left behind
-        if (!redraws_ || i + 1 < lines.size()) text += '\n';
+    if (redraws_) {
+        // Erases what a longer line left behind, and what a longer picture did.
+        out_ << fmt::format("\x1b[H{}\x1b[K\x1b[J", fmt::join(all, "\x1b[K\n"));
+    } else {
+        out_ << fmt::format("{}\n", fmt::join(all, "\n"));
     }
-    if (redraws_) text += "\x1b[J";
-    out_ << text << std::flush;
+    out_ << std::flush;
 }
 
 }  // namespace tavistro::monitor

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
-#include <string>
 #include <vector>
 
 #include "tools/monitor/sample.h"
@@ -23,8 +22,6 @@ class Screen {
     void show(const std::vector<Sample>& samples);
 
   private:
-    void put(const std::vector<std::string>& lines);
-
     std::ostream& out_;
     bool redraws_;
     std::map<std::uint32_t, std::vector<Sample>> histories_;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "tavistro/engine.h"
 
@@ -56,8 +57,7 @@ bool report_differs(const tavistro_stats_block& a, const tavistro_stats_block& b
 }  // namespace
 
 std::int64_t Tally::Growth::see(const Range& sum) {
-    if (!has_seen_) first_least_ = sum.least;
-    has_seen_ = true;
+    if (!first_least_) first_least_ = sum.least;
     highest_least_ = std::max(highest_least_, sum.least);
     lowest_most_ = std::min(lowest_most_, sum.most);
     const std::int64_t certain = std::max<std::int64_t>(highest_least_ - lowest_most_, 0);
@@ -194,29 +194,26 @@ void Tally::take_silence(bool sign, std::int64_t gap_us) {
 /// A second of the client ends with the first block that is complete 1000 ms after the last one
 /// did. Two that had the same counts cannot be told apart by looking, so their ends are reckoned.
 void Tally::take_client_second() {
-    if (second_pending_) {
-        second_pending_ = false;
+    if (const auto seen = std::exchange(pending_second_, {})) {
         // What was reckoned to end just before this had not ended.
         if (second_.uncertain_us > 0 && second_.uncertain_us < same_report_us &&
-            static_cast<double>(pending_second_.most_us - same_report_us) < second_.end_us) {
-            received_ -= before_second_.received;
-            repeated_ -= before_second_.repeated;
+            static_cast<double>(seen->most_us - same_report_us) < second_.end_us) {
+            received_ -= before_second_.client_recv_blocks_per_sec;
+            repeated_ -= before_second_.client_duplicate_blocks_per_sec;
         }
         // One that was reckoned too many, or too few, when nothing was sure yet, is no loss.
         if (second_.uncertain_us > same_report_us) {
             replaced_ = {};
             missed_before_replaced_ = totals_.notices_missed.count;
         }
-        end_client_second({static_cast<double>(pending_second_.most_us), 0, pending_second_});
+        end_client_second({static_cast<double>(seen->most_us), 0, *seen});
     } else if (client_second_differs(now_, before_)) {
-        second_pending_ = true;
-        pending_second_ = {before_us_, now_us_, {notices_before_, totals_.notices}};
+        pending_second_ = Moment{before_us_, now_us_, {notices_before_, totals_.notices}};
         // The block that ended the second came right behind its notice.
         const bool looked_closely = now_us_ - before_us_ < 2 * look_closely_every_us;
-        if (looked_closely && pending_second_.notices.most > pending_second_.notices.least)
-            ++pending_second_.notices.least;
-        before_second_ = {before_.client_recv_blocks_per_sec,
-                          before_.client_duplicate_blocks_per_sec};
+        Range& notices = pending_second_->notices;
+        if (looked_closely && notices.most > notices.least) ++notices.least;
+        before_second_ = before_;
     } else {
         reckon_client_second();
     }
@@ -381,17 +378,15 @@ void Tally::attribute_drop_outs(std::int64_t drop_outs) {
     bool explained = !settled;
     for (Watch& watch : watches_) {
         Trouble& trouble = totals_.*watch.trouble;
-        explained = explained || watch.now || watch.before || watch.two_before;
+        explained = explained || watch.seen.any();
         const bool is_silence = watch.trouble == &Totals::silence;
         const bool counts = settled || is_silence;
-        if (counts && watch.now) ++trouble.seconds;
-        if ((counts && (watch.now || watch.before)) || (is_silence && !settled))
+        if (counts && watch.seen[0]) ++trouble.seconds;
+        if ((counts && (watch.seen[0] || watch.seen[1])) || (is_silence && !settled))
             trouble.drop_outs += drop_outs;
-        if (counts && watch.now && !watch.before && !watch.two_before)
-            trouble.drop_outs += drop_outs_before_;
-        watch.two_before = watch.before;
-        watch.before = watch.now;
-        watch.now = false;
+        const bool is_new = watch.seen == 0b001;
+        if (counts && is_new) trouble.drop_outs += drop_outs_before_;
+        watch.seen <<= 1;
     }
     if (!explained && drop_outs_before_ > 0) {
         totals_.unexplained.count += drop_outs_before_;
@@ -407,7 +402,7 @@ void Tally::attribute_drop_outs(std::int64_t drop_outs) {
 
 void Tally::add(Trouble Totals::*trouble, std::int64_t n) {
     (totals_.*trouble).count += n;
-    std::ranges::find(watches_, trouble, &Watch::trouble)->now = true;
+    std::ranges::find(watches_, trouble, &Watch::trouble)->seen.set(0);
 }
 
 }  // namespace tavistro::monitor

@@ -7,8 +7,10 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "tavistro/stats_block.h"
 #include "tools/monitor/clock_comparison.h"
@@ -38,7 +40,6 @@ class Tally {
         Range operator-(const Range& other) const {
             return {least - other.most, most - other.least};
         }
-        Range operator+(std::int64_t n) const { return {least + n, most + n}; }
     };
     /// How much a sum that never shrinks has grown at least, when each look at it gives a range.
     class Growth {
@@ -46,21 +47,18 @@ class Tally {
         /// Returns what is newly certain.
         std::int64_t see(const Range& sum);
         /// The most that it can have grown until this look.
-        std::int64_t at_most(const Range& sum) const { return sum.most - first_least_; }
+        std::int64_t at_most(const Range& sum) const { return sum.most - *first_least_; }
 
       private:
         std::int64_t highest_least_ = std::numeric_limits<std::int64_t>::min();
         std::int64_t lowest_most_ = std::numeric_limits<std::int64_t>::max();
         std::int64_t counted_ = 0;
-        std::int64_t first_least_ = 0;
-        bool has_seen_ = false;
+        std::optional<std::int64_t> first_least_;
     };
     /// A trouble and the seconds beside it.
     struct Watch {
         Trouble Totals::*trouble;
-        bool now = false;
-        bool before = false;
-        bool two_before = false;
+        std::bitset<3> seen{};  ///< in this second, in the one before and in the one before that
     };
 
     /// Something happened between two looks.
@@ -74,10 +72,6 @@ class Tally {
         double end_us = 0;
         double uncertain_us = 0;  ///< to either side; 0: it was seen
         Moment seen{};
-    };
-    struct SecondCounts {
-        std::int64_t received = 0;
-        std::int64_t repeated = 0;
     };
     bool continues(const tavistro_stats_block& block) const;
     void begin_run(std::int64_t now_us, const tavistro_stats_block& block);
@@ -122,9 +116,8 @@ class Tally {
     std::int64_t unsettled_until_us_ = 0;
 
     // The network client's seconds.
-    bool second_pending_ = false;  ///< seen to have changed at the look before, maybe not all of it
-    Moment pending_second_;
-    SecondCounts before_second_;
+    std::optional<Moment> pending_second_;  ///< seen at the look before, maybe not all of it
+    tavistro_stats_block before_second_{};
     SecondEnd second_;
     std::int64_t received_ = 0;
     std::int64_t repeated_ = 0;
@@ -148,15 +141,10 @@ class Tally {
     std::int64_t drop_outs_before_ = 0;  ///< of the second before
     std::int64_t drop_outs_two_before_ = 0;
     bool settled_ = true;
-    std::array<Watch, 9> watches_{{{&Totals::replaced},
-                                   {&Totals::repeated},
-                                   {&Totals::notices_missed},
-                                   {&Totals::notice_gaps},
-                                   {&Totals::silence},
-                                   {&Totals::late},
-                                   {&Totals::periods_short},
-                                   {&Totals::periods_long},
-                                   {&Totals::pauses}}};
+    std::array<Watch, 9> watches_{
+        Watch{&Totals::replaced},      Watch{&Totals::repeated},     Watch{&Totals::notices_missed},
+        Watch{&Totals::notice_gaps},   Watch{&Totals::silence},      Watch{&Totals::late},
+        Watch{&Totals::periods_short}, Watch{&Totals::periods_long}, Watch{&Totals::pauses}};
 };
 
 }  // namespace tavistro::monitor
