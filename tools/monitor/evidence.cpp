@@ -72,25 +72,6 @@ bool more_than_pauses(std::int64_t events, std::int64_t pauses) {
     return static_cast<double>(events) > most_pauses(pauses);
 }
 
-Trouble operator-(const Trouble& a, const Trouble& b) {
-    return {a.count - b.count, a.seconds - b.seconds, a.drop_outs - b.drop_outs};
-}
-
-Totals operator-(const Totals& last, const Totals& first) {
-    Totals d = last;
-    for (const auto sum : {&Totals::watched_ms, &Totals::reported_ms, &Totals::notices_missed_alone,
-                           &Totals::blocks, &Totals::notices, &Totals::periods, &Totals::underruns,
-                           &Totals::overruns, &Totals::refused, &Totals::capture_dropped,
-                           &Totals::long_pauses, &Totals::paused_periods})
-        d.*sum -= first.*sum;
-    for (const auto trouble :
-         {&Totals::replaced, &Totals::repeated, &Totals::notices_missed, &Totals::notice_gaps,
-          &Totals::silence, &Totals::late, &Totals::periods_short, &Totals::periods_long,
-          &Totals::pauses, &Totals::unexplained})
-        d.*trouble = last.*trouble - first.*trouble;
-    return d;
-}
-
 /// Blocks that a silence may have cost.
 std::int64_t most_of_silence(const Stretch& s) {
     constexpr std::int64_t at_its_ends = 10;

@@ -9,7 +9,6 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/monitor/totals_fields.h"
 #include "tools/readings/fields_json.h"
 
 namespace tavistro::monitor {

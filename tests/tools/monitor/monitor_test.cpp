@@ -19,7 +19,6 @@
 #include "tools/monitor/observer.h"
 #include "tools/monitor/screen.h"
 #include "tools/monitor/terminal.h"
-#include "tools/monitor/totals_fields.h"
 #include "tools/monitor/view.h"
 #include "tools/readings/fields.h"
 
