@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <functional>
 #include <tuple>
 #include <utility>
@@ -27,12 +28,14 @@ constexpr std::array<std::string_view, 14> cause_names{
     "format mismatch", "network loss",    "missing notices", "late network",  "device stall",
     "device too slow", "device too fast", "device uneven",   "host overload"};
 
-std::string when_text(double from_s, double until_s) {
-    const auto time_text = [](double seconds) {
-        const auto whole = static_cast<int>(seconds + 0.5);
-        return fmt::format("{}:{:02}", whole / 60, whole % 60);
-    };
-    return until_s > from_s ? time_text(from_s) + " to " + time_text(until_s) : time_text(from_s);
+std::string time_text(double seconds) {
+    const auto whole = static_cast<int>(seconds + 0.5);
+    return fmt::format("{}:{:02}", whole / 60, whole % 60);
+}
+
+std::string when_text(const Span& when) {
+    const std::string from = time_text(when.from_s);
+    return when.until_s > when.from_s ? from + " to " + time_text(when.until_s) : from;
 }
 
 using Samples = std::span<const Sample>;
@@ -69,104 +72,81 @@ std::vector<Samples> pieces_of(Samples run) {
     return pieces;
 }
 
+void tell_facts(const Stretch& s, std::vector<Fact>& facts) {
+    const Totals& n = s.counted();
+    const auto fact = [&](std::string_view name, const auto& count, const std::string& words) {
+        if (std::invoke(count, n) != 0) facts.push_back({name, s.span_of(count), words});
+    };
+    const auto count_of = [](Trouble Totals::*trouble) {
+        return [=](const Totals& t) { return (t.*trouble).count; };
+    };
+    for (const auto& [name, trouble, what] :
+         {std::tuple{"blocks replaced", &Totals::replaced, "blocks played as silence"},
+          {"blocks repeated", &Totals::repeated, "blocks that came again or too late"},
+          {"notices missed", &Totals::notices_missed, "notices of the server's clock"}}) {
+        const std::int64_t count = (n.*trouble).count;
+        fact(name, count_of(trouble),
+             fmt::format("{} {}, {:.2f} % of {}", count, what, percent(count, n.blocks), n.blocks));
+    }
+    fact("server silent", count_of(&Totals::silence),
+         fmt::format("{:.1f} s without anything from the server", thousandth(n.silence.count)));
+    fact("stream held up", count_of(&Totals::late),
+         fmt::format("{} times, up to {:.1f} ms; the buffer holds {:.1f} ms", n.late.count,
+                     thousandth(n.longest_late_us), s.buffer_ms()));
+    for (const auto& [name, sum, what] :
+         {std::tuple{"underruns", &Totals::underruns, "periods without a block to play"},
+          {"overruns", &Totals::overruns, "blocks that found the buffer full"},
+          {"blocks refused", &Totals::refused, "blocks dropped for their format"},
+          {"capture dropped", &Totals::capture_dropped, "captured blocks dropped"}})
+        fact(name, sum, fmt::format("{} {}", n.*sum, what));
+    fact(
+        "device periods",
+        [](const Totals& t) { return t.periods_short.count + t.periods_long.count; },
+        fmt::format("{} ran, {:.1f} s have {:.0f}; {} too few in {} seconds, {} too many in {}",
+                    n.periods, thousandth(n.reported_ms), s.periods_due(), n.periods_short.count,
+                    n.periods_short.seconds, n.periods_long.count, n.periods_long.seconds));
+    fact("host pauses", count_of(&Totals::pauses),
+         fmt::format("{} waits of this computer's threads of a block or more, up to {:.1f} ms",
+                     n.pauses.count, thousandth(n.longest_pause_us)));
+    if (n.clock_uncertainty_ppm > 0 && n.clock_uncertainty_ppm < least_certain_ppm)
+        facts.push_back({"clocks", s.span(),
+                         fmt::format("the server's is {:+.0f} +-{:.0f} ppm against the device's",
+                                     n.server_faster_ppm, n.clock_uncertainty_ppm)});
+}
+
 /// What one run gives, piece by piece; a cause of neighbouring pieces is told once, with the counts
 /// of all of them.
-class RunAccount {
-  public:
-    RunAccount(Samples run, const Sample& origin, Account& account)
-        : run_(run), origin_(origin), account_(account) {}
-
-    void judge() {
-        tell_facts();
-        std::vector<std::pair<Cause, Samples>> open;
-        for (const Samples& piece : pieces_of(run_)) {
-            const Stretch stretch(piece, origin_);
-            if (stretch.seconds() < least_watched_s) continue;
-            const Proof proof = proof_of(stretch);
-            std::vector<std::pair<Cause, Samples>> still_open;
-            for (const auto& [cause, samples] : open) {
-                if (std::ranges::find(proof.causes, cause) == proof.causes.end())
-                    tell(cause, samples);
-            }
-            for (const Cause cause : proof.causes) {
-                const auto known =
-                    std::ranges::find(open, cause, &std::pair<Cause, Samples>::first);
-                const auto* const from = known == open.end() ? piece.data() : known->second.data();
-                still_open.emplace_back(cause, Samples(from, piece.data() + piece.size()));
-            }
-            open = std::move(still_open);
-            if (!proof.explains_all())
-                account_.not_clear_yet = what_would_make_clear(stretch, proof);
+void judge_run(Samples run, const Sample& origin, Account& account) {
+    const auto tell = [&](Cause cause, Samples samples) {
+        const Stretch stretch(samples, origin);
+        account.causes.push_back({cause, stretch.span(), words_for(cause, stretch)});
+    };
+    tell_facts(Stretch(run, origin), account.facts);
+    std::map<Cause, Samples> open;
+    for (const Samples& piece : pieces_of(run)) {
+        const Stretch stretch(piece, origin);
+        if (stretch.seconds() < least_watched_s) continue;
+        const Proof proof = proof_of(stretch);
+        std::erase_if(open, [&](const auto& known) {
+            const bool goes_on = proof.causes.contains(known.first);
+            if (!goes_on) tell(known.first, known.second);
+            return !goes_on;
+        });
+        for (const Cause cause : proof.causes) {
+            Samples& samples = open.try_emplace(cause, piece).first->second;
+            samples = Samples(samples.data(), piece.data() + piece.size());
         }
-        for (const auto& [cause, samples] : open)
-            tell(cause, samples);
+        if (!proof.explains_all()) account.not_clear_yet = what_would_make_clear(stretch, proof);
     }
-
-  private:
-    void tell(Cause cause, Samples samples) {
-        const Stretch stretch(samples, origin_);
-        const Span span = stretch.span();
-        account_.causes.push_back({cause, span.from_s, span.until_s, words_for(cause, stretch)});
-    }
-
-    void tell_facts() {
-        const Stretch s(run_, origin_);
-        const Totals& n = s.counted();
-        const auto tell = [&](std::string_view name, const Span& span, std::string words) {
-            account_.facts.push_back({name, span.from_s, span.until_s, std::move(words)});
-        };
-        const auto fact = [&](std::string_view name, const auto& count, const std::string& words) {
-            if (count(n) != 0) tell(name, s.span_of(count), words);
-        };
-        const auto count_of = [](Trouble Totals::*trouble) {
-            return [=](const Totals& t) { return (t.*trouble).count; };
-        };
-        for (const auto& [name, trouble, what] :
-             {std::tuple{"blocks replaced", &Totals::replaced, "blocks played as silence"},
-              {"blocks repeated", &Totals::repeated, "blocks that came again or too late"},
-              {"notices missed", &Totals::notices_missed, "notices of the server's clock"}}) {
-            const std::int64_t count = (n.*trouble).count;
-            fact(name, count_of(trouble),
-                 fmt::format("{} {}, {:.2f} % of {}", count, what, percent(count, n.blocks),
-                             n.blocks));
-        }
-        fact("server silent", count_of(&Totals::silence),
-             fmt::format("{:.1f} s without anything from the server", thousandth(n.silence.count)));
-        fact("stream held up", count_of(&Totals::late),
-             fmt::format("{} times, up to {:.1f} ms; the buffer holds {:.1f} ms", n.late.count,
-                         thousandth(n.longest_late_us), s.buffer_ms()));
-        for (const auto& [name, sum, what] :
-             {std::tuple{"underruns", &Totals::underruns, "periods without a block to play"},
-              {"overruns", &Totals::overruns, "blocks that found the buffer full"},
-              {"blocks refused", &Totals::refused, "blocks dropped for their format"},
-              {"capture dropped", &Totals::capture_dropped, "captured blocks dropped"}})
-            fact(name, std::mem_fn(sum), fmt::format("{} {}", n.*sum, what));
-        fact(
-            "device periods",
-            [](const Totals& t) { return t.periods_short.count + t.periods_long.count; },
-            fmt::format("{} ran, {:.1f} s have {:.0f}; {} too few in {} seconds, {} too many in {}",
-                        n.periods, thousandth(n.reported_ms), s.periods_due(),
-                        n.periods_short.count, n.periods_short.seconds, n.periods_long.count,
-                        n.periods_long.seconds));
-        fact("host pauses", count_of(&Totals::pauses),
-             fmt::format("{} waits of this computer's threads of a block or more, up to {:.1f} ms",
-                         n.pauses.count, thousandth(n.longest_pause_us)));
-        if (n.clock_uncertainty_ppm > 0 && n.clock_uncertainty_ppm < least_certain_ppm)
-            tell("clocks", s.span(),
-                 fmt::format("the server's is {:+.0f} +-{:.0f} ppm against the device's",
-                             n.server_faster_ppm, n.clock_uncertainty_ppm));
-    }
-
-    Samples run_;
-    const Sample& origin_;
-    Account& account_;
-};
+    for (const auto& [cause, samples] : open)
+        tell(cause, samples);
+}
 
 void judge_presence(Samples samples, Account& account) {
     const Sample& last = samples.back();
     const double at = seconds_between(samples.front(), last);
     const auto tell = [&](Cause cause, std::string what) {
-        account.causes.push_back({cause, at, at, std::move(what)});
+        account.causes.push_back({cause, {at, at}, std::move(what)});
     };
     if (last.presence == Presence::absent) {
         tell(Cause::engine_absent, "no engine with this client_id");
@@ -200,17 +180,17 @@ Account judge(std::span<const Sample> samples) {
     if (samples.empty()) return account;
     account.watched_s = seconds_between(samples.front(), samples.back());
     for (const Samples& run : runs_of(until_the_last_word(samples)))
-        RunAccount(run, samples.front(), account).judge();
+        judge_run(run, samples.front(), account);
     judge_presence(samples, account);
     std::ranges::stable_sort(account.causes, {}, &Finding::cause);
     return account;
 }
 
-std::map<std::uint32_t, Account> judge_each(std::span<const Sample> samples) {
+Accounts judge_each(std::span<const Sample> samples) {
     std::map<std::uint32_t, std::vector<Sample>> histories;
     for (const Sample& sample : samples)
         histories[sample.client_id].push_back(sample);
-    std::map<std::uint32_t, Account> accounts;
+    Accounts accounts;
     for (const auto& [id, history] : histories)
         accounts.emplace(id, judge(history));
     return accounts;
@@ -219,12 +199,20 @@ std::map<std::uint32_t, Account> judge_each(std::span<const Sample> samples) {
 std::vector<std::string> account_lines(const Account& account) {
     std::vector<std::string> lines;
     for (const Fact& fact : account.facts)
-        lines.push_back(
-            fmt::format("{}  {}: {}", when_text(fact.from_s, fact.until_s), fact.name, fact.text));
+        lines.push_back(fmt::format("{}  {}: {}", when_text(fact.when), fact.name, fact.text));
     for (const Finding& finding : account.causes)
         lines.push_back(fmt::format("CAUSE {} ({}): {}", cause_text(finding.cause),
-                                    when_text(finding.from_s, finding.until_s), finding.text));
+                                    when_text(finding.when), finding.text));
     if (!account.not_clear_yet.empty()) lines.push_back("not clear yet: " + account.not_clear_yet);
+    return lines;
+}
+
+std::vector<std::string> tell(const Account& account) {
+    std::vector<std::string> lines = account_lines(account);
+    if (!account.nothing_wrong()) return lines;
+    lines.push_back(account.watched_s < least_watched_s
+                        ? "too short a time to judge"
+                        : "nothing wrong in " + time_text(std::floor(account.watched_s)));
     return lines;
 }
 

@@ -32,20 +32,23 @@ enum class Cause {
 };
 std::string_view cause_text(Cause cause);
 
-/// Something that was counted between two moments; `name` is short ("blocks lost"), `text` has the
-/// numbers.
+/// Seconds since the first sample of a history.
+struct Span {
+    double from_s = 0;
+    double until_s = 0;
+};
+
+/// Something that was counted; `name` is short ("blocks lost"), `text` has the numbers.
 struct Fact {
     std::string_view name;
-    double from_s;  ///< since the first sample
-    double until_s;
+    Span when;
     std::string text;
 };
 
 /// A side that a drop-out comes from.
 struct Finding {
     Cause cause;
-    double from_s;
-    double until_s;
+    Span when;
     std::string text;
 };
 
@@ -65,10 +68,15 @@ struct Account {
 /// Samples of one client in the order of time.
 Account judge(std::span<const Sample> samples);
 
-/// Samples of several clients: the account of each, by client_id.
-std::map<std::uint32_t, Account> judge_each(std::span<const Sample> samples);
+using Accounts = std::map<std::uint32_t, Account>;  ///< by client_id
+
+/// Samples of several clients: the account of each.
+Accounts judge_each(std::span<const Sample> samples);
 
 /// The account in words: a line for each fact, then for each cause, none with an end.
 std::vector<std::string> account_lines(const Account& account);
+
+/// account_lines(), or that nothing was wrong for as long as was watched.
+std::vector<std::string> tell(const Account& account);
 
 }  // namespace tavistro::monitor

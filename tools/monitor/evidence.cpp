@@ -72,19 +72,10 @@ bool more_than_pauses(std::int64_t events, std::int64_t pauses) {
     return static_cast<double>(events) > most_pauses(pauses);
 }
 
-/// Blocks that a silence may have cost.
-std::int64_t most_of_silence(const Stretch& s) {
-    constexpr std::int64_t at_its_ends = 10;
-    const std::int64_t ms = s.counted().silence.count;
-    return ms == 0 ? 0 : std::llround(1e3 * static_cast<double>(ms) / s.block_us()) + at_its_ends;
-}
-
 class Judgement {
   public:
     explicit Judgement(const Stretch& stretch)
-        : s_(stretch),
-          n_(stretch.counted()),
-          replaced_(std::max<std::int64_t>(n_.replaced.count - most_of_silence(stretch), 0)) {
+        : s_(stretch), n_(stretch.counted()), replaced_(n_.replaced.count) {
         judge_silence();
         if (judge_format()) return;
         judge_blocks();
@@ -96,31 +87,35 @@ class Judgement {
         judge_host();
     }
     Proof take() {
-        std::ranges::sort(causes_);
-        causes_.erase(std::unique(causes_.begin(), causes_.end()), causes_.end());
-        const bool is_explained = left() <= 0 || !is_most(left());
-        return {std::move(causes_), is_explained ? 0 : left(), lost_is_named_ ? 0 : replaced_};
+        return {std::move(causes_), most_is_left() ? left() : 0, lost_is_named_ ? 0 : replaced_};
     }
 
   private:
     void name(Cause cause, std::int64_t drop_outs) {
-        causes_.push_back(cause);
+        causes_.insert(cause);
         explained_ += drop_outs;
     }
     std::int64_t left() const { return s_.drop_outs() - explained_; }
     /// Half of the drop-outs or more.
     bool is_most(std::int64_t drop_outs) const { return 2 * drop_outs >= s_.drop_outs(); }
+    bool most_is_left() const { return left() > 0 && is_most(left()); }
     template <typename Count>
     bool lasts(const Count& count) const {
-        const Span span = s_.span_of(count);
-        return span.until_s - span.from_s >= lasts_s;
+        const Span when = s_.span_of(count);
+        return when.until_s - when.from_s >= lasts_s;
     }
     bool lasts(Trouble Totals::*trouble) const {
         return lasts([=](const Totals& t) { return (t.*trouble).seconds; });
     }
 
     void judge_silence() {
-        if (n_.silence.count > 0) name(Cause::server_silent, n_.silence.drop_outs);
+        constexpr std::int64_t at_its_ends = 10;
+        if (n_.silence.count == 0) return;
+        name(Cause::server_silent, n_.silence.drop_outs);
+        // Blocks that it may have cost.
+        const double ms = static_cast<double>(n_.silence.count);
+        const std::int64_t most = std::llround(1e3 * ms / s_.block_us()) + at_its_ends;
+        replaced_ = std::max<std::int64_t>(replaced_ - most, 0);
     }
 
     bool judge_format() {
@@ -209,22 +204,17 @@ class Judgement {
         const bool like_a_clock = one_kind * other <= made &&
                                   static_cast<double>(made) <= gain_slack * gained + fewest_blocks;
         const bool is_off = std::abs(ppm) - n_.clock_uncertainty_ppm > held_ppm;
-        if (!like_a_clock || !is_off ||
-            !lasts([=](const Totals& t) { return slow ? t.overruns : t.underruns; }))
+        if (!like_a_clock || !is_off || !lasts(slow ? &Totals::overruns : &Totals::underruns))
             return;
-        if (std::abs(ppm) < most_clock_ppm) {
-            name(slow ? Cause::device_too_slow : Cause::device_too_fast, made);
-        } else {
-            name(slow ? Cause::device_stall : Cause::device_too_fast, made);
-        }
+        const Cause slow_side = ppm < most_clock_ppm ? Cause::device_too_slow : Cause::device_stall;
+        name(slow ? slow_side : Cause::device_too_fast, made);
     }
 
     void judge_evenness() {
         // A clock that is off, known or not yet, makes one kind.
         const auto [fewer, more] = std::minmax(n_.underruns, n_.overruns);
-        if (one_kind * fewer > more && left() > 0 && is_most(left()) &&
-            lasts(&Totals::unexplained) && n_.unexplained.count >= fewest_blocks &&
-            is_most(n_.unexplained.count) &&
+        if (one_kind * fewer > more && most_is_left() && lasts(&Totals::unexplained) &&
+            n_.unexplained.count >= fewest_blocks && is_most(n_.unexplained.count) &&
             more_than_pauses(n_.unexplained.seconds, n_.pauses.count))
             name(Cause::device_uneven, n_.unexplained.count);
     }
@@ -232,15 +222,14 @@ class Judgement {
     void judge_host() {
         // A pause makes as many drop-outs as it costs periods, and one of a thread that was not
         // seen as many again.
-        if (left() > 0 && is_most(left()) && lasts(&Totals::pauses) &&
-            2 * n_.paused_periods >= left())
+        if (most_is_left() && lasts(&Totals::pauses) && 2 * n_.paused_periods >= left())
             name(Cause::host_overload, left());
     }
 
     const Stretch& s_;
     const Totals& n_;
-    const std::int64_t replaced_;  ///< blocks
-    std::vector<Cause> causes_;
+    std::int64_t replaced_;  ///< blocks, without those of a silence
+    std::set<Cause> causes_;
     std::int64_t explained_ = 0;  ///< underruns and overruns
     bool lost_is_named_ = false;
     bool maybe_another_rate_ = false;

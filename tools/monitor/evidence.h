@@ -3,20 +3,15 @@
 
 #include <cmath>
 #include <cstdint>
+#include <functional>
+#include <set>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "tools/monitor/account.h"
 #include "tools/monitor/sample.h"
 
 namespace tavistro::monitor {
-
-/// Seconds since the first sample of a history.
-struct Span {
-    double from_s = 0;
-    double until_s = 0;
-};
 
 /// Of microseconds milliseconds, of those seconds.
 inline double thousandth(std::int64_t n) {
@@ -50,7 +45,9 @@ class Stretch {
         std::size_t first = 0;
         std::size_t last = 0;
         for (std::size_t i = 1; i < samples_.size(); ++i) {
-            if (count(samples_[i].totals) == count(samples_[i - 1].totals)) continue;
+            if (std::invoke(count, samples_[i].totals) ==
+                std::invoke(count, samples_[i - 1].totals))
+                continue;
             last = i;
             if (first == 0) first = i;
         }
@@ -74,7 +71,7 @@ class Stretch {
 
 /// What the counts of a stretch prove.
 struct Proof {
-    std::vector<Cause> causes;  ///< in their order, each once
+    std::set<Cause> causes;
     // What they do not explain; 0 when it is less than half of all.
     std::int64_t drop_outs = 0;  ///< underruns and overruns
     std::int64_t replaced = 0;   ///< blocks

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <istream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
@@ -35,38 +36,45 @@ Presence presence_from(const std::string& name) {
     return static_cast<Presence>(found - presence_names);
 }
 
-Json object_of(const void* record, std::span<const Field> fields) {
-    Json object = Json::object();
-    readings::add_fields(object, record, fields);
-    return object;
-}
-
-Json sample_json(const Sample& sample) {
-    return {{"time_ms", sample.time_ms},
-            {"client_id", sample.client_id},
-            {"presence", name_of(sample.presence)},
-            {"host_late_us", sample.host_late_us},
-            {"stats", sample.stats ? object_of(&*sample.stats, stats_fields()) : Json()},
-            {"totals", object_of(&sample.totals, totals_fields())}};
+/// Of a line of to_json(). Throws std::runtime_error for text that is no sample.
+Sample from_json(const std::string& line) {
+    try {
+        const Json json = Json::parse(line);
+        Sample sample{.time_ms = json.at("time_ms").get<std::int64_t>(),
+                      .client_id = json.at("client_id").get<std::uint32_t>(),
+                      .presence = presence_from(json.at("presence").get<std::string>())};
+        if (!json.contains("totals"))
+            throw std::runtime_error("it has no totals, an older monitor made it");
+        sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
+        if (!json.at("stats").is_null()) {
+            sample.stats.emplace();
+            readings::take_fields(json["stats"], &*sample.stats, stats_fields());
+        }
+        readings::take_fields(json["totals"], &sample.totals, totals_fields());
+        return sample;
+    } catch (const Json::exception& error) {
+        throw std::runtime_error(error.what());
+    }
 }
 
 Json account_json(std::uint32_t client_id, const Account& account) {
-    Json json{{"client_id", client_id},
-              {"watched_s", account.watched_s},
-              {"facts", Json::array()},
-              {"causes", Json::array()},
-              {"not_clear_yet", account.not_clear_yet}};
+    Json facts = Json::array();
+    Json causes = Json::array();
+    const auto add = [](Json& list, const char* key, std::string_view name, const auto& told) {
+        list.push_back({{key, name},
+                        {"from_s", told.when.from_s},
+                        {"until_s", told.when.until_s},
+                        {"text", told.text}});
+    };
     for (const Fact& fact : account.facts)
-        json["facts"].push_back({{"name", fact.name},
-                                 {"from_s", fact.from_s},
-                                 {"until_s", fact.until_s},
-                                 {"text", fact.text}});
+        add(facts, "name", fact.name, fact);
     for (const Finding& finding : account.causes)
-        json["causes"].push_back({{"cause", cause_text(finding.cause)},
-                                  {"from_s", finding.from_s},
-                                  {"until_s", finding.until_s},
-                                  {"text", finding.text}});
-    return json;
+        add(causes, "cause", cause_text(finding.cause), finding);
+    return {{"client_id", client_id},
+            {"watched_s", account.watched_s},
+            {"facts", facts},
+            {"causes", causes},
+            {"not_clear_yet", account.not_clear_yet}};
 }
 
 /// As short as reads back exactly.
@@ -112,9 +120,8 @@ void add_buckets(std::string& text, std::string_view name, std::uint32_t client_
 }
 
 /// The fields of a record of every engine that runs.
-template <typename RecordOf>
 void add_fields(std::string& text, std::string_view prefix, std::span<const Field> fields,
-                std::span<const Sample> samples, RecordOf record_of) {
+                std::span<const Sample> samples, const void* (*record_of)(const Sample&)) {
     for (const Field& field : fields) {
         if (field.name == "client_id") continue;  // a label of all
         const bool is_histogram = field.type == FieldType::histogram;
@@ -139,27 +146,15 @@ void add_fields(std::string& text, std::string_view prefix, std::span<const Fiel
 }  // namespace
 
 std::string to_json(const Sample& sample) {
-    return sample_json(sample).dump();
-}
-
-Sample from_json(const std::string& line) {
-    try {
-        const Json json = Json::parse(line);
-        Sample sample{.time_ms = json.at("time_ms").get<std::int64_t>(),
-                      .client_id = json.at("client_id").get<std::uint32_t>(),
-                      .presence = presence_from(json.at("presence").get<std::string>())};
-        if (!json.contains("totals"))
-            throw std::runtime_error("it has no totals, an older monitor made it");
-        sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
-        if (!json.at("stats").is_null()) {
-            sample.stats.emplace();
-            readings::take_fields(json["stats"], &*sample.stats, stats_fields());
-        }
-        readings::take_fields(json["totals"], &sample.totals, totals_fields());
-        return sample;
-    } catch (const Json::exception& error) {
-        throw std::runtime_error(error.what());
-    }
+    Json json{{"time_ms", sample.time_ms},
+              {"client_id", sample.client_id},
+              {"presence", name_of(sample.presence)},
+              {"host_late_us", sample.host_late_us},
+              {"stats", nullptr},
+              {"totals", nullptr}};
+    if (sample.stats) readings::add_fields(json["stats"], &*sample.stats, stats_fields());
+    readings::add_fields(json["totals"], &sample.totals, totals_fields());
+    return json.dump();
 }
 
 std::string to_json_array(const Accounts& accounts) {
@@ -173,12 +168,9 @@ std::string to_json_array(const Accounts& accounts) {
 }
 
 std::string to_json_array(std::span<const Sample> samples) {
-    std::string text = "[";
-    for (const Sample& sample : samples) {
-        if (text.size() > 1) text += ",\n";
-        text += to_json(sample);
-    }
-    return text + "]";
+    std::vector<std::string> objects;
+    std::ranges::transform(samples, std::back_inserter(objects), to_json);
+    return fmt::format("[{}]", fmt::join(objects, ",\n"));
 }
 
 std::vector<Sample> read_recording(std::istream& in) {
@@ -222,10 +214,10 @@ std::string to_prometheus(std::span<const Sample> samples) {
         text += fmt::format("tavistro_up{{client_id=\"{}\"}} {}\n", sample.client_id,
                             sample.presence == Presence::alive ? 1 : 0);
     add_fields(text, "tavistro_", stats_fields(), samples,
-               [](const Sample& sample) { return &*sample.stats; });
+               [](const Sample& sample) -> const void* { return &*sample.stats; });
     // The monitor counts some of what the engine counts, but for as long as it watches.
     add_fields(text, "tavistro_monitor_", totals_fields(), samples,
-               [](const Sample& sample) { return &sample.totals; });
+               [](const Sample& sample) -> const void* { return &sample.totals; });
     return text;
 }
 

@@ -1,9 +1,7 @@
-// Samples as text for programs, and back.
+// Samples as text for programs, and back, and as a page.
 #pragma once
 
-#include <cstdint>
 #include <iosfwd>
-#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -16,19 +14,16 @@ namespace tavistro::monitor {
 /// One JSON object without a line end: time_ms, client_id, presence, host_late_us, stats (null when
 /// absent) with every field under its name in the block, totals with every number flat.
 std::string to_json(const Sample& sample);
-/// The reverse, exactly. Throws std::runtime_error for text that is no sample.
-Sample from_json(const std::string& line);
 /// A JSON array of to_json(). Fit for the inside of an HTML script element.
 std::string to_json_array(std::span<const Sample> samples);
-
-using Accounts = std::map<std::uint32_t, Account>;  ///< by client_id
 
 /// A JSON array of objects: client_id, watched_s, facts and causes as arrays, not_clear_yet. Fit
 /// for the inside of an HTML script element.
 std::string to_json_array(const Accounts& accounts);
 
-/// Reads lines of to_json(). Throws std::runtime_error that names the line which is none. A last
-/// line without an end that is no sample was cut off with its recorder, and is left out.
+/// Reads lines of to_json() back, exactly. Throws std::runtime_error that names the line which is
+/// none. A last line without an end that is no sample was cut off with its recorder, and is left
+/// out.
 std::vector<Sample> read_recording(std::istream& in);
 
 /// The heading and the rows of a table; a histogram takes a column for each bucket.
@@ -37,5 +32,10 @@ std::string csv_row(const Sample& sample);
 
 /// The text format of Prometheus, for the newest sample of every client.
 std::string to_prometheus(std::span<const Sample> samples);
+
+/// The page that draws samples: live from the monitor's HTTP server, or of a recording, complete in
+/// one file.
+std::string live_page();
+std::string report_page(std::span<const Sample> samples);
 
 }  // namespace tavistro::monitor

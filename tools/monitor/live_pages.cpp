@@ -2,9 +2,7 @@
 
 #include <charconv>
 
-#include "tools/monitor/account.h"
 #include "tools/monitor/formats.h"
-#include "tools/monitor/page.h"
 
 namespace tavistro::monitor {
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <numeric>
 #include <utility>
 
@@ -81,24 +82,19 @@ std::string clocks_text(const Sample& sample) {
                                            : "clocks: measured soon (offset not known yet)";
 }
 
-std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block* before) {
+std::string drops_line(const tavistro_stats_block& s, const tavistro_stats_block& before) {
     std::string line = "drops  ";
     for (const auto& [name, count] : {std::pair{"underruns", &tavistro_stats_block::underruns},
                                       {"overruns", &tavistro_stats_block::overruns},
                                       {"playback", &tavistro_stats_block::playback_dropped},
                                       {"capture", &tavistro_stats_block::capture_dropped}}) {
         line += fmt::format("  {} {}", name, s.*count);
-        if (before != nullptr && s.*count > before->*count)
-            line += fmt::format(" (+{})", s.*count - before->*count);
+        if (s.*count > before.*count) line += fmt::format(" (+{})", s.*count - before.*count);
     }
     return line;
 }
 
-void cut(std::string& line, std::size_t width) {
-    if (line.size() > width) line.resize(width);
-}
-
-/// Breaks a sentence at spaces; lines after the first are indented.
+/// Breaks a sentence at spaces, where there is room for that; lines after the first are indented.
 void add_wrapped(std::vector<std::string>& lines, std::string rest, std::size_t width) {
     constexpr std::size_t indent = 9;
     while (rest.size() > width && width > 2 * indent) {
@@ -107,10 +103,10 @@ void add_wrapped(std::vector<std::string>& lines, std::string rest, std::size_t 
         lines.push_back(rest.substr(0, end));
         rest = std::string(indent, ' ') + rest.substr(std::min(rest.size(), end + 1));
     }
-    lines.push_back(std::move(rest));
+    lines.push_back(rest.substr(0, width));
 }
 
-std::vector<std::string> number_lines(const Sample& now, const tavistro_stats_block* before) {
+std::vector<std::string> number_lines(const Sample& now, const tavistro_stats_block& before) {
     const tavistro_stats_block& s = *now.stats;
     return {
         buffer_line(s),
@@ -145,51 +141,35 @@ std::vector<std::string> view(std::span<const Sample> history, std::size_t width
     const Sample& now = history.back();
     std::vector<std::string> lines{presence_line(now)};
     if (now.stats) {
-        const Sample* const earlier = history.size() > 1 ? &history[history.size() - 2] : nullptr;
-        std::ranges::move(
-            number_lines(now, earlier != nullptr && earlier->stats ? &*earlier->stats : nullptr),
-            std::back_inserter(lines));
+        const Sample& before = history[history.size() > 1 ? history.size() - 2 : 0];
+        std::ranges::move(number_lines(now, before.stats.value_or(*now.stats)),
+                          std::back_inserter(lines));
     }
     for (std::string& line : lines)
-        cut(line, width);
+        line.resize(std::min(line.size(), width));
     return lines;
 }
 
 std::vector<std::string> account_view(Account account, std::size_t width) {
-    const bool judged = !account.nothing_wrong() || account.watched_s >= least_watched_s;
     const auto of_presence = std::erase_if(account.causes, [](const Finding& finding) {
         return finding.cause <= Cause::engine_failed;
     });
-    const bool has_verdict = judged && (of_presence == 0 || !account.nothing_wrong());
+    const bool has_verdict = of_presence == 0 && account.watched_s >= least_watched_s;
     std::vector<std::string> lines;
     for (std::string& line : has_verdict ? tell(account) : account_lines(account))
         add_wrapped(lines, std::move(line), width);
-    for (std::string& line : lines)
-        cut(line, width);
-    return lines;
-}
-
-std::vector<std::string> tell(const Account& account) {
-    std::vector<std::string> lines = account_lines(account);
-    if (!account.nothing_wrong()) return lines;
-    const auto watched_s = static_cast<int>(account.watched_s);
-    lines.push_back(account.watched_s < least_watched_s
-                        ? "too short a time to judge"
-                        : fmt::format("nothing wrong in {}:{:02}", watched_s / 60, watched_s % 60));
     return lines;
 }
 
 std::string short_view(const Sample& sample, std::size_t width) {
-    std::string line;
+    std::string numbers;
     if (sample.stats) {
         const tavistro_stats_block& s = *sample.stats;
-        line = fmt::format("drops {}+{}+{}+{}  buffer {}/{}  ", s.underruns, s.overruns,
-                           s.playback_dropped, s.capture_dropped, s.playback_buffer_frames,
-                           s.target_frames);
+        numbers = fmt::format("drops {}+{}+{}+{}  buffer {}/{}  ", s.underruns, s.overruns,
+                              s.playback_dropped, s.capture_dropped, s.playback_buffer_frames,
+                              s.target_frames);
     }
-    line = presence_line(sample, line);
-    cut(line, width);
-    return line;
+    return presence_line(sample, numbers).substr(0, width);
 }
 
 }  // namespace tavistro::monitor

@@ -21,9 +21,6 @@ std::vector<std::string> view(std::span<const Sample> history, std::size_t width
 /// that it is too early; broken to the width.
 std::vector<std::string> account_view(Account account, std::size_t width);
 
-/// account_lines(), or that nothing was wrong for as long as was watched.
-std::vector<std::string> tell(const Account& account);
-
 /// One line per client, for terminals that are too low for more.
 std::string short_view(const Sample& sample, std::size_t width);
 

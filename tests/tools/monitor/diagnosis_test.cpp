@@ -220,12 +220,12 @@ TEST(Judge, JoinsNeighbouringPiecesAndKeepsOthersApart) {
     std::vector<Sample> samples = readings(290, losing(0, 290));
     const Account whole = monitor::judge(samples);
     ASSERT_EQ(causes_in(whole), Causes{Cause::network_loss}) << said(whole);
-    EXPECT_EQ(whole.causes[0].from_s, 0);
-    EXPECT_EQ(whole.causes[0].until_s, 290);
+    EXPECT_EQ(whole.causes[0].when.from_s, 0);
+    EXPECT_EQ(whole.causes[0].when.until_s, 290);
 
     const Account early = monitor::judge(readings(600, losing(0, 150)));
     ASSERT_EQ(causes_in(early), Causes{Cause::network_loss}) << said(early);
-    EXPECT_EQ(early.causes[0].until_s, 240);
+    EXPECT_EQ(early.causes[0].when.until_s, 240);
     EXPECT_NE(early.not_clear_yet.find("for 108 underruns and overruns"), std::string::npos)
         << early.not_clear_yet << ": those of the last two minutes";
 
@@ -237,7 +237,7 @@ TEST(Judge, JoinsNeighbouringPiecesAndKeepsOthersApart) {
     }
     const Account two = monitor::judge(samples);
     ASSERT_EQ(causes_in(two), (Causes{Cause::network_loss, Cause::network_loss})) << said(two);
-    EXPECT_EQ(two.causes[1].from_s, 3600);
+    EXPECT_EQ(two.causes[1].when.from_s, 3600);
 }
 
 TEST(Judge, NamesEachOfTwoCausesBesideTheOther) {

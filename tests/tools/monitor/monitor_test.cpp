@@ -125,10 +125,11 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
 }
 
 Account account_of_trouble(const std::string& text) {
-    return {.watched_s = 14.5,
-            .facts = {{"blocks lost", 0, 14.5, text}},
-            .causes = {{Cause::engine_ended, 14, 14, text}, {Cause::network_loss, 2.5, 9, text}},
-            .not_clear_yet = text};
+    return {
+        .watched_s = 14.5,
+        .facts = {{"blocks lost", {0, 14.5}, text}},
+        .causes = {{Cause::engine_ended, {14, 14}, text}, {Cause::network_loss, {2.5, 9}, text}},
+        .not_clear_yet = text};
 }
 
 TEST(Formats, AnAccountKeepsItsWordsAndEndsNoScript) {
@@ -226,7 +227,7 @@ TEST(View, SaysThatNothingIsWrongOnceThatIsKnown) {
     account.watched_s = 65.9;
     EXPECT_EQ(tell(account), Lines{"nothing wrong in 1:05"});
     EXPECT_EQ(account_view(account, full_width), Lines{"nothing wrong in 1:05"});
-    account.causes = {{Cause::engine_failed, 65, 65, "reason"}};
+    account.causes = {{Cause::engine_failed, {65, 65}, "reason"}};
     EXPECT_EQ(account_view(account, full_width), Lines{}) << "told by the first line of the view";
     EXPECT_EQ(tell(account), Lines{"CAUSE engine failed (1:05): reason"});
 }
