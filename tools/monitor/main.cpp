@@ -1,13 +1,31 @@
 // tavistro-monitor: watches running engines from outside.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <iostream>
+#include <stdexcept>
+#include <thread>
 
-#include "tools/monitor/tasks.h"
+#include "tools/monitor/formats.h"
+#include "tools/monitor/http_server.h"
+#include "tools/monitor/live_pages.h"
+#include "tools/monitor/observer.h"
+#include "tools/monitor/options.h"
+#include "tools/monitor/screen.h"
+#include "tools/monitor/terminal.h"
+#include "tools/monitor/view.h"
+
+namespace tavistro::monitor {
 
 namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 std::atomic<bool> stop_requested{false};
 
@@ -17,7 +35,127 @@ extern "C" void request_stop(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
+/// Calls `each` with a reading of all clients every interval, the first at once, until it returns
+/// false, the time is over or a signal has come.
+void follow(const Options& options, const std::function<bool(const std::vector<Sample>&)>& each) {
+    const auto duration_of = [](double seconds) {
+        return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    };
+    Observer observer(options.client_ids);
+    const auto start = Clock::now();
+    const auto end =
+        options.seconds ? start + duration_of(*options.seconds) : Clock::time_point::max();
+    for (auto next = start; !stop_requested;) {
+        if (!each(observer.look()) || options.once) return;
+        next = std::max(next + duration_of(options.interval_s), Clock::now());
+        while (!stop_requested && Clock::now() < std::min(next, end))
+            std::this_thread::sleep_for(std::min<Clock::duration>(50ms, next - Clock::now()));
+        if (Clock::now() >= end) return;
+    }
+}
+
+std::ofstream open_for_writing(const std::string& path) {
+    std::ofstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error("cannot write " + path);
+    return file;
+}
+
+/// The samples of the clients wanted, or of all if none is named; at least one.
+std::vector<Sample> recording_at(const std::string& path,
+                                 const std::vector<std::uint32_t>& client_ids) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error("cannot read " + path);
+    std::vector<Sample> samples;
+    try {
+        samples = read_recording(file);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(path + ": " + error.what());
+    }
+    std::erase_if(samples, [&](const Sample& sample) {
+        return !client_ids.empty() &&
+               std::ranges::find(client_ids, sample.client_id) == client_ids.end();
+    });
+    if (samples.empty()) throw std::runtime_error(path + ": no reading of such an engine");
+    return samples;
+}
+
+// What the monitor does, by its command line. Each returns the exit status and throws
+// std::runtime_error for files and addresses that cannot be used.
+
+/// Shows, records and serves readings; 1 for "--once" without an engine.
+int watch(const Options& options) {
+    using Format = Options::Format;
+    std::ofstream record;
+    if (!options.record_path.empty()) {
+        // It may hold what will not come again.
+        if (std::filesystem::exists(options.record_path))
+            throw std::runtime_error(options.record_path +
+                                     " exists already; name another file to record to");
+        record = open_for_writing(options.record_path);
+    }
+    LivePages pages;
+    std::optional<HttpServer> server;
+    if (!options.http_address.empty()) {
+        server.emplace(options.http_address, [&](auto target) { return pages.page(target); });
+        std::cerr << "serving at port " << server->port() << ": / and /metrics\n";
+    }
+    std::optional<Screen> screen;
+    if (options.format == Format::view)
+        screen.emplace(std::cout, !options.once && prepare_terminal());
+    if (options.format == Format::csv) std::cout << csv_heading() << '\n';
+
+    bool one_runs = false;
+    follow(options, [&](const std::vector<Sample>& samples) {
+        pages.add(samples);
+        if (screen) screen->show(samples);
+        for (const Sample& sample : samples) {
+            one_runs = one_runs || sample.presence == Presence::alive;
+            if (options.format == Format::json) std::cout << to_json(sample) << std::endl;
+            if (options.format == Format::csv) std::cout << csv_row(sample) << std::endl;
+            if (record.is_open() && !(record << to_json(sample) << std::endl))
+                throw std::runtime_error("cannot write " + options.record_path);
+        }
+        return std::cout.good();
+    });
+    return options.once && !one_runs ? 1 : 0;
+}
+
+/// A recording as a page.
+int write_report(const Options& options) {
+    const std::vector<Sample> samples = recording_at(options.recording_path, {});
+    const std::string path =
+        options.output_path.empty() ? options.recording_path + ".html" : options.output_path;
+    std::ofstream file = open_for_writing(path);
+    file << report_page(samples);
+    if (!file.flush()) throw std::runtime_error("cannot write " + path);
+    std::cout << "wrote " << path << '\n';
+    return 0;
+}
+
+/// A recording, or what is seen now, in words; 1 when something was wrong or is not clear yet.
+int explain(const Options& options) {
+    std::vector<Sample> samples;
+    if (!options.recording_path.empty()) {
+        samples = recording_at(options.recording_path, options.client_ids);
+    } else {
+        follow(options, [&](const std::vector<Sample>& reading) {
+            samples.insert(samples.end(), reading.begin(), reading.end());
+            return true;
+        });
+    }
+    bool wrong = false;
+    for (const auto& [id, account] : judge_each(samples)) {
+        std::cout << "client " << id << '\n';
+        for (const std::string& line : tell(account))
+            std::cout << "  " << line << '\n';
+        wrong = wrong || !account.nothing_wrong();
+    }
+    return wrong ? 1 : 0;
+}
+
 }  // namespace
+
+}  // namespace tavistro::monitor
 
 int main(int argc, char** argv) {
     using namespace tavistro::monitor;
@@ -29,11 +167,11 @@ int main(int argc, char** argv) {
         std::signal(SIGTERM, request_stop);
         switch (options->task) {
             case Options::Task::watch:
-                return watch(*options, std::cout, stop_requested);
+                return watch(*options);
             case Options::Task::report:
-                return write_report(*options, std::cout);
+                return write_report(*options);
             case Options::Task::explain:
-                return explain(*options, std::cout, stop_requested);
+                return explain(*options);
         }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tavistro-monitor: %s\n", error.what());
