@@ -2,7 +2,7 @@
 #include <string_view>
 
 #include "bench/bench.h"
-#include "support/chosen_simd_level.h"
+#include "bench/chosen_simd_level.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ bool take_simd_level(int& argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
         if (!argument.starts_with(option)) continue;
-        if (!tavistro::test::choose_simd_level(argument.substr(option.size()))) return false;
+        if (!tavistro::bench::choose_simd_level(argument.substr(option.size()))) return false;
         std::rotate(argv + i, argv + i + 1, argv + argc);
         --argc;
         return true;

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "bench/block_cost/block_rig.h"
-#include "support/chosen_simd_level.h"
+#include "bench/chosen_simd_level.h"
 
 namespace {
 int blocks_measured = 0;
@@ -18,7 +18,7 @@ extern "C" [[gnu::noipa]] void measured_work(const std::function<void()>& work) 
 }
 
 int main(int argc, char** argv) {
-    if (argc != 4 || !tavistro::test::choose_simd_level(argv[1])) return 2;
+    if (argc != 4 || !tavistro::bench::choose_simd_level(argv[1])) return 2;
     const bool receives = std::string_view(argv[2]) == "receive";
     tavistro::test::BlockRig rig(static_cast<std::uint16_t>(std::atoi(argv[3])));
     for (int block = 0; block < 100; ++block) {

@@ -174,7 +174,7 @@ int run_tool(int argc, char** argv) {
     add_version_flag(app);
     app.fallthrough();
     app.add_option("--latency", options.latencies, "client_latency_blocks, one or more")
-        ->check(CLI::Range(1, 128))
+        ->check(number_range(1, 128))
         ->capture_default_str();
     app.add_option("--disturbance", options.disturbance, "none, steady or rough")
         ->check(CLI::IsMember(disturbances))
@@ -183,7 +183,7 @@ int run_tool(int argc, char** argv) {
         ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
     app.add_option("--seed", options.seed, "of every random choice")->capture_default_str();
-    app.add_option("--jobs", options.jobs, "runs at once")->check(CLI::Range(1, 1024));
+    app.add_option("--jobs", options.jobs, "runs at once")->check(number_range(1, 1024));
     app.add_option("--csv", options.csv_path, "also write every figure to this file");
     CLI::App* const grid_command = app.add_subcommand("grid", "every drift with every latency");
     grid_command->add_option("--drift", options.drifts, "ppm that the server is faster")

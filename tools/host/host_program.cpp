@@ -53,7 +53,7 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
         app.add_subcommand("devices", "List the ASIO drivers and what they offer");
     CLI::App* const servers = app.add_subcommand("servers", "List the servers that answer");
     servers->add_option("--timeout", servers_options.timeout_ms, "Milliseconds to wait for answers")
-        ->check(CLI::Range(1, 600000));
+        ->check(number_range(1, 600000));
     servers->add_option_function<std::string>(
         "--address",
         [&address = servers_options.address](const std::string& text) {
@@ -62,7 +62,7 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
         },
         "Ask this address alone");
     servers->add_option("--port", servers_options.port, "UDP port to ask")
-        ->check(CLI::Range(1, 65535));
+        ->check(number_range(1, 65535));
     for (CLI::App* const command : {run, devices, servers})
         command->add_flag("--json", json, "One JSON object per line");
 

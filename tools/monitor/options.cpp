@@ -14,7 +14,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     constexpr double explain_seconds = 30;
     constexpr double longest_s = 1e9;
     Options options;
-    const auto client_id = CLI::Range(1U, 4294967295U);
+    const auto client_id = number_range(1, 4294967295);
     const auto time = number_range(0.001, longest_s);
 
     CLI::App app("Watches running engines through their statistics blocks", "tavistro-monitor");

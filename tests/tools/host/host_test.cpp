@@ -11,6 +11,7 @@
 #include "tools/host/commands.h"
 #include "tools/host/report.h"
 #include "tools/host/server_survey.h"
+#include "tools/readings/fields.h"
 
 namespace tavistro::host {
 namespace {
@@ -62,14 +63,10 @@ std::string told_by(std::unique_ptr<Report> (*make_report)(std::ostream&)) {
     state.output_meters[0] = {2, 100};
     state.output_meters[1] = {5, 250};
     tavistro_stats_block stats{};
-    stats.ratio_ppm = -20;
-    stats.min_frames = 100;
-    stats.max_frames = 300;
-    stats.target_frames = 256;
-    stats.rtt_last_us = 310;
-    stats.rtt_max_us = 4567;
-    stats.playback_dropped = 3;
-    stats.capture_dropped = 4;
+    std::int64_t next = 0;
+    for (const readings::Field& field : readings::stats_fields())
+        if (field.type != readings::FieldType::histogram)
+            readings::set_number(&stats, field, next += 101);
     stats.rendered_frames = 5'000'000'000;
     report->event(0.6,
                   {{7, 99, TAVISTRO_EVENT_ATTEMPT_FAILED, TAVISTRO_CATEGORY_AUDIO_DEVICE, 2, 12,
@@ -89,14 +86,14 @@ TEST(HumanReport, TellsARunInLines) {
               R"(    0.600 s  event   3 events were missed
     0.600 s  event   #7 ASIO attempt failed (audio device, attempt failed, attempt 2 of 12, error: audio device failed)
     1.000 s  status  Running, warning: The playback buffer ran empty  48000/128 on unknown  in silent -6.0  out -12.0 max of 3 dBFS
- 1234.000 s  status  Running   48000/128 on 44100/64  in silent -6.0  out none dBFS  buffer 0/256 (0.00 ms) read -97 ppm  rtt 0.31 ms  drops 3+4
+ 1234.000 s  status  Running   48000/128 on 44100/64  in silent -6.0  out none dBFS  buffer 2828/3131 (3.33 ms) read +3518 ppm  rtt 1.01 ms  drops 4040+4141
 
 summary
   ran         2.0 s
-  underruns   0
-  overruns    0
-  drops       3 playback, 4 capture
-  max rtt     4.57 ms
+  underruns   3838
+  overruns    3939
+  drops       4040 playback, 4141 capture
+  max rtt     1.21 ms
   cpu         0.250 s per second of audio
   last state  Running
   last error  none
@@ -109,8 +106,8 @@ TEST(JsonReport, HasOneObjectPerLineWithTheNamesOfTheHeaders) {
     for (const char* part :
          {R"({"type":"event","time_s":0.6,"missed_before":3,"sequence":7,"system_time_ms":99,)",
           R"("error_code":7,"error_code_text":"audio device failed",)", R"({"type":"status",)",
-          R"("output_meters":[],"stats":{"state":0,"state_text":"Idle",)", R"("rtt_last_us":310,)",
-          R"("ratio_ppm":-20,)", R"("capture_dropped":4,)",
+          R"("output_meters":[],"stats":{"state":101,"state_text":"unknown",)",
+          R"("rtt_last_us":1010,)", R"("ratio_ppm":3535,)", R"("capture_dropped":4141,)",
           "\"rendered_frames\":5000000000}}\n{\"type\":\"summary\",\"time_s\":2.0,\"state\":3,"}) {
         at = text.find(part, at);
         ASSERT_NE(at, std::string::npos) << part << "\nin " << text;

@@ -188,22 +188,17 @@ TEST(Judge, TellsFactsAndCausesInTheirOrderAndFromWhenToWhen) {
         now.totals.server_faster_ppm = -20'000;
         now.totals.clock_uncertainty_ppm = second < 60 ? 20 : 499;
     });
-    EXPECT_EQ(
-        monitor::account_lines(monitor::judge(samples)),
-        (Lines{
-            "0:10 to 0:40  blocks replaced: 12 blocks played as silence, 0.20 % of 6000",
-            "0:10 to 0:40  blocks repeated: 4 blocks that came again or too late, 0.07 % of 6000",
-            "0:10 to 0:40  notices missed: 8 notices of the server's clock, 0.13 % of 6000",
-            "0:05 to 0:45  underruns: 12 periods without a block to play",
-            "0:05 to 0:45  device periods: 6120 ran, 60.0 s have 6000; 0 too few in 0 seconds, "
-            "12 too many in 3",
-            "0:00 to 1:00  clocks: the server's is -20000 +-499 ppm against the device's",
-            "CAUSE network loss (0:00 to 1:00): 8 blocks (0.13 %) never came; silence was "
-            "played for them",
-            "CAUSE late network (0:00 to 1:00): 4 blocks (0.07 %) came after silence had been "
-            "played for them",
-            "CAUSE device too fast (0:00 to 1:00): the device asked for 12 periods (0.20 %) "
-            "more than its rate has; 12 underruns, 0 overruns"}));
+    EXPECT_EQ(said(monitor::judge(samples)),
+              R"(0:10 to 0:40  blocks replaced: 12 blocks played as silence, 0.20 % of 6000
+0:10 to 0:40  blocks repeated: 4 blocks that came again or too late, 0.07 % of 6000
+0:10 to 0:40  notices missed: 8 notices of the server's clock, 0.13 % of 6000
+0:05 to 0:45  underruns: 12 periods without a block to play
+0:05 to 0:45  device periods: 6120 ran, 60.0 s have 6000; 0 too few in 0 seconds, 12 too many in 3
+0:00 to 1:00  clocks: the server's is -20000 +-499 ppm against the device's
+CAUSE network loss (0:00 to 1:00): 8 blocks (0.13 %) never came; silence was played for them
+CAUSE late network (0:00 to 1:00): 4 blocks (0.07 %) came after silence had been played for them
+CAUSE device too fast (0:00 to 1:00): the device asked for 12 periods (0.20 %) more than its rate has; 12 underruns, 0 overruns
+)");
 }
 
 // Two minutes are judged at a time, and what goes on is told once.

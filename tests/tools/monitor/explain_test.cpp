@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,13 +17,6 @@ namespace {
 
 using monitor::Account;
 using monitor::Cause;
-
-std::string said(const Account& account) {
-    std::string all;
-    for (const std::string& line : monitor::account_lines(account))
-        all.append(line).append("\n");
-    return all;
-}
 
 bool names(const Account& account, Cause cause) {
     return std::ranges::find(account.causes, cause, &monitor::Finding::cause) !=
@@ -60,7 +52,7 @@ TEST(Explain, NamesTheFaultsOfEnginesAndNoOthersAndTheirEnd) {
     for (std::size_t i = 0; i < 2; ++i) {
         for (const monitor::Finding& finding : accounts[i].causes)
             EXPECT_TRUE(finding.cause == causes[i] || finding.cause == Cause::host_overload)
-                << said(accounts[i]);
+                << testing::PrintToString(monitor::account_lines(accounts[i]));
     }
     lossy.engine.stop();
     EXPECT_TRUE(eventually([&] {

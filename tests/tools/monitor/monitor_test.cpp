@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <limits>
 #include <map>
 #include <random>
 #include <sstream>
 #include <thread>
-#include <tuple>
 
 #include "engine/stats_block.h"
 #include "support/eventually.h"
@@ -28,24 +26,24 @@ namespace {
 using namespace readings;
 using Lines = std::vector<std::string>;
 
-/// A sample in which no two fields have one value.
+/// A sample in which no two fields have one value, and percentiles lie below their maximum.
 Sample distinct_sample() {
     Sample sample{.time_ms = 1'700'000'000'000, .client_id = 3, .presence = Presence::alive};
     sample.stats.emplace();
-    std::int64_t next = 1000;
+    std::int64_t next = 20'000;
     for (const Field& field : stats_fields()) {
         if (field.type == FieldType::histogram) {
             Histogram counts;
             for (auto& count : counts)
-                count = static_cast<std::uint32_t>(next++);
+                count = static_cast<std::uint32_t>(next -= 100);
             set_histogram(&*sample.stats, field, counts);
         } else {
+            next -= 100;
             set_number(&*sample.stats, field, field.type == FieldType::i32 ? -next : next);
-            ++next;
         }
     }
     for (const Field& field : totals_fields()) {
-        ++next;
+        next -= 100;
         set_number(&sample.totals, field,
                    field.type == FieldType::real ? Number(-0.1 * static_cast<double>(next)) : next);
     }
@@ -114,9 +112,9 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
     for (const std::string& line : std::initializer_list<std::string>{
              "tavistro_up{client_id=\"3\"} 1\n", "tavistro_up{client_id=\"4\"} 0\n",
              "# TYPE tavistro_underruns_total counter\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"250\"} 1017\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"500\"} 2035\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"+Inf\"} 10215\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"250\"} 18200\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"500\"} 36300\n",
+             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"+Inf\"} 177500\n",
              "# TYPE tavistro_monitor_server_faster_ppm gauge\n",
              "tavistro_monitor_replaced_count_total{client_id=\"3\"} " + replaced + "\n"})
         EXPECT_NE(metrics.find(line), std::string::npos) << line;
@@ -162,50 +160,36 @@ TEST(View, FitsWhateverTheNumbers) {
 }
 
 TEST(View, ShowsWhatTheEngineReports) {
-    Sample before{.client_id = 3, .presence = Presence::alive, .stats = tavistro_stats_block{}};
-    tavistro_stats_block& s = *before.stats;
-    s.state = TAVISTRO_STATE_RUNNING;
-    s.stream_sample_rate = 48000;
-    s.stream_block_frames = 128;
-    s.target_frames = 768;
-    s.min_frames = 700;
-    s.max_frames = 836;
-    s.playback_buffer_frames = 384;
-    s.buffer_us = 8000;
-    s.ratio_ppm = -12;
-    s.overruns = 4;
-    s.capture_dropped = 7;
-    std::tie(s.rtt_last_us, s.rtt_min_us, s.rtt_max_us) = std::tuple(210, 100, 900);
-    std::tie(s.rtt_p50_us, s.rtt_p95_us, s.rtt_p99_us) = std::tuple(250, 500, 1000);
-    std::ranges::copy(std::array{3000, 999, 1}, s.rtt_histogram);
-    std::tie(s.callback_duration_last_us, s.callback_duration_max_us) = std::tuple(50, 260);
-    std::tie(s.block_callback_last_us, s.block_callback_max_us) = std::tuple(20, 130);
-    std::tie(s.server_to_output_last_us, s.server_to_output_max_us) = std::tuple(17000, 21000);
-    std::tie(s.queue_latency_last_us, s.queue_latency_max_us) = std::tuple(15000, 16000);
-    std::tie(s.client_recv_blocks_per_sec, s.client_duplicate_blocks_per_sec) = std::tuple(375, 2);
-    std::tie(s.player_recv_blocks_per_sec, s.callbacks_per_sec, s.dequeued_per_sec) =
-        std::tuple(376, 374, 373);
+    Sample before = distinct_sample();
+    before.stats->state = TAVISTRO_STATE_RUNNING;
+    before.stats->error_code = TAVISTRO_ERROR_NONE;
+    before.stats->buffer_us = 8000;
+    before.stats->playback_buffer_frames = 7450;
+    before.stats->rtt_p99_us = 19'999;
+    std::ranges::copy(Histogram{3000, 999, 1}, before.stats->sync_delay_histogram);
     Sample now = before;
-    now.stats->overruns = 9;
+    now.stats->overruns += 5;
     now.totals = {.server_faster_ppm = 12.3, .clock_uncertainty_ppm = 2.4};
-    EXPECT_EQ(view(std::vector{before, now}, full_width),
-              (Lines{"client 3   Running   48000 Hz, 128 frames",
-                     "buffer   [########........|...............] 384/768 frames 8.0 ms",
-                     "         lowest 700, highest 836 in the last second",
-                     "speed    buffer read -12 ppm, clocks: server +12 ppm +-3 against the device",
-                     "a second received 375 (again 2)  queued 376  periods 374  rendered 373",
-                     "drops    underruns 0  overruns 9 (+5)  playback 0  capture 7",
-                     "rtt      last 0.21  min 0.10  p50 0.25  p95 0.50  p99 0.90  max 0.90 ms",
-                     "sync     last 0.00  min 0.00  p50 0.00  p95 0.00  p99 0.00  max 0.00 ms",
-                     "  up to ms  0.25   0.5     1     2     5    10    20    50   100  more",
-                     "  rtt      75.0  25.0  <0.1     -     -     -     -     -     -     - %",
-                     "  sync        -     -     -     -     -     -     -     -     -     - %",
-                     "way      server to output 17.0 ms (max 21.0), in the queue 15.0 (max 16.0)",
-                     "work     period 0.05 ms (max 0.26), delivery 0.02 ms (max 0.13)"}));
+    EXPECT_EQ(
+        view(std::vector{before, now}, full_width),
+        (Lines{"client 3   Running   19600 Hz, 19500 frames",
+               "buffer   [########........|...............] 7450/14900 frames 8.0 ms",
+               "         lowest 15100, highest 15000 in the last second",
+               "speed    buffer read -4500 ppm, clocks: server +12 ppm +-3 against the device",
+               "a second received 19400 (again 19300)  queued 15500  periods 15400  rendered 153",
+               "drops    underruns 14200  overruns 14105 (+5)  playback 14000  capture 13900",
+               "rtt      last 19.00  min 18.90  p50 18.70  p95 18.60  p99 18.80  max 18.80 ms",
+               "sync     last 17.10  min 17.00  p50 16.80  p95 16.70  p99 16.60  max 16.90 ms",
+               "  up to ms  0.25   0.5     1     2     5    10    20    50   100  more",
+               "  rtt      10.3  10.2  10.1  10.1  10.0  10.0   9.9   9.9   9.8   9.7 %",
+               "  sync     75.0  25.0  <0.1     -     -     -     -     -     -     - %",
+               "way      server to output 13.4 ms (max 13.3), in the queue 13.6 (max 13.5)",
+               "work     period 14.40 ms (max 14.30), delivery 13.80 ms (max 13.70)"}));
     EXPECT_EQ(short_view(now, full_width),
-              "client 3   drops 0+9+0+7  buffer 384/768  Running   48000 Hz, 128 frames");
+              "client 3   drops 14200+14105+14000+13900  buffer 7450/14900  Running   19600 Hz,");
 
     now.totals.clock_uncertainty_ppm = 0;
+    now.stats->clock_synced = 0;
     EXPECT_TRUE(view(std::vector{now}, full_width)[3].ends_with(
         "clocks: measured soon (offset not known yet)"));
     now.presence = Presence::silent;

@@ -5,10 +5,10 @@
 
 #include "common/simd.h"
 
-namespace tavistro::test {
+namespace tavistro::bench {
 
 /// What simd_level() gives from now on: "baseline", or "avx2" where the processor has it. False for
 /// anything else. Before the objects whose loops are to be measured are made.
 bool choose_simd_level(std::string_view name) noexcept;
 
-}  // namespace tavistro::test
+}  // namespace tavistro::bench

@@ -1,4 +1,4 @@
-#include "support/chosen_simd_level.h"
+#include "bench/chosen_simd_level.h"
 
 namespace tavistro {
 namespace {
@@ -11,7 +11,7 @@ SimdLevel simd_level() noexcept {
     return chosen;
 }
 
-bool test::choose_simd_level(std::string_view name) noexcept {
+bool bench::choose_simd_level(std::string_view name) noexcept {
     const bool baseline = name == "baseline";
     if (!baseline && (name != "avx2" || best_simd_level() != SimdLevel::avx2)) return false;
     chosen = baseline ? SimdLevel::baseline : SimdLevel::avx2;
