@@ -11,6 +11,7 @@
 
 #include "bench/sleeping_device.h"
 #include "engine/engine_runtime.h"
+#include "tools/number_range.h"
 #include "tools/readings/stats_reader.h"
 
 namespace {
@@ -104,12 +105,12 @@ int main(int argc, char** argv) {
     CLI::App app("Runs engines on a device without sound, and tells what they cost.");
     Options options;
     app.add_option("--port", options.port, "the server's, on this machine");
-    app.add_option("--clients", options.clients)->check(CLI::Range(1, 1000));
-    app.add_option("--channels", options.channels, "each way")->check(CLI::Range(1, 32));
+    app.add_option("--clients", options.clients)->check(number_range(1, 1000));
+    app.add_option("--channels", options.channels, "each way")->check(number_range(1, 32));
     app.add_option("--blocks", options.latency_blocks, "client_latency_blocks")
-        ->check(CLI::Range(1, 128));
+        ->check(number_range(1, 128));
     app.add_option("--seconds", options.seconds, "how long, after 3 s that nothing is measured in")
-        ->check(CLI::Range(1, 3600));
+        ->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);
         std::puts(run(options).dump().c_str());

@@ -22,6 +22,7 @@
 #include "bench/sleeping_device.h"
 #include "engine/engine_runtime.h"
 #include "platform/clock.h"
+#include "tools/number_range.h"
 #include "tools/readings/stats_reader.h"
 #include "tools/server/reference_server.h"
 
@@ -206,10 +207,11 @@ int main(int argc, char** argv) {
     std::uint16_t frames = 128;
     int latency_blocks = 6;
     int seconds = 10;
-    app.add_option("--frames", frames, "frames per block")->check(CLI::Range(16, 2048));
-    app.add_option("--blocks", latency_blocks, "client_latency_blocks")->check(CLI::Range(1, 128));
+    app.add_option("--frames", frames, "frames per block")->check(number_range(16, 2048));
+    app.add_option("--blocks", latency_blocks, "client_latency_blocks")
+        ->check(number_range(1, 128));
     app.add_option("--seconds", seconds, "how long, after 3 s that nothing is measured in")
-        ->check(CLI::Range(1, 3600));
+        ->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);
         std::puts(probe(frames, latency_blocks, seconds).dump().c_str());

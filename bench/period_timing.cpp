@@ -14,6 +14,7 @@
 
 #include "audio/loopback_device.h"
 #include "platform/clock.h"
+#include "tools/number_range.h"
 
 namespace {
 
@@ -74,8 +75,8 @@ int main(int argc, char** argv) {
     settings.output_channel_map = settings.input_channel_map = {0, 1};
     int seconds = 10;
     app.add_option("--frames", settings.block_size, "frames per period")
-        ->check(CLI::Range(16, 2048));
-    app.add_option("--seconds", seconds, "how long")->check(CLI::Range(1, 3600));
+        ->check(number_range(16, 2048));
+    app.add_option("--seconds", seconds, "how long")->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -66,11 +66,11 @@ int run_tool(int argc, char** argv) {
     score_command->add_flag("--quick", quick, "one seed of each world");
     CLI::Option* const seeds =
         score_command->add_option("--seeds", score.seeds, "worlds of each kind")
-            ->check(CLI::Range(1, 100000))
+            ->check(number_range(1, 100000))
             ->capture_default_str();
     score_command->add_flag("--held-out", score.held_out,
                             "even seeds from 202 on instead of odd ones");
-    score_command->add_option("--jobs", score.jobs, "worlds at once")->check(CLI::Range(1, 1024));
+    score_command->add_option("--jobs", score.jobs, "worlds at once")->check(number_range(1, 1024));
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
