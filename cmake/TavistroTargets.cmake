@@ -41,6 +41,12 @@ function(tavistro_room name)
   target_link_libraries(${name} PUBLIC tavistro_options ${ARG_LINKS})
 endfunction()
 
+# tavistro_unoptimised(file ...): command lines, much template code that runs once. Optimising one took
+# up to half a minute with sanitizers.
+function(tavistro_unoptimised)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0)
+endfunction()
+
 # What nearly every test includes, parsed once. Optimising the tests themselves takes longer than
 # running them: only what they test is optimised as its preset says.
 function(tavistro_test_headers)
