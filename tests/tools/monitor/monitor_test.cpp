@@ -116,6 +116,7 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
              "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"500\"} 36300\n",
              "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"+Inf\"} 177500\n",
              "# TYPE tavistro_monitor_server_faster_ppm gauge\n",
+             "# TYPE tavistro_monitor_paused_periods_total counter\n",
              "tavistro_monitor_replaced_count_total{client_id=\"3\"} " + replaced + "\n"})
         EXPECT_NE(metrics.find(line), std::string::npos) << line;
     EXPECT_EQ(metrics.find("{client_id=\"4\"}", metrics.find("# TYPE tavistro_state")),
