@@ -34,7 +34,7 @@ class Parts {
         if (is_next) rest_.remove_prefix(1);
         return is_next;
     }
-    /// Up to the last '@', which other than a path's own stands before channels.
+    /// Up to the last '@': a path may have some of its own.
     bool path(std::string& path) {
         path = rest_.substr(0, rest_.rfind('@'));
         rest_.remove_prefix(path.size());
