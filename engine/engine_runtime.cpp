@@ -31,18 +31,18 @@ EngineRuntime::EngineRuntime(DeviceFactory create_device) : player_(std::move(cr
 
 bool EngineRuntime::start(const char* path) noexcept {
     if (!path || *path == '\0') {
-        set_error(TAVISTRO_ERROR_NO_CONFIG_PATH, TAVISTRO_MESSAGE_NO_CONFIG_PATH);
+        set_error(ErrorCode::NoConfigPath, MessageId::NoConfigPath);
         return false;
     }
     if (worker_.joinable()) {
-        set_error(TAVISTRO_ERROR_ALREADY_STARTED, TAVISTRO_MESSAGE_ALREADY_STARTED);
+        set_error(ErrorCode::AlreadyStarted, MessageId::AlreadyStarted);
         return false;
     }
     stop_requested_ = false;
     audio_accepting_ = false;
     active_format_ = StreamFormat{};
     last_sync_ms_ = 0;
-    supervision_.reset();
+    supervision_.reset_supervision();
     recovery_enabled_ = false;
     recovery_attempts_ = 0;
     next_recovery_ms_ = 0;
@@ -57,7 +57,7 @@ bool EngineRuntime::start(const char* path) noexcept {
     } catch (...) {  // no memory for the copy
     }
     if (!launched) {
-        set_failed(TAVISTRO_ERROR_WORKER_START_FAILED, TAVISTRO_MESSAGE_WORKER_START_FAILED);
+        set_failed(ErrorCode::WorkerStartFailed, MessageId::WorkerStartFailed);
     }
     return launched;
 }
@@ -76,7 +76,7 @@ void EngineRuntime::run(const std::string& path) noexcept {
             end_after_exception();
         }
     } else {
-        set_failed(TAVISTRO_ERROR_CONFIG_INVALID, TAVISTRO_MESSAGE_CONFIG_NOT_LOADED);
+        set_failed(ErrorCode::ConfigInvalid, MessageId::ConfigNotLoaded);
     }
     stats_.close();
 }
@@ -86,41 +86,41 @@ bool EngineRuntime::prepare(const EngineConfig& config) {
     record_.set_client_id(config.client.client_id);
     record_.set_meter_channels(config.client.driver_inputs, config.client.driver_outputs);
     if (!stats_.open(config.client.client_id)) {
-        set_failed(TAVISTRO_ERROR_STATS_BLOCK_FAILED, TAVISTRO_MESSAGE_STATS_BLOCK_FAILED);
+        set_failed(ErrorCode::StatsBlockFailed, MessageId::StatsBlockFailed);
         return false;
     }
-    stats_.write_error(TAVISTRO_ERROR_NONE);
-    stats_.write_state(TAVISTRO_STATE_STARTING);
+    stats_.write_error(ErrorCode::None);
+    stats_.write_state(EngineState::Starting);
     return true;
 }
 
 void EngineRuntime::run_stages(EngineConfig& config) {
     if (!start_client_with_retries(config.client)) return end_after_retries();
-    set_state(TAVISTRO_STATE_CONNECTED, {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_NETWORK,
-                                         TAVISTRO_MESSAGE_WAITING_FOR_STREAM});
+    set_state(EngineState::Connected,
+              {StatusLevel::Pending, StatusCategory::Network, MessageId::WaitingForStream});
 
     if (!wait_for_first_sync(config.audio)) {
-        set_error(TAVISTRO_ERROR_STOPPED_BEFORE_STREAM, TAVISTRO_MESSAGE_STOPPED_BEFORE_STREAM);
+        set_error(ErrorCode::StoppedBeforeStream, MessageId::StoppedBeforeStream);
         client_.stop();
-        return set_state(TAVISTRO_STATE_STOPPED);
+        return set_state(EngineState::Stopped);
     }
     if (!set_capture_format(config.audio)) {
-        set_error(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED, TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
+        set_error(ErrorCode::StreamFormatRejected, MessageId::StreamFormatRefused);
         client_.stop();
-        return set_state(TAVISTRO_STATE_FAILED);
+        return set_state(EngineState::Failed);
     }
     set_stream_format(config.audio);
 
     if (config.loopback_device) {
-        if (!start_audio(config)) {
+        if (!start_loopback_asio(config.audio)) {
             client_.stop();
-            return set_state(TAVISTRO_STATE_FAILED);
+            return set_state(EngineState::Failed);
         }
-    } else if (!start_asio_with_retries(config)) {
+    } else if (!start_asio_with_retries(config.audio)) {
         client_.stop();
         return end_after_retries();
     }
-    set_state(TAVISTRO_STATE_RUNNING, status_running);
+    set_state(EngineState::Running, status_running);
     supervise_until_stopped(config);
 }
 
@@ -143,21 +143,21 @@ void EngineRuntime::supervise_until_stopped(EngineConfig& config) {
         check_sync_loss();
         worker_event_.wait_for_ms(supervision_period_ms);
     }
-    const bool failed = record_.state() == TAVISTRO_STATE_FAILED;
+    const bool failed = record_.state() == EngineState::Failed;
     if (!failed) {
-        set_state(TAVISTRO_STATE_STOPPING,
-                  {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_ENGINE, TAVISTRO_MESSAGE_STOPPING});
+        set_state(EngineState::Stopping,
+                  {StatusLevel::Pending, StatusCategory::Engine, MessageId::Stopping});
     }
     stop_audio();
     client_.stop();
-    if (!failed) set_state(TAVISTRO_STATE_STOPPED, status_stopped);
+    if (!failed) set_state(EngineState::Stopped, status_stopped);
 }
 
 /// After attempts that were either cut short by a stop or all failed, leaving their error.
 void EngineRuntime::end_after_retries() noexcept {
-    if (!stop_requested_) return set_state(TAVISTRO_STATE_FAILED);
+    if (!stop_requested_) return set_state(EngineState::Failed);
     clear_error();
-    set_state(TAVISTRO_STATE_STOPPED, status_stopped);
+    set_state(EngineState::Stopped, status_stopped);
 }
 
 /// What the parts themselves do not answer for, such as an exception of the device factory, ends
@@ -165,33 +165,33 @@ void EngineRuntime::end_after_retries() noexcept {
 void EngineRuntime::end_after_exception() noexcept {
     stop_audio();
     client_.stop();
-    if (record_.snapshot().stream_sample_rate == 0) {
-        set_failed(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_FAILED);
+    if (record_.snapshot_state().stream_sample_rate == 0) {
+        set_failed(ErrorCode::ClientStartFailed, MessageId::ClientFailed);
     } else if (recovery_enabled_) {
-        set_failed(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_ASIO_START_FAILED);
+        set_failed(ErrorCode::AudioDeviceFailed, MessageId::AsioStartFailed);
     } else {
-        set_failed(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_LOOPBACK_START_FAILED);
+        set_failed(ErrorCode::AudioDeviceFailed, MessageId::LoopbackStartFailed);
     }
 }
 
-void EngineRuntime::set_state(tavistro_state_code state) noexcept {
+void EngineRuntime::set_state(EngineState state) noexcept {
     record_.set_state(state);
     stats_.write_state(state);
 }
 
-void EngineRuntime::set_state(tavistro_state_code state, const Status& status) noexcept {
+void EngineRuntime::set_state(EngineState state, const Status& status) noexcept {
     record_.set_state(state, status);
     stats_.write_state(state);
 }
 
-void EngineRuntime::set_error(tavistro_error_code code, tavistro_message_id detail) noexcept {
+void EngineRuntime::set_error(ErrorCode code, MessageId detail) noexcept {
     record_.set_error(code, detail);
     stats_.write_error(code);
 }
 
-void EngineRuntime::set_failed(tavistro_error_code code, tavistro_message_id detail) noexcept {
+void EngineRuntime::set_failed(ErrorCode code, MessageId detail) noexcept {
     set_error(code, detail);
-    set_state(TAVISTRO_STATE_FAILED);
+    set_state(EngineState::Failed);
 }
 
 void EngineRuntime::set_stream_format(const AudioDeviceSettings& audio) noexcept {

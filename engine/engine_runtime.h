@@ -56,7 +56,7 @@ class EngineRuntime {
     void stop() noexcept;
 
     /// Any thread, any time.
-    tavistro_engine_state snapshot_state() const noexcept { return record_.snapshot(); }
+    tavistro_engine_state snapshot_state() const noexcept { return record_.snapshot_state(); }
 
   private:
     // The worker, in the order of a run (engine_runtime.cpp).
@@ -75,14 +75,21 @@ class EngineRuntime {
     template <typename TryOnce, typename BeginPause>
     bool start_with_retries(const RetryPlan& plan, TryOnce try_once, BeginPause begin_pause);
     bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
-    bool start_asio_with_retries(const EngineConfig& config);
+    bool start_asio_with_retries(const AudioDeviceSettings& audio);
     /// False when stopped before the time was over.
     bool wait_or_stop(std::uint32_t ms);
 
     // One attempt each, on the worker (engine_start.cpp).
     Attempt start_client(const TavistroProtocol::ClientSettings& settings);
-    /// On the device that the settings ask for. False leaves its error.
+    /// False leaves its error.
+    bool start_asio(const AudioDeviceSettings& audio);
+    bool start_loopback_asio(const AudioDeviceSettings& audio);
+    /// One of the two, as the settings ask.
     bool start_audio(const EngineConfig& config);
+    using StartPlayer = decltype(&AsioPlayer::start);
+    /// `device` is the device's format as far as it is known.
+    bool start_player(StartPlayer start_once, const AudioDeviceSettings& audio, StreamFormat device,
+                      MessageId failure);
     void stop_audio() noexcept;
     bool set_capture_format(const AudioDeviceSettings& audio);
 
@@ -97,10 +104,9 @@ class EngineRuntime {
 
     // What the player's reports lead to, on their thread (supervision.cpp).
     void supervise_player_telemetry(const AsioPlayer::Telemetry& telemetry);
-    void request_recovery(tavistro_status_category reason);
-    void record_recovery_event(tavistro_event_kind kind, tavistro_status_category reason,
-                               std::uint32_t attempt, tavistro_error_code error_code,
-                               tavistro_message_id message) noexcept;
+    void request_recovery(StatusCategory reason);
+    void record_recovery_event(EventKind kind, StatusCategory reason, std::uint32_t attempt,
+                               ErrorCode error_code, MessageId message) noexcept;
 
     // Callbacks of client and player (bridges.cpp).
     void on_output_block(const TavistroProtocol::CompletedOutputBlock& block);
@@ -111,11 +117,11 @@ class EngineRuntime {
     void on_player_telemetry(const AsioPlayer::Telemetry& telemetry);
 
     // What the record and the statistics block both show.
-    void set_state(tavistro_state_code state) noexcept;
-    void set_state(tavistro_state_code state, const Status& status) noexcept;
-    void set_error(tavistro_error_code code, tavistro_message_id detail) noexcept;
-    void clear_error() noexcept { set_error(TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_NONE); }
-    void set_failed(tavistro_error_code code, tavistro_message_id detail) noexcept;
+    void set_state(EngineState state) noexcept;
+    void set_state(EngineState state, const Status& status) noexcept;
+    void set_error(ErrorCode code, MessageId detail) noexcept;
+    void clear_error() noexcept { set_error(ErrorCode::None, MessageId::None); }
+    void set_failed(ErrorCode code, MessageId detail) noexcept;
     void set_stream_format(const AudioDeviceSettings& audio) noexcept;
 
     StateRecord record_;
@@ -135,7 +141,7 @@ class EngineRuntime {
 
     Handoff<TavistroProtocol::SyncInfo> first_sync_;  ///< kept for the whole run
     Handoff<TavistroProtocol::SyncInfo> format_change_;
-    Handoff<tavistro_status_category> recovery_request_;
+    Handoff<StatusCategory> recovery_request_;
 
     bool recovery_enabled_ = false;                    ///< written before the run's client starts
     std::atomic<std::uint32_t> recovery_attempts_{0};  ///< since the last success

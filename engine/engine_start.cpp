@@ -19,34 +19,41 @@ EngineRuntime::Attempt EngineRuntime::start_client(
 
     client_.stop();
     if (client_.last_error() == ClientError::Incompatible) {
-        set_error(TAVISTRO_ERROR_SERVER_INCOMPATIBLE, TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE);
-        record_.set_status({TAVISTRO_LEVEL_ERROR, TAVISTRO_CATEGORY_COMPATIBILITY,
-                            TAVISTRO_MESSAGE_SERVER_INCOMPATIBLE});
+        set_error(ErrorCode::ServerIncompatible, MessageId::ServerIncompatible);
+        record_.set_status(
+            {StatusLevel::Error, StatusCategory::Compatibility, MessageId::ServerIncompatible});
         return Attempt::hopeless;
     }
     return Attempt::failed;
 }
 
+bool EngineRuntime::start_asio(const AudioDeviceSettings& audio) {
+    // The driver's own format shows with its first report.
+    return start_player(&AsioPlayer::start, audio, {}, MessageId::AsioStartFailed);
+}
+
+bool EngineRuntime::start_loopback_asio(const AudioDeviceSettings& audio) {
+    return start_player(&AsioPlayer::start_loopback, audio, {audio.sample_rate, audio.block_size},
+                        MessageId::LoopbackStartFailed);
+}
+
 bool EngineRuntime::start_audio(const EngineConfig& config) {
-    const AudioDeviceSettings& audio = config.audio;
-    const bool loopback = config.loopback_device;
-    const auto start = loopback ? &AsioPlayer::start_loopback : &AsioPlayer::start;
-    const bool started = (player_.*start)(
+    return config.loopback_device ? start_loopback_asio(config.audio) : start_asio(config.audio);
+}
+
+bool EngineRuntime::start_player(StartPlayer start_once, const AudioDeviceSettings& audio,
+                                 StreamFormat device, MessageId failure) {
+    const bool started = (player_.*start_once)(
         audio, discard_log,
         [this](auto rate, auto frames, auto channels, const auto& samples) {
             on_captured_input(rate, frames, channels, samples);
         },
         [this](const auto& telemetry) { on_player_telemetry(telemetry); });
     if (!started) {
-        set_error(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, loopback
-                                                          ? TAVISTRO_MESSAGE_LOOPBACK_START_FAILED
-                                                          : TAVISTRO_MESSAGE_ASIO_START_FAILED);
+        set_error(ErrorCode::AudioDeviceFailed, failure);
         return false;
     }
-    const StreamFormat stream{audio.sample_rate, audio.block_size};
-    // A driver's own format shows with its first report.
-    const StreamFormat device = loopback ? stream : StreamFormat{};
-    active_format_ = stream;
+    active_format_ = StreamFormat{audio.sample_rate, audio.block_size};
     record_.set_device_format(device.sample_rate, device.block_frames);
     audio_accepting_ = true;
     return true;

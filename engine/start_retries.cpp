@@ -17,90 +17,88 @@ constexpr std::uint32_t pause_slice_ms = 50;
 
 /// What the host is told while one of the parts is started again and again.
 struct EngineRuntime::RetryPlan {
-    tavistro_status_category subject;
-    tavistro_state_code state;
-    tavistro_error_code error;
-    tavistro_message_id attempt_status;
-    tavistro_message_id exhausted_error;
-    tavistro_message_id attempt_event;
-    tavistro_message_id failed_event;
-    tavistro_message_id recovered_event;
-    tavistro_message_id gave_up_event;
+    StatusCategory subject;
+    EngineState state;
+    ErrorCode error;
+    MessageId attempt_status;
+    MessageId exhausted_error;
+    MessageId attempt_event;
+    MessageId failed_event;
+    MessageId recovered_event;
+    MessageId gave_up_event;
 };
 
 /// `begin_pause` is called after each failure that another attempt follows.
 template <typename TryOnce, typename BeginPause>
 bool EngineRuntime::start_with_retries(const RetryPlan& plan, TryOnce try_once,
                                        BeginPause begin_pause) {
-    const auto record = [&](tavistro_event_kind kind, std::uint32_t attempt,
-                            tavistro_error_code error, tavistro_message_id message) {
+    const auto record = [&](EventKind kind, std::uint32_t attempt, ErrorCode error,
+                            MessageId message) {
         record_.record_event({kind, plan.subject, attempt, max_start_attempts, error, message});
     };
     for (std::uint32_t attempt = 1; attempt <= max_start_attempts; ++attempt) {
         if (stop_requested_) return false;
         if (attempt > 1) {
-            record(TAVISTRO_EVENT_ATTEMPT_STARTED, attempt, TAVISTRO_ERROR_NONE,
-                   plan.attempt_event);
-            set_state(plan.state, {TAVISTRO_LEVEL_PENDING, plan.subject, plan.attempt_status});
+            record(EventKind::AttemptStarted, attempt, ErrorCode::None, plan.attempt_event);
+            set_state(plan.state, {StatusLevel::Pending, plan.subject, plan.attempt_status});
         }
         const Attempt outcome = try_once();
         if (outcome == Attempt::hopeless) return false;
         if (outcome == Attempt::started) {
             if (attempt == 1) return true;
             clear_error();
-            record(TAVISTRO_EVENT_RECOVERED, attempt, TAVISTRO_ERROR_NONE, plan.recovered_event);
+            record(EventKind::Recovered, attempt, ErrorCode::None, plan.recovered_event);
             return true;
         }
-        record(TAVISTRO_EVENT_ATTEMPT_FAILED, attempt, plan.error, plan.failed_event);
+        record(EventKind::AttemptFailed, attempt, plan.error, plan.failed_event);
         if (attempt == max_start_attempts) break;
         begin_pause();
         if (!wait_or_stop(retry_pause_ms)) return false;
     }
     if (stop_requested_) return false;
-    record(TAVISTRO_EVENT_GAVE_UP, max_start_attempts, plan.error, plan.gave_up_event);
+    record(EventKind::GaveUp, max_start_attempts, plan.error, plan.gave_up_event);
     set_error(plan.error, plan.exhausted_error);
     return false;
 }
 
 bool EngineRuntime::start_client_with_retries(const TavistroProtocol::ClientSettings& settings) {
     constexpr RetryPlan plan{
-        .subject = TAVISTRO_CATEGORY_NETWORK,
-        .state = TAVISTRO_STATE_STARTING,
-        .error = TAVISTRO_ERROR_CLIENT_START_FAILED,
-        .attempt_status = TAVISTRO_MESSAGE_CLIENT_ATTEMPT,
-        .exhausted_error = TAVISTRO_MESSAGE_CLIENT_FAILED,
-        .attempt_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RETRY,
-        .failed_event = TAVISTRO_MESSAGE_EVENT_CLIENT_FAILED,
-        .recovered_event = TAVISTRO_MESSAGE_EVENT_CLIENT_RECOVERED,
-        .gave_up_event = TAVISTRO_MESSAGE_EVENT_CLIENT_GAVE_UP,
+        .subject = StatusCategory::Network,
+        .state = EngineState::Starting,
+        .error = ErrorCode::ClientStartFailed,
+        .attempt_status = MessageId::ClientAttempt,
+        .exhausted_error = MessageId::ClientFailed,
+        .attempt_event = MessageId::EventClientRetry,
+        .failed_event = MessageId::EventClientFailed,
+        .recovered_event = MessageId::EventClientRecovered,
+        .gave_up_event = MessageId::EventClientGaveUp,
     };
     return start_with_retries(
         plan, [&] { return start_client(settings); },
         [this] {
-            set_error(TAVISTRO_ERROR_CLIENT_START_FAILED, TAVISTRO_MESSAGE_CLIENT_ATTEMPT_FAILED);
-            set_state(TAVISTRO_STATE_STARTING, {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_NETWORK,
-                                                TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT});
+            set_error(ErrorCode::ClientStartFailed, MessageId::ClientAttemptFailed);
+            set_state(EngineState::Starting,
+                      {StatusLevel::Pending, StatusCategory::Network, MessageId::ClientRetryWait});
         });
 }
 
-bool EngineRuntime::start_asio_with_retries(const EngineConfig& config) {
+bool EngineRuntime::start_asio_with_retries(const AudioDeviceSettings& audio) {
     constexpr RetryPlan plan{
-        .subject = TAVISTRO_CATEGORY_AUDIO_DEVICE,
-        .state = TAVISTRO_STATE_RESTARTING,
-        .error = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-        .attempt_status = TAVISTRO_MESSAGE_ASIO_ATTEMPT,
-        .exhausted_error = TAVISTRO_MESSAGE_ASIO_FAILED,
-        .attempt_event = TAVISTRO_MESSAGE_EVENT_ASIO_RETRY,
-        .failed_event = TAVISTRO_MESSAGE_EVENT_ASIO_FAILED,
-        .recovered_event = TAVISTRO_MESSAGE_EVENT_ASIO_RECOVERED,
-        .gave_up_event = TAVISTRO_MESSAGE_EVENT_ASIO_GAVE_UP,
+        .subject = StatusCategory::AudioDevice,
+        .state = EngineState::Restarting,
+        .error = ErrorCode::AudioDeviceFailed,
+        .attempt_status = MessageId::AsioAttempt,
+        .exhausted_error = MessageId::AsioFailed,
+        .attempt_event = MessageId::EventAsioRetry,
+        .failed_event = MessageId::EventAsioFailed,
+        .recovered_event = MessageId::EventAsioRecovered,
+        .gave_up_event = MessageId::EventAsioGaveUp,
     };
     return start_with_retries(
-        plan, [&] { return start_audio(config) ? Attempt::started : Attempt::failed; },
+        plan, [&] { return start_asio(audio) ? Attempt::started : Attempt::failed; },
         [this] {
-            set_state(TAVISTRO_STATE_RESTARTING,
-                      {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_AUDIO_DEVICE,
-                       TAVISTRO_MESSAGE_ASIO_RETRY_WAIT});
+            set_state(EngineState::Restarting, {StatusLevel::Pending, StatusCategory::AudioDevice,
+                                                MessageId::AsioRetryWait});
             stop_audio();
         });
 }

@@ -31,34 +31,34 @@ void assign_peaks(std::span<tavistro_channel_meter> meters,
 
 StateRecord::StateRecord() noexcept {
     record_.version = TAVISTRO_STATE_RECORD_VERSION;
-    empty_events();
+    clear_events();
 }
 
 void StateRecord::reset_for_start() noexcept {
     const std::lock_guard lock(mutex_);
-    empty_events();
+    clear_events();
     record_.client_id = 0;
     record_.stream_sample_rate = record_.stream_block_frames = 0;
     record_.device_sample_rate = record_.device_block_frames = 0;
-    record_.state = TAVISTRO_STATE_STARTING;
-    write_status({TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_ENGINE, TAVISTRO_MESSAGE_STARTING});
-    write_error(TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_NONE);
+    record_.state = code_of(EngineState::Starting);
+    write_status({StatusLevel::Pending, StatusCategory::Engine, MessageId::Starting});
+    write_error(ErrorCode::None, MessageId::None);
 }
 
-void StateRecord::set_state(tavistro_state_code state) noexcept {
+void StateRecord::set_state(EngineState state) noexcept {
     const std::lock_guard lock(mutex_);
-    record_.state = state;
+    record_.state = code_of(state);
 }
 
-void StateRecord::set_state(tavistro_state_code state, const Status& status) noexcept {
+void StateRecord::set_state(EngineState state, const Status& status) noexcept {
     const std::lock_guard lock(mutex_);
-    record_.state = state;
+    record_.state = code_of(state);
     write_status(status);
 }
 
-tavistro_state_code StateRecord::state() const noexcept {
+EngineState StateRecord::state() const noexcept {
     const std::lock_guard lock(mutex_);
-    return static_cast<tavistro_state_code>(record_.state);
+    return static_cast<EngineState>(record_.state);
 }
 
 void StateRecord::set_status(const Status& status) noexcept {
@@ -68,10 +68,10 @@ void StateRecord::set_status(const Status& status) noexcept {
 
 void StateRecord::set_status_while_running(const Status& status) noexcept {
     const std::lock_guard lock(mutex_);
-    if (record_.state == TAVISTRO_STATE_RUNNING) write_status(status);
+    if (record_.state == code_of(EngineState::Running)) write_status(status);
 }
 
-void StateRecord::set_error(tavistro_error_code code, tavistro_message_id detail) noexcept {
+void StateRecord::set_error(ErrorCode code, MessageId detail) noexcept {
     const std::lock_guard lock(mutex_);
     write_error(code, detail);
 }
@@ -83,12 +83,12 @@ void StateRecord::record_event(const Event& event) noexcept {
     record_.events[(sequence - 1) % TAVISTRO_MAX_EVENTS] = {
         .sequence = sequence,
         .time_ms = now_ms,
-        .kind = event.kind,
-        .subject = event.subject,
+        .kind = code_of(event.kind),
+        .subject = code_of(event.subject),
         .attempt = event.attempt,
         .max_attempts = event.max_attempts,
-        .error_code = event.error_code,
-        .message = event.message,
+        .error_code = code_of(event.error_code),
+        .message = code_of(event.message),
     };
     record_.event_count = std::min(record_.event_count + 1, TAVISTRO_MAX_EVENTS);
 }
@@ -127,7 +127,7 @@ void StateRecord::update_meters(const PlayerTelemetry& telemetry) noexcept {
                  telemetry.output_peak_count);
 }
 
-tavistro_engine_state StateRecord::snapshot() const noexcept {
+tavistro_engine_state StateRecord::snapshot_state() const noexcept {
     tavistro_engine_state copy;
     std::span events = copy.events;
     {
@@ -143,20 +143,20 @@ tavistro_engine_state StateRecord::snapshot() const noexcept {
     return copy;
 }
 
-void StateRecord::write_error(tavistro_error_code code, tavistro_message_id detail) noexcept {
-    record_.error_code = code;
-    record_.error_detail = detail;
-    if (code == TAVISTRO_ERROR_NONE) return;
-    write_status({TAVISTRO_LEVEL_ERROR, TAVISTRO_CATEGORY_ENGINE, detail});
+void StateRecord::write_error(ErrorCode code, MessageId detail) noexcept {
+    record_.error_code = code_of(code);
+    record_.error_detail = code_of(detail);
+    if (code == ErrorCode::None) return;
+    write_status({StatusLevel::Error, StatusCategory::Engine, detail});
 }
 
 void StateRecord::write_status(const Status& status) noexcept {
-    record_.status_level = status.level;
-    record_.status_category = status.category;
-    record_.status_message = status.message;
+    record_.status_level = code_of(status.level);
+    record_.status_category = code_of(status.category);
+    record_.status_message = code_of(status.message);
 }
 
-void StateRecord::empty_events() noexcept {
+void StateRecord::clear_events() noexcept {
     std::fill(std::begin(record_.events), std::end(record_.events), tavistro_engine_event{});
     record_.event_count = 0;
     record_.event_capacity = TAVISTRO_MAX_EVENTS;

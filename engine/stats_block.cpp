@@ -30,7 +30,7 @@ void put(std::int32_t& field, double value) noexcept {
 }
 
 void put(std::span<std::uint32_t, TAVISTRO_STATS_HISTOGRAM_BUCKETS> fields,
-         const std::array<std::uint64_t, latency_bucket_count>& values) noexcept {
+         const LatencyHistogram& values) noexcept {
     for (std::size_t i = 0; i < values.size(); ++i)
         put(fields[i], values[i]);
 }
@@ -121,12 +121,12 @@ void StatsBlock::update(const Write& write) noexcept {
     fields.store();
 }
 
-void StatsBlock::write_state(std::uint32_t state) noexcept {
-    update([=](auto& block, auto& put) { put(block.state, state); });
+void StatsBlock::write_state(EngineState state) noexcept {
+    update([=](auto& block, auto& put) { put(block.state, code_of(state)); });
 }
 
-void StatsBlock::write_error(std::uint32_t error_code) noexcept {
-    update([=](auto& block, auto& put) { put(block.error_code, error_code); });
+void StatsBlock::write_error(ErrorCode error) noexcept {
+    update([=](auto& block, auto& put) { put(block.error_code, code_of(error)); });
 }
 
 void StatsBlock::write_stream_format(std::uint32_t sample_rate,

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "audio/player_telemetry.h"
+#include "engine/codes.h"
 #include "net/client_telemetry.h"
 #include "platform/named_memory.h"
 #include "tavistro/stats_block.h"
@@ -23,8 +24,8 @@ class StatsBlock {
     bool open(std::uint32_t client_id) noexcept;
     void close() noexcept;
 
-    void write_state(std::uint32_t state) noexcept;
-    void write_error(std::uint32_t error_code) noexcept;
+    void write_state(EngineState state) noexcept;
+    void write_error(ErrorCode error) noexcept;
     void write_stream_format(std::uint32_t sample_rate, std::uint32_t block_frames) noexcept;
     void write_client_telemetry(const ClientTelemetry& telemetry) noexcept;
     void write_player_telemetry(const PlayerTelemetry& telemetry) noexcept;

@@ -12,40 +12,40 @@ constexpr std::uint64_t recovery_pause_ms = 1000;
 
 void EngineRuntime::supervise_player_telemetry(const AsioPlayer::Telemetry& telemetry) {
     record_.set_device_format(telemetry.actual_sample_rate, telemetry.actual_block_frames);
-    if (record_.state() != TAVISTRO_STATE_RUNNING) return;
+    if (record_.state() != EngineState::Running) return;
     const Verdict verdict = supervision_.evaluate(telemetry, sync_is_stale());
     record_.set_status_while_running(verdict.status);
     if (verdict.recovery_reason) request_recovery(*verdict.recovery_reason);
 }
 
-void EngineRuntime::request_recovery(tavistro_status_category reason) {
+void EngineRuntime::request_recovery(StatusCategory reason) {
     if (!recovery_enabled_ || stop_requested_) return;
     if (!recovery_request_.put_if_empty(reason)) return;
-    record_recovery_event(TAVISTRO_EVENT_RECOVERY_REQUESTED, reason, recovery_attempts_ + 1,
-                          TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_EVENT_RECOVERY_REQUESTED);
+    record_recovery_event(EventKind::RecoveryRequested, reason, recovery_attempts_ + 1,
+                          ErrorCode::None, MessageId::EventRecoveryRequested);
 }
 
-void EngineRuntime::record_recovery_event(tavistro_event_kind kind, tavistro_status_category reason,
-                                          std::uint32_t attempt, tavistro_error_code error_code,
-                                          tavistro_message_id message) noexcept {
+void EngineRuntime::record_recovery_event(EventKind kind, StatusCategory reason,
+                                          std::uint32_t attempt, ErrorCode error_code,
+                                          MessageId message) noexcept {
     record_.record_event({kind, reason, attempt, max_recovery_attempts, error_code, message});
 }
 
 bool EngineRuntime::apply_pending_format_change(EngineConfig& config) {
     const auto pending = format_change_.take();
     if (!pending) return true;
-    set_state(TAVISTRO_STATE_RESTARTING, {TAVISTRO_LEVEL_PENDING, TAVISTRO_CATEGORY_AUDIO_DEVICE,
-                                          TAVISTRO_MESSAGE_FORMAT_CHANGED});
+    set_state(EngineState::Restarting,
+              {StatusLevel::Pending, StatusCategory::AudioDevice, MessageId::FormatChanged});
     stop_audio();
     config.audio.sample_rate = pending->sample_rate;
     config.audio.block_size = pending->block_frames;
     if (!set_capture_format(config.audio)) {
-        set_error(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED, TAVISTRO_MESSAGE_STREAM_FORMAT_REFUSED);
+        set_error(ErrorCode::StreamFormatRejected, MessageId::StreamFormatRefused);
         return give_up();
     }
     set_stream_format(config.audio);
     if (!start_audio(config)) return give_up();
-    set_state(TAVISTRO_STATE_RUNNING, status_running);
+    set_state(EngineState::Running, status_running);
     clear_error();
     reset_supervision();
     return true;
@@ -56,65 +56,62 @@ bool EngineRuntime::run_device_recovery(const EngineConfig& config) {
     const auto reason = recovery_request_.take();
     if (!reason) return true;
 
-    const auto record = [&](tavistro_event_kind kind, tavistro_error_code error,
-                            tavistro_message_id message) {
+    const auto record = [&](EventKind kind, ErrorCode error, MessageId message) {
         record_recovery_event(kind, *reason, recovery_attempts_, error, message);
     };
-    const auto show = [&](tavistro_message_id message) {
-        set_state(TAVISTRO_STATE_RESTARTING, {TAVISTRO_LEVEL_PENDING, *reason, message});
+    const auto show = [&](MessageId message) {
+        set_state(EngineState::Restarting, {StatusLevel::Pending, *reason, message});
     };
 
     if (recovery_attempts_ >= max_recovery_attempts) {
-        record(TAVISTRO_EVENT_GAVE_UP, TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-               TAVISTRO_MESSAGE_EVENT_RECOVERY_GAVE_UP);
-        set_error(TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_RECOVERY_GAVE_UP);
+        record(EventKind::GaveUp, ErrorCode::AudioDeviceFailed, MessageId::EventRecoveryGaveUp);
+        set_error(ErrorCode::AudioDeviceFailed, MessageId::RecoveryGaveUp);
         return give_up();
     }
     ++recovery_attempts_;
-    record(TAVISTRO_EVENT_ATTEMPT_STARTED, TAVISTRO_ERROR_NONE,
-           TAVISTRO_MESSAGE_EVENT_RECOVERY_ATTEMPT);
-    show(TAVISTRO_MESSAGE_RECOVERY_ATTEMPT);
+    record(EventKind::AttemptStarted, ErrorCode::None, MessageId::EventRecoveryAttempt);
+    show(MessageId::RecoveryAttempt);
     stop_audio();
     if (!set_capture_format(config.audio)) {
-        record(TAVISTRO_EVENT_ATTEMPT_FAILED, TAVISTRO_ERROR_STREAM_FORMAT_REJECTED,
-               TAVISTRO_MESSAGE_EVENT_RECOVERY_FORMAT_REFUSED);
-        set_error(TAVISTRO_ERROR_STREAM_FORMAT_REJECTED, TAVISTRO_MESSAGE_RECOVERY_FORMAT_REFUSED);
+        record(EventKind::AttemptFailed, ErrorCode::StreamFormatRejected,
+               MessageId::EventRecoveryFormatRefused);
+        set_error(ErrorCode::StreamFormatRejected, MessageId::RecoveryFormatRefused);
         return give_up();
     }
     if (!start_audio(config)) {
-        record(TAVISTRO_EVENT_ATTEMPT_FAILED, TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-               TAVISTRO_MESSAGE_EVENT_RECOVERY_FAILED);
+        record(EventKind::AttemptFailed, ErrorCode::AudioDeviceFailed,
+               MessageId::EventRecoveryFailed);
         next_recovery_ms_ = platform::millisecond_tick() + recovery_pause_ms;
-        show(TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED);
+        show(MessageId::RecoveryAttemptFailed);
         recovery_request_.put(*reason);
         return true;
     }
     clear_error();
-    record(TAVISTRO_EVENT_RECOVERED, TAVISTRO_ERROR_NONE, TAVISTRO_MESSAGE_EVENT_DEVICE_RECOVERED);
+    record(EventKind::Recovered, ErrorCode::None, MessageId::EventDeviceRecovered);
     // The last report of the old device may have asked again after its request was taken.
     recovery_request_.clear();
     reset_supervision();
-    set_state(TAVISTRO_STATE_RUNNING, {TAVISTRO_LEVEL_HEALTHY, TAVISTRO_CATEGORY_ENGINE,
-                                       TAVISTRO_MESSAGE_DEVICE_RECOVERED});
+    set_state(EngineState::Running,
+              {StatusLevel::Healthy, StatusCategory::Engine, MessageId::DeviceRecovered});
     return true;
 }
 
 /// After a restart of the audio path: the player's counters and the attempts begin anew.
 void EngineRuntime::reset_supervision() noexcept {
-    supervision_.reset();
+    supervision_.reset_supervision();
     recovery_attempts_ = 0;
     next_recovery_ms_ = 0;
 }
 
 /// A failure while running ends the run; the teardown is that of a stop.
 bool EngineRuntime::give_up() noexcept {
-    set_state(TAVISTRO_STATE_FAILED);
+    set_state(EngineState::Failed);
     stop_requested_ = true;
     return false;
 }
 
 void EngineRuntime::check_sync_loss() {
-    if (audio_accepting_ && record_.state() == TAVISTRO_STATE_RUNNING && sync_is_stale()) {
+    if (audio_accepting_ && record_.state() == EngineState::Running && sync_is_stale()) {
         record_.set_status(status_sync_lost);
     }
 }

@@ -22,9 +22,9 @@ class CaptureRing {
     CaptureRing(std::size_t channels, std::uint32_t sample_rate, std::uint16_t frames,
                 std::uint64_t target_blocks, std::uint64_t capacity_blocks);
 
-    bool has_format() const noexcept { return sample_rate_ != 0; }
-    std::uint32_t sample_rate() const noexcept { return sample_rate_; }
-    std::uint16_t frames() const noexcept { return frames_; }
+    bool capture_format_set() const noexcept { return ring_sample_rate_ != 0; }
+    std::uint32_t capture_sample_rate() const noexcept { return ring_sample_rate_; }
+    std::uint16_t capture_frames() const noexcept { return ring_frames_; }
     /// Frames held.
     std::uint64_t fill() const noexcept { return fill_; }
 
@@ -43,10 +43,10 @@ class CaptureRing {
     void drop_oldest(std::uint64_t frames) noexcept;
 
     PlanarRing ring_;
-    std::uint32_t sample_rate_ = 0;
-    std::uint16_t frames_ = 0;
-    std::uint64_t target_frames_ = 0;
-    std::uint64_t limit_frames_ = 0;
+    std::uint32_t ring_sample_rate_ = 0;
+    std::uint16_t ring_frames_ = 0;
+    std::uint64_t target_samples_ = 0;
+    std::uint64_t limit_samples_ = 0;
     std::size_t read_pos_ = 0;  ///< of the oldest held frame in the ring
     std::uint64_t fill_ = 0;
     double frac_pos_ = 0.0;  ///< reading position in frames from read_pos_

@@ -164,9 +164,10 @@ void ClientSession::handle_sync(std::span<const std::uint8_t> datagram) {
         verdict = judge_sync(sync);
         if (verdict == SyncVerdict::dropped) return;
         last_sync_sequence_ = sync.sequence;
-        if (server_clock_.synced() && sync.server_time_ns != 0) {
+        if (server_clock_.clock_synced() && sync.server_time_ns != 0) {
             server_clock_.remember_block(sync.sequence, sync.server_time_ns);
-            statistics_.record_sync_delay(now_ns, server_clock_.offset_ns(), sync.server_time_ns);
+            statistics_.record_sync_delay(now_ns, server_clock_.clock_offset_ns(),
+                                          sync.server_time_ns);
             telemetry = snapshot();
         }
     }
@@ -178,9 +179,9 @@ void ClientSession::handle_sync(std::span<const std::uint8_t> datagram) {
 ClientSession::SyncVerdict ClientSession::judge_sync(const SyncInfo& sync) {
     // A stream that changes its format may begin anywhere; there is no input for it yet.
     const bool states_format = sync.sample_rate != 0 && sync.block_frames != 0;
-    if (capture_ring_.has_format() && states_format &&
-        (sync.sample_rate != capture_ring_.sample_rate() ||
-         sync.block_frames != capture_ring_.frames())) {
+    if (capture_ring_.capture_format_set() && states_format &&
+        (sync.sample_rate != capture_ring_.capture_sample_rate() ||
+         sync.block_frames != capture_ring_.capture_frames())) {
         return SyncVerdict::accepted;
     }
     if (last_sync_sequence_ && !TavistroProtocol::is_newer(sync.sequence, *last_sync_sequence_)) {
@@ -199,8 +200,8 @@ void ClientSession::handle_audio(std::span<const std::uint8_t> datagram) {
         if (!reassembly_.offer(fragment.message, completed_)) return;
         completed_.arrival_time_ns = arrival_time_ns;
         const auto times = server_clock_.block_times(completed_.sequence);
-        completed_.server_time_ns = times.server_ns;
-        completed_.server_time_local_ns = times.local_ns;
+        completed_.server_time_ns = times.server_time_ns;
+        completed_.server_time_local_ns = times.local_time_ns;
     }
     deliver_completed();
 }

@@ -97,7 +97,7 @@ class ClientSession {
 
     // With the mutex held:
     SyncVerdict judge_sync(const TavistroProtocol::SyncInfo& sync);
-    ClientTelemetry snapshot() const { return statistics_.snapshot(server_clock_.synced()); }
+    ClientTelemetry snapshot() const { return statistics_.snapshot(server_clock_.clock_synced()); }
 
     const Send send_;
     // Changed by the controlling thread alone, while no other thread reads them.

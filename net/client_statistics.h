@@ -21,7 +21,7 @@ struct LatencySeries {
     std::uint32_t last_us = 0;
     std::uint32_t min_us = 0;  ///< 0: none yet; so a 0 gives way to the next value
     std::uint32_t max_us = 0;
-    std::array<std::uint64_t, latency_bucket_count> histogram{};
+    LatencyHistogram histogram{};
 
     void record(std::uint32_t value_us) noexcept;
     /// The bound of the bucket in which `percent` of the values (1..100) are reached, the largest

@@ -8,6 +8,9 @@ namespace tavistro {
 
 inline constexpr std::size_t latency_bucket_count = 10;
 
+/// How many values fell into each latency bucket.
+using LatencyHistogram = std::array<std::uint64_t, latency_bucket_count>;
+
 /// Snapshot of the client's statistics. Counts run since the client's start; times are
 /// microseconds, 0 before the first sample.
 struct ClientTelemetry {
@@ -21,7 +24,7 @@ struct ClientTelemetry {
     std::uint32_t rtt_p50_us = 0;
     std::uint32_t rtt_p95_us = 0;
     std::uint32_t rtt_p99_us = 0;
-    std::array<std::uint64_t, latency_bucket_count> rtt_histogram{};
+    LatencyHistogram rtt_histogram{};
     bool clock_synced = false;
     std::uint32_t sync_rtt_us = 0;  ///< round trip of the answer that set the clock offset
     std::uint64_t sync_delay_samples = 0;
@@ -31,7 +34,7 @@ struct ClientTelemetry {
     std::uint32_t sync_delay_p50_us = 0;
     std::uint32_t sync_delay_p95_us = 0;
     std::uint32_t sync_delay_p99_us = 0;
-    std::array<std::uint64_t, latency_bucket_count> sync_delay_histogram{};
+    LatencyHistogram sync_delay_histogram{};
     std::uint32_t callback_last_us = 0;  ///< arrival of a block to the end of its delivery
     std::uint32_t callback_max_us = 0;
 };

@@ -29,7 +29,7 @@ void Reassembly::reset(std::size_t channels) {
 }
 
 void Reassembly::clear() {
-    for (Slot& slot : slots_)
+    for (ReassemblySlot& slot : slots_)
         slot.clear();
 }
 
@@ -39,7 +39,7 @@ void Reassembly::release() {
 
 bool Reassembly::offer(const AudioFragment& fragment, CompletedOutputBlock& completed) {
     if (fragment.channels != channels_) return false;
-    Slot& slot = slots_[fragment.sequence % slot_count];
+    ReassemblySlot& slot = slots_[fragment.sequence % slot_count];
     if (slot.in_use && slot.sequence != fragment.sequence &&
         !TavistroProtocol::is_newer(fragment.sequence, slot.sequence)) {
         return false;
@@ -59,7 +59,7 @@ bool Reassembly::offer(const AudioFragment& fragment, CompletedOutputBlock& comp
     return true;
 }
 
-void Reassembly::Slot::clear() {
+void Reassembly::ReassemblySlot::clear() {
     sequence = sample_rate = 0;
     frames = channels = fragment_count = received_count = 0;
     in_use = false;
@@ -69,7 +69,7 @@ void Reassembly::Slot::clear() {
     received.clear();
 }
 
-void Reassembly::Slot::open_for(const AudioFragment& fragment) {
+void Reassembly::ReassemblySlot::open_for(const AudioFragment& fragment) {
     clear();  // also what is left when memory runs out below
     const auto size = static_cast<std::size_t>(fragment.frames) * fragment.channels;
     if (samples.capacity() < size) samples = {};  // rather than copied
@@ -84,17 +84,17 @@ void Reassembly::Slot::open_for(const AudioFragment& fragment) {
     in_use = true;
 }
 
-bool Reassembly::Slot::belongs_to(const AudioFragment& fragment) const {
+bool Reassembly::ReassemblySlot::belongs_to(const AudioFragment& fragment) const {
     return in_use && sequence == fragment.sequence && sample_rate == fragment.sample_rate &&
            frames == fragment.frames && channels == fragment.channels &&
            fragment_count == fragment.count;
 }
 
-std::size_t Reassembly::Slot::sample_count() const {
+std::size_t Reassembly::ReassemblySlot::sample_count() const {
     return static_cast<std::size_t>(frames) * channels;
 }
 
-void Reassembly::Slot::store(const AudioFragment& fragment) {
+void Reassembly::ReassemblySlot::store(const AudioFragment& fragment) {
     const bool whole = filled == sample_count();
     const bool continues =
         waiting.empty() && is_one_piece(fragment) && begin_of(fragment) == filled;
@@ -115,8 +115,8 @@ void Reassembly::Slot::store(const AudioFragment& fragment) {
     ++received_count;
 }
 
-void Reassembly::Slot::put_in_place(const AudioFragment& fragment,
-                                    std::span<const std::uint8_t> payload) {
+void Reassembly::ReassemblySlot::put_in_place(const AudioFragment& fragment,
+                                              std::span<const std::uint8_t> payload) {
     const std::size_t pieces = is_one_piece(fragment) ? 1 : fragment.channel_count;
     const std::size_t piece = fragment.sample_count() / pieces;
     for (std::size_t j = 0; j < pieces; ++j) {
@@ -126,7 +126,7 @@ void Reassembly::Slot::put_in_place(const AudioFragment& fragment,
     }
 }
 
-void Reassembly::Slot::complete() {
+void Reassembly::ReassemblySlot::complete() {
     const std::size_t touched = std::min(samples.size(), sample_count());
     std::fill(samples.begin() + static_cast<std::ptrdiff_t>(filled),
               samples.begin() + static_cast<std::ptrdiff_t>(touched), 0.0F);

@@ -40,7 +40,7 @@ class Reassembly {
         std::size_t payload_offset;                ///< in waiting_payloads, bytes
     };
 
-    struct Slot {
+    struct ReassemblySlot {
         std::uint32_t sequence = 0;
         std::uint32_t sample_rate = 0;
         std::uint16_t frames = 0;
@@ -68,7 +68,7 @@ class Reassembly {
     };
 
     std::size_t channels_ = 0;
-    std::array<Slot, slot_count> slots_;
+    std::array<ReassemblySlot, slot_count> slots_;
 };
 
 }  // namespace tavistro

@@ -31,9 +31,9 @@ std::uint64_t saturate_to_u64(double value) noexcept {
 
 ServerClock::PingStep ServerClock::next_ping_step(std::uint64_t now_ms) noexcept {
     const std::uint64_t age_ms = now_ms - last_ping_ms_;
-    if (ping_under_way_) {
+    if (ping_outstanding_) {
         if (age_ms < ping_timeout_ms) return PingStep::wait;
-        ping_under_way_ = false;
+        ping_outstanding_ = false;
         return PingStep::send_after_loss;
     }
     const bool too_early = last_ping_ms_ != 0 && age_ms < ping_period_ms;
@@ -41,20 +41,20 @@ ServerClock::PingStep ServerClock::next_ping_step(std::uint64_t now_ms) noexcept
 }
 
 void ServerClock::ping_sent(const TavistroProtocol::Ping& ping, std::uint64_t now_ms) noexcept {
-    ping_under_way_ = true;
+    ping_outstanding_ = true;
     last_ping_ms_ = now_ms;
     ping_nonce_ = ping.nonce;
-    ping_t1_ns_ = ping.t1_ns;
+    ping_t1_ = ping.t1_ns;
 }
 
 std::optional<std::uint64_t> ServerClock::accept(const TavistroProtocol::Pong& pong,
                                                  std::uint64_t t4_ns) noexcept {
-    if (!ping_under_way_ || pong.nonce != ping_nonce_ || pong.t1_ns != ping_t1_ns_) return {};
-    ping_under_way_ = false;
-    synced_ = true;
+    if (!ping_outstanding_ || pong.nonce != ping_nonce_ || pong.t1_ns != ping_t1_) return {};
+    ping_outstanding_ = false;
+    clock_synced_ = true;
     const double forth = signed_difference(pong.t1_ns, pong.t2_ns);
     const double back = signed_difference(t4_ns, pong.t3_ns);
-    offset_ns_ = saturate_to_i64((forth + back) / 2.0);
+    clock_offset_ns_ = saturate_to_i64((forth + back) / 2.0);
 
     const std::uint64_t total = elapsed(pong.t1_ns, t4_ns);
     const std::uint64_t hold = elapsed(pong.t2_ns, pong.t3_ns);
@@ -63,15 +63,15 @@ std::optional<std::uint64_t> ServerClock::accept(const TavistroProtocol::Pong& p
 }
 
 void ServerClock::remember_block(std::uint32_t sequence, std::uint64_t server_ns) noexcept {
-    assert(synced_);
-    const double local_ns = static_cast<double>(offset_ns_) + static_cast<double>(server_ns);
-    sync_ring_[sequence % sync_ring_.size()] = {
-        sequence, {server_ns, saturate_to_u64(local_ns)}, true};
+    assert(clock_synced_);
+    const double local_ns = static_cast<double>(clock_offset_ns_) + static_cast<double>(server_ns);
+    sync_ring_[sequence % sync_ring_.size()] = {sequence, server_ns, saturate_to_u64(local_ns),
+                                                true};
 }
 
-ServerClock::BlockTimes ServerClock::block_times(std::uint32_t sequence) const noexcept {
+ServerClock::SyncRingEntry ServerClock::block_times(std::uint32_t sequence) const noexcept {
     const SyncRingEntry& entry = sync_ring_[sequence % sync_ring_.size()];
-    return entry.valid && entry.sequence == sequence ? entry.times : BlockTimes{};
+    return entry.valid && entry.sequence == sequence ? entry : SyncRingEntry{};
 }
 
 }  // namespace tavistro

@@ -27,7 +27,7 @@ class ServerClock {
     PingStep next_ping_step(std::uint64_t now_ms) noexcept;
     void ping_sent(const TavistroProtocol::Ping& ping, std::uint64_t now_ms) noexcept;
     /// The ping under way, if any, will not be answered.
-    void forget_ping() noexcept { ping_under_way_ = false; }
+    void forget_ping() noexcept { ping_outstanding_ = false; }
 
     /// Takes the answer to the ping under way, received at `t4_ns`: sets the clock offset and
     /// returns the round trip in nanoseconds without the server's holding time. Nothing, and
@@ -35,32 +35,30 @@ class ServerClock {
     std::optional<std::uint64_t> accept(const TavistroProtocol::Pong& pong,
                                         std::uint64_t t4_ns) noexcept;
 
-    bool synced() const noexcept { return synced_; }
+    bool clock_synced() const noexcept { return clock_synced_; }
     /// Our clock minus the server's.
-    std::int64_t offset_ns() const noexcept { return offset_ns_; }
+    std::int64_t clock_offset_ns() const noexcept { return clock_offset_ns_; }
 
-    struct BlockTimes {
-        std::uint64_t server_ns = 0;  ///< both 0 when unknown
-        std::uint64_t local_ns = 0;
-    };
     /// Keeps the server's time of a block and its translation to our clock, over that of 16 blocks
-    /// before. Precondition: synced().
+    /// before. Precondition: clock_synced().
     void remember_block(std::uint32_t sequence, std::uint64_t server_ns) noexcept;
-    BlockTimes block_times(std::uint32_t sequence) const noexcept;
-
-  private:
+    /// The server's time of a block, on both clocks.
     struct SyncRingEntry {
         std::uint32_t sequence = 0;
-        BlockTimes times;
+        std::uint64_t server_time_ns = 0;
+        std::uint64_t local_time_ns = 0;
         bool valid = false;
     };
+    /// All zeros for a block whose time is not known.
+    SyncRingEntry block_times(std::uint32_t sequence) const noexcept;
 
-    bool ping_under_way_ = false;
+  private:
+    bool ping_outstanding_ = false;
     std::uint64_t last_ping_ms_ = 0;  ///< 0 before the first
     std::uint64_t ping_nonce_ = 0;
-    std::uint64_t ping_t1_ns_ = 0;
-    std::int64_t offset_ns_ = 0;
-    bool synced_ = false;
+    std::uint64_t ping_t1_ = 0;
+    std::int64_t clock_offset_ns_ = 0;
+    bool clock_synced_ = false;
     std::array<SyncRingEntry, 16> sync_ring_{};
 };
 

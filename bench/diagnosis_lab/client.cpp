@@ -67,7 +67,7 @@ Client::Client(const Scenario& scenario, Computer& computer, std::int64_t device
 void Client::start(const Scenario& scenario) {
     const EngineConfig config = config_for(scenario);
     bool started = stats_.open(client_id);
-    stats_.write_error(TAVISTRO_ERROR_NONE);
+    stats_.write_error(ErrorCode::None);
     session_.reset(
         config.client,
         {.log = {},
@@ -85,7 +85,7 @@ void Client::start(const Scenario& scenario) {
                   },
                   [this](const auto& telemetry) { on_player_telemetry(telemetry); }) &&
               started;
-    stats_.write_state(TAVISTRO_STATE_RUNNING);
+    stats_.write_state(EngineState::Running);
     if (!started) throw std::runtime_error("the engine of a world did not start");
 }
 

@@ -8,17 +8,17 @@ namespace tavistro {
 namespace {
 
 using T = PlayerTelemetry;
-using Triple = std::array<int, 3>;
+using Triple = std::array<std::uint32_t, 3>;
 
 constexpr Triple healthy{1, 0, 11};
 
 Triple status_of(const Verdict& v) {
-    return {v.status.level, v.status.category, v.status.message};
+    return {code_of(v.status.level), code_of(v.status.category), code_of(v.status.message)};
 }
 
 TEST(PlayerSupervision, tells_the_worst_of_each_report) {
     // What changes since the report before; status; reason for a recovery, 0 without.
-    const std::tuple<const char*, void (*)(T&), Triple, int> reports[] = {
+    const std::tuple<const char*, void (*)(T&), Triple, std::uint32_t> reports[] = {
         {"all counters rise at once", [](T& t) { t.callbacksPerSec = 375; }, {2, 11, 33}, 0},
         {"then capture drops", [](T&) {}, {2, 7, 34}, 0},
         {"then playback drops", [](T&) {}, {2, 8, 35}, 0},
@@ -54,11 +54,12 @@ TEST(PlayerSupervision, tells_the_worst_of_each_report) {
         change(telemetry);
         const Verdict verdict = supervision.evaluate(telemetry, false);
         EXPECT_EQ(status_of(verdict), status) << what;
-        EXPECT_EQ(verdict.recovery_reason.value_or(TAVISTRO_CATEGORY_ENGINE), reason) << what;
+        EXPECT_EQ(code_of(verdict.recovery_reason.value_or(StatusCategory::Engine)), reason)
+            << what;
     }
     EXPECT_EQ(status_of(supervision.evaluate(telemetry, true)), (Triple{3, 1, 28}))
         << "a silent server hides everything else";
-    supervision.reset();
+    supervision.reset_supervision();
     EXPECT_EQ(status_of(supervision.evaluate(fresh, false)), healthy) << "after a restart";
 }
 

@@ -42,8 +42,8 @@ void write_all(StatsBlock& block, std::uint32_t base) {
     block.write_player_telemetry(player);
     block.write_client_telemetry(client);
     block.write_stream_format(base + 20, base + 24);
-    block.write_error(base + 12);
-    block.write_state(base + 8);
+    block.write_error(ErrorCode{base + 12});
+    block.write_state(EngineState{base + 8});
 }
 
 /// What all writes with this base leave.

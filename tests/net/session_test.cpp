@@ -253,7 +253,7 @@ TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {
         EXPECT_FALSE(clock.accept({7, 41, c.t1, c.t2, c.t3}, c.t4)) << "another nonce";
         EXPECT_FALSE(clock.accept({7, 42, c.t1 + 1, c.t2, c.t3}, c.t4)) << "another t1";
         EXPECT_EQ(clock.accept({7, 42, c.t1, c.t2, c.t3}, c.t4), c.rtt_ns);
-        EXPECT_EQ(clock.offset_ns(), c.offset_ns);
+        EXPECT_EQ(clock.clock_offset_ns(), c.offset_ns);
     }
 }
 

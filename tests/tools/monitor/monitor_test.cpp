@@ -272,7 +272,7 @@ struct ScriptedBlock {
     void run(std::uint32_t block_frames) {
         block.open(client_id);
         block.write_stream_format(48000, block_frames);
-        block.write_state(TAVISTRO_STATE_RUNNING);
+        block.write_state(EngineState::Running);
     }
     void report(std::uint64_t notices) {
         block.write_client_telemetry({.clock_synced = true, .sync_delay_samples = notices});
@@ -309,7 +309,7 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     EXPECT_GT(now.time_ms, 1'700'000'000'000);
     EXPECT_EQ(observer.look()[1].client_id, engine.client_id + 1);
 
-    engine.block.write_state(TAVISTRO_STATE_STOPPED);
+    engine.block.write_state(EngineState::Stopped);
     ASSERT_TRUE(becomes(Presence::ended));
     EXPECT_EQ(now.stats->sync_delay_samples, 8U);
     engine.block.close();
