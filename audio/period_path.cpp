@@ -32,7 +32,7 @@ void PeriodPath::prepare(const AudioDeviceSettings& settings, double sample_rate
     output_channels_ = settings.output_channel_map.size();
     input_channels_ = settings.input_channel_map.size();
     block_.samples.resize(output_channels_ * block_frames_);
-    capture_slots_.configure(input_channels_ * block_frames_);
+    capture_ring_.configure(input_channels_ * block_frames_);
     input_meters_.configure(input_channels_);
     output_meters_.configure(output_channels_);
     meter_schedule_.configure(sample_rate, block_frames);
@@ -46,7 +46,7 @@ void PeriodPath::release() noexcept {
     capture_ = false;
     playback_.release();
     block_ = {};
-    capture_slots_.release();
+    capture_ring_.release();
     input_meters_.configure(0);
     output_meters_.configure(0);
     meters_due_ = false;
@@ -96,7 +96,7 @@ std::span<const float> PeriodPath::rendered_channel(std::size_t channel) const n
 
 CaptureSlot* PeriodPath::begin_capture() noexcept {
     if (!capture_ || input_channels_ == 0) return nullptr;
-    CaptureSlot* slot = capture_slots_.begin_write();
+    CaptureSlot* slot = capture_ring_.begin_write();
     if (slot == nullptr) return nullptr;
     slot->sample_rate = playback_.shape().sample_rate;
     slot->frames = static_cast<std::uint16_t>(block_frames_);
@@ -114,7 +114,7 @@ void PeriodPath::capture_from(AudioDevice& device, std::int32_t buffer_index) no
                           static_cast<std::int32_t>(frames));
         if (meters_due_) input_meters_.raise(c, input);
     }
-    capture_slots_.commit_write();
+    capture_ring_.commit_write();
 }
 
 void PeriodPath::loop_back(bool input_silent) noexcept {
@@ -130,7 +130,7 @@ void PeriodPath::loop_back(bool input_silent) noexcept {
             std::copy(output.begin(), output.end(), input.begin());
         if (meters_due_) input_meters_.raise(c, input);
     }
-    capture_slots_.commit_write();
+    capture_ring_.commit_write();
 }
 
 void PeriodPath::write_outputs(AudioDevice& device, std::int32_t buffer_index) noexcept {
@@ -177,7 +177,7 @@ PlayerTelemetry PeriodPath::take_telemetry() noexcept {
     t.playbackDropped = total(counters.playbackDropped);
     t.format_drops = total(counters.format_drops);
     t.output_ready_failures = total(output_ready_failures_);
-    t.captureDropped = capture_slots_.captureDropped();
+    t.captureDropped = capture_ring_.captureDropped();
     t.callbacks_total = total(callbacks_total_);
     t.callback_duration_last_us = total(callback_duration_last_us_);
     t.callback_duration_max_us = total(callback_duration_max_us_);

@@ -61,7 +61,7 @@ class PeriodPath {
     PlaybackBuffer& playback() noexcept { return playback_; }
     const PlaybackBuffer& playback() const noexcept { return playback_; }
     /// Removes the oldest captured period. One thread at a time.
-    bool take_captured(CaptureSlot& slot) { return capture_slots_.take(slot); }
+    bool take_captured(CaptureSlot& slot) { return capture_ring_.take(slot); }
 
     /// Snapshot of everything measured here, without per-second values and peaks. Starts a new
     /// interval of the fill statistics. One thread at a time.
@@ -84,7 +84,7 @@ class PeriodPath {
     std::int64_t frequency_ = 0;  ///< performance counter ticks per second
     PlaybackBuffer playback_;
     PlaybackBlock block_;  ///< the period's output
-    CaptureSlots capture_slots_;
+    CaptureSlots capture_ring_;
     PeakMeters input_meters_;
     PeakMeters output_meters_;
     MeterSchedule meter_schedule_;

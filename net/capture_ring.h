@@ -42,7 +42,7 @@ class CaptureRing {
   private:
     void drop_oldest(std::uint64_t frames) noexcept;
 
-    PlanarRing ring_;
+    PlanarRing buffers_;
     std::uint32_t ring_sample_rate_ = 0;
     std::uint16_t ring_frames_ = 0;
     std::uint64_t target_samples_ = 0;
