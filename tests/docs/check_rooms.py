@@ -10,7 +10,7 @@ import sys
 from pathlib import Path
 
 root = Path(sys.argv[1])
-block = (root / "HACKING.md").read_text().split("Rooms, and who may include whom", 1)[1].split("\n\n")[1]
+block = (root / "HACKING.md").read_text().split("Rooms (folders) and what each may include", 1)[1].split("\n\n")[1]
 rooms = dict(line.strip().split(" -> ") for line in re.sub(r"\n {24,}", " ", block).splitlines())
 allowed = {room.strip(): re.split(r",\s*", entries) for room, entries in rooms.items()}
 
