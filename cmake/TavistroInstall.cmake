@@ -54,7 +54,7 @@ install(FILES ${PROJECT_BINARY_DIR}/tavistro.pc DESTINATION ${CMAKE_INSTALL_LIBD
         COMPONENT development)
 
 # Tools
-if(TAVISTRO_BUILD_TOOLS)
+if(TAVISTRO_TOOLS)
   if(NOT WIN32)
     set_target_properties(tavistro-host PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
     install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)

@@ -3,8 +3,11 @@
 set(CPACK_PACKAGE_VENDOR Tavistro)
 set(CPACK_PACKAGE_CONTACT "Tavistro maintainers <maintainers@tavistro.invalid>" CACHE STRING
     "Whom packages name as their maintainer")
-set(CPACK_COMPONENTS_ALL runtime development tools documents)
-if(TARGET tavistro-jack)
+set(CPACK_COMPONENTS_ALL runtime development documents)
+if(TAVISTRO_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+if(TAVISTRO_JACK)
   list(APPEND CPACK_COMPONENTS_ALL jack)
 endif()
 set(CPACK_STRIP_FILES ON)

@@ -10,21 +10,30 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
-set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+set(TAVISTRO_SANITIZE "" CACHE STRING "Value for -fsanitize=, empty for none")
+find_package(Threads REQUIRED)
 
 add_library(tavistro_options INTERFACE)
 target_include_directories(tavistro_options INTERFACE ${PROJECT_SOURCE_DIR}
                                                       ${PROJECT_SOURCE_DIR}/include)
 # Samples are bit-exact on every platform and at every optimisation level: the compiler may not
-# fuse a multiplication with an addition.
-target_compile_options(tavistro_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
-                                                  -ffp-contract=off)
+# fuse a multiplication with an addition. Warnings are errors in the presets alone: other compilers have
+# other warnings.
+if(MSVC)
+  target_compile_options(tavistro_options INTERFACE /W4 /utf-8 /permissive- /Zc:__cplusplus /fp:precise
+                                                    $<$<CXX_COMPILER_ID:Clang>:/clang:-ffp-contract=off>)
+else()
+  target_compile_options(tavistro_options INTERFACE -Wall -Wextra -Wconversion -Wshadow
+                                                    -ffp-contract=off)
+endif()
 if(WIN32)
   # Windows 10; its headers without what is rarely used, and without macros called min and max.
   target_compile_definitions(tavistro_options INTERFACE _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN
                                                         NOMINMAX)
   # GCC takes vectors of 32 bytes on the stack for aligned, where Windows aligns it to 16 only.
-  target_compile_options(tavistro_options INTERFACE -Wa,-muse-unaligned-vector-move)
+  target_compile_options(tavistro_options INTERFACE
+                         $<$<CXX_COMPILER_ID:GNU>:-Wa,-muse-unaligned-vector-move>)
 endif()
 target_link_libraries(tavistro_options INTERFACE Threads::Threads)
 if(TAVISTRO_SANITIZE)
@@ -50,7 +59,6 @@ endfunction()
 # What nearly every test includes, parsed once. Optimising the tests themselves takes longer than
 # running them: only what they test is optimised as its preset says.
 function(tavistro_test_headers)
-  find_package(GTest REQUIRED)
   add_library(tavistro_test_options INTERFACE)
   target_link_libraries(tavistro_test_options INTERFACE tavistro_options GTest::gtest_main)
   target_compile_options(tavistro_test_options INTERFACE $<IF:$<CONFIG:Release>,-O1,-O0>)

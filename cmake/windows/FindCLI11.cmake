@@ -1,3 +1,2 @@
 include(HostHeaders)
 tavistro_host_headers(CLI11::CLI11 CLI CLI.hpp)
-set(CLI11_FOUND TRUE)
