@@ -29,10 +29,9 @@ install(TARGETS tavistro_engine EXPORT tavistro
                 NAMELINK_COMPONENT development
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-# Beside the library, where an engine on Linux looks for drivers.
 function(install_driver target component)
   if(TARGET ${target})
-    install(TARGETS ${target} LIBRARY DESTINATION ${engine_dir}/asio-drivers
+    install(TARGETS ${target} LIBRARY DESTINATION ${engine_dir}/${TAVISTRO_DRIVER_FOLDER}
                               COMPONENT ${component})
   endif()
 endfunction()

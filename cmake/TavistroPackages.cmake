@@ -40,8 +40,9 @@ else()
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${engine}: library")
 
-  # A package of its own: the library does without JACK.
-  set(CPACK_DEBIAN_JACK_PACKAGE_NAME tavistro-driver-jack)
+  # A package of its own: the library does without JACK. Both carry the major version in their name and
+  # in that of each of their files, so that several versions can be installed.
+  set(CPACK_DEBIAN_JACK_PACKAGE_NAME ${runtime_package}-jack)
   set(CPACK_DEBIAN_JACK_PACKAGE_SECTION sound)
   set(CPACK_DEBIAN_JACK_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
   set(CPACK_COMPONENT_JACK_DESCRIPTION "${engine}: driver for JACK")

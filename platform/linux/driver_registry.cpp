@@ -10,9 +10,9 @@
 #include <memory>
 #include <mutex>
 
-// A registered driver is a shared object in the folder "asio-drivers" beside the file that holds
-// this code (or the one that its program named), and the file's stem is its key name. It exports
-// three C functions:
+// A registered driver is a shared object in TAVISTRO_DRIVER_FOLDER, below the folder of the file
+// that holds this code (or of the one that its program named), and the file's stem is its key name.
+// It exports three C functions:
 //     const char* tavistro_driver_class_id(void)     "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"
 //     const char* tavistro_driver_description(void)  the name shown to users, or null
 //     void*       tavistro_driver_create(void)       a new driver object, or null
@@ -58,7 +58,7 @@ std::string own_file() {
 fs::path driver_folder() {
     std::error_code error;
     const fs::path file = fs::canonical(neighbour().empty() ? own_file() : neighbour(), error);
-    return error ? fs::path() : file.parent_path() / "asio-drivers";
+    return error ? fs::path() : file.parent_path() / TAVISTRO_DRIVER_FOLDER;
 }
 
 std::vector<fs::path> driver_files() {

@@ -11,7 +11,7 @@ namespace tavistro::test {
 const tavistro_test_driver_controls* load_test_driver() {
     std::array<wchar_t, 1024> program{};
     GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size() - 1));
-    const auto file = std::filesystem::path(program.data()).parent_path() / "asio-drivers" /
+    const auto file = std::filesystem::path(program.data()).parent_path() / TAVISTRO_DRIVER_FOLDER /
                       "tavistro-test-driver.dll";
     const HMODULE module = LoadLibraryW(file.c_str());
     if (module == nullptr) return nullptr;

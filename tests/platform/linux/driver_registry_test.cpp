@@ -32,7 +32,7 @@ class DriverFolder : public testing::Test {
     }
 
     const fs::path folder_ = testing::TempDir() + "driver_folder_" + std::to_string(getpid());
-    const fs::path drivers_ = folder_ / "asio-drivers";
+    const fs::path drivers_ = folder_ / TAVISTRO_DRIVER_FOLDER;
     const fs::path program_ = folder_ / "program";
 };
 
