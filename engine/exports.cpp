@@ -10,6 +10,9 @@ struct tavistro_engine {
     tavistro::EngineRuntime runtime;
 };
 
+static_assert(TAVISTRO_STATE_RECORD_VERSION == TAVISTRO_SONAME_VERSION,
+              "the project's major version, which the soname carries, must be the state record's");
+
 namespace {
 
 std::mutex engine_mutex;
