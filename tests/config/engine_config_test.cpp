@@ -11,8 +11,8 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <ranges>
 #include <regex>
+#include <span>
 #include <sstream>
 #include <tuple>
 #include <vector>
@@ -255,8 +255,9 @@ TEST(ConfigurationDocument, TellsTypeDefaultAndRangeOfEveryKeyAndOfNoOther) {
             rows[heading + ' ' + code_of(row[0]).front()] = row;
     }
     EXPECT_EQ(rows.size(), config_keys().size());
+    const std::vector<ConfigKey> keys(config_keys().rbegin(), config_keys().rend());
     Settings settings;
-    for (const ConfigKey& key : config_keys() | std::views::reverse) {
+    for (const ConfigKey& key : keys) {
         const std::string name = name_of(key);
         const Cells& row = rows[name];
         ASSERT_EQ(row.size(), 5U) << name;
@@ -320,7 +321,7 @@ TEST(ConfigurationDocument, ErrorLinesComeFromTheirExamplesAndInTheirOrder) {
         const std::string error = code_of((*row)[0]).front();
         const Settings settings = settings_of(*row);
         EXPECT_EQ(error_of(settings), error) << (*row)[1];
-        for (const Cells& later : std::ranges::subrange(row + 1, rows.end())) {
+        for (const Cells& later : std::span(row + 1, rows.end())) {
             Settings both = settings, common = settings_of(later);
             // The device in use decides which rules there are.
             if (both.contains(loopback) != common.contains(loopback)) continue;

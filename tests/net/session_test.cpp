@@ -69,15 +69,15 @@ class Session : public testing::Test {
 
 TEST_F(Session, AnnouncesItselfAndLeavesUnderAnIdOfItsOwn) {
     std::uint32_t last_id = 0;
-    for (const int refusals : {0, 3, 100}) {
+    for (const unsigned refusals : {0U, 3U, 100U}) {
         begin();
         sent.clear();
         session.send_announce();
-        refused = refusals;
+        refused = static_cast<int>(refusals);
         const std::uint64_t start_ms = platform::millisecond_tick();
         session.end();
         EXPECT_EQ(sent.size(), 1U + std::min(refusals + 1U, 10U));
-        EXPECT_EQ(platform::millisecond_tick() - start_ms, std::min(refusals, 10) * 10U);
+        EXPECT_EQ(platform::millisecond_tick() - start_ms, std::min(refusals, 10U) * 10U);
         const std::uint32_t id = decode_announce(sent[0]).message.session_id;
         EXPECT_NE(id, 0U);
         EXPECT_NE(id, std::exchange(last_id, id));

@@ -23,11 +23,12 @@ TEST(Trouble, FormatsThatChangeTwentyTimesASecondAreFollowedToTheLast) {
         const std::uint32_t state = rig.engine.state().state;
         EXPECT_TRUE(state == TAVISTRO_STATE_RUNNING || state == TAVISTRO_STATE_RESTARTING);
     }
-    for (const auto& [rate, frames] :
-         {server::StreamFormat{96000, 64}, {44100, 441}, {48000, 128}}) {
-        ASSERT_TRUE(rig.server.change_format(rate, frames));
-        EXPECT_TRUE(eventually([&] { return rig.engine.runs_at(rate, frames); })) << rate;
-        EXPECT_TRUE(input_flows(rig.server)) << "no audio at " << rate;
+    for (const auto& format : {server::StreamFormat{96000, 64}, {44100, 441}, {48000, 128}}) {
+        ASSERT_TRUE(rig.server.change_format(format.sample_rate, format.frames));
+        EXPECT_TRUE(eventually([&] {
+            return rig.engine.runs_at(format.sample_rate, format.frames);
+        })) << format.sample_rate;
+        EXPECT_TRUE(input_flows(rig.server)) << "no audio at " << format.sample_rate;
     }
     EXPECT_EQ(rig.engine.state().error_code, 0U);
 }

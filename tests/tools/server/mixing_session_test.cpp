@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <ranges>
+#include <span>
 #include <tuple>
 
 #include "net/server_messages.h"
@@ -51,7 +51,7 @@ class MixingSessionTest : public testing::Test {
         encode_audio_block({id, sequence, of.sample_rate, of.frames,
                             static_cast<std::uint16_t>(samples.size() / of.frames), samples},
                            48 + 2 * of.frames, fragments);
-        for (const Datagram& fragment : fragments | std::views::drop(first))
+        for (const Datagram& fragment : std::span(fragments).subspan(first))
             receive(fragment, from);
     }
 

@@ -69,7 +69,7 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
             EXPECT_LE(growth, (blocks + slack) * per_block[i]) << i;
         }
         EXPECT_EQ(now.send_failures, 0U);
-        EXPECT_TRUE(test::eventually([&] {
+        EXPECT_TRUE(test::eventually([&, taken = taken] {
             const ServerSnapshot last = server.snapshot();
             return last.datagrams_received - before.datagrams_received == 20 &&
                    last.malformed - before.malformed == taken;
