@@ -101,7 +101,7 @@ auto* vector128(Byte* bytes) noexcept {
 
 TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
                                        std::size_t count) noexcept {
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         const __m128i packed = _mm_loadu_si128(vector128(from + 2 * i));
         _mm256_storeu_ps(to + i, over_full_scale<16>(_mm256_cvtepi16_epi32(packed)));
@@ -115,7 +115,7 @@ TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
     const __m256i upper_bytes =
         _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 4, 5, 6, -1, 7,
                          8, 9, -1, 10, 11, 12, -1, 13, 14, 15);
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         const __m128i first = _mm_loadu_si128(vector128(from + 3 * i));
         const __m128i second = _mm_loadu_si128(vector128(from + 3 * i + 8));
@@ -127,7 +127,7 @@ TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
 
 TAVISTRO_AVX2 void int32_to_float_avx2(const unsigned char* from, float* to,
                                        std::size_t count) noexcept {
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         _mm_storeu_ps(to + i, over_full_scale_32(_mm_loadu_si128(vector128(from + 4 * i))));
         _mm_storeu_ps(to + i + 4,
@@ -140,7 +140,7 @@ TAVISTRO_AVX2 void int16_from_float_avx2(unsigned char* to, const float* from,
     const __m256i lower_bytes =
         _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4, 5, 8, 9,
                          12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         const __m256i halves = _mm256_shuffle_epi8(times_full_scale<16>(from + i), lower_bytes);
         const __m256i packed = _mm256_permute4x64_epi64(halves, 0b1000);
@@ -154,7 +154,7 @@ TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
         _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
                          8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
     const __m256i used_words = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         const __m256i halves = _mm256_shuffle_epi8(times_full_scale<24>(from + i), lower_bytes);
         const __m256i packed = _mm256_permutevar8x32_epi32(halves, used_words);
@@ -165,7 +165,7 @@ TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
 
 TAVISTRO_AVX2 void int32_from_float_avx2(unsigned char* to, const float* from,
                                          std::size_t count) noexcept {
-#pragma GCC unroll 4
+    TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step)
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + 4 * i), times_full_scale_32(from + i));
 }

@@ -4,9 +4,19 @@
 // table of simd_level() when it is made.
 #pragma once
 
-/// On a function for SimdLevel::avx2. Multiplications and additions are fused only where it says
-/// so.
+/// TAVISTRO_AVX2: on a function for SimdLevel::avx2. Multiplications and additions are fused only
+/// where it says so. A compiler without the attribute has all instructions everywhere.
+/// TAVISTRO_UNROLL_4: before a loop that takes four steps at a time.
+#if defined(__clang__)
 #define TAVISTRO_AVX2 [[gnu::target("avx2,fma")]]
+#define TAVISTRO_UNROLL_4 _Pragma("clang loop unroll_count(4)")
+#elif defined(__GNUC__)
+#define TAVISTRO_AVX2 [[gnu::target("avx2,fma")]]
+#define TAVISTRO_UNROLL_4 _Pragma("GCC unroll 4")
+#else
+#define TAVISTRO_AVX2
+#define TAVISTRO_UNROLL_4
+#endif
 
 namespace tavistro {
 
