@@ -1,11 +1,13 @@
 """usage: check_docs.py SOURCE_FOLDER BUILD_FOLDER: links of the documents lead somewhere, the commands in
-them exist and know the options given, and docs/hosting.md names every code of the engine's header.
-With one folder, that of installed documents: their links lead somewhere."""
+them exist and know the options given, and docs/hosting.md has every code of the engine's header with its number
+and the text that the tools print. With one folder, that of installed documents: their links lead somewhere."""
 import functools
 import pathlib
 import re
 import subprocess
 import sys
+
+from blocks import blocks_of
 
 root, *build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
 faults, commands_checked = [], 0
@@ -37,24 +39,50 @@ def check_command(path, command):
                 faults.append(f"{path.name}: no option {option} in '{command}'")
 
 
-for path in [*root.glob("*.md"), *(root / "docs").glob("*.md")]:
+def texts_of_codes(codes):
+    """What tools/readings/texts.cpp has for each code: a table by codes, or a list by their order."""
+    source = (root / "tools/readings/texts.cpp").read_text()
+    literals = r'((?:"[^"]*"\s*)+)'
+    texts = {}
+    for name, table in re.findall(r"constexpr CodeText (\w+)\[\] = \{(.*?)\n\};", source, re.S):
+        if name != "advice":
+            texts |= re.findall(r"\{(TAVISTRO_\w+),\s*" + literals + r"\}", table)
+    for kind, name in ("STATE", "states"), ("LEVEL", "levels"), ("CATEGORY", "categories"):
+        listed = re.search(rf"constexpr std::string_view {name}\[\] = \{{(.*?)\}};", source, re.S)[1]
+        named = [code for code in codes if code.startswith(f"TAVISTRO_{kind}_")]
+        texts |= zip(named, re.findall(r'"[^"]*"', listed))
+    return {code: "".join(re.findall(r'"([^"]*)"', text)) for code, text in texts.items()}
+
+
+def check_codes():
+    header = (root / "include/tavistro/engine.h").read_text()
+    numbers = dict(re.findall(r"^    (TAVISTRO_[A-Z_]+) = (\d+)", header, re.M))
+    texts = texts_of_codes(numbers)
+    expected = {f"| `{code}` | {number} | {texts.get(code)} |" for code, number in numbers.items()}
+    shown = re.findall(r"^(\| `TAVISTRO_\w+` \|[^|]*\|[^|]*\|)", (root / "docs/hosting.md").read_text(), re.M)
+    faults.extend(f"hosting.md lacks: {row}" for row in sorted(expected - set(shown)))
+    faults.extend(f"hosting.md has: {row}" for row in sorted(set(shown) - expected))
+    if len(numbers) < 80:
+        faults.append(f"only {len(numbers)} codes were found")
+
+
+for path in [*root.glob("*.md"), *(root / "docs").rglob("*.md")]:
     text = path.read_text()
     for target in re.findall(r"\]\((?!https?:)([^)\s]+)\)", text):
         name, _, fragment = target.partition("#")
         file = path.parent / name if name else path
         if not file.exists() or fragment and fragment not in anchors_of(file):
             faults.append(f"{path.name}: nothing at {target}")
-    for line in re.findall(r"^ {4}(.*)$|`([^`\n]+)`", text, re.M) if build else []:
-        command = re.split(r" {2,}|[#;|>&]", "".join(line).strip(), maxsplit=1)[0]
+    lines = [line for block in blocks_of(text) for line in block.lines] + re.findall(r"`([^`\n]+)`", text)
+    for line in lines if build else []:
+        command = re.split(r" {2,}|[#;|>&]", line.strip(), maxsplit=1)[0]
         if re.match(r"scripts/|tests/\S+/run|(build/\w+/)?tavistro-(server|host|monitor)\b(?!\(|\.)|cmake --preset|ctest ",
                     command):
             check_command(path, command)
             commands_checked += 1
 if build:
-    codes = re.findall(r"^    (TAVISTRO_[A-Z_]+) = \d", (root / "include/tavistro/engine.h").read_text(), re.M)
-    hosting = (root / "docs/hosting.md").read_text()
-    faults += [f"hosting.md: nothing about {code}" for code in codes if f"`{code}`" not in hosting]
-    if commands_checked < 50 or len(codes) < 80:
-        faults.append(f"only {commands_checked} commands and {len(codes)} codes were found")
+    check_codes()
+    if commands_checked < 50:
+        faults.append(f"only {commands_checked} commands were found")
 print("\n".join(faults))
 sys.exit(bool(faults))
