@@ -89,10 +89,11 @@ void write_cell(std::ostream& out, long number) {
 }
 
 void write_matrix(std::ostream& out, std::span<const Verdict> verdicts, bool busy) {
-    out << "\n## Put in, and named: " << (busy ? "a busy" : "a quiet") << " computer\n\n| put in |";
+    out << "\n## Injected faults and named causes: " << (busy ? "busy" : "quiet")
+        << " computer\n\n| injected |";
     for (const Cause cause : columns)
         out << ' ' << cause_name(cause) << " |";
-    out << " not clear yet | nothing | of |\n|---|";
+    out << " not clear yet | none | runs |\n|---|";
     for (std::size_t i = 0; i < std::size(columns) + 3; ++i)
         out << "---|";
     out << '\n';
@@ -180,7 +181,7 @@ void Summary::add(const Verdict& v) {
     const int wrongly_named = v.wrong().count();
     for (int i = 0; i < v.named.count(); ++i)
         precision_.add(i >= wrongly_named);
-    if (wrongly_named > 0) wrong_.add(v, names(v.wrong()) + "; put in: " + names(v.put_in));
+    if (wrongly_named > 0) wrong_.add(v, names(v.wrong()) + "; injected: " + names(v.put_in));
     if (entry.is_harmless()) {
         Causes computer;
         computer.add(Cause::host_overload);
@@ -210,23 +211,24 @@ void Summary::write(std::ostream& out) const {
     const auto row = [&](const std::string& what, const Share& share) {
         out << "| " << what << " | " << share.text() << " |\n";
     };
-    row("named causes that are true", precision_);
-    row("audible single faults, quiet computer, named within two minutes", recall_);
-    row("weaker ones for which a wrong cause is named", faint_accused_);
-    row("clean runs that name no side but the computer, quiet", clean_[0]);
-    row("the same, busy", clean_[1]);
-    row("difference of the clocks within its uncertainty, quiet", clock_[0]);
-    row("the same, busy", clock_[1]);
-    row("runs with every count right", counts_);
+    row("named causes that are correct", precision_);
+    row("audible single faults on a quiet computer, named within two minutes", recall_);
+    row("inaudible single faults on a quiet computer for which a wrong cause is named",
+        faint_accused_);
+    row("harmless runs on a quiet computer that name no cause but the computer", clean_[0]);
+    row("harmless runs on a busy computer that name no cause but the computer", clean_[1]);
+    row("clock difference within its uncertainty, quiet computer", clock_[0]);
+    row("clock difference within its uncertainty, busy computer", clock_[1]);
+    row("runs with all counts correct", counts_);
     for (const auto& [what, share] : each_count_)
-        row("runs with the right count: " + std::string(what), share);
+        row("runs with a correct count: " + std::string(what), share);
 }
 
 void Summary::write_lists(std::ostream& out) const {
-    wrong_.write(out, "Wrong findings");
+    wrong_.write(out, "Wrong causes named");
     missed_.write(out, "Audible faults not named");
     miscounted_.write(out, "Wrong counts", longest_list);
-    if (!broken_.empty()) broken_.write(out, "Worlds that count otherwise than their engine");
+    if (!broken_.empty()) broken_.write(out, "Simulations whose counts differ from the engine's");
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ std::vector<Told> compare_counts(const Recording& recording) {
         {"periods", to.periods - from.periods, least.periods, most.periods},
         {"underruns", to.underruns - from.underruns, least.underruns, most.underruns},
         {"overruns", to.overruns - from.overruns, least.overruns, most.overruns},
-        {"tenths of a second of silence", (to.silence.count - from.silence.count) / 100,
+        {"silence, tenths of a second", (to.silence.count - from.silence.count) / 100,
          least.silence_ms / 100, most.silence_ms / 100},
     };
     return told;

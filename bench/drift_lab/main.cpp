@@ -1,4 +1,4 @@
-// tavistro-drift-lab: which differences of clocks, and which disturbances, a latency holds.
+// tavistro-drift-lab: how much clock drift and jitter a latency absorbs.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
@@ -119,8 +119,9 @@ void print_grid(const Options& options, const std::vector<Row>& rows) {
 }
 
 void print_ends(const std::vector<Row>& rows) {
-    std::cout << "| latency, blocks | server faster, ppm | fill (least to most), underruns / "
-                 "overruns | captured input (least to most) | sent back | too little held |\n"
+    std::cout << "| latency, blocks | server faster, ppm | fill (min to max), underruns / "
+                 "overruns | captured input (min to max) | notices answered | notices without "
+                 "enough input |\n"
                  "|---|---|---|---|---|---|\n";
     for (const auto& [e, o] : rows) {
         std::cout << text("| %llu | %+.1f | ", static_cast<unsigned long long>(e.latency_blocks),
@@ -188,7 +189,7 @@ int run_tool(int argc, char** argv) {
     CLI::App* const grid_command = app.add_subcommand("grid", "every drift with every latency");
     grid_command->add_option("--drift", options.drifts, "ppm that the server is faster")
         ->check(number_range(-10000, 10000));
-    app.add_subcommand("ends", "the two ends of what each latency holds")
+    app.add_subcommand("ends", "the two limits of the drift that each latency absorbs")
         ->add_option("--search-hours", options.search_hours, "virtual time of each run in search")
         ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
