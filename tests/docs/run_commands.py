@@ -19,7 +19,7 @@ root, build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
 PROGRAM = re.compile(r"(sudo |setpriv .*|\w+=\S+ )*((\S*/)?tavistro-\w|scripts/|tests/|cmake |cpack |ctest |cc |pkg-config "
                      r"|apt-get |jackd |pw-jack |ps )")
 NO_COMMAND = re.compile(r"\S {2,}(?!#)\S|^ | \[|\.\.\.| [A-Z]{2,}\b")  # prose behind it, something to replace
-CHANGES_THE_COMPUTER = re.compile(r"sudo|apt-get|scripts/setup|--prefix /|wine|windows")
+CHANGES_THE_COMPUTER = re.compile(r"sudo|apt-get|scripts/(setup|build|test)\b|--prefix /|wine|windows")
 SERVER, HOST, PAGE = r"tavistro-server\b", r"tavistro-host run\b", r"tavistro-monitor .*--http"
 FIRST_OUTPUT = {SERVER: r"\S", HOST: r"(?i)running", PAGE: r"\S"}  # of what runs until the end of the page
 NEEDS = {r"tavistro-host (run|servers)": (SERVER, "tavistro-server --melody 0 --melody 1"),
