@@ -1,8 +1,7 @@
 """usage: run_commands.py SOURCE_FOLDER BUILD_FOLDER: types the commands of README.md and docs/*.md in a shell, in the
 order of each page, and fails when one does not work as it stands. A program that runs until Ctrl-C gets one when
 it has shown its first output, or at the end of the page if later commands need it. A block below the comment
-"<!-- not run: REASON -->" is not run but listed. Each page has a temporary folder
-for the files that its commands write."""
+"<!-- not run: REASON -->" is not run but listed. Each page has a temporary folder for the files that it writes."""
 import os
 import pathlib
 import re
@@ -16,6 +15,7 @@ import time
 from blocks import blocks_of
 
 root, build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+SHELLS = "sh", "bash", "shell", "console"
 PROGRAM = re.compile(r"(sudo |setpriv .*|\w+=\S+ )*((\S*/)?tavistro-\w|scripts/|tests/|cmake |cpack |ctest |cc |pkg-config "
                      r"|apt-get |jackd |pw-jack |ps )")
 NO_COMMAND = re.compile(r"\S {2,}(?!#)\S|^ | \[|\.\.\.| [A-Z]{2,}\b")  # prose behind it, something to replace
@@ -29,7 +29,7 @@ faults, skipped, running, ran = [], [], {}, 0
 
 class Command:
     def __init__(self, where, text):
-        self.name, self.output = f"{where}: {text}", tempfile.TemporaryFile()
+        self.name, self.output = f"{where}: {text}", tempfile.TemporaryFile("a+b")
         path = f"{build}:{os.environ['PATH']}"
         shell = ["setpriv", "--pdeathsig", "KILL", "bash", "-c"]  # nothing outlives this test
         self.process = subprocess.Popen([*shell, text], cwd=folder, env={**os.environ, "PATH": path},
@@ -108,7 +108,7 @@ def run_page(path):
     if text.count("<!-- not run:") != sum(block.not_run is not None for block, _ in blocks):
         faults.append(f"{path.name}: a mark 'not run' that is not above a block")
     for block, lines in blocks:
-        if block.language not in ("", "sh") or not block.language and not PROGRAM.match((lines or [""])[0]):
+        if block.language not in SHELLS and (block.language or not lines or not PROGRAM.match(lines[0])):
             continue
         for line in lines:
             if NO_COMMAND.search(line):
