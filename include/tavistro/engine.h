@@ -1,31 +1,31 @@
 /*
- * Tavistro engine: the host's side.
+ * Tavistro engine: C interface for host programs.
  *
- * A host creates the one engine of its process, starts it with the path of a configuration file,
- * polls a 904-byte state record, stops it and destroys it:
+ * A process has at most one engine. The host creates it, starts a run with a configuration file,
+ * polls the 904-byte state record, stops the run and destroys the engine:
  *
  *     tavistro_engine* engine = tavistro_engine_create();
  *     if (engine && tavistro_engine_start_from_config(engine, "tavistro.ini")) {
  *         tavistro_engine_state state;
  *         while (tavistro_engine_get_state(engine, &state) && state.state != TAVISTRO_STATE_FAILED)
- *             ...wait a little, show state...
+ *             ...wait, e.g. 100 ms, and show the state...
  *     }
  *     tavistro_engine_stop(engine);
  *     tavistro_engine_destroy(engine);
  *
- * Stop comes before the end: a library that is unloaded while a run is active takes the code away
- * from its running threads, and the process crashes. A process that exits without a stop ends
- * them with it; on Linux the statistics block stays behind then, /dev/shm/TavistroEngineStats_ID_v6
- * with its last values, until a run with the same client_id has used it and closed.
+ * Stop the run before you unload the library: unloading removes the code that the engine's threads
+ * are executing, and the process crashes. When the process exits without a stop, the system ends
+ * these threads. On Linux the statistics block, /dev/shm/TavistroEngineStats_ID_v6, then remains
+ * with its last values until another run with the same client_id has opened and closed it.
  *
- * Threads: tavistro_engine_get_state may be called from any thread at any time between create and
- * destroy. The other functions are called from one thread at a time. None may be called from a
- * real-time thread: all take locks.
+ * Threads: any thread may call tavistro_engine_get_state at any time between create and destroy.
+ * All other functions must be called from one thread at a time.
+ * Real-time safety: none. Every function may lock a mutex; do not call one from an audio callback.
  *
- * The engine keeps no text. Every number below has a name here; what a host says to its user for
- * it is the host's own choice.
+ * The state record holds codes, not text. Each code is named below; the host chooses the wording
+ * that it shows to its users.
  *
- * Plain C99; usable from C++.
+ * Plain C99; also compiles as C++.
  */
 #ifndef TAVISTRO_ENGINE_H
 #define TAVISTRO_ENGINE_H
@@ -48,7 +48,7 @@
 extern "C" {
 #endif
 
-/* Value of tavistro_engine_state.version that this header describes. */
+/* The value of tavistro_engine_state.version for the layout in this header. */
 #define TAVISTRO_STATE_RECORD_VERSION 5u
 #define TAVISTRO_MAX_EVENTS 8u
 #define TAVISTRO_MAX_METERS 32u
@@ -56,13 +56,13 @@ extern "C" {
 /* tavistro_engine_state.state */
 enum tavistro_state_code {
     TAVISTRO_STATE_IDLE = 0,       /* created, never started */
-    TAVISTRO_STATE_STARTING = 1,   /* loading the settings, starting the network client */
-    TAVISTRO_STATE_CONNECTED = 2,  /* waiting, without limit, for the server's stream format */
-    TAVISTRO_STATE_RUNNING = 3,    /* audio is played */
-    TAVISTRO_STATE_RESTARTING = 4, /* device retry, stream-format change or device recovery */
+    TAVISTRO_STATE_STARTING = 1,   /* loading the configuration, starting the network client */
+    TAVISTRO_STATE_CONNECTED = 2,  /* waiting for the server's stream format, without a timeout */
+    TAVISTRO_STATE_RUNNING = 3,    /* the audio path is active */
+    TAVISTRO_STATE_RESTARTING = 4, /* device retry, stream format change or device recovery */
     TAVISTRO_STATE_STOPPING = 5,
-    TAVISTRO_STATE_STOPPED = 6, /* ended by a stop request */
-    TAVISTRO_STATE_FAILED = 7   /* ended by an error; error_code says which */
+    TAVISTRO_STATE_STOPPED = 6, /* the run was ended by a stop */
+    TAVISTRO_STATE_FAILED = 7   /* the run was ended by the error in error_code */
 };
 
 /* tavistro_engine_state.status_level */
@@ -70,7 +70,7 @@ enum tavistro_status_level {
     TAVISTRO_LEVEL_NONE = 0,
     TAVISTRO_LEVEL_HEALTHY = 1,
     TAVISTRO_LEVEL_WARNING = 2,
-    TAVISTRO_LEVEL_PENDING = 3, /* something is in progress or awaited */
+    TAVISTRO_LEVEL_PENDING = 3, /* the engine is working on it or waiting for it */
     TAVISTRO_LEVEL_ERROR = 4
 };
 
@@ -91,7 +91,7 @@ enum tavistro_status_category {
     TAVISTRO_CATEGORY_COMPATIBILITY = 12
 };
 
-/* tavistro_engine_state.error_code and tavistro_engine_event.error_code; 8 is not used */
+/* tavistro_engine_state.error_code and tavistro_engine_event.error_code; 8 is unused */
 enum tavistro_error_code {
     TAVISTRO_ERROR_NONE = 0,
     TAVISTRO_ERROR_NO_CONFIG_PATH = 1,
@@ -115,7 +115,7 @@ enum tavistro_event_kind {
     TAVISTRO_EVENT_GAVE_UP = 5
 };
 
-/* status_message, error_detail and tavistro_engine_event.message: one numbering */
+/* tavistro_engine_state.status_message and .error_detail, tavistro_engine_event.message */
 enum tavistro_message_id {
     TAVISTRO_MESSAGE_NONE = 0,
     TAVISTRO_MESSAGE_NO_CONFIG_PATH = 1,
@@ -145,10 +145,10 @@ enum tavistro_message_id {
     TAVISTRO_MESSAGE_RECOVERY_FORMAT_REFUSED = 25,
     TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED = 26,
     TAVISTRO_MESSAGE_DEVICE_RECOVERED = 27,
-    TAVISTRO_MESSAGE_SYNC_LOST = 28, /* no notice from the server for more than 3000 ms */
+    TAVISTRO_MESSAGE_SYNC_LOST = 28, /* no sync notice from the server for more than 3000 ms */
     TAVISTRO_MESSAGE_DEVICE_RESET_REQUESTED = 29,
     TAVISTRO_MESSAGE_SAMPLE_RATE_DIFFERS = 30,
-    TAVISTRO_MESSAGE_BLOCK_SIZE_DIFFERS = 31, /* or blocks of a foreign format were rejected */
+    TAVISTRO_MESSAGE_BLOCK_SIZE_DIFFERS = 31, /* or blocks in another format were rejected */
     TAVISTRO_MESSAGE_DEVICE_STALLED = 32,
     TAVISTRO_MESSAGE_OUTPUT_READY_FAILURES = 33,
     TAVISTRO_MESSAGE_CAPTURE_DROPS = 34,
@@ -174,11 +174,11 @@ enum tavistro_message_id {
 
 /* One entry of the event history. */
 typedef struct tavistro_engine_event {
-    uint64_t sequence;     /* 1, 2, 3, ... in order of recording within one run */
-    uint64_t time_ms;      /* millisecond tick of the system when it was recorded */
+    uint64_t sequence;     /* 1, 2, 3, ... in the order of the run's events */
+    uint64_t time_ms;      /* system millisecond tick at which the event was recorded */
     uint32_t kind;         /* tavistro_event_kind */
     uint32_t subject;      /* tavistro_status_category */
-    uint32_t attempt;      /* counted from 1 */
+    uint32_t attempt;      /* number of the attempt, from 1 */
     uint32_t max_attempts; /* 12 for start retries, 3 for device recovery */
     uint32_t error_code;   /* tavistro_error_code of the failed attempt */
     uint32_t message;      /* tavistro_message_id */
@@ -186,41 +186,41 @@ typedef struct tavistro_engine_event {
 
 /* Peak meter of one channel. */
 typedef struct tavistro_channel_meter {
-    uint32_t channel;       /* channel number as written in the configuration, 0..31 */
-    uint32_t peak_permille; /* highest peak since the last report, thousandths of full scale */
+    uint32_t channel;       /* channel number in the configuration, 0..31 */
+    uint32_t peak_permille; /* highest peak since the previous report, 1/1000 of full scale */
 } tavistro_channel_meter;
 
 /*
  * The state record. 904 bytes, natural alignment, no padding, native (little) byte order.
- * Valid events stand oldest first at events[0 .. event_count - 1]; a host that remembers the last
- * sequence it saw knows which are new, and a gap in sequence tells how many it missed.
+ * events[0 .. event_count - 1] are valid, oldest first. A host that remembers the last sequence it
+ * has read recognises new events by a higher sequence; a gap is the number of events it missed.
  */
 typedef struct tavistro_engine_state {
     uint32_t version;             /* TAVISTRO_STATE_RECORD_VERSION */
     uint32_t state;               /* tavistro_state_code */
     uint32_t status_level;        /* tavistro_status_level */
     uint32_t status_category;     /* tavistro_status_category */
-    uint32_t error_code;          /* tavistro_error_code of the last error, 0 when none */
-    uint32_t error_detail;        /* tavistro_message_id that goes with error_code */
+    uint32_t error_code;          /* tavistro_error_code of the last error; 0: no error */
+    uint32_t error_detail;        /* tavistro_message_id that explains error_code */
     uint32_t status_message;      /* tavistro_message_id */
-    uint32_t client_id;           /* of the current run; 0 until its configuration is loaded */
-    uint32_t stream_sample_rate;  /* Hz, from the server; 0 until known */
-    uint32_t stream_block_frames; /* frames per block, from the server; 0 until known */
-    uint32_t device_sample_rate;  /* Hz, the rate that the device runs at; 0 until known */
+    uint32_t client_id;           /* of this run; 0 until its configuration is loaded */
+    uint32_t stream_sample_rate;  /* Hz, set by the server; 0 until known */
+    uint32_t stream_block_frames; /* frames per block, set by the server; 0 until known */
+    uint32_t device_sample_rate;  /* Hz, actual rate of the device; 0 until known */
     uint32_t device_block_frames; /* frames per device period; 0 until known */
     uint32_t event_count;         /* valid entries of events, 0..8 */
     uint32_t event_capacity;      /* 8 */
     uint32_t input_meter_count;   /* valid entries of input_meters, 0..32 */
     uint32_t output_meter_count;  /* valid entries of output_meters, 0..32 */
-    uint64_t next_event_sequence; /* what the next event will carry */
+    uint64_t next_event_sequence; /* sequence of the next event */
     tavistro_engine_event events[TAVISTRO_MAX_EVENTS];
     tavistro_channel_meter input_meters[TAVISTRO_MAX_METERS];
     tavistro_channel_meter output_meters[TAVISTRO_MAX_METERS];
 } tavistro_engine_state;
 
 /*
- * The layout is part of the interface: a compiler that lays it out otherwise stops here.
- * __builtin_offsetof is what stddef.h would bring; gcc, clang and msvc have it.
+ * The layout is part of the interface: compilation fails here if a compiler lays it out
+ * differently. gcc, clang and msvc provide __builtin_offsetof, which avoids stddef.h.
  */
 #define TAVISTRO_ASSERT_LAYOUT(name, condition) \
     typedef char tavistro_layout_##name[(condition) ? 1 : -1]
@@ -245,40 +245,49 @@ TAVISTRO_ASSERT_OFFSET(tavistro_engine_state, events, 72);
 TAVISTRO_ASSERT_OFFSET(tavistro_engine_state, input_meters, 392);
 TAVISTRO_ASSERT_OFFSET(tavistro_engine_state, output_meters, 648);
 
+/* Opaque handle. */
 typedef struct tavistro_engine tavistro_engine;
 
 /*
- * Creates the engine. At most one exists per process.
- * Returns its handle, or null when one exists already or memory ran out.
+ * Creates the engine of this process; it is idle.
+ * Returns its handle, or null if an engine exists already or memory runs out.
+ * One thread at a time; not real-time safe: locks, allocates.
  */
 TAVISTRO_API tavistro_engine* tavistro_engine_create(void);
 
 /*
- * Starts a run with the settings of an INI file. The path is copied before the call returns.
- * It goes to the system's file opening byte by byte; on Windows that takes it as text in the ANSI
- * code page of the process (GetACP), which is UTF-8 only where the program's manifest or the system
- * says so.
+ * Starts a run with the INI file at `path`, which is copied before the call returns.
+ * The bytes of `path` are passed to the system unchanged. Windows reads them in the process's ANSI
+ * code page (GetACP), which is UTF-8 only if the program's manifest or the system selects it.
  *
- * Returns 1 when the run was launched: loading the file, finding the server and everything after
- * happen on the engine's own threads and show in the state record. Returns 0 when refused, with
- * the reason in error_code: no path, a run that was not stopped yet (also one that ended by
- * itself), or no thread to be had; a null handle returns 0 with no effect.
+ * Returns 1 if the run was launched. Loading the file, finding the server and all later steps
+ * happen on the engine's own threads; their progress and errors are in the state record.
+ * Returns 0 if the start was refused. error_code says why: TAVISTRO_ERROR_NO_CONFIG_PATH (null or
+ * empty path), TAVISTRO_ERROR_ALREADY_STARTED (the previous run was not stopped, even if it ended
+ * by itself) or TAVISTRO_ERROR_WORKER_START_FAILED. A null handle returns 0 with no effect.
+ * One thread at a time, does not wait; not real-time safe: locks, allocates, creates a thread.
  */
 TAVISTRO_API int32_t tavistro_engine_start_from_config(tavistro_engine* engine, const char* path);
 
 /*
- * Copies a consistent snapshot of the state record, exactly 904 bytes, to the caller's buffer.
- * Returns 1, or 0 (nothing written) when either pointer is null. Any thread, any time.
+ * Copies a consistent snapshot of the state record, exactly 904 bytes, into `buffer`, which needs
+ * no alignment. Returns 1; returns 0 and writes nothing if either pointer is null.
+ * Any thread, at any time; not real-time safe: locks a mutex while it copies.
  */
 TAVISTRO_API int32_t tavistro_engine_get_state(tavistro_engine* engine, void* buffer);
 
 /*
- * Ends the run and returns when all its threads have ended: within about 100 ms, after a start
- * attempt of the network client or of the device that is in progress. Harmless when nothing runs.
+ * Stops the run and returns when all its threads have ended: within about 100 ms, or that long
+ * after the end of a start attempt of the network client or the device that is in progress.
+ * Has no effect on an idle engine or a null handle.
+ * One thread at a time; not real-time safe: blocks.
  */
 TAVISTRO_API void tavistro_engine_stop(tavistro_engine* engine);
 
-/* Stops and frees the engine; afterwards a new one can be created. Null is ignored. */
+/*
+ * Stops the run, if any, and frees the engine; a new one can then be created. Ignores null.
+ * One thread at a time, with no other call in progress; not real-time safe: blocks as a stop does.
+ */
 TAVISTRO_API void tavistro_engine_destroy(tavistro_engine* engine);
 
 #ifdef __cplusplus

@@ -1,34 +1,33 @@
 /*
- * Tavistro statistics block: the side of other processes.
+ * Tavistro statistics block: interface for other processes.
  *
- * While a run is active the engine publishes its state and a flat copy of its statistics in a
- * named block of shared memory of 288 bytes. <id> is the run's client_id in decimal:
+ * During a run the engine publishes its state and statistics in a named shared memory block of
+ * 288 bytes. <id> is the run's client_id in decimal:
  *
  *     Windows   Local\TavistroEngineStats_<id>_v6   (OpenFileMappingA, MapViewOfFile)
  *     Linux     /TavistroEngineStats_<id>_v6        (shm_open, pread)
  *
- * How to read it safely:
- * - On Windows map it read-only. On Linux read all 288 bytes with one pread: a mapping works too,
- *   but any user may shrink the object, and touching a page that is gone ends the reader (SIGBUS).
- * - Check magic and layout_version before anything else, and again after reopening.
- * - In a mapping read each field once, through a volatile pointer or an atomic load of its own
- *   width: the engine stores every field in one piece, so a field is never half written. On Linux
- *   the kernel copies, on some older processors the last field of a range byte by byte.
- * - There is no lock and no generation count. Fields of one report may come from two consecutive
- *   reports, and the network half and the player half are written by different threads.
- *   Differences between two readings taken more than a second apart are sound.
- * - Unsigned fields stop at 2147483647, rendered_frames at 9223372036854775807.
- * - Zero means "nothing yet" until the first report. The block goes away when the run ends and its
- *   last holder has closed it; a handle or mapping that is kept shows the last values. A new run
- *   makes a new block (or clears the one still held): reopen when state is 6 or 7.
- * - The counters of the player (underruns, overruns, playback_dropped, capture_dropped,
- *   rendered_frames) and its longest times start anew with each start of the audio path: also after
- *   a recovery of the device or a change of the stream's format, within a run. Those of the network
- *   client go on.
- * - Two engines with one client_id share one block: each field shows what was last written to it,
- *   by either, and the one that starts later clears all of it.
+ * Rules for readers:
+ * - On Windows map the block read-only. On Linux read all 288 bytes with one pread: any user may
+ *   shrink the object, and a reader that touches a removed page of a mapping gets SIGBUS.
+ * - Check magic and layout_version first, and again after reopening.
+ * - In a mapping read each field once, through a volatile pointer or with an atomic load of the
+ *   field's width. The engine stores each field with one write, so no read is torn. The pread copy
+ *   is made by the kernel; some older processors copy the last field of a range byte by byte.
+ * - There is no lock and no generation count: one reading may mix two consecutive reports, and
+ *   different threads write the network fields and the player fields. Differences between two
+ *   readings are valid if these are more than one second apart.
+ * - Unsigned 32-bit fields saturate at 2147483647, rendered_frames at 9223372036854775807.
+ * - Fields are zero until the first report. The block is removed when the run has ended and the
+ *   last holder has closed it; an open handle or mapping keeps the last values. A new run creates
+ *   a new block (or clears one that is still held): reopen it when state is 6 or 7.
+ * - The player's counters (underruns, overruns, playback_dropped, capture_dropped,
+ *   rendered_frames) and maximum times restart at 0 with each start of the audio path, also within
+ *   a run: after a device recovery or a stream format change. The network client's continue.
+ * - Two engines with the same client_id share one block: each field holds the last value written by
+ *   either, and the engine that starts later clears the whole block.
  *
- * Plain C99; usable from C++.
+ * Plain C99; also compiles as C++.
  */
 #ifndef TAVISTRO_STATS_BLOCK_H
 #define TAVISTRO_STATS_BLOCK_H
@@ -41,26 +40,28 @@
 #define TAVISTRO_STATS_HISTOGRAM_BUCKETS 10u
 
 /*
- * Bucket i of a histogram counts values up to and including the i-th of these bounds, in
- * microseconds, that exceed the bound before it: 250, 500, 1000, 2000, 5000, 10000, 20000, 50000,
- * 100000; the last bucket takes everything above.
+ * Upper bounds of the histogram buckets in microseconds, inclusive. Bucket i counts the values that
+ * are above bound i - 1 and not above bound i; the last bucket counts everything above 100000.
  */
 #define TAVISTRO_STATS_HISTOGRAM_BOUNDS_US \
     { 250u, 500u, 1000u, 2000u, 5000u, 10000u, 20000u, 50000u, 100000u, 4294967295u }
 
-/* Times named _us are microseconds, counters run since the start of the client or the player. */
+/*
+ * Names that end in _us: microseconds. Counters count from the start of the client or the player.
+ * The "last interval" of rates is at least 1000 ms.
+ */
 typedef struct tavistro_stats_block {
-    char magic[4]; /* "TENG", without a terminating zero */
+    char magic[4]; /* "TENG", not zero-terminated */
     uint32_t layout_version;
     uint32_t state;      /* tavistro_state_code of engine.h */
     uint32_t error_code; /* tavistro_error_code of engine.h */
     uint32_t client_id;
-    uint32_t stream_sample_rate;         /* Hz */
-    uint32_t stream_block_frames;        /* frames per block */
-    uint32_t client_recv_blocks_per_sec; /* new blocks in the last interval of at least 1000 ms */
-    uint32_t client_duplicate_blocks_per_sec; /* late or repeated blocks in that interval */
+    uint32_t stream_sample_rate;              /* Hz */
+    uint32_t stream_block_frames;             /* frames per block */
+    uint32_t client_recv_blocks_per_sec;      /* new blocks in the last interval */
+    uint32_t client_duplicate_blocks_per_sec; /* late or repeated blocks in the last interval */
     uint32_t rtt_samples;
-    uint32_t ping_timeouts; /* pings given up after 3000 ms */
+    uint32_t ping_timeouts; /* pings without an answer after 3000 ms */
     uint32_t rtt_last_us;
     uint32_t rtt_min_us;
     uint32_t rtt_max_us;
@@ -69,7 +70,7 @@ typedef struct tavistro_stats_block {
     uint32_t rtt_p99_us;
     uint32_t clock_synced; /* 0 or 1 */
     uint32_t sync_rtt_us;
-    uint32_t rtt_histogram[TAVISTRO_STATS_HISTOGRAM_BUCKETS]; /* upper bounds below */
+    uint32_t rtt_histogram[TAVISTRO_STATS_HISTOGRAM_BUCKETS]; /* bounds: see above */
     uint32_t sync_delay_samples;
     uint32_t sync_delay_last_us;
     uint32_t sync_delay_min_us;
@@ -77,29 +78,29 @@ typedef struct tavistro_stats_block {
     uint32_t sync_delay_p50_us;
     uint32_t sync_delay_p95_us;
     uint32_t sync_delay_p99_us;
-    uint32_t sync_delay_histogram[TAVISTRO_STATS_HISTOGRAM_BUCKETS]; /* upper bounds below */
-    uint32_t player_recv_blocks_per_sec; /* blocks queued for playing in the last interval */
+    uint32_t sync_delay_histogram[TAVISTRO_STATS_HISTOGRAM_BUCKETS]; /* bounds: see above */
+    uint32_t player_recv_blocks_per_sec; /* blocks queued for playback in the last interval */
     uint32_t callbacks_per_sec;          /* device periods in the last interval */
     uint32_t dequeued_per_sec;           /* blocks rendered in the last interval */
-    uint32_t playback_buffer_frames;     /* last recorded fill */
-    uint32_t min_frames;                 /* lowest fill since the report before */
-    uint32_t max_frames;                 /* highest fill since the report before */
+    uint32_t playback_buffer_frames;     /* latest fill level of the playback buffer */
+    uint32_t min_frames;                 /* lowest fill level since the previous report */
+    uint32_t max_frames;                 /* highest fill level since the previous report */
     uint32_t target_frames;
-    int32_t error_frames;       /* fill minus target */
-    int32_t buffer_us;          /* buffered audio in microseconds */
-    int32_t buffer_centiblocks; /* buffered audio in hundredths of a block */
-    int32_t ratio_ppm;          /* estimated server clock against device clock, parts per million */
-    uint32_t callback_duration_last_us; /* the work of one device period */
+    int32_t error_frames;       /* fill level minus target */
+    int32_t buffer_us;          /* buffered audio */
+    int32_t buffer_centiblocks; /* buffered audio in 1/100 block */
+    int32_t ratio_ppm; /* estimated rate of the server clock relative to the device clock, ppm */
+    uint32_t callback_duration_last_us; /* processing time of one device period */
     uint32_t callback_duration_max_us;
     uint32_t underruns;
     uint32_t overruns;
     uint32_t playback_dropped;
     uint32_t capture_dropped;
-    uint32_t block_callback_last_us; /* arrival of a block to the end of its delivery */
+    uint32_t block_callback_last_us; /* from arrival of a block to the end of its delivery */
     uint32_t block_callback_max_us;
-    uint32_t queue_latency_last_us; /* delivery of a block to its playing */
+    uint32_t queue_latency_last_us; /* from delivery of a block to its playback */
     uint32_t queue_latency_max_us;
-    uint32_t server_to_output_last_us; /* the server's time of a block to its playing */
+    uint32_t server_to_output_last_us; /* from a block's server time to its playback */
     uint32_t server_to_output_max_us;
     uint32_t reserved; /* always 0 */
     uint64_t rendered_frames;
