@@ -1,4 +1,4 @@
-// The only exchanges between client and player. Every function here runs on their threads.
+// All exchange between client and player. Every function here runs on one of their threads.
 #include "engine/engine_runtime.h"
 #include "platform/clock.h"
 

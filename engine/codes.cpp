@@ -1,4 +1,4 @@
-// The typed codes and the constants that hosts are compiled with have the same numbers.
+// Asserts that the typed codes have the values of the public constants.
 #include "engine/codes.h"
 
 #include "tavistro/engine.h"

@@ -1,5 +1,5 @@
-// The codes of the state record as types of their own, so that a level cannot stand where a
-// category belongs. The numbers are those of tavistro/engine.h, which codes.cpp asserts.
+// Typed codes of the state record: the compiler rejects a level in place of a category. codes.cpp
+// asserts that the values equal those in tavistro/engine.h.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,6 @@
 
 namespace tavistro {
 
-/// What the engine is doing.
 enum class EngineState : std::uint32_t {
     Idle = 0,
     Starting = 1,
@@ -19,7 +18,7 @@ enum class EngineState : std::uint32_t {
     Failed = 7,
 };
 
-/// How serious the current status is.
+/// Severity of the current status.
 enum class StatusLevel : std::uint32_t {
     None = 0,
     Healthy = 1,
@@ -28,7 +27,7 @@ enum class StatusLevel : std::uint32_t {
     Error = 4,
 };
 
-/// What a status or an event is about.
+/// Subject of a status or an event.
 enum class StatusCategory : std::uint32_t {
     Engine = 0,
     Network = 1,
@@ -45,7 +44,7 @@ enum class StatusCategory : std::uint32_t {
     Compatibility = 12,
 };
 
-/// Why a run failed; 8 is not used.
+/// Why a run failed; 8 is unused.
 enum class ErrorCode : std::uint32_t {
     None = 0,
     NoConfigPath = 1,
@@ -60,7 +59,7 @@ enum class ErrorCode : std::uint32_t {
     ServerIncompatible = 11,
 };
 
-/// What an entry of the event history records.
+/// Kind of an entry in the event history.
 enum class EventKind : std::uint32_t {
     RecoveryRequested = 1,
     AttemptStarted = 2,
@@ -69,7 +68,7 @@ enum class EventKind : std::uint32_t {
     GaveUp = 5,
 };
 
-/// The text that the host shows for a status, error or event.
+/// Selects the text that the host shows for a status, error or event.
 enum class MessageId : std::uint32_t {
     None = 0,
     NoConfigPath = 1,
@@ -126,7 +125,7 @@ enum class MessageId : std::uint32_t {
     ServerIncompatible = 52,
 };
 
-/// The number that stands for `code` in the state record and the statistics block.
+/// The value of `code` in the state record and the statistics block.
 template <typename Code>
 constexpr std::uint32_t code_of(Code code) noexcept {
     static_assert(std::is_enum_v<Code>);

@@ -1,4 +1,4 @@
-// Which device an engine plays on unless it is told otherwise.
+// The default audio device of an engine.
 #pragma once
 
 #include <memory>
@@ -7,7 +7,7 @@
 
 namespace tavistro {
 
-/// A new, unopened ASIO device. One at a time may be open in a process.
+/// Returns a new, unopened ASIO device. A process may have only one open at a time.
 std::unique_ptr<AudioDevice> create_default_device();
 
 }  // namespace tavistro

@@ -11,16 +11,16 @@ namespace {
 
 constexpr std::uint32_t supervision_period_ms = 100;
 
-/// How long a wait for the stream goes without looking for it or for a stop.
+/// Longest time between two checks for the stream format and for a stop.
 constexpr std::uint32_t sync_wait_slice_ms = 100;
 
 std::optional<EngineConfig> load(const std::string& path) noexcept {
     try {
         EngineConfig config;
-        std::string reason;  // the record carries no text
+        std::string reason;  // unused: the record has no text
         if (load_engine_config(path, config, reason)) return config;
     } catch (const std::bad_alloc&) {
-        // The defaults take memory too.
+        // The default settings allocate too.
     }
     return {};
 }
@@ -54,7 +54,7 @@ bool EngineRuntime::start(const char* path) noexcept {
     bool launched = false;
     try {
         launched = worker_.start("tav-worker", [this, copy = std::string(path)] { run(copy); });
-    } catch (...) {  // no memory for the copy
+    } catch (...) {  // the copy of the path ran out of memory
     }
     if (!launched) {
         set_failed(ErrorCode::WorkerStartFailed, MessageId::WorkerStartFailed);
@@ -126,7 +126,7 @@ void EngineRuntime::run_stages(EngineConfig& config) {
 
 bool EngineRuntime::wait_for_first_sync(AudioDeviceSettings& audio) {
     for (;;) {
-        // The format before the stop: a stream that has come by now is shown with its format.
+        // Checked before the stop, so that the record shows a format that has arrived.
         if (const auto info = first_sync_.peek()) {
             audio.sample_rate = info->sample_rate;
             audio.block_size = info->block_frames;
@@ -153,15 +153,15 @@ void EngineRuntime::supervise_until_stopped(EngineConfig& config) {
     if (!failed) set_state(EngineState::Stopped, status_stopped);
 }
 
-/// After attempts that were either cut short by a stop or all failed, leaving their error.
+/// Called after a stop during the attempts, or after the last attempt has failed and set its error.
 void EngineRuntime::end_after_retries() noexcept {
     if (!stop_requested_) return set_state(EngineState::Failed);
     clear_error();
     set_state(EngineState::Stopped, status_stopped);
 }
 
-/// What the parts themselves do not answer for, such as an exception of the device factory, ends
-/// the run as if the part that was being brought up had failed for good. Allocates nothing.
+/// An exception that no part handles, for example from the device factory, ends the run with the
+/// error of the part that was starting. Does not allocate.
 void EngineRuntime::end_after_exception() noexcept {
     stop_audio();
     client_.stop();

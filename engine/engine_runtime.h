@@ -1,13 +1,12 @@
-// The engine behind the exported handle: one run at a time, from its settings to its teardown.
+// The engine behind the exported handle: one run at a time, from configuration to teardown.
 //
-// start() launches a worker thread. The worker loads the settings, opens the statistics block,
-// brings the network client up, waits for the server to fix the stream format, brings the audio
-// path up and then supervises both until it is told to stop or cannot go on. The host follows
-// through snapshot_state().
+// start() launches a worker thread. The worker loads the configuration, opens the statistics block,
+// starts the network client, waits for the server to set the stream format, starts the audio path
+// and then supervises both until a stop or a fatal error. The host polls snapshot_state().
 //
-// Client and player never call each other: every exchange between them goes through the callbacks
-// in bridges.cpp, which run on the client's and the player's threads. Callbacks never start or stop
-// anything. What they want done they leave in a Handoff for the worker.
+// Client and player never call each other: all exchange between them goes through the callbacks in
+// bridges.cpp, which run on the client's and the player's threads. Callbacks never start or stop
+// anything; they leave requests to the worker in a Handoff.
 #pragma once
 
 #include <atomic>
@@ -28,8 +27,8 @@
 
 namespace tavistro {
 
-/// What the server's blocks look like; zeros while no audio path has started. Aligned to be loaded
-/// and stored as one word.
+/// Format of the server's blocks; zeros until the audio path has started. Aligned so that it is
+/// loaded and stored as one word.
 struct alignas(std::uint64_t) StreamFormat {
     std::uint32_t sample_rate = 0;   ///< Hz
     std::uint32_t block_frames = 0;  ///< frames per block
@@ -38,71 +37,70 @@ struct alignas(std::uint64_t) StreamFormat {
 
 class EngineRuntime {
   public:
-    /// Makes an idle engine. `create_device` gives each start of the audio path its device, unless
-    /// the run's settings ask for the virtual loopback device.
+    /// Creates an idle engine. Each start of the audio path calls `create_device`, unless the
+    /// configuration selects the virtual loopback device.
     explicit EngineRuntime(DeviceFactory create_device = create_default_device);
     EngineRuntime(const EngineRuntime&) = delete;
     EngineRuntime& operator=(const EngineRuntime&) = delete;
-    /// Stops first.
     ~EngineRuntime() { stop(); }
 
-    /// Launches a run with the settings file `path`, which is copied. False when refused, with the
-    /// reason in the record: no path, a run that was not stopped yet, or no thread to be had.
-    /// Host thread; does not wait.
+    /// Launches a run with the configuration file `path`, which is copied. Returns false when
+    /// refused, with the reason in the record: no path, a previous run that was not stopped, or a
+    /// failure to create the thread. Host thread; does not wait.
     bool start(const char* path) noexcept;
 
-    /// Ends the run and returns when its worker has ended: within about 100 ms, after a start
-    /// attempt that is in progress. Host thread, not at the same time as start().
+    /// Stops the run and returns when its worker has ended: within about 100 ms, or that long after
+    /// the end of a start attempt in progress. Host thread, not concurrently with start().
     void stop() noexcept;
 
-    /// Any thread, any time.
+    /// Any thread, at any time.
     tavistro_engine_state snapshot_state() const noexcept { return record_.snapshot_state(); }
 
   private:
-    // The worker, in the order of a run (engine_runtime.cpp).
+    // Stages of a run, on the worker (engine_runtime.cpp).
     void run(const std::string& path) noexcept;
     bool prepare(const EngineConfig& config);
     void run_stages(EngineConfig& config);
-    /// Waits without limit. False when stopped; otherwise the format is in `audio`.
+    /// Waits without a timeout. Returns false when stopped, otherwise sets the format in `audio`.
     bool wait_for_first_sync(AudioDeviceSettings& audio);
     void supervise_until_stopped(EngineConfig& config);
     void end_after_retries() noexcept;
     void end_after_exception() noexcept;
 
-    // Starts with their retries, on the worker (start_retries.cpp).
+    // Starts with retries, on the worker (start_retries.cpp).
     enum class Attempt { started, failed, hopeless };
     struct RetryPlan;
     template <typename TryOnce, typename BeginPause>
     bool start_with_retries(const RetryPlan& plan, TryOnce try_once, BeginPause begin_pause);
     bool start_client_with_retries(const TavistroProtocol::ClientSettings& settings);
     bool start_asio_with_retries(const AudioDeviceSettings& audio);
-    /// False when stopped before the time was over.
+    /// Returns false when stopped before `ms` have passed.
     bool wait_or_stop(std::uint32_t ms);
 
-    // One attempt each, on the worker (engine_start.cpp).
+    // Single start attempts, on the worker (engine_start.cpp).
     Attempt start_client(const TavistroProtocol::ClientSettings& settings);
-    /// False leaves its error.
+    /// Sets the error when it returns false.
     bool start_asio(const AudioDeviceSettings& audio);
     bool start_loopback_asio(const AudioDeviceSettings& audio);
-    /// One of the two, as the settings ask.
+    /// Starts the device that the configuration selects.
     bool start_audio(const EngineConfig& config);
     using StartPlayer = decltype(&AsioPlayer::start);
-    /// `device` is the device's format as far as it is known.
+    /// `device` is the device's format; zeros if unknown.
     bool start_player(StartPlayer start_once, const AudioDeviceSettings& audio, StreamFormat device,
                       MessageId failure);
     void stop_audio() noexcept;
     bool set_capture_format(const AudioDeviceSettings& audio);
 
-    // The worker's checks while running; false ends the run (supervision.cpp).
+    // Checks during a run, on the worker; false ends the run (supervision.cpp).
     bool apply_pending_format_change(EngineConfig& config);
-    /// Clears a recovery request that is made while a recovery succeeds.
+    /// A successful recovery also clears requests that were made while it ran.
     bool run_device_recovery(const EngineConfig& config);
     void check_sync_loss();
     void reset_supervision() noexcept;
     bool give_up() noexcept;
     bool sync_is_stale() const noexcept;
 
-    // What the player's reports lead to, on their thread (supervision.cpp).
+    // Supervision by the player's reports, on the thread of the reports (supervision.cpp).
     void supervise_player_telemetry(const AsioPlayer::Telemetry& telemetry);
     void request_recovery(StatusCategory reason);
     void record_recovery_event(EventKind kind, StatusCategory reason, std::uint32_t attempt,
@@ -116,7 +114,7 @@ class EngineRuntime {
                            const std::vector<float>& samples);
     void on_player_telemetry(const AsioPlayer::Telemetry& telemetry);
 
-    // What the record and the statistics block both show.
+    // Updates of both the state record and the statistics block.
     void set_state(EngineState state) noexcept;
     void set_state(EngineState state, const Status& status) noexcept;
     void set_error(ErrorCode code, MessageId detail) noexcept;
@@ -134,17 +132,17 @@ class EngineRuntime {
     platform::WorkerEvent worker_event_;  ///< signalled by stop() and by the first SyncInfo
     std::atomic<bool> stop_requested_{false};
 
-    /// Blocks and SyncInfo reach the player only while true.
+    /// The player receives blocks and SyncInfo only while this is true.
     std::atomic<bool> audio_accepting_{false};
-    std::atomic<StreamFormat> active_format_{};   ///< what the audio path was last started with
+    std::atomic<StreamFormat> active_format_{};   ///< of the latest start of the audio path
     std::atomic<std::uint64_t> last_sync_ms_{0};  ///< millisecond tick; 0: none in this run
 
-    Handoff<TavistroProtocol::SyncInfo> first_sync_;  ///< kept for the whole run
+    Handoff<TavistroProtocol::SyncInfo> first_sync_;  ///< kept until the next run
     Handoff<TavistroProtocol::SyncInfo> format_change_;
     Handoff<StatusCategory> recovery_request_;
 
-    bool recovery_enabled_ = false;                    ///< written before the run's client starts
-    std::atomic<std::uint32_t> recovery_attempts_{0};  ///< since the last success
+    bool recovery_enabled_ = false;                    ///< written before the client starts
+    std::atomic<std::uint32_t> recovery_attempts_{0};  ///< since the last successful recovery
     std::uint64_t next_recovery_ms_ = 0;               ///< worker only; millisecond tick
 };
 

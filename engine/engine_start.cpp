@@ -1,10 +1,10 @@
-// One attempt to start each part, and the callbacks that it gets.
+// Single attempts to start the client and the player, with the callbacks that they get.
 #include "engine/engine_runtime.h"
 
 namespace tavistro {
 namespace {
 
-/// The record carries no text, so there is nowhere for log lines to go.
+/// The host interface has no text, so log lines are discarded.
 void discard_log(const std::string&) {}
 
 }  // namespace
@@ -28,7 +28,7 @@ EngineRuntime::Attempt EngineRuntime::start_client(
 }
 
 bool EngineRuntime::start_asio(const AudioDeviceSettings& audio) {
-    // The driver's own format shows with its first report.
+    // The driver's format is known from the player's first report.
     return start_player(&AsioPlayer::start, audio, {}, MessageId::AsioStartFailed);
 }
 

@@ -1,11 +1,10 @@
-// The five functions that the library exports. No exception leaves them.
+// The five exported functions. They throw nothing.
 #include <cstring>
 #include <mutex>
 
 #include "engine/engine_runtime.h"
 #include "tavistro/engine.h"
 
-/// What a handle points to.
 struct tavistro_engine {
     tavistro::EngineRuntime runtime;
 };
@@ -16,8 +15,8 @@ static_assert(TAVISTRO_STATE_RECORD_VERSION == TAVISTRO_SONAME_VERSION,
 namespace {
 
 std::mutex engine_mutex;
-/// The one of this process. It belongs to the host: one that is never destroyed is left as it is
-/// when the process ends, where joining threads may no longer be possible.
+/// The engine of this process, owned by the host. If the host never destroys it, it is deliberately
+/// leaked: at process exit its threads may no longer be joinable.
 tavistro_engine* the_engine = nullptr;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Passes one value from a callback's thread to the worker.
+// Passes a value from a callback's thread to the worker.
 #pragma once
 
 #include <mutex>
@@ -7,17 +7,17 @@
 
 namespace tavistro {
 
-/// Holds at most one small value. Any thread may call any operation; each holds the mutex only
-/// while it copies the value, and none waits for a value to come.
+/// Holds at most one small value. Any thread may call any operation. An operation locks the mutex
+/// only while it copies the value; none waits for a value.
 template <typename T>
 class Handoff {
   public:
-    /// Replaces what is held.
+    /// Replaces the held value.
     void put(const T& value) {
         const std::lock_guard lock(mutex_);
         value_ = value;
     }
-    /// False, and nothing changes, when a value is held already.
+    /// Returns false and changes nothing if a value is held already.
     bool put_if_empty(const T& value) {
         const std::lock_guard lock(mutex_);
         if (value_) return false;

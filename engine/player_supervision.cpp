@@ -5,20 +5,20 @@
 namespace tavistro {
 namespace {
 
-/// One report without a device period can be a coincidence of timing, two are not.
+/// A single report without a device period can be a matter of timing.
 constexpr std::uint32_t stall_reports = 2;
 
 constexpr Status warning(StatusCategory category, MessageId message) {
     return {StatusLevel::Warning, category, message};
 }
 
-/// A counter of faults, its value at the last report, and the status when it rose.
+/// A fault counter, its value at the last report, and the status that a rise sets.
 struct FaultCounter {
     std::uint64_t PlayerTelemetry::*value;
     std::uint64_t SupervisionMemory::*last;
     Status status;
 };
-/// Most telling first: the first that rose is reported, the others wait for the next report.
+/// In order of priority: one report shows the first that rose, later reports the others.
 constexpr std::array<FaultCounter, 5> fault_counters{{
     {&PlayerTelemetry::output_ready_failures, &SupervisionMemory::last_output_ready_failures,
      warning(StatusCategory::OutputReadyFailure, MessageId::OutputReadyFailures)},

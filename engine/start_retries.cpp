@@ -1,4 +1,4 @@
-// A part that fails to start is started again, up to twelve times, while the host is told.
+// Repeats a failed start of the client or the device, with up to twelve attempts in total.
 #include <algorithm>
 
 #include "engine/engine_runtime.h"
@@ -10,12 +10,12 @@ namespace {
 constexpr std::uint32_t max_start_attempts = 12;
 constexpr std::uint32_t retry_pause_ms = 1000;
 
-/// How long a pause goes without looking for a stop.
+/// Longest time between two checks for a stop.
 constexpr std::uint32_t pause_slice_ms = 50;
 
 }  // namespace
 
-/// What the host is told while one of the parts is started again and again.
+/// Codes that the host sees during the retries of one part.
 struct EngineRuntime::RetryPlan {
     StatusCategory subject;
     EngineState state;
@@ -28,7 +28,7 @@ struct EngineRuntime::RetryPlan {
     MessageId gave_up_event;
 };
 
-/// `begin_pause` is called after each failure that another attempt follows.
+/// `begin_pause` is called after each failure except the last.
 template <typename TryOnce, typename BeginPause>
 bool EngineRuntime::start_with_retries(const RetryPlan& plan, TryOnce try_once,
                                        BeginPause begin_pause) {

@@ -134,7 +134,7 @@ tavistro_engine_state StateRecord::snapshot_state() const noexcept {
         const std::lock_guard lock(mutex_);
         copy = record_;
     }
-    // Only a full ring has its oldest entry elsewhere than in slot 0.
+    // Until the ring is full, the oldest event is in slot 0.
     if (copy.event_count == TAVISTRO_MAX_EVENTS) {
         const auto oldest = (copy.next_event_sequence - 1) % TAVISTRO_MAX_EVENTS;
         std::rotate(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(oldest),

@@ -1,8 +1,8 @@
-// What the host sees: the live state record and every operation that changes it.
+// The live state record of the host interface and all operations on it.
 //
-// The record carries numbers only, with the codes of engine/codes.h. Every operation may be
-// called from any thread and holds the record's mutex for its own few writes, calling nothing
-// meanwhile, so snapshot_state() never waits for more than that. Nothing here allocates or throws.
+// The record contains only numbers, with the codes of engine/codes.h. Any thread may call any
+// operation. An operation locks the mutex only for its few writes and calls nothing meanwhile, so
+// snapshot_state() waits no longer than that. Nothing here allocates or throws.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@
 
 namespace tavistro {
 
-/// What the engine is doing or suffering from, in the host's three numbers.
+/// The three status codes that the host reads.
 struct Status {
     StatusLevel level = StatusLevel::None;
     StatusCategory category = StatusCategory::Engine;
@@ -23,7 +23,7 @@ struct Status {
     friend bool operator==(const Status&, const Status&) = default;
 };
 
-/// Statuses that more than one place sets.
+/// Statuses that are set in more than one place.
 inline constexpr Status status_running{StatusLevel::Healthy, StatusCategory::Engine,
                                        MessageId::Running};
 inline constexpr Status status_stopped{StatusLevel::None, StatusCategory::Engine,
@@ -31,7 +31,7 @@ inline constexpr Status status_stopped{StatusLevel::None, StatusCategory::Engine
 inline constexpr Status status_sync_lost{StatusLevel::Pending, StatusCategory::Network,
                                          MessageId::SyncLost};
 
-/// One entry of the event history before it gets its sequence and time.
+/// An entry of the event history, without its sequence and time.
 struct Event {
     EventKind kind;
     StatusCategory subject;
@@ -43,37 +43,37 @@ struct Event {
 
 class StateRecord {
   public:
-    /// A record of an engine that was never started.
+    /// The record of an engine that was never started.
     StateRecord() noexcept;
 
-    /// Empties everything of the run before and shows state "starting". The meter lists stay until
-    /// the new run's settings replace them.
+    /// Clears the previous run's values and sets the state to "starting". The meter lists stay
+    /// until the new run's configuration replaces them.
     void reset_for_start() noexcept;
 
     void set_state(EngineState state) noexcept;
-    /// Both at once: no snapshot shows the one without the other.
+    /// Sets both atomically: no snapshot shows only one of them.
     void set_state(EngineState state, const Status& status) noexcept;
     EngineState state() const noexcept;
     void set_status(const Status& status) noexcept;
-    /// Sets the status unless the state is other than "running": a report that is still on its way
-    /// when the worker has moved on does not overwrite what the worker says.
+    /// Sets the status only in state "running": a late report must not overwrite the status that
+    /// the worker has set in a later state.
     void set_status_while_running(const Status& status) noexcept;
-    /// An error other than none is also the status; none leaves the status as it is.
+    /// An error also sets the status; ErrorCode::None leaves the status unchanged.
     void set_error(ErrorCode code, MessageId detail) noexcept;
 
-    /// Appends to the history, over the oldest entry when it is full.
+    /// Appends to the event history; overwrites the oldest entry when it is full.
     void record_event(const Event& event) noexcept;
 
     void set_client_id(std::uint32_t client_id) noexcept;
     void set_stream_format(std::uint32_t sample_rate, std::uint32_t block_frames) noexcept;
     void set_device_format(std::uint32_t sample_rate, std::uint32_t block_frames) noexcept;
-    /// One meter per channel, in the lists' order, at most 32 each; peaks start at 0.
+    /// Sets one meter per channel, in the order of the lists, at most 32 each; peaks start at 0.
     void set_meter_channels(std::span<const std::int32_t> inputs,
                             std::span<const std::int32_t> outputs) noexcept;
-    /// Takes over the peaks; meters that the player reports no peak for show 0.
+    /// Copies the peaks; meters without a reported peak are set to 0.
     void update_meters(const PlayerTelemetry& telemetry) noexcept;
 
-    /// A consistent copy, its events oldest first.
+    /// Returns a consistent copy with the events oldest first.
     tavistro_engine_state snapshot_state() const noexcept;
 
   private:
@@ -82,7 +82,7 @@ class StateRecord {
     void clear_events() noexcept;
 
     mutable std::mutex mutex_;
-    tavistro_engine_state record_{};  ///< sequence s of the events lives in slot (s - 1) mod 8
+    tavistro_engine_state record_{};  ///< the event with sequence s is in slot (s - 1) mod 8
 };
 
 }  // namespace tavistro

@@ -14,14 +14,14 @@
 namespace tavistro {
 namespace {
 
-/// Unsigned fields keep the top bit clear, for readers without unsigned numbers.
+/// Unsigned fields saturate with the top bit clear, for readers without unsigned types.
 template <std::unsigned_integral Source, std::unsigned_integral Field>
 void put(Field& field, Source value) noexcept {
     constexpr std::uint64_t limit = std::numeric_limits<std::make_signed_t<Field>>::max();
     field = static_cast<Field>(std::min<std::uint64_t>(value, limit));
 }
 
-/// Truncates toward zero and stops at the ends of the range; no number at all becomes 0.
+/// Truncates toward zero and saturates; NaN becomes 0.
 void put(std::int32_t& field, double value) noexcept {
     using Limits = std::numeric_limits<std::int32_t>;
     if (value != value) value = 0.0;
@@ -35,15 +35,15 @@ void put(std::span<std::uint32_t, TAVISTRO_STATS_HISTOGRAM_BUCKETS> fields,
         put(fields[i], values[i]);
 }
 
-/// Fields on their way into the block. Those put one after another leave together as long as they
-/// are neighbours of one width.
+/// Collects fields for the block: consecutive puts of adjacent fields of the same width are stored
+/// in one operation.
 class Fields {
   public:
     explicit Fields(platform::NamedMemory& memory) noexcept : memory_(memory) {}
 
-    tavistro_stats_block block{};  ///< in the block's own layout; holds what was put
+    tavistro_stats_block block{};  ///< the values put so far, in the block's layout
 
-    /// Precondition: `field` is one of `block`.
+    /// Precondition: `field` is a member of `block`.
     template <typename Field, typename Value>
     void operator()(Field& field, const Value& value) noexcept {
         using Single = std::remove_all_extents_t<Field>;
@@ -58,7 +58,7 @@ class Fields {
         end_ = begin + sizeof field;
     }
 
-    /// True when everything put so far is in the block.
+    /// Stores the pending fields. Returns true if all fields put so far were stored.
     bool store() noexcept {
         if (width_ == sizeof(std::uint32_t)) store_run<std::uint32_t>();
         if (width_ == sizeof(std::uint64_t)) store_run<std::uint64_t>();
@@ -76,9 +76,9 @@ class Fields {
     }
 
     platform::NamedMemory& memory_;
-    std::size_t begin_ = 0;  ///< of what is still to be stored
+    std::size_t begin_ = 0;  ///< byte range of the pending fields
     std::size_t end_ = 0;
-    std::size_t width_ = 0;  ///< of each field of that
+    std::size_t width_ = 0;  ///< bytes of each pending field
     bool stored_ = true;
 };
 
@@ -93,7 +93,7 @@ bool StatsBlock::open(std::uint32_t client_id) noexcept {
     } catch (const std::bad_alloc&) {
         return false;
     }
-    // Readers know a block by its magic, so that goes first and comes back last.
+    // Readers recognise a valid block by its magic: clear it first and write it last.
     constexpr std::array<std::uint64_t, TAVISTRO_STATS_BLOCK_BYTES / sizeof(std::uint64_t)> zeros{};
     bool clean = memory_.store(0, zeros);
     Fields fields(memory_);

@@ -1,8 +1,7 @@
-// The engine's side of the statistics block that other processes read (tavistro/stats_block.h).
+// Writer of the statistics block that other processes read (tavistro/stats_block.h).
 //
-// Open for the length of one run. Every write may come from any non-real-time thread at any time;
-// while the block is closed it goes nowhere, so callers need not ask. A write stores the fields
-// that are its own and no others: another engine may hold the same block.
+// The block is open during a run. Any non-real-time thread may write at any time; writes to a
+// closed block are ignored. A write stores only its own fields: another engine may share the block.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +17,9 @@ namespace tavistro {
 
 class StatsBlock {
   public:
-    /// Makes the run's block, or takes over and clears the one that another process still holds.
-    /// True when open already. False when the system refuses or memory runs out; nothing is held
-    /// then.
+    /// Creates the run's block, or takes over and clears one that another process still holds.
+    /// Returns true if it is open already; returns false and holds nothing if the system refuses
+    /// or memory runs out.
     bool open(std::uint32_t client_id) noexcept;
     void close() noexcept;
 
@@ -31,12 +30,12 @@ class StatsBlock {
     void write_player_telemetry(const PlayerTelemetry& telemetry) noexcept;
 
   private:
-    /// Stores the fields that `write` puts, unless the block is closed.
+    /// Stores the fields that `write` sets, unless the block is closed.
     template <typename Write>
     void update(const Write& write) noexcept;
 
-    /// Keeps the block open during a write: a refused second start, for instance, writes its error
-    /// from the host's thread while the worker closes the block.
+    /// Keeps the block open during a write: the host's thread, for example, may write the error of
+    /// a refused second start while the worker closes the block.
     std::mutex mutex_;
     platform::NamedMemory memory_;
 };

@@ -88,7 +88,7 @@ bool EngineRuntime::run_device_recovery(const EngineConfig& config) {
     }
     clear_error();
     record(EventKind::Recovered, ErrorCode::None, MessageId::EventDeviceRecovered);
-    // The last report of the old device may have asked again after its request was taken.
+    // The old device's last report may have requested recovery again.
     recovery_request_.clear();
     reset_supervision();
     set_state(EngineState::Running,
@@ -96,14 +96,14 @@ bool EngineRuntime::run_device_recovery(const EngineConfig& config) {
     return true;
 }
 
-/// After a restart of the audio path: the player's counters and the attempts begin anew.
+/// Called after a restart of the audio path: the player's counters restart at 0.
 void EngineRuntime::reset_supervision() noexcept {
     supervision_.reset_supervision();
     recovery_attempts_ = 0;
     next_recovery_ms_ = 0;
 }
 
-/// A failure while running ends the run; the teardown is that of a stop.
+/// Ends the run with state "failed"; the teardown is the same as for a stop.
 bool EngineRuntime::give_up() noexcept {
     set_state(EngineState::Failed);
     stop_requested_ = true;
@@ -117,7 +117,7 @@ void EngineRuntime::check_sync_loss() {
 }
 
 bool EngineRuntime::sync_is_stale() const noexcept {
-    const std::uint64_t last_ms = last_sync_ms_;  // before the tick, so that it is never ahead
+    const std::uint64_t last_ms = last_sync_ms_;  // read before the tick, so never later than it
     return last_ms != 0 && platform::millisecond_tick() - last_ms > sync_silence_limit_ms;
 }
 
