@@ -40,9 +40,9 @@ void ClientSession::run(const platform::Ipv4Endpoint& server) {
     running_.store(true, std::memory_order_release);
 }
 
-// Sends take no lock: the receive thread would wait for the periodic thread, which has a lower
-// priority. They are counted before running_ is read, in one total order with end(): either a send
-// finds the session ended, or end() waits for it.
+// Locks no mutex: the receive thread would wait for the periodic thread, whose priority is lower.
+// The count is raised before running_ is read, sequentially consistent with end(): either the
+// send sees that the session has ended, or end() waits for the send.
 bool ClientSession::send(std::span<const platform::DatagramBytes> datagrams) const {
     sends_under_way_.fetch_add(1);
     const bool sent = running_.load() && send_(datagrams, server_);
@@ -65,7 +65,7 @@ void ClientSession::leave() const {
         for (int i = 0; i < leave_tries && !send_({&bytes, 1}, server_); ++i)
             platform::sleep_ms(leave_pause_ms);
     } catch (const std::bad_alloc&) {
-        // The server forgets a client that it does not hear.
+        // The server removes a client that sends nothing.
     }
 }
 
@@ -87,7 +87,7 @@ void ClientSession::log(const char* line) const noexcept {
     try {
         callbacks_.log(line);
     } catch (const std::bad_alloc&) {
-        // The line is lost and nothing else.
+        // Only the line is lost.
     }
 }
 
@@ -177,7 +177,7 @@ void ClientSession::handle_sync(std::span<const std::uint8_t> datagram) {
 }
 
 ClientSession::SyncVerdict ClientSession::judge_sync(const SyncInfo& sync) {
-    // A stream that changes its format may begin anywhere; there is no input for it yet.
+    // A stream in a new format may start at any sequence; no input is captured for it yet.
     const bool states_format = sync.sample_rate != 0 && sync.block_frames != 0;
     if (capture_ring_.capture_format_set() && states_format &&
         (sync.sample_rate != capture_ring_.capture_sample_rate() ||
@@ -239,7 +239,7 @@ void ClientSession::deliver_silence(const DeliveryTracker::Verdict& gap) {
     silence_.sample_rate = completed_.sample_rate;
     silence_.frames = completed_.frames;
     silence_.channels = completed_.channels;
-    silence_.samples.resize(completed_.samples.size());  // never anything but zeros
+    silence_.samples.resize(completed_.samples.size());  // all zeros
     for (std::uint32_t i = 0; i < gap.missing; ++i) {
         silence_.sequence = gap.first_missing + i;
         callbacks_.block(silence_);
@@ -289,7 +289,8 @@ void ClientSession::send_captured_block(const SyncInfo& sync) {
 
 bool ClientSession::set_capture_format(std::uint32_t sample_rate, std::uint16_t frames) {
     if (sample_rate == 0 || frames == 0) return false;
-    // Made and, below, unmade without the mutex: the receive thread need not wait for memory.
+    // The new ring is allocated and the old one freed without the mutex: the receive thread does
+    // not wait for either.
     CaptureRing ring(settings_.driver_inputs.size(), sample_rate, frames,
                      settings_.capture_target_blocks, settings_.capture_capacity_blocks);
     const std::lock_guard lock(mutex_);

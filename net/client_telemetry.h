@@ -1,4 +1,4 @@
-// The client's statistics: what is counted and how it is handed out.
+// The record of the client's statistics.
 #pragma once
 
 #include <array>
@@ -8,11 +8,11 @@ namespace tavistro {
 
 inline constexpr std::size_t latency_bucket_count = 10;
 
-/// How many values fell into each latency bucket.
+/// Number of values in each latency bucket.
 using LatencyHistogram = std::array<std::uint64_t, latency_bucket_count>;
 
-/// Snapshot of the client's statistics. Counts run since the client's start; times are
-/// microseconds, 0 before the first sample.
+/// Snapshot of the client's statistics. Counters count from the client's start; times are in
+/// microseconds and 0 before the first sample.
 struct ClientTelemetry {
     std::uint64_t recvBlocksPerSec = 0;  ///< new blocks in the last interval of at least 1000 ms
     std::uint64_t duplicateBlocksPerSec = 0;  ///< late or repeated blocks in that interval
@@ -26,7 +26,7 @@ struct ClientTelemetry {
     std::uint32_t rtt_p99_us = 0;
     LatencyHistogram rtt_histogram{};
     bool clock_synced = false;
-    std::uint32_t sync_rtt_us = 0;  ///< round trip of the answer that set the clock offset
+    std::uint32_t sync_rtt_us = 0;  ///< round trip of the pong that set the clock offset
     std::uint64_t sync_delay_samples = 0;
     std::uint32_t sync_delay_last_us = 0;
     std::uint32_t sync_delay_min_us = 0;
@@ -35,7 +35,7 @@ struct ClientTelemetry {
     std::uint32_t sync_delay_p95_us = 0;
     std::uint32_t sync_delay_p99_us = 0;
     LatencyHistogram sync_delay_histogram{};
-    std::uint32_t callback_last_us = 0;  ///< arrival of a block to the end of its delivery
+    std::uint32_t callback_last_us = 0;  ///< from arrival of a block to the end of its delivery
     std::uint32_t callback_max_us = 0;
 };
 

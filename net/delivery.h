@@ -1,4 +1,4 @@
-// Puts completed blocks in order: what is new, what came twice or too late, what is missing.
+// Orders completed blocks: detects new, duplicate, late and missing ones.
 #pragma once
 
 #include <cstdint>
@@ -6,23 +6,22 @@
 
 namespace tavistro {
 
-/// Sequence numbers of the blocks delivered so far. Not thread-safe.
+/// Tracks the sequence of the blocks delivered so far. Not thread-safe.
 class DeliveryTracker {
   public:
-    /// Longest run of missing blocks that is filled with silence. More is a jump of the stream (a
-    /// restarted server, a long outage): filling it would keep the receive thread busy for nothing
-    /// that anybody hears.
+    /// Longest gap, in blocks, that is filled with silence. A longer one is a discontinuity (server
+    /// restart, long outage): filling it would only keep the receive thread busy.
     static constexpr std::uint32_t max_filled_gap = 1024;
 
     struct Verdict {
-        bool is_new = false;              ///< false: a duplicate or late, not to be delivered
+        bool is_new = false;              ///< false: duplicate or late, do not deliver
         std::uint32_t first_missing = 0;  ///< first sequence to fill with silence
-        std::uint32_t missing = 0;        ///< how many to fill, 0..max_filled_gap
+        std::uint32_t missing = 0;        ///< number of blocks to fill, 0..max_filled_gap
     };
 
-    /// Takes note of a completed block.
+    /// Records a completed block.
     Verdict consult(std::uint32_t sequence) noexcept;
-    /// The next block is the first.
+    /// Accepts any sequence as the next block.
     void reset() noexcept { last_.reset(); }
 
   private:

@@ -36,7 +36,7 @@ constexpr int this_host = 0;
 constexpr int elsewhere = 2;
 
 bool is_auto(std::string_view text) {
-    // Not the locale's idea of letters: the word has only these four.
+    // Independent of the locale.
     constexpr std::string_view word = "auto";
     return std::ranges::equal(text, word, [](char given, char expected) {
         return given == expected || given == expected - 'a' + 'A';
@@ -47,7 +47,7 @@ void log_line(const std::function<void(const std::string&)>& log, const std::str
     if (log) log(line);
 }
 
-/// Receives until `on_datagram(bytes, source)` returns true or the time is up. True when it did.
+/// Receives until `on_datagram(bytes, source)` returns true; returns false on a timeout.
 template <typename OnDatagram>
 bool receive_until(platform::UdpSocket& socket, std::uint32_t timeout_ms, OnDatagram on_datagram) {
     std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
@@ -96,7 +96,7 @@ FoundServer probe(platform::UdpSocket& socket, const ClientSettings& settings,
     const std::uint64_t nonce = fresh_nonce(settings.client_id);
     socket.send_to(TavistroProtocol::encode_discover({settings.client_id, nonce}), server);
 
-    // Whoever answers with our nonce answers for the configured server, from any of its addresses.
+    // A reply with our nonce is valid from any address: the server may have several.
     ServerChoice choice(settings.client_id, nonce);
     Verdict verdict = Verdict::ignored;
     receive_until(socket, settings.discovery_timeout_ms, [&](auto datagram, auto source) {

@@ -1,4 +1,4 @@
-// Finds the server before a session starts, and makes sure that it speaks our protocol.
+// Finds the server before a session starts, and checks its protocol version.
 #pragma once
 
 #include <cstdint>
@@ -13,23 +13,23 @@
 
 namespace tavistro {
 
-/// How near an address is: 0 this host, 1 a private or link-local network, 2 elsewhere.
+/// Distance of an address: 0 this host, 1 a private or link-local network, 2 any other.
 int address_class(std::uint32_t address) noexcept;
 
-/// Judges the datagrams that may answer one discover message, and keeps the best-placed server.
-/// Pure: sockets and time are its user's.
+/// Evaluates the replies to one discover message and selects the nearest server. Uses neither
+/// sockets nor clocks.
 class ServerChoice {
   public:
     ServerChoice(std::uint32_t client_id, std::uint64_t nonce) noexcept
         : client_id_(client_id), nonce_(nonce) {}
 
     enum class Verdict {
-        ignored,       ///< not an answer to our question
-        accepted,      ///< a compatible server, which is best() unless a nearer one answered before
-        incompatible,  ///< a server that we cannot talk to
+        ignored,       ///< not a reply to this discover message
+        accepted,      ///< a compatible server; best() unless one at least as near replied earlier
+        incompatible,  ///< a server with a different protocol version or capability word
     };
     Verdict offer(std::span<const std::uint8_t> datagram, const platform::Ipv4Endpoint& source);
-    /// The nearest server so far, at the port that it asks for; the earliest of equally near ones.
+    /// The nearest server so far, with the port from its reply; the first of equally near ones.
     const std::optional<platform::Ipv4Endpoint>& best() const noexcept { return best_; }
 
   private:
@@ -39,14 +39,14 @@ class ServerChoice {
 };
 
 struct FoundServer {
-    std::optional<platform::Ipv4Endpoint> server;  ///< none: it failed
-    ClientError error = ClientError::None;         ///< why; may stay None when it failed
+    std::optional<platform::Ipv4Endpoint> server;  ///< none: discovery failed
+    ClientError error = ClientError::None;         ///< the reason; may be None after a failure
 };
 
-/// Finds the server that `settings.server_ip` names ("auto" in any letter case: whoever answers
-/// best on this host and, by broadcast, on the network; else an address that must answer a
-/// probe). Waits up to settings.discovery_timeout_ms; the socket has no receive timeout afterwards
-/// when it succeeds. `log` may be empty.
+/// Finds the server that `settings.server_ip` selects. "auto", in any letter case: the nearest
+/// server that replies on this host or, by broadcast, on the network. An address: the server there,
+/// which must answer a probe. Waits up to settings.discovery_timeout_ms. On success the socket has
+/// no receive timeout afterwards. `log` may be empty.
 FoundServer find_server(platform::UdpSocket& socket,
                         const TavistroProtocol::ClientSettings& settings,
                         const std::function<void(const std::string&)>& log);

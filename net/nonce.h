@@ -1,4 +1,4 @@
-// Numbers that tell one run, ping or discovery of this client from every other.
+// Numbers that identify a run, a ping or a discovery of this client.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace tavistro {
 
-/// A number that differs from client to client and from call to call, as far as the clocks move in
-/// between. Not a secret. Any thread.
+/// Returns a number that differs between clients, and between calls if the clocks have advanced.
+/// Not a secret. Any thread.
 inline std::uint64_t fresh_nonce(std::uint32_t client_id) noexcept {
     const std::uint64_t clock_ns = platform::nanosecond_clock();
     const std::uint64_t tick_ms = platform::millisecond_tick();

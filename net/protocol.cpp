@@ -22,11 +22,11 @@ void put_list(Datagram& datagram, std::size_t offset, const std::vector<std::int
     }
 }
 
-/// How a block of `frames` x `channels` is cut at `samples_per_fragment` samples.
+/// How a block is split into fragments.
 struct FragmentPlan {
     std::uint64_t channels_per_fragment;
     std::uint64_t frames_per_fragment;
-    std::uint64_t fragments_per_channel;  ///< 1 when whole channels fit
+    std::uint64_t fragments_per_channel;  ///< 1 if whole channels fit
     std::uint64_t fragment_count;
 };
 
@@ -65,15 +65,15 @@ void encode_fragment(const AudioBlockView& block, const FragmentPlan& plan, std:
     put(datagram, 36, static_cast<std::uint16_t>(index));
     put(datagram, 38, static_cast<std::uint16_t>(plan.fragment_count));
     put(datagram, 40, std::uint64_t{0});
-    // Contiguous in the block: either whole channels or a run within one.
+    // Contiguous in the block: whole channels, or a run of frames within one channel.
     write_samples(
         block.samples.subspan(static_cast<std::size_t>(first_channel * block.frames + first_frame),
                               samples),
         std::span(datagram).subspan(wire::audio_fixed_bytes));
 }
 
-// Apart from the header's fields: together they would leave the function by memory, in the middle
-// of every fragment's way.
+// Separate from decode_header: a result with the header's fields would be returned in memory, which
+// costs time for every fragment.
 inline DecodeResult check_header(std::span<const std::uint8_t> bytes) {
     if (bytes.data() == nullptr) return DecodeResult::no_data;
     if (bytes.size() < wire::header_bytes) return DecodeResult::too_short;

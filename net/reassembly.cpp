@@ -16,7 +16,7 @@ std::size_t begin_of(const AudioFragment& fragment) noexcept {
            fragment.first_frame;
 }
 
-/// True when the fragment's samples lie in the block one behind the other.
+/// True if the fragment's samples are contiguous in the block.
 bool is_one_piece(const AudioFragment& fragment) noexcept {
     return fragment.channel_count == 1 || fragment.frame_count == fragment.frames;
 }
@@ -70,9 +70,9 @@ void Reassembly::ReassemblySlot::clear() {
 }
 
 void Reassembly::ReassemblySlot::open_for(const AudioFragment& fragment) {
-    clear();  // also what is left when memory runs out below
+    clear();  // the slot stays clear if memory runs out below
     const auto size = static_cast<std::size_t>(fragment.frames) * fragment.channels;
-    if (samples.capacity() < size) samples = {};  // rather than copied
+    if (samples.capacity() < size) samples = {};  // so that reserve copies nothing
     samples.reserve(size);
     if (samples.size() > size) samples.resize(size);
     received.assign(fragment.count, 0);
@@ -103,12 +103,12 @@ void Reassembly::ReassemblySlot::store(const AudioFragment& fragment) {
         if (samples.size() < filled) samples.resize(filled);
         put_in_place(fragment, fragment.payload);
     } else {
-        // In this order nothing is amiss when memory runs out in between.
+        // This order leaves a valid state if memory runs out in between.
         const std::size_t offset = waiting_payloads.size();
         waiting_payloads.insert(waiting_payloads.end(), fragment.payload.begin(),
                                 fragment.payload.end());
         waiting.push_back({fragment, offset});
-        // Fragments that overlap could wait without end.
+        // Limits the memory that overlapping fragments can take.
         if (waiting_payloads.size() >= sample_count() * sizeof(float)) complete();
     }
     received[fragment.index] = 1;

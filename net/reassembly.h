@@ -1,4 +1,4 @@
-// Puts the fragments of audio blocks together, in whatever order they come.
+// Reassembles audio blocks from fragments that arrive in any order.
 #pragma once
 
 #include <array>
@@ -11,33 +11,33 @@
 
 namespace tavistro {
 
-/// Eight blocks under construction; a block uses slot sequence mod 8 and pushes out an older one
-/// that is still incomplete there. Storage is kept from block to block: a stream of equal blocks
-/// allocates only while its first ones come. Not thread-safe.
+/// Holds up to eight incomplete blocks. A block uses slot sequence mod 8 and replaces an older
+/// incomplete block there. Storage is reused: a stream of equal blocks allocates only for its first
+/// blocks. Not thread-safe.
 ///
-/// What a block claims to be costs nothing: memory is touched only for samples that have come, and
-/// for the others once the block is complete.
+/// Memory is touched only for samples that have arrived, and for the rest once the block is
+/// complete: a datagram that claims a large block costs little.
 class Reassembly {
   public:
     static constexpr std::size_t slot_count = 8;
 
-    /// Forgets everything and expects blocks of `channels` channels from now on.
+    /// Discards all blocks and expects blocks of `channels` channels from now on.
     void reset(std::size_t channels);
-    /// Forgets every incomplete block.
+    /// Discards all incomplete blocks.
     void clear();
-    /// The same, and gives the storage back.
+    /// Discards all incomplete blocks and frees their storage.
     void release();
 
-    /// Takes one decoded fragment. True when it completes its block: `completed` then has the
-    /// block's sequence, format and samples (parts that no fragment carried are silent); its times
-    /// are left alone. Fragments of other channel counts, late ones and duplicates are dropped.
+    /// Adds one decoded fragment. Returns true if it completes its block: `completed` then has the
+    /// block's sequence, format and samples, with silence where no fragment had samples; its times
+    /// are unchanged. Drops duplicates, late fragments and those with another channel count.
     bool offer(const TavistroProtocol::AudioFragment& fragment,
                TavistroProtocol::CompletedOutputBlock& completed);
 
   private:
     struct Waiting {
-        TavistroProtocol::AudioFragment fragment;  ///< its payload is elsewhere
-        std::size_t payload_offset;                ///< in waiting_payloads, bytes
+        TavistroProtocol::AudioFragment fragment;  ///< its payload is no longer valid
+        std::size_t payload_offset;                ///< bytes, in waiting_payloads
     };
 
     struct ReassemblySlot {
@@ -48,11 +48,11 @@ class Reassembly {
         std::uint16_t fragment_count = 0;
         std::uint16_t received_count = 0;
         bool in_use = false;
-        /// Planar. Fragments that continue what is there are put in at once; from the first one on
-        /// that does not, they wait until the block is complete.
+        /// Planar. Fragments in sequence are stored directly; from the first one out of sequence
+        /// on, all wait until the block is complete.
         std::vector<float> samples;
-        std::size_t filled = 0;        ///< samples in their place; those behind mean nothing
-        std::vector<Waiting> waiting;  ///< in the order of their arrival
+        std::size_t filled = 0;        ///< valid samples; those beyond are undefined
+        std::vector<Waiting> waiting;  ///< in order of arrival
         std::vector<std::uint8_t> waiting_payloads;
         std::vector<std::uint8_t> received;  ///< one flag per fragment
 
@@ -62,7 +62,7 @@ class Reassembly {
         void store(const TavistroProtocol::AudioFragment& fragment);
         void put_in_place(const TavistroProtocol::AudioFragment& fragment,
                           std::span<const std::uint8_t> payload);
-        /// Makes the samples whole: silence where none have come, then those that waited.
+        /// Fills the rest of the block with silence, then stores the waiting fragments.
         void complete();
         std::size_t sample_count() const;
     };

@@ -58,7 +58,7 @@ std::optional<std::uint64_t> ServerClock::accept(const TavistroProtocol::Pong& p
 
     const std::uint64_t total = elapsed(pong.t1_ns, t4_ns);
     const std::uint64_t hold = elapsed(pong.t2_ns, pong.t3_ns);
-    // A server that claims to have held the ping longer than we waited is not believed.
+    // Ignore a processing time that is longer than the whole round trip.
     return total > hold ? total - hold : total;
 }
 

@@ -1,5 +1,5 @@
-// The server's side of the wire protocol: what only a server sends or reads. Not part of the
-// engine; for servers and tests. A server's audio goes out through encode_audio_block.
+// The messages that only a server sends or reads, for servers and tests; not part of the engine.
+// Servers send audio with encode_audio_block.
 #pragma once
 
 #include <cstdint>
@@ -13,12 +13,12 @@ Datagram encode_sync(std::uint32_t client_id, const SyncInfo& sync);
 Datagram encode_discover_reply(const DiscoverReply& reply);
 Datagram encode_pong(const Pong& pong);
 
-/// bad_length when the lists do not fill the datagram exactly.
+/// bad_length if the lists do not fill the datagram exactly.
 Decoded<Announce> decode_announce(std::span<const std::uint8_t> bytes);
 Decoded<Discover> decode_discover(std::span<const std::uint8_t> bytes);
 Decoded<Ping> decode_ping(std::span<const std::uint8_t> bytes);
 
-/// True for an announce without channels: the client goes.
+/// True for an announce without channels.
 bool is_leave(const Announce& announce) noexcept;
 
 }  // namespace TavistroProtocol

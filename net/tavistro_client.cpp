@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint32_t wait_slice_ms = 50;
 constexpr std::uint32_t receive_error_pause_ms = 10;
 
-/// What finds no memory is lost like a datagram on its way, and the session goes on.
+/// A step that runs out of memory is skipped, like a lost datagram; the session continues.
 template <typename Step>
 void try_to(const Step& step) {
     try {
@@ -118,7 +118,7 @@ void TavistroClient::receive_loop() {
         const platform::ReceiveResult received = socket_.receive(receive_buffer_);
         if (received.status == platform::ReceiveStatus::closed) return;
         if (received.status != platform::ReceiveStatus::datagram) {
-            // Mostly the report of an unreachable port; the server may come back.
+            // Usually "port unreachable"; the server may come back.
             if (session_.running()) platform::sleep_ms(receive_error_pause_ms);
             continue;
         }

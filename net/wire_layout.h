@@ -1,5 +1,5 @@
-// Fixed-offset little-endian fields and the common header: what both sides' codecs are made of.
-// For the codecs alone; everybody else includes protocol.h.
+// Fixed-offset little-endian fields and the common header, for the client and server codecs only;
+// all other code includes protocol.h.
 #pragma once
 
 #include <cassert>
@@ -11,10 +11,10 @@
 
 namespace TavistroProtocol::wire {
 
-inline constexpr std::uint32_t magic = 0x4F535654;  // "TVSO" as it stands on the wire
+inline constexpr std::uint32_t magic = 0x4F535654;  // "TVSO" in wire order
 inline constexpr std::size_t header_bytes = 16;
 
-// Lengths of the messages; the announce and the audio fragment have a list behind their fixed part.
+// Message lengths. Announce and audio have data of variable length after their fixed part.
 inline constexpr std::size_t announce_fixed_bytes = 32;
 inline constexpr std::size_t audio_fixed_bytes = 48;
 inline constexpr std::size_t sync_bytes = 44;
