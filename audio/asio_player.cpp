@@ -25,7 +25,7 @@ constexpr ChannelMapFaults input_map_faults{
     "[asio] input_channel_map contains a negative channel.",
     "[asio] input_channel_map contains duplicate hardware channels."};
 
-/// What is wrong with the first unusable entry, null when all are usable.
+/// Log line for the first invalid entry, null if all are valid.
 const char* channel_map_fault(const std::vector<std::int32_t>& map,
                               const ChannelMapFaults& faults) noexcept {
     for (auto entry = map.begin(); entry != map.end(); ++entry) {
@@ -127,7 +127,7 @@ bool AsioPlayer::fail(const char* line) noexcept {
     return false;
 }
 
-/// A line that finds no memory is lost.
+/// Drops the line if memory runs out.
 void AsioPlayer::log(const char* line) const noexcept {
     if (!callbacks_.log) return;
     try {
@@ -141,7 +141,7 @@ void AsioPlayer::stop() {
     if (device_) device_->close();
     periods_ready_.store(false, std::memory_order_relaxed);
 
-    // What the callbacks and the device hold is given back when no lock is held.
+    // Callbacks and device are destroyed after the locks are released.
     Callbacks dropped_callbacks;
     std::unique_ptr<AudioDevice> dropped_device;
     const std::scoped_lock both(queue_mutex_, telemetry_mutex_);
@@ -190,7 +190,7 @@ void AsioPlayer::telemetry_step() {
         const std::uint64_t now_ms = platform::millisecond_tick();
         if (reporter_.due(now_ms)) report(now_ms);
     } catch (const std::bad_alloc&) {
-        // The loopback thread goes on playing; the next step may find memory.
+        // The loopback thread continues to play; a later step may succeed.
     }
 }
 

@@ -1,18 +1,18 @@
-// The audio side of the engine: playback buffer, capture, meters and the device that drives them.
+// The audio side of the engine: playback buffer, capture, meters and the audio device.
 //
 //     AsioPlayer player(make_device);
 //     player.start(settings, log, captured_input, telemetry);   // or start_loopback
 //     player.push_block(...); player.on_sync(...);  // from the network's receive thread
 //     player.stop();
 //
-// Threads: start, start_loopback, stop, construction and destruction belong to one controlling
-// thread. push_block, on_sync and capture_ratio may be called from any thread at any time, also
-// while the controlling thread starts or stops: such a late block is rejected. The device calls
-// back on a thread of its own, which takes no lock and calls no callback; captured periods wait for
-// the next push_block or on_sync (on the virtual device: for the end of the period).
+// Threads: one controlling thread calls start, start_loopback, stop, constructor and destructor.
+// Any thread may call push_block, on_sync and capture_ratio at any time; blocks that arrive during
+// a start or stop are rejected. The device calls back on its own thread, which locks no mutex and
+// calls no user callback: captured periods wait for the next push_block or on_sync, or for the end
+// of the period on the virtual device.
 //
-// Locks: the queue mutex orders producers, the telemetry mutex the telemetry steps; whatever a
-// start or stop rebuilds is rebuilt under both.
+// Locks: the queue mutex serialises producers, the telemetry mutex serialises telemetry steps.
+// Start and stop change shared state with both locked.
 #pragma once
 
 #include <atomic>
@@ -35,13 +35,13 @@
 
 namespace tavistro {
 
-/// Makes the device that AsioPlayer::start opens; null when there is none to be had.
+/// Creates the device that AsioPlayer::start opens; returns null if none is available.
 using DeviceFactory = std::function<std::unique_ptr<AudioDevice>()>;
 
 class AsioPlayer {
   public:
     using Telemetry = PlayerTelemetry;
-    /// Takes one captured period; `samples` are planar, channel c at c * frames.
+    /// Receives one captured period; `samples` are planar, channel c starts at c * frames.
     using CapturedInputCallback =
         std::function<void(std::uint32_t sample_rate, std::uint16_t frames, std::uint16_t channels,
                            const std::vector<float>& samples)>;
@@ -52,36 +52,36 @@ class AsioPlayer {
     AsioPlayer& operator=(const AsioPlayer&) = delete;
     ~AsioPlayer();
 
-    /// Stops what runs, then opens and starts a device of the factory. Any callback may be empty.
+    /// Stops the player, then creates, opens and starts a device. Any callback may be empty.
     /// The captured-input and telemetry callbacks run inside push_block and on_sync, one at a time,
-    /// and must not start or stop the player; the log callback runs there too, and inside the
-    /// start. None is called any more once stop() has returned. False, with one log line and the
-    /// player stopped, when the channel maps are not usable, the device cannot be had, opened or
-    /// started, or memory does not suffice.
+    /// and must not start or stop the player; the log callback also runs inside the start. No
+    /// callback is called after stop() has returned. Returns false, with one log line and the
+    /// player stopped, if the channel maps are invalid, the device cannot be created, opened or
+    /// started, or memory runs out.
     bool start(const AudioDeviceSettings& settings, LogCallback log,
                CapturedInputCallback captured_input, TelemetryCallback telemetry);
-    /// The same on the virtual loopback device. The callbacks also run on its thread, once per
-    /// period. Only the sizes of the channel maps matter. A thread that cannot be created is a
-    /// failed start as well.
+    /// Like start(), with the virtual loopback device. The callbacks also run on its thread, once
+    /// per period. Only the sizes of the channel maps are used. Also returns false if the thread
+    /// cannot be created.
     bool start_loopback(const AudioDeviceSettings& settings, LogCallback log,
                         CapturedInputCallback captured_input, TelemetryCallback telemetry);
-    /// Ends the periods, closes the device and drops the callbacks and every buffer. Idempotent;
-    /// waits for the device, and for callers that are inside push_block or on_sync. Raises
-    /// std::system_error (resource_deadlock_would_occur) on the loopback thread.
+    /// Stops the periods, closes the device and frees callbacks and buffers. Idempotent. Waits for
+    /// the device and for callers inside push_block or on_sync. Throws std::system_error
+    /// (resource_deadlock_would_occur) on the loopback thread.
     void stop();
 
-    /// Queues one block for playing, then hands out captured input and, once a second, a report.
-    /// `samples` are planar. An empty block is ignored; one that does not fit is counted and
-    /// dropped. Locks, and may call the callbacks.
+    /// Queues one block for playback, then delivers captured input and, once per second, a report.
+    /// `samples` are planar. Ignores an empty block; counts and drops one that does not match.
+    /// Locks mutexes and may call the callbacks.
     void push_block(std::uint32_t sequence, std::uint32_t sample_rate, std::uint16_t frames,
                     std::uint16_t channels, const std::vector<float>& samples,
                     std::uint64_t server_time_local_ns, std::uint64_t arrival_time_ns,
                     std::uint64_t delivery_time_ns);
-    /// Takes the server's running frame position (at the stream's sample rate) for the drift
-    /// estimate, then does as push_block does after queueing.
+    /// Updates the drift estimate with the server's frame position (at the stream's sample rate),
+    /// then delivers captured input and reports like push_block.
     void on_sync(const TavistroProtocol::SyncInfo& info);
-    /// Device frames per server frame as estimated, 1.0 when nothing is known. Lock-free, also from
-    /// inside a callback.
+    /// Estimated device frames per server frame, 1.0 without an estimate. Lock-free; may be called
+    /// from a callback.
     double capture_ratio() const noexcept { return periods_.playback().drift().capture_ratio(); }
 
   private:
@@ -113,16 +113,16 @@ class AsioPlayer {
 
     std::mutex queue_mutex_;
     std::mutex telemetry_mutex_;
-    // Written under both mutexes by the controlling thread, which reads them without.
+    // Written by the controlling thread with both mutexes locked; it reads them without a lock.
     AudioDeviceSettings settings_;
     Callbacks callbacks_;
-    std::unique_ptr<AudioDevice> device_;  ///< absent when stopped and on the virtual device
+    std::unique_ptr<AudioDevice> device_;  ///< null if stopped and on the virtual device
     PeriodPath periods_;
-    // Under the telemetry mutex.
+    // Guarded by the telemetry mutex.
     PlayerReporter reporter_;
-    CaptureSlot captured_;  ///< keeps its memory from step to step
+    CaptureSlot captured_;  ///< reused, so that its memory is allocated once
 
-    /// A device may call back while it is being opened: nothing is prepared for a period then.
+    /// False while the device is being opened: it may call back before a period is prepared.
     std::atomic<bool> periods_ready_{false};
     LoopbackDevice loopback_;
 };

@@ -1,11 +1,11 @@
-// Maxima that one thread raises while others read or take them.
+// Maxima that are raised by one thread and read or reset by others.
 #pragma once
 
 #include <atomic>
 
 namespace tavistro {
 
-/// Stores `value` when it is greater than what is stored. Any thread; lock-free.
+/// Raises `maximum` to `value` if that is greater. Any thread; lock-free.
 template <typename T>
 void raise_to(std::atomic<T>& maximum, T value) noexcept {
     T seen = maximum.load(std::memory_order_relaxed);

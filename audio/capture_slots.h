@@ -1,7 +1,7 @@
-// The short ring that carries captured periods off the device thread.
+// A short ring that passes captured periods from the device thread to the player.
 //
-// One producer (the device thread), one consumer at a time (the player's telemetry step); neither
-// waits. A full ring drops the new period and counts it.
+// One producer (the device thread) and one consumer at a time (the player's telemetry step);
+// neither waits. If the ring is full, the new period is dropped and counted.
 #pragma once
 
 #include <array>
@@ -24,21 +24,22 @@ struct CaptureSlot {
 
 class CaptureSlots {
   public:
-    /// One slot stays empty to tell a full ring from an empty one: 7 periods are held at most.
+    /// One slot stays empty to distinguish a full ring from an empty one: at most 7 periods.
     static constexpr std::size_t slot_count = 8;
 
-    /// Empty, with room for `samples_per_slot` values each, nothing dropped. Throws
-    /// std::bad_alloc or std::length_error. Neither side may be inside.
+    /// Empties the ring, sizes each slot for `samples_per_slot` samples and resets the drop count.
+    /// Throws std::bad_alloc or std::length_error. Not while producer or consumer are active.
     void configure(std::size_t samples_per_slot);
     void release() noexcept;
 
-    /// The slot to fill, null when the ring has no slots or is full (then counted). Device thread.
+    /// Returns the slot to fill; null if the ring has no slots, or is full (counts a drop). Device
+    /// thread.
     TAVISTRO_REALTIME CaptureSlot* begin_write() noexcept;
-    /// Hands the slot of begin_write() to the consumer. Device thread.
+    /// Passes the slot of begin_write() to the consumer. Device thread.
     TAVISTRO_REALTIME void commit_write() noexcept;
 
-    /// Copies the oldest period to `slot`, whose samples keep their memory from call to call, and
-    /// removes it. False when there is none.
+    /// Copies the oldest period to `slot`, whose memory is reused, and removes it from the ring.
+    /// Returns false if the ring is empty.
     bool take(CaptureSlot& slot);
 
     /// Periods dropped since configure(). Any thread.
@@ -51,8 +52,8 @@ class CaptureSlots {
 
     bool has_slots_ = false;
     std::array<CaptureSlot, slot_count> slots_;
-    std::atomic<std::size_t> write_{0};  ///< stored by the producer after filling the slot
-    std::atomic<std::size_t> read_{0};   ///< stored by the consumer after copying the slot
+    std::atomic<std::size_t> write_{0};  ///< stored by the producer after it has filled the slot
+    std::atomic<std::size_t> read_{0};   ///< stored by the consumer after it has copied the slot
     std::atomic<std::uint64_t> dropped_{0};
 };
 

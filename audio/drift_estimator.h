@@ -1,4 +1,4 @@
-// How fast the server's clock runs against the device's, learnt from the server's sync notices.
+// Estimates the rate of the server clock relative to the device clock from sync notices.
 #pragma once
 
 #include <atomic>
@@ -9,30 +9,30 @@
 
 namespace tavistro {
 
-/// Estimate of server frames per device frame, `pll_ratio`.
+/// Estimates server frames per device frame, `pll_ratio`.
 ///
-/// The receive thread reports the server's frame position, the device thread counts the frames it
-/// has consumed and compares both once per period. Each new notice moves the estimate towards the
-/// ratio of the two advances since the notice before (common/drift_law.h).
+/// The receive thread stores the server's frame position. The device thread counts the frames that
+/// it has consumed and compares both once per period. Each new notice moves the estimate towards
+/// the ratio of the two advances since the previous notice (common/drift_law.h).
 class DriftEstimator {
   public:
-    /// No notice seen, nothing consumed, ratio 1.0. While no device thread runs; a late on_sync()
-    /// at the same time is harmless.
+    /// Discards notices and frame count and sets the ratio to 1.0. Only while no device thread
+    /// runs; a concurrent on_sync() is harmless.
     void reset() noexcept;
 
-    /// Takes the server's running frame position. Any thread; lock-free.
+    /// Stores the server's frame position. Any thread; lock-free.
     void on_sync(std::uint64_t server_frame_position) noexcept;
-    /// Compares the clocks when a notice came since the last call. Device thread, at the start of
-    /// every period.
+    /// Updates the estimate if a notice has arrived since the last call. Device thread, at the
+    /// start of every period.
     TAVISTRO_REALTIME void update_drift() noexcept;
-    /// Counts what the device has consumed. Device thread, at the end of every period.
+    /// Adds to the frames that the device has consumed. Device thread, at the end of every period.
     TAVISTRO_REALTIME void add_local_frames(std::uint64_t frames) noexcept {
         local_frames_.fetch_add(frames, std::memory_order_relaxed);
     }
 
     /// Any thread.
     double pll_ratio() const noexcept;
-    /// Device frames per server frame, 1.0 for an estimate that is not above 0. Any thread.
+    /// Device frames per server frame; 1.0 if the estimate is not above 0. Any thread.
     double capture_ratio() const noexcept;
 
   private:
@@ -43,12 +43,12 @@ class DriftEstimator {
 
     void store_ratio(double ratio) noexcept;
 
-    // A fixed-size word of its own, so that the ratio is lock-free wherever 64-bit integers are.
+    // The bits of a double: lock-free wherever 64-bit integers are.
     std::atomic<std::uint64_t> pll_ratio_bits_{0x3FF0000000000000};
     std::atomic<std::uint64_t> sync_count_{0};
     std::atomic<std::uint64_t> server_frames_{0};
     std::atomic<std::uint64_t> local_frames_{0};
-    // The device thread's own.
+    // Used only by the device thread.
     bool has_previous_ = false;
     Sample previous_{};
     std::uint64_t last_sync_count_ = 0;

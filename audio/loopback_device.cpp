@@ -10,14 +10,14 @@ namespace tavistro {
 
 namespace {
 
-// No sleep is longer, so that a stop never waits for a long period or stall.
+// Upper limit of one sleep, so that a stop does not wait for a long period or stall.
 constexpr std::uint32_t longest_sleep_ms = 50;
-// A sleep may end this much late: the rest of the way is yielded, then spun.
+// A sleep may end late by this much, so the wait ends with yields and then with spinning.
 constexpr double yield_within_ms = 2.0;
 constexpr double spin_within_ms = 0.2;
 
-// The device that the calling thread runs, if any. Asking the thread object instead would race with
-// the start that is still storing it.
+// The device that the calling thread runs, if any. The thread object is no substitute: start() may
+// not have stored it yet.
 thread_local const LoopbackDevice* running_here = nullptr;
 
 }  // namespace
@@ -27,7 +27,7 @@ LoopbackDevice::LoopbackDevice(PeriodPath& periods, std::function<void()> teleme
 
 bool LoopbackDevice::start(AudioDeviceSettings settings) {
     frequency_ = platform::performance_frequency();
-    // The settings travel in the body: whatever can run out of memory does so here.
+    // The thread body owns the settings: memory can only run out here, not on the thread.
     std::function<void()> body = [this, settings = std::move(settings)]() mutable {
         running_here = this;
         const platform::ScopedTimerResolution timer_resolution;

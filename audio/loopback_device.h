@@ -1,7 +1,7 @@
-// The virtual device that stands in for audio hardware: a thread that keeps the periods.
+// The virtual audio device: a thread with timed periods in place of audio hardware.
 //
-// Every period it renders one block and feeds it straight back as captured input. The faults that
-// the settings ask for are decided by loopback_schedule.h.
+// In every period it renders one block and returns it as captured input. loopback_schedule.h
+// decides on the faults that the settings inject.
 #pragma once
 
 #include <atomic>
@@ -15,31 +15,32 @@
 
 namespace tavistro {
 
-/// start() and stop() belong to one controlling thread.
+/// One controlling thread calls start() and stop().
 class LoopbackDevice {
   public:
-    /// `telemetry_step` runs on the loopback thread after every period. Both outlive the device.
+    /// `telemetry_step` runs on the loopback thread after every period. `periods` must outlive the
+    /// device.
     LoopbackDevice(PeriodPath& periods, std::function<void()> telemetry_step);
     LoopbackDevice(const LoopbackDevice&) = delete;
     LoopbackDevice& operator=(const LoopbackDevice&) = delete;
 
-    /// Starts the periods on a path that has been prepared for these settings. False when the
-    /// system has no thread to give. Precondition: stopped.
+    /// Starts the periods on a path that has been prepared for these settings. Returns false if the
+    /// thread cannot be created. Precondition: stopped.
     bool start(AudioDeviceSettings settings);
-    /// Ends the periods and waits for the thread, at most about 50 ms plus one period's work.
-    /// Idempotent. Raises std::system_error (resource_deadlock_would_occur) on the loopback thread
-    /// itself, whose loop ends then without being waited for.
+    /// Stops the periods and waits for the thread, at most about 50 ms plus the work of one period.
+    /// Idempotent. Throws std::system_error (resource_deadlock_would_occur) on the loopback thread;
+    /// its loop then ends, but nothing waits for it.
     void stop();
 
-    /// True while the device is to be reported as lost. Any thread.
+    /// True while the schedule injects a device loss. Any thread.
     bool device_lost() const noexcept { return device_lost_.load(std::memory_order_relaxed); }
 
   private:
     void run(LoopbackSchedule schedule);
-    /// Returns the counter at the period's end.
+    /// Returns the performance counter at the end of the period.
     std::int64_t run_period(const LoopbackSchedule& schedule);
     void repeat_period(bool input_silent);
-    /// False when the device is being stopped.
+    /// Returns false if the device is being stopped.
     bool wait_until(std::int64_t counter) const noexcept;
     bool stall(std::uint32_t ms) const noexcept;
     bool running() const noexcept { return running_.load(std::memory_order_relaxed); }

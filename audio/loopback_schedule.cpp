@@ -27,7 +27,7 @@ double drifted(double period, std::int32_t drift_ppm) noexcept {
     return period / std::max(0.01, static_cast<double>(drift_ppm) / 1'000'000.0 + 1.0);
 }
 
-/// The first `duration` milliseconds of every `every`; never for a duration or cycle of 0.
+/// True in the first `duration` of every `every` milliseconds; never if either is 0.
 bool repeating_interval_open(std::int64_t elapsed_ms, std::uint32_t every,
                              std::uint32_t duration) noexcept {
     return elapsed_ms >= 0 && every != 0 && elapsed_ms % every < duration;

@@ -1,8 +1,7 @@
-// When the virtual device's periods happen and which faults they suffer.
+// Schedules the virtual device's periods and their injected faults.
 //
-// Arithmetic alone: every decision follows from the settings and the performance counter values
-// handed in, so that two runs on the same values decide the same. The thread around it is
-// loopback_device.h. One thread.
+// Deterministic: every decision depends only on the settings and the performance counter values
+// passed in. loopback_device.h provides the thread. Not thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -13,27 +12,27 @@ namespace tavistro {
 
 class LoopbackSchedule {
   public:
-    /// `frequency` in counter ticks per second; the first deadline lies one period after `start`.
+    /// `frequency` is in counter ticks per second. The first deadline is one period after `start`.
     LoopbackSchedule(AudioDeviceSettings settings, std::int64_t frequency, std::int64_t start);
 
-    /// Length of a period in ticks, the drift included.
+    /// Length of a period in ticks, including the drift.
     double period_ticks() const noexcept { return period_; }
 
-    /// Counter value to wait for before the next period: the deadline, moved by a fresh jitter.
-    /// Draws a random number, so called once per wait.
+    /// Counter value at which the next period starts: the deadline plus random jitter. Call once
+    /// per wait: each call draws a random number.
     std::int64_t next_wake() noexcept;
-    /// Counts a period. False when it is to be skipped altogether.
+    /// Counts a period. Returns false if it must be skipped.
     bool begin_period() noexcept;
-    /// How long to sleep before the current period, in milliseconds; 0 outside a stall.
+    /// Milliseconds to sleep before the current period; 0 outside a stall.
     std::uint32_t stall_ms(std::int64_t now) const noexcept;
-    /// True while the input is to be captured as silence.
+    /// True while the captured input must be silent.
     bool input_silent(std::int64_t now) const noexcept;
-    /// True while the device is to be reported as lost.
+    /// True while the device must be reported as lost.
     bool device_lost(std::int64_t now) const noexcept;
-    /// How often the current period is repeated at once.
+    /// Number of immediate repetitions of the current period.
     std::uint32_t duplicates() const noexcept;
-    /// Moves the deadline on. Periods missed by `now` are dropped, not made up, except for the last
-    /// one when less than a period is missing.
+    /// Advances the deadline. Drops all periods missed by `now`, but keeps a deadline that is late
+    /// by less than a period.
     void advance(std::int64_t now) noexcept;
 
   private:
@@ -48,7 +47,7 @@ class LoopbackSchedule {
     double period_;    ///< ticks
     double deadline_;  ///< ticks
     std::uint32_t random_state_;
-    std::uint64_t period_index_ = 0;  ///< counts skipped periods too
+    std::uint64_t period_index_ = 0;  ///< includes skipped periods
     std::uint32_t skips_to_come_ = 0;
 };
 

@@ -44,7 +44,7 @@ void MeterSchedule::configure(double sample_rate, std::int32_t block_frames) noe
     meter_divisor_ = 1;
     if (!(sample_rate > 0.0) || block_frames <= 0) return;
     const double periods = sample_rate / static_cast<double>(block_frames) / updates_per_second;
-    // A driver may claim any rate, infinity included.
+    // A driver may report any rate, even infinity.
     constexpr double highest = std::numeric_limits<std::uint32_t>::max();
     if (periods > 1.0)
         meter_divisor_ = static_cast<std::uint32_t>(std::min(periods + 0.5, highest));

@@ -1,4 +1,4 @@
-// Peak meters: the loudest sample of each channel since the last report, in thousandths.
+// Peak meters: the largest absolute sample of each channel since the last report.
 #pragma once
 
 #include <array>
@@ -12,22 +12,21 @@
 
 namespace tavistro {
 
-/// Largest absolute value of the samples in thousandths of full scale, rounded, 0..1000. 0 for no
-/// samples.
+/// Largest absolute sample in 1/1000 of full scale, rounded, 0..1000; 0 without samples.
 TAVISTRO_REALTIME std::uint32_t peak_permille(std::span<const float> samples) noexcept;
 
-/// The meters of one direction, for at most max_meters channels. Those of the outputs show what is
-/// played, on the virtual device as well.
+/// The input or output meters, for at most max_meters channels. Output meters show the rendered
+/// signal, on the virtual device too.
 class PeakMeters {
   public:
-    /// All meters at 0. While neither side is inside.
+    /// Sets all meters to 0. Not while the device thread or a reader is active.
     void configure(std::size_t channels) noexcept;
     std::uint32_t count() const noexcept { return count_; }
 
-    /// Raises the meter to the peak of the samples; a channel without a meter is left out. Device
-    /// thread.
+    /// Raises the channel's meter to the peak of the samples; ignores a channel without a meter.
+    /// Device thread.
     TAVISTRO_REALTIME void raise(std::size_t channel, std::span<const float> samples) noexcept;
-    /// Peaks since the last call, 0 beyond count(). Any thread.
+    /// Returns the peaks since the last call, 0 beyond count(). Any thread.
     std::array<std::uint32_t, max_meters> take() noexcept;
 
   private:
@@ -35,13 +34,13 @@ class PeakMeters {
     std::uint32_t count_ = 0;
 };
 
-/// Says in which periods the meters are worth their time: about 30 times a second. Device thread.
+/// Selects the periods in which meters are updated, about 30 per second. Device thread.
 class MeterSchedule {
   public:
-    /// `sample_rate` in Hz, any number; a rate or period that is not above 0 makes every period
-    /// due.
+    /// `sample_rate` is in Hz and may be any number. If rate or period are not above 0, every
+    /// period is due.
     void configure(double sample_rate, std::int32_t block_frames) noexcept;
-    /// Counts one period; true when its meters are due.
+    /// Counts one period; returns true if its meters are due.
     TAVISTRO_REALTIME bool tick() noexcept;
     std::uint32_t meter_divisor() const noexcept { return meter_divisor_; }
 

@@ -10,7 +10,7 @@ namespace tavistro {
 
 namespace {
 
-/// Whole hertz; a rate that no integer can hold becomes the nearest one.
+/// Truncates to whole Hz and saturates.
 std::uint32_t truncated_rate(double rate) noexcept {
     constexpr double highest = 4294967295.0;
     return rate > 0.0 ? static_cast<std::uint32_t>(std::min(rate, highest)) : 0;

@@ -1,10 +1,10 @@
-// What the player does once per device period: follow the drift, capture, render, write, measure.
-// run_device_period() is the whole of it on a device; on the virtual one, loopback_device.h puts
-// the steps together.
+// The player's work in each device period: update the drift estimate, capture, render, write and
+// measure. run_device_period() does all of it for a real device; loopback_device.cpp combines the
+// steps for the virtual one.
 //
-// The device thread (a driver's, or the loopback thread) runs the periods without a lock; other
-// threads feed the playback buffer, take captured periods and read the counters. Everything a
-// period needs is allocated by prepare().
+// The device thread (the driver's or the loopback thread) runs the periods without a lock. Other
+// threads feed the playback buffer, take captured periods and read the counters. prepare()
+// allocates everything that a period needs.
 #pragma once
 
 #include <atomic>
@@ -25,37 +25,38 @@ namespace tavistro {
 
 class PeriodPath {
   public:
-    // Neither the device thread nor any other may be inside these two.
+    // No other thread may use the path during prepare() and release().
 
     /// Allocates for a device that runs at `sample_rate` Hz with periods of `block_frames`, and
-    /// starts every counter from 0. Of the settings, the sizes of the channel maps and of the
-    /// playback buffer matter. `capture`: somebody takes the captured input. Throws std::bad_alloc
-    /// or std::length_error when memory does not suffice.
+    /// resets all counters. Uses the sizes of the channel maps and of the playback buffer from the
+    /// settings. `capture`: the captured input has a consumer. Throws std::bad_alloc or
+    /// std::length_error if memory runs out.
     void prepare(const AudioDeviceSettings& settings, double sample_rate, std::int32_t block_frames,
                  bool capture);
-    /// Frees what prepare() allocated: blocks are rejected, nothing is captured.
+    /// Frees what prepare() has allocated. Blocks are then rejected and nothing is captured.
     void release() noexcept;
 
-    /// One whole period of a real device, called with the free half of its buffers. Device thread.
+    /// Runs one period of a real device with the free half of its buffers. Device thread.
     TAVISTRO_REALTIME void run_device_period(AudioDevice& device,
                                              std::int32_t buffer_index) noexcept;
 
-    // The steps of a period in their order. Device thread.
+    // The steps of a period, in order. Device thread.
 
-    /// Counts a period and decides whether its meters are due.
+    /// Counts a period and determines whether its meters are due.
     TAVISTRO_REALTIME void count_period() noexcept;
-    /// Takes the notices of the server into the drift estimate.
+    /// Updates the drift estimate from the sync notices.
     TAVISTRO_REALTIME void follow_drift() noexcept;
-    /// Renders the period's block. `start` is the performance counter at the period's start.
+    /// Renders the period's block. `start` is the performance counter at the start of the period.
     TAVISTRO_REALTIME void render(std::int64_t start) noexcept;
-    /// Shows what was rendered, if anything, on the output meters when they are due.
+    /// Updates the output meters from the rendered block, if any, when they are due.
     TAVISTRO_REALTIME void meter_outputs() noexcept;
-    /// Captures what was rendered, output channel i as input channel i: zeros where there is no
-    /// such output, nothing was rendered or the input is silent.
+    /// Captures output channel i of the rendered block as input channel i; zeros without such an
+    /// output, without a rendered block or with `input_silent`.
     TAVISTRO_REALTIME void loop_back(bool input_silent) noexcept;
-    /// Counts the period's frames as consumed, for the drift estimate.
+    /// Adds the period's frames to the consumed frames of the drift estimate.
     TAVISTRO_REALTIME void count_frames() noexcept;
-    /// Both are performance counter values; ignored when the end lies before the start.
+    /// Records the processing time from two performance counter values; ignored if `end` is before
+    /// `start`.
     TAVISTRO_REALTIME void record_duration(std::int64_t start, std::int64_t end) noexcept;
 
     PlaybackBuffer& playback() noexcept { return playback_; }
@@ -63,20 +64,20 @@ class PeriodPath {
     /// Removes the oldest captured period. One thread at a time.
     bool take_captured(CaptureSlot& slot) { return capture_ring_.take(slot); }
 
-    /// Snapshot of everything measured here, without per-second values and peaks. Starts a new
-    /// interval of the fill statistics. One thread at a time.
+    /// Returns the measurements without per-second values and peaks, and starts a new interval of
+    /// the fill statistics. One thread at a time.
     PlayerTelemetry take_telemetry() noexcept;
     /// Adds the peaks since the last call. One thread at a time.
     void take_peaks(PlayerTelemetry& telemetry) noexcept;
 
   private:
     std::span<const float> rendered_channel(std::size_t channel) const noexcept;
-    /// The slot to fill, null when nobody wants it or no slot is free.
+    /// The slot to fill; null without a consumer or without a free slot.
     CaptureSlot* begin_capture() noexcept;
     void capture_from(AudioDevice& device, std::int32_t buffer_index) noexcept;
     void write_outputs(AudioDevice& device, std::int32_t buffer_index) noexcept;
 
-    double sample_rate_ = 0.0;  ///< Hz, as the device runs
+    double sample_rate_ = 0.0;  ///< Hz, actual rate of the device
     std::size_t block_frames_ = 0;
     std::size_t output_channels_ = 0;
     std::size_t input_channels_ = 0;
@@ -89,7 +90,7 @@ class PeriodPath {
     PeakMeters output_meters_;
     MeterSchedule meter_schedule_;
 
-    // The device thread's own.
+    // Used only by the device thread.
     bool meters_due_ = false;
     bool rendered_ = false;  ///< block_ holds this period's output
 

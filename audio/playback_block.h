@@ -1,4 +1,4 @@
-// One period's worth of audio on its way from the playback buffer to the device.
+// One period of audio from the playback buffer to the device.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,10 @@
 
 namespace tavistro {
 
-/// Sized once when the device is opened, filled anew every period. The three times are those of the
-/// block that the first frame came from.
+/// Allocated when the device is opened, filled in every period. Sequence and times are those of the
+/// received block that contains the first frame.
 struct PlaybackBlock {
-    std::vector<float> samples;  ///< planar: channel c starts at c * frames of a period
+    std::vector<float> samples;  ///< planar: channel c starts at c * frames per period
     std::uint32_t sequence = 0;
     std::uint32_t sample_rate = 0;  ///< Hz
     std::uint16_t frames = 0;

@@ -11,10 +11,10 @@ namespace tavistro {
 
 namespace {
 
-// A single late block must not cost a new prebuffering.
+// A single late block must not restart prebuffering.
 constexpr std::uint64_t least_starve_limit = 3;
 
-/// For counters that one thread at a time counts up: no other store comes between.
+/// Only for counters with one writer at a time: load and store are separate.
 void count(std::atomic<std::uint64_t>& counter, std::uint64_t amount = 1) noexcept {
     counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }

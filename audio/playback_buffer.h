@@ -1,11 +1,11 @@
-// The place where the server's clock meets the device's: blocks go in as the network delivers them,
-// exactly one period's frames come out whenever the device asks.
+// The playback buffer between the server clock and the device clock: blocks are pushed as the
+// network delivers them, and one period of frames is read at each device period.
 //
-// push_block() is the producer's side (one thread at a time: the player's queue mutex sees to it),
-// render_period() the consumer's (the device thread, without a lock). Playing starts once
-// `prebuffer_blocks` periods are buffered and falls back to prebuffering after a run of periods
-// without data. While playing, common/drift_law.h gives the read speed: the drift estimate plus a
-// small correction towards a target fill.
+// push_block() is the producer (one thread at a time, ensured by the player's queue mutex),
+// render_period() the consumer (the device thread, without a lock). Playback starts when
+// `prebuffer_blocks` periods are buffered, and returns to prebuffering after several consecutive
+// periods without data. During playback common/drift_law.h sets the read ratio: the drift estimate
+// plus a small correction towards the target fill level.
 #pragma once
 
 #include <atomic>
@@ -23,7 +23,7 @@
 
 namespace tavistro {
 
-/// Sizes of a buffer, fixed while a device is open. All frames are per channel.
+/// Sizes of the buffer, fixed while a device is open. Frames are per channel.
 struct PlaybackShape {
     std::int32_t block_frames = 0;  ///< frames per device period
     std::uint32_t sample_rate = 0;  ///< Hz
@@ -33,7 +33,7 @@ struct PlaybackShape {
     std::uint64_t max_queue_blocks = 0;
 };
 
-/// One block as the network delivers it; `samples` are planar.
+/// A block from the network; `samples` are planar.
 struct IncomingBlock {
     std::uint32_t sequence = 0;
     std::uint32_t sample_rate = 0;
@@ -47,24 +47,24 @@ struct IncomingBlock {
 
 class PlaybackBuffer {
   public:
-    /// Empty, silent and prebuffering with these sizes, every statistic 0. Throws std::bad_alloc or
-    /// std::length_error when memory does not suffice. Neither side may be inside.
+    /// Allocates an empty buffer of these sizes in the prebuffering state and resets all
+    /// statistics. Throws std::bad_alloc or std::length_error if memory runs out. Not while
+    /// producer or consumer are active.
     void configure(const PlaybackShape& shape);
-    /// As never configured: frees the rings, so that every block is rejected and nothing plays.
+    /// Frees the rings: every block is then rejected and nothing plays.
     void release() noexcept;
 
-    /// Appends one block. False, with the reason counted, when its shape is not the buffer's or too
-    /// few frames are free; what is buffered stays untouched then. Bulk copies, no allocation.
+    /// Appends one block. Returns false, counts the reason and changes nothing else if the block's
+    /// format differs from the buffer's or too few frames are free. Does not allocate.
     bool push_block(const IncomingBlock& block) noexcept;
 
-    /// render_block() with the accounting of a period: an underrun, or rendered frames and the
-    /// block's latencies. `period_start_ns` is the nanosecond clock. Device thread.
+    /// Calls render_block() and counts an underrun, or the rendered frames and the block's
+    /// latencies. `period_start_ns` is the nanosecond clock. Device thread.
     TAVISTRO_REALTIME bool render_period(PlaybackBlock& block,
                                          std::uint64_t period_start_ns) noexcept;
-    /// Takes one period out of the buffer into `block`, whose samples hold channels * block_frames
-    /// values. False when there is nothing to play: the caller plays silence. `fill_found` is
-    /// always set, `ratio_used` (buffered frames per output frame) when it came to rendering.
-    /// Device thread.
+    /// Reads one period into `block`, whose samples hold channels * block_frames values. Returns
+    /// false if there is nothing to play; the caller then plays silence. Always sets `fill_found`;
+    /// sets `ratio_used` (buffered frames per output frame) if it renders. Device thread.
     TAVISTRO_REALTIME bool render_block(PlaybackBlock& block, double& ratio_used,
                                         std::uint64_t& fill_found) noexcept;
 
@@ -74,7 +74,7 @@ class PlaybackBuffer {
     bool playing() const noexcept { return device_.playing; }
 
     const PlaybackShape& shape() const noexcept { return shape_; }
-    /// Fill that drift control aims at.
+    /// Target fill level of the drift control.
     std::uint64_t target_frames() const noexcept { return frames_of(shape_.target_queue_depth); }
 
     // Any thread.
@@ -82,14 +82,14 @@ class PlaybackBuffer {
     const DriftEstimator& drift() const noexcept { return drift_; }
     const PlaybackCounters& counters() const noexcept { return counters_; }
     FillStatistics& fill_statistics() noexcept { return fill_statistics_; }
-    /// Delivery of a block to its playing.
+    /// From delivery of a block to its playback.
     const LatencyStatistics& queue_latency() const noexcept { return queue_latency_; }
-    /// The server's time of a block to its playing.
+    /// From a block's server time to its playback.
     const LatencyStatistics& server_to_output() const noexcept { return server_to_output_; }
 
   private:
-    /// Where the frames of one buffered block came from. Blocks have the length of a period and
-    /// the ring holds whole ones, so that a block's place never changes.
+    /// Sequence and times of one buffered block. Blocks have the length of a period and the ring
+    /// holds a whole number of them, so blocks always have the same positions.
     struct Origin {
         void store(const IncomingBlock& block) noexcept;
 
@@ -98,18 +98,18 @@ class PlaybackBuffer {
         std::atomic<std::uint64_t> arrival_time_ns{0};
         std::atomic<std::uint64_t> delivery_time_ns{0};
     };
-    // What a side stores in every block lies on a cache line that the other side never stores to.
-    // An index is a frame counter that only grows, and the one word that the other side reads.
+    // Each side stores only to its own cache line. An index is a monotonic frame counter and the
+    // only word that the other side reads.
     struct alignas(cache_line_bytes) ProducerSide {
-        std::atomic<std::uint64_t> write_index{0};  ///< stored after the frames that it covers
-        std::size_t position = 0;                   ///< write_index in the ring
+        std::atomic<std::uint64_t> write_index{0};  ///< stored after the frames before it
+        std::size_t position = 0;                   ///< ring position of write_index
     };
     struct alignas(cache_line_bytes) DeviceSide {
-        std::atomic<std::uint64_t> read_index{0};  ///< stored once the frames have been read
-        std::size_t position = 0;                  ///< read_index in the ring
+        std::atomic<std::uint64_t> read_index{0};  ///< stored after the frames have been read
+        std::size_t position = 0;                  ///< ring position of read_index
         bool playing = false;
-        std::uint64_t starve_count = 0;  ///< periods in a row without a block while playing
-        double frac_pos = 0.0;           ///< read position between two frames
+        std::uint64_t starve_count = 0;  ///< consecutive periods without a block during playback
+        double frac_pos = 0.0;           ///< fraction of the read position, in frames
     };
     static_assert(sizeof(ProducerSide) == cache_line_bytes &&
                   sizeof(DeviceSide) == cache_line_bytes);

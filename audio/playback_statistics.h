@@ -1,4 +1,4 @@
-// What the playback buffer counts and measures for the player's reports.
+// Counters and measurements of the playback buffer for the player's reports.
 #pragma once
 
 #include <atomic>
@@ -9,8 +9,8 @@
 
 namespace tavistro {
 
-/// Totals since the start of the player. Each is counted by one side of the buffer alone, the
-/// producer or the device thread; any thread reads.
+/// Totals since the start of the player. Each has one writer, the producer or the device thread;
+/// any thread may read.
 struct PlaybackCounters {
     std::atomic<std::uint64_t> received_blocks{0};
     std::atomic<std::uint64_t> dequeued_blocks{0};
@@ -23,10 +23,10 @@ struct PlaybackCounters {
     void clear() noexcept;
 };
 
-/// Current, lowest and highest fill in frames. Any thread; lock-free.
+/// Current, lowest and highest fill level in frames. Any thread; lock-free.
 ///
-/// A stored minimum of 0 counts as "none yet" and is replaced by the next fill, so after the buffer
-/// ran empty the minimum is the smallest fill since then.
+/// A stored minimum of 0 means "none yet" and is replaced by the next fill level. After the buffer
+/// has run empty, the minimum is therefore the lowest level since then.
 class FillStatistics {
   public:
     struct Range {
@@ -37,7 +37,7 @@ class FillStatistics {
 
     void clear() noexcept;
     TAVISTRO_REALTIME void record(std::uint64_t fill) noexcept;
-    /// The range since the last take(); the next one starts at the current fill.
+    /// Returns the range since the last take(); the next range starts at the current fill level.
     Range take() noexcept;
 
   private:
@@ -46,11 +46,11 @@ class FillStatistics {
     std::atomic<std::uint64_t> maximum_{0};
 };
 
-/// Microseconds between an instant of a block and its playing. Any thread reads.
+/// Microseconds from a given time of a block to its playback. Any thread may read.
 class LatencyStatistics {
   public:
     void clear() noexcept;
-    /// Ignored when either time is 0 or the block's lies in the future.
+    /// Ignored if either time is 0 or `block_time_ns` is later than `now_ns`.
     TAVISTRO_REALTIME void record(std::uint64_t now_ns, std::uint64_t block_time_ns) noexcept;
     std::uint64_t last_us() const noexcept { return last_us_.load(std::memory_order_relaxed); }
     std::uint64_t max_us() const noexcept { return max_us_.load(std::memory_order_relaxed); }

@@ -1,4 +1,4 @@
-// The player's reports: at most one a second, as a record and as two lines of log.
+// The player's reports, at most one per second, as a record and as two log lines.
 #pragma once
 
 #include <array>
@@ -11,14 +11,14 @@
 
 namespace tavistro {
 
-/// Decides when a report is due and takes it. One thread at a time.
+/// Determines when a report is due and creates it. One thread at a time.
 class PlayerReporter {
   public:
-    /// The next report is due a second after `now_ms`, the millisecond tick, and counts from 0.
+    /// Resets the counts; the next report is due one second after the millisecond tick `now_ms`.
     void restart(std::uint64_t now_ms) noexcept;
     bool due(std::uint64_t now_ms) const noexcept;
-    /// The report of the time since the last one, without peaks. The path's intervals and the next
-    /// second begin anew.
+    /// Returns the report of the time since the previous one, without peaks, and starts the next
+    /// interval.
     PlayerTelemetry take(PeriodPath& periods, const AudioDeviceSettings& settings,
                          bool device_fault, std::uint64_t now_ms) noexcept;
 
@@ -29,7 +29,7 @@ class PlayerReporter {
     std::uint64_t previous_callbacks_ = 0;
 };
 
-/// The report as the log shows it, independent of the process's locale.
+/// The log lines of a report, independent of the locale.
 std::array<std::string, 2> report_lines(const PlayerTelemetry& telemetry);
 
 }  // namespace tavistro
