@@ -17,7 +17,7 @@ namespace tavistro {
 
 namespace {
 
-/// How long close() waits for a callback to return.
+/// Longest wait of close() for a callback to return.
 constexpr std::uint64_t callback_limit_ms = 2000;
 
 constexpr std::int64_t largest_buffer_frames = 65535;
@@ -27,7 +27,7 @@ constinit CurrentDevice<AsioDevice> current_device;
 std::unique_ptr<AsioDrivers> list_drivers() noexcept {
     try {
         return std::make_unique<AsioDrivers>();
-    } catch (const std::exception&) {  // memory, or what the system says of its register
+    } catch (const std::exception&) {  // out of memory, or an error of the driver registry
         return nullptr;
     }
 }
@@ -37,7 +37,7 @@ bool within(const std::vector<std::int32_t>& channel_map, std::int32_t hardware_
                        [=](std::int32_t channel) { return channel < hardware_channels; });
 }
 
-/// Six significant digits, whatever the locale.
+/// Six significant digits, independent of the locale.
 std::string number_text(double value) {
     std::array<char, 32> text;
     const auto result =
@@ -84,8 +84,8 @@ bool AsioDevice::load_driver() {
 }
 
 bool AsioDevice::agree_on_sample_rate() {
-    // The rate decides on channels and buffer sizes, so it comes first; what the driver then runs
-    // at is what counts.
+    // The rate is set first: channels and buffer sizes may depend on it. The rate that the driver
+    // then reports is used.
     if (driver_->setSampleRate(static_cast<double>(settings_.sample_rate)) != kAsioOk)
         log("[asio] setSampleRate failed.");
     sample_rate_ = 0.0;
@@ -152,7 +152,7 @@ bool AsioDevice::identify(bool inputs, const std::vector<std::int32_t>& channel_
                           std::span<const AsioBufferInfo> buffers, std::vector<Channel>& channels) {
     channels.clear();
     for (std::size_t i = 0; i < buffers.size(); ++i) {
-        // Asked by the map: of `buffers` only the addresses are the driver's to fill.
+        // Uses the map: only the addresses in `buffers` are valid driver output.
         AsioChannelInfo info{};
         info.channel = channel_map[i];
         info.isInput = inputs ? 1 : 0;
@@ -165,9 +165,9 @@ bool AsioDevice::identify(bool inputs, const std::vector<std::int32_t>& channel_
 }
 
 void AsioDevice::silence_outputs() noexcept {
-    // No driver promises clean buffers, and one half plays before the first period fills it. How
-    // long a buffer of an unknown type is cannot be told: one-bit types have eight frames in a
-    // byte.
+    // New buffers may contain noise, and one half plays before the first period fills it. Buffers
+    // of an unknown type are skipped, since their length is unknown: one-bit types have eight
+    // frames per byte.
     for (const Channel& channel : outputs_) {
         if (!is_known_sample_type(channel.sample_type)) continue;
         for (void* half : channel.halves)
@@ -208,7 +208,7 @@ bool AsioDevice::start() {
 
 void AsioDevice::close() {
     if (driver_ != nullptr) {
-        // Periods go on until stop() has returned: some drivers wait in it for a last outputReady.
+        // Periods continue until stop() has returned: some drivers wait in it for an outputReady.
         driver_->stop();
         current_device.clear(*this, callback_limit_ms);
         driver_->disposeBuffers();
@@ -271,7 +271,7 @@ void AsioDevice::sample_rate_changed(double rate) noexcept {
 std::int32_t AsioDevice::message(std::int32_t selector, std::int32_t, void*, double*) noexcept {
     if (selector == kAsioSupportsTimeInfo) return 1;
     if (selector == kAsioResetRequest || selector == kAsioResyncRequest) {
-        // Served later on the device's own thread; the driver is not to wait for it.
+        // The reset is handled later, outside the driver's callback.
         current_device.use([](AsioDevice& device) {
             device.reset_requested_.store(true, std::memory_order_relaxed);
         });

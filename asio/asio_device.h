@@ -1,14 +1,14 @@
-// One ASIO driver as an audio device: loads it by name, agrees on rate and buffer size, opens the
-// mapped channels and hands the driver's periods to the user of the device.
+// An ASIO driver as an audio device: loads the driver by name, negotiates sample rate and buffer
+// size, opens the mapped channels and passes the driver's periods to a callback.
 //
 //     AsioDevice device;
 //     device.open(settings, log, on_period, context) && device.start();
 //     ... on_period(context, half): read_input, write_output, output_ready ...
 //     device.close();
 //
-// A driver calls back on any thread, before it was started, while it stops and out of turn. Such a
-// call finds either the whole device or nothing; close() returns when none is inside any more.
-// Everything but outputReady is called on the thread that opens, starts and closes.
+// A driver may call back on any thread, before it is started, while it stops and at unexpected
+// times. A callback sees either the complete device or none; close() waits for callbacks in
+// progress. The thread that opens, starts and closes calls all driver functions but outputReady.
 #pragma once
 
 #include <array>
@@ -32,22 +32,22 @@ class AsioDevice : public AudioDevice {
     AsioDevice& operator=(const AsioDevice&) = delete;
     ~AsioDevice() override;
 
-    /// Opens the driver called settings.driver_name. One device at a time may be open in a process.
-    /// A rate that the driver refuses is logged and its own kept; a failure is logged in one line
-    /// and leaves no driver loaded. Takes as long as the driver takes; throws std::bad_alloc, after
-    /// which close() is due. Periods that come before this has returned may reach the callback.
+    /// Opens the driver named settings.driver_name. A process may have one device open at a time.
+    /// If the driver refuses the sample rate, this logs it and keeps the driver's rate. A failure
+    /// is logged in one line and leaves no driver loaded. Blocks as long as the driver does. Throws
+    /// std::bad_alloc; close() must then be called. The callback may run before this returns.
     bool open(const AudioDeviceSettings& settings, LogCallback log, BufferSwitchCallback callback,
               void* context) override;
     bool start() override;
-    /// Waits for callbacks that are inside, but gives up on one that the driver never lets return.
+    /// Waits for callbacks in progress, but not forever for one that does not return.
     void close() override;
     TAVISTRO_REALTIME void read_input(std::int32_t channel, std::int32_t buffer_index,
                                       float* destination, std::int32_t frames) override;
     TAVISTRO_REALTIME void write_output(std::int32_t channel, std::int32_t buffer_index,
                                         const float* source, std::int32_t frames) override;
-    /// Always true for a driver that does not want to be told.
+    /// Always true for a driver that does not support outputReady.
     TAVISTRO_REALTIME bool output_ready() override;
-    /// Set by a reset or resync request or a change of the sample rate, and never cleared.
+    /// Set by a reset or resync request or a sample rate change, and never cleared.
     bool reset_requested() override;
 
   private:
@@ -75,8 +75,8 @@ class AsioDevice : public AudioDevice {
     bool fail(const std::string& line) const;
     void log(const std::string& line) const;
 
-    // What the driver calls, and where it leads once there is a current device. A buffer index
-    // other than 0 and 1 is ignored.
+    // The driver's callbacks, forwarded to the current device, if any. A buffer index other than 0
+    // and 1 is ignored.
     static void buffer_switch(std::int32_t half, std::int32_t process_now) noexcept;
     static AsioTimeRecord* buffer_switch_time_info(AsioTimeRecord* time, std::int32_t half,
                                                    std::int32_t process_now) noexcept;
@@ -91,7 +91,7 @@ class AsioDevice : public AudioDevice {
 
     std::unique_ptr<AsioDrivers> drivers_;
     AsioDriver* driver_ = nullptr;
-    // The driver may keep and overwrite both until its buffers are disposed of.
+    // The driver may keep and overwrite both until disposeBuffers has returned.
     AsioCallbacks driver_callbacks_{};
     std::vector<AsioBufferInfo> buffer_infos_;  ///< inputs, then outputs
     std::vector<Channel> inputs_;               ///< in map order

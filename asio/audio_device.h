@@ -1,4 +1,4 @@
-// The device as the player sees it: something that calls back once per period.
+// The audio device interface of the player: a device that calls back once per period.
 #pragma once
 
 #include <cstdint>
@@ -10,49 +10,49 @@
 
 namespace tavistro {
 
-/// Takes one line of text without a line end. May be empty. A device calls it on the thread that
-/// opens it; the player also on the threads that bring it blocks and sync notices and on the
+/// Receives one line of text without a line end. May be empty. A device calls it on the thread that
+/// opens it. The player also calls it on the threads that push blocks and sync notices and on the
 /// loopback thread, possibly while a device is being opened. Never called on a driver's thread.
 using LogCallback = std::function<void(const std::string&)>;
 
-/// Called by the device once per period on its own thread, with the context given to open() and
-/// the index (0 or 1) of the buffer half that is free to read and fill until the call returns.
+/// Called by the device once per period on its own thread. Gets the context given to open() and the
+/// index (0 or 1) of the buffer half that may be read and written until the call returns.
 using BufferSwitchCallback = void (*)(void* context, std::int32_t buffer_index);
 
 /// One audio device with double-buffered channels.
 ///
-/// open, start, close and destruction belong to one thread. read_input, write_output and
-/// output_ready are called on the device's thread inside the buffer-switch callback. Logical
-/// channel i is entry i of the settings' channel map.
+/// One thread calls open, start, close and the destructor. read_input, write_output and
+/// output_ready are called on the device's thread in the buffer-switch callback. Logical channel i
+/// is entry i of the channel map in the settings.
 class AudioDevice {
   public:
     virtual ~AudioDevice() = default;
 
-    /// Opens the device that the settings name and allocates everything a period needs. False with
-    /// one log line when it cannot be had; the device is closed then. The callback may come from
-    /// the moment this is called until close() has returned.
+    /// Opens the configured device and allocates everything that a period needs. On failure logs
+    /// one line, closes the device and returns false. The callback may be called from the start of
+    /// this call until close() has returned.
     virtual bool open(const AudioDeviceSettings& settings, LogCallback log,
                       BufferSwitchCallback callback, void* context) = 0;
     /// Starts the periods. May call back before it returns.
     virtual bool start() = 0;
-    /// Stops and unloads. Safe in any state and more than once.
+    /// Stops and unloads the device. May be called in any state and repeatedly.
     virtual void close() = 0;
-    /// Converts one input channel's half into `frames` samples of full scale +-1.
+    /// Converts a buffer half of an input channel to `frames` samples, full scale +-1.0.
     TAVISTRO_REALTIME virtual void read_input(std::int32_t channel, std::int32_t buffer_index,
                                               float* destination, std::int32_t frames) = 0;
-    /// Converts `frames` samples into one output channel's half; null writes silence.
+    /// Converts `frames` samples to a buffer half of an output channel; a null source is silence.
     TAVISTRO_REALTIME virtual void write_output(std::int32_t channel, std::int32_t buffer_index,
                                                 const float* source, std::int32_t frames) = 0;
-    /// Tells the device that the outputs are written. False when the device reports a failure.
+    /// Signals that the outputs are written. Returns false if the device reports a failure.
     TAVISTRO_REALTIME virtual bool output_ready() = 0;
-    /// True once the device has asked to be reset. Any thread.
+    /// True once the device has requested a reset. Any thread.
     virtual bool reset_requested() = 0;
 
     // Valid after a successful open().
     std::uint32_t buffer_size() const noexcept { return buffer_size_; }  ///< frames per period
     std::uint32_t hardware_inputs() const noexcept { return hardware_inputs_; }
     std::uint32_t hardware_outputs() const noexcept { return hardware_outputs_; }
-    double sample_rate() const noexcept { return sample_rate_; }  ///< Hz, as the device runs
+    double sample_rate() const noexcept { return sample_rate_; }  ///< Hz, actual rate
 
   protected:
     AudioDevice() = default;

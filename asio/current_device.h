@@ -1,8 +1,8 @@
-// The one object that a driver's callbacks reach: they carry no context.
+// The process-wide object for a driver's callbacks, which have no context argument.
 //
-// A callback enters through use(), from any thread at any time. The owner sets the object when it
-// is complete, and clears it before anything that a callback touches goes away: then no callback is
-// inside any more, unless one outstayed the limit, and later ones find nothing.
+// A callback enters through use(), from any thread at any time. The owner sets the object once it
+// is complete and clears it before it frees anything that a callback uses. After clear() no
+// callback is inside, except one that exceeded the time limit, and later ones do nothing.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,11 @@ namespace tavistro {
 template <typename Device>
 class CurrentDevice {
   public:
-    /// Replaces nothing or another object. Owner's thread.
+    /// Sets or replaces the current object. Owner's thread.
     void set(Device& device) noexcept { device_.store(&device); }
 
-    /// Takes `device` away if it is the current one and waits until no callback is inside, at most
-    /// `limit_ms`. Owner's thread, never inside a callback.
+    /// If `device` is the current object, removes it and waits until no callback is inside, at most
+    /// `limit_ms`. Owner's thread, never in a callback.
     void clear(Device& device, std::uint64_t limit_ms) noexcept {
         Device* expected = &device;
         if (!device_.compare_exchange_strong(expected, nullptr)) return;
@@ -29,11 +29,11 @@ class CurrentDevice {
             platform::sleep_ms(1);
     }
 
-    /// Runs `body` on the current object, if there is one. Wait-free apart from `body`.
+    /// Calls `body` with the current object, if any. Wait-free apart from `body`.
     template <typename Body>
     TAVISTRO_REALTIME void use(Body body) noexcept {
-        // Counted before the object is read, in one total order with clear(): either this callback
-        // finds nothing, or clear() finds this callback.
+        // The count is raised before the object is read, sequentially consistent with clear():
+        // either this callback sees no object, or clear() sees this callback.
         callbacks_inside_.fetch_add(1);
         if (Device* device = device_.load()) body(*device);
         callbacks_inside_.fetch_sub(1);

@@ -1,10 +1,10 @@
-// The binary interface between a host and an ASIO driver on x86-64, declared for both sides.
+// The binary interface between an ASIO host and an ASIO driver on x86-64, for both sides.
 //
-// A driver object is a pointer to a table of functions in the order of class AsioDriver; a host
-// hands it one record of callbacks. Every integer is 32 bits wide and signed, booleans included (0
-// is false, anything else true), sample rates are in Hz, and no exception crosses in either
-// direction. The platform has one calling convention, so plain virtual functions and plain function
-// pointers have the right one.
+// A driver object is a pointer to a function table in the order of class AsioDriver; the host
+// passes it a record of callbacks. Integers are 32 bits wide and signed, including booleans (0 is
+// false, any other value true). Sample rates are in Hz. No exception crosses the interface. x86-64
+// has a single calling convention per system, which plain virtual functions and function pointers
+// use.
 #pragma once
 
 #include <cstddef>
@@ -12,19 +12,19 @@
 
 namespace tavistro {
 
-// Results. Drivers differ in the negative code they give for the same mistake: test for zero only.
+// Results. Drivers return different negative codes for the same error: compare with zero only.
 inline constexpr std::int32_t kAsioOk = 0;
 inline constexpr std::int32_t kAsioFutureOk = 0x3F4847A0;  ///< success of future() only
-inline constexpr std::int32_t kAsioNotPresent = -1000;     ///< also: feature not supported
+inline constexpr std::int32_t kAsioNotPresent = -1000;     ///< no device, or not supported
 inline constexpr std::int32_t kAsioHardwareFault = -999;
 inline constexpr std::int32_t kAsioInvalidParameter = -998;
 inline constexpr std::int32_t kAsioInvalidMode = -997;   ///< wrong state, unsupported size
-inline constexpr std::int32_t kAsioNotAdvancing = -996;  ///< no sample position: not running
-inline constexpr std::int32_t kAsioNoClock = -995;       ///< no clock or rate not supported
+inline constexpr std::int32_t kAsioNotAdvancing = -996;  ///< no sample position, not running
+inline constexpr std::int32_t kAsioNoClock = -995;       ///< no clock, or rate not supported
 inline constexpr std::int32_t kAsioNoMemory = -994;
 
 // Selectors of the host's message callback.
-inline constexpr std::int32_t kAsioSelectorSupported = 1;  ///< is the selector in `value` handled?
+inline constexpr std::int32_t kAsioSelectorSupported = 1;  ///< queries the selector in `value`
 inline constexpr std::int32_t kAsioHostVersion = 2;
 inline constexpr std::int32_t kAsioResetRequest = 3;
 inline constexpr std::int32_t kAsioBufferSizeChange = 4;
@@ -40,27 +40,27 @@ inline constexpr std::uint32_t kAsioSamplePositionValid = 2;
 inline constexpr std::uint32_t kAsioSampleRateValid = 4;
 inline constexpr std::uint32_t kAsioSpeedValid = 8;
 
-/// A 64-bit count as two words, high word first.
+/// A 64-bit counter as two words, high word first.
 struct AsioCount64 {
     std::uint32_t hi;
     std::uint32_t lo;
 };
 
-/// One channel of createBuffers. Each half holds one period of that channel alone.
+/// A channel for createBuffers. Each half holds one period of this channel.
 struct AsioBufferInfo {
     std::int32_t isInput;
-    std::int32_t channel;  ///< counted from 0 within the inputs or outputs
+    std::int32_t channel;  ///< from 0, within the inputs or outputs
     void* half[2];         ///< filled by the driver
 };
 
-/// `channel` and `isInput` are the question, the rest is the driver's answer. The name ends with a
-/// NUL unless it fills all 32 bytes.
+/// The host sets `channel` and `isInput`, the driver fills the rest. The name is zero-terminated
+/// unless it fills all 32 bytes.
 struct AsioChannelInfo {
     std::int32_t channel;
     std::int32_t isInput;
     std::int32_t isActive;  ///< has buffers
     std::int32_t group;
-    std::int32_t type;  ///< sample type code, see asio/sample_format.h
+    std::int32_t type;  ///< sample type code (asio/sample_format.h)
     char name[32];
 };
 
@@ -72,7 +72,7 @@ struct AsioClockSource {
     char name[32];
 };
 
-/// Only its address crosses: drivers disagree on the padding at the end and on the alignment.
+/// Passed only by address: drivers differ in its padding at the end and its alignment.
 struct AsioTimeRecord {
     std::int32_t reserved0[4];
     double speed;            ///< 1.0 nominal
@@ -87,8 +87,9 @@ struct AsioTimeRecord {
     char reserved2[64];
 };
 
-/// What a driver calls, from any thread. It keeps the pointer to this record, not a copy, until
-/// disposeBuffers has returned, and it may use any of the four whatever the host announced.
+/// Callbacks of the host, which a driver may call on any thread. It keeps the pointer to this
+/// record, not a copy, until disposeBuffers has returned. It may call any of the four, regardless
+/// of what the host supports.
 struct AsioCallbacks {
     void (*bufferSwitch)(std::int32_t half, std::int32_t processNow);
     void (*sampleRateDidChange)(double rate);
@@ -98,17 +99,17 @@ struct AsioCallbacks {
                                             std::int32_t processNow);
 };
 
-/// A driver object, one virtual function per slot. A host calls everything but outputReady on one
-/// thread. The order of the functions is the interface: add, remove and reorder nothing.
+/// A driver object, one virtual function per table slot. A host calls all functions but outputReady
+/// on one thread. The order of the functions is the interface: do not add, remove or reorder any.
 class AsioDriver {
   public:
-    /// The class identifier (16 bytes) stands for the interface as well.
+    /// The interface identifier is the class identifier (16 bytes).
     virtual std::int32_t QueryInterface(const void* interface_id, void** object) noexcept = 0;
     virtual std::uint32_t AddRef() noexcept = 0;
     virtual std::uint32_t Release() noexcept = 0;
 
-    /// True (1) on success, unlike the others. A driver that failed may still be told to stop and
-    /// to dispose of its buffers before it is released.
+    /// Returns true (1) on success, unlike the other functions. After a failure, stop and
+    /// disposeBuffers may still be called before Release.
     virtual std::int32_t init(void* window) noexcept = 0;
     virtual void getDriverName(char* name) noexcept = 0;  ///< up to 32 bytes
     virtual std::int32_t getDriverVersion() noexcept = 0;
@@ -131,18 +132,18 @@ class AsioDriver {
     virtual std::int32_t getSamplePosition(AsioCount64* samples,
                                            AsioCount64* nanoseconds) noexcept = 0;
     virtual std::int32_t getChannelInfo(AsioChannelInfo* info) noexcept = 0;
-    /// All channels of the session at once. `callbacks` must stay until disposeBuffers has
-    /// returned. A sloppy driver writes into both, beyond the buffers' addresses.
+    /// Creates the buffers of all channels. `callbacks` must stay valid until disposeBuffers has
+    /// returned. Some drivers overwrite other fields of both than the buffer addresses.
     virtual std::int32_t createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
                                        std::int32_t frames, AsioCallbacks* callbacks) noexcept = 0;
     virtual std::int32_t disposeBuffers() noexcept = 0;
     virtual std::int32_t controlPanel() noexcept = 0;
     virtual std::int32_t future(std::int32_t selector, void* parameter) noexcept = 0;
-    /// 0 when the driver wants to be told after every period that the outputs are written.
+    /// Signals that the outputs are written. 0: the driver wants this call after every period.
     virtual std::int32_t outputReady() noexcept = 0;
 
   protected:
-    ~AsioDriver() = default;  // released through Release alone
+    ~AsioDriver() = default;  // use Release
 };
 
 static_assert(sizeof(void*) == 8);

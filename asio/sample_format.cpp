@@ -18,7 +18,7 @@ using std::endian;
 
 template <typename Real>
 Real clamp_to_full_scale(Real x) noexcept {
-    return x > Real{1} ? Real{1} : x < Real{-1} ? Real{-1} : x;  // NaN passes
+    return x > Real{1} ? Real{1} : x < Real{-1} ? Real{-1} : x;  // NaN stays NaN
 }
 
 /// Full scale of an integer format.
@@ -42,7 +42,7 @@ std::int32_t sign_extend(std::uint32_t value) noexcept {
     return static_cast<std::int32_t>(value << (32 - bits)) >> (32 - bits);
 }
 
-/// Place in memory of a word's byte i, counted from the low end.
+/// Memory offset of a word's byte i, counted from the least significant.
 template <std::size_t bytes, endian order>
 constexpr std::size_t place(std::size_t i) noexcept {
     return order == endian::little ? i : bytes - 1 - i;
@@ -62,8 +62,8 @@ void store(Byte* to, Word word) noexcept {
         to[place<bytes, order>(i)] = static_cast<Byte>(word >> (8 * i));
 }
 
-// Integers pass through a short array: arithmetic and byte access then vectorise one by one, and
-// neither has to suspect that the driver's bytes and the floats overlap.
+// Integers pass through a short array, so that arithmetic and byte access vectorise separately
+// without aliasing between the driver's bytes and the floats.
 constexpr std::size_t chunk_samples = 64;
 using Chunk = std::array<std::int32_t, chunk_samples>;
 
@@ -95,7 +95,7 @@ template <typename Real, typename Word, endian order>
 void reals_to_float(const Byte* from, std::span<float> destination) noexcept {
     for (float& sample : destination) {
         const auto value = std::bit_cast<Real>(load<Word, sizeof(Word), order>(from));
-        // Clamped before it is rounded: the same value, and no double is beyond a float's range.
+        // Clamped before the conversion: the same result, without doubles beyond a float's range.
         sample = static_cast<float>(clamp_to_full_scale(value));
         from += sizeof(Word);
     }
@@ -170,12 +170,12 @@ constexpr Format formats[] = {
 };
 constexpr Format other{0, "Other", other_bytes, silence_to_float, silence_from_float};
 
-// Code 19 is copied as it lies in memory.
+// Code 19 is copied without a byte swap.
 static_assert(endian::native == endian::little);
 
 constexpr std::uint32_t codes = 28;
 
-/// The formats by their codes.
+/// The formats, indexed by code.
 constexpr auto format_at = [] {
     std::array<Format, codes> table{};
     table.fill(other);
@@ -193,7 +193,7 @@ struct FastLoops {
     void (*from_float)(Byte* to, const float* from, std::size_t count) noexcept;
 };
 
-/// Null for a format without such loops.
+/// Null for a format without AVX2 loops.
 const FastLoops* avx2_loops(std::uint32_t code) noexcept {
     static constexpr FastLoops loops[] = {{int16_to_float_avx2, int16_from_float_avx2},
                                           {int24_to_float_avx2, int24_from_float_avx2},
@@ -202,7 +202,7 @@ const FastLoops* avx2_loops(std::uint32_t code) noexcept {
     return code - first_code < std::size(loops) ? &loops[code - first_code] : nullptr;
 }
 
-/// Samples that the fast loops take off the beginning of `count`.
+/// Number of leading samples that the fast loops process.
 constexpr std::size_t fast_part(std::size_t count) noexcept {
     return count - count % sample_loop_step;
 }

@@ -1,14 +1,14 @@
-// The loops of the sample formats that most drivers use, for processors with AVX2.
+// AVX2 loops for the most common sample formats.
 #pragma once
 
 #include <cstddef>
 
 namespace tavistro {
 
-/// Samples that one step of these loops takes; `count` is a multiple of it.
+/// Samples per loop iteration. Precondition of all loops: `count` is a multiple of it.
 inline constexpr std::size_t sample_loop_step = 8;
 
-// Little-endian integers, packed. The results are those of sample_format.h to the bit.
+// Packed little-endian integers. Results are bit-identical to those of the scalar loops.
 
 void int16_to_float_avx2(const unsigned char* from, float* to, std::size_t count) noexcept;
 void int24_to_float_avx2(const unsigned char* from, float* to, std::size_t count) noexcept;

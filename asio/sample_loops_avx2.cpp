@@ -16,12 +16,11 @@ constexpr std::size_t step = sample_loop_step;
 template <unsigned bits>
 constexpr auto scale = static_cast<double>((1LL << (bits - 1)) - 1);
 
-/// Integers of at most 24 bits over their full scale, as a correctly rounded division would give
-/// them. A double's quotient rounded to float is the same, since a double has more than twice the
-/// digits of a float.
+/// Divides integers of at most 24 bits by their full scale, correctly rounded. This equals a double
+/// quotient rounded to float, since a double has more than twice the digits of a float.
 ///
-/// The quotient by the reciprocal is off by less than two units in the last place; the remainder,
-/// exact by FMA, corrects it. (P. Markstein, "Computation of elementary functions on the IBM RISC
+/// The product with the reciprocal is off by less than two units in the last place; the remainder,
+/// exact with FMA, corrects it. (P. Markstein, "Computation of elementary functions on the IBM RISC
 /// System/6000 processor", IBM J. Res. Dev. 34, 1990)
 template <unsigned bits>
 TAVISTRO_AVX2 inline __m256 over_full_scale(__m256i integers) noexcept {
@@ -34,24 +33,24 @@ TAVISTRO_AVX2 inline __m256 over_full_scale(__m256i integers) noexcept {
     return _mm256_max_ps(quotient, _mm256_set1_ps(-1.0F));
 }
 
-/// Four integers of 32 bits over their full scale, in double precision. The factor, 1/(2^31 - 1)
-/// rounded, gives quotients that round to the same floats as those of a division.
+/// Divides four 32-bit integers by their full scale in double precision. Products with the rounded
+/// reciprocal, 1/(2^31 - 1), round to the same floats as quotients.
 TAVISTRO_AVX2 inline __m128 over_full_scale_32(__m128i integers) noexcept {
     const __m256d reciprocal = _mm256_set1_pd(1.0 / scale<32>);
     const __m256d quotient = _mm256_mul_pd(_mm256_cvtepi32_pd(integers), reciprocal);
     return _mm_max_ps(_mm256_cvtpd_ps(quotient), _mm_set1_ps(-1.0F));
 }
 
-/// Eight samples within +-1.0. Of two operands, minimum and maximum give the second one when either
-/// is NaN.
+/// Loads eight samples, clamped to +-1.0. NaN stays NaN: minimum and maximum return the second
+/// operand if either is NaN.
 TAVISTRO_AVX2 inline __m256 load_limited(const float* from) noexcept {
     return _mm256_max_ps(_mm256_set1_ps(-1.0F),
                          _mm256_min_ps(_mm256_set1_ps(1.0F), _mm256_loadu_ps(from)));
 }
 
-/// Samples times a full scale of at most 24 bits, truncated as the exact products would be;
-/// 0x80000000 for NaN. FMA tells by how much a product was rounded: where it was rounded away from
-/// zero, the next number towards zero is the one to truncate.
+/// Multiplies samples by a full scale of at most 24 bits and truncates as if the products were
+/// exact; NaN becomes 0x80000000. FMA gives the rounding error of a product: if it was rounded away
+/// from zero, the next number towards zero is truncated instead.
 template <unsigned bits>
 TAVISTRO_AVX2 inline __m256i times_full_scale(const float* from) noexcept {
     const __m256 full_scale = _mm256_set1_ps(static_cast<float>(scale<bits>));
@@ -60,30 +59,30 @@ TAVISTRO_AVX2 inline __m256i times_full_scale(const float* from) noexcept {
     const __m256 missing = _mm256_fmsub_ps(samples, full_scale, product);
     const __m256 away_from_zero =
         _mm256_cmp_ps(_mm256_mul_ps(missing, product), _mm256_setzero_ps(), _CMP_LT_OQ);
-    // As an integer, the mask is -1.
+    // The mask is the integer -1.
     const __m256i towards_zero =
         _mm256_add_epi32(_mm256_castps_si256(product), _mm256_castps_si256(away_from_zero));
     return _mm256_cvttps_epi32(_mm256_castsi256_ps(towards_zero));
 }
 
-/// The same for 32 bits. For a sample s within 0..1, p = 2^31 * s is exact in a float, and the
-/// product is p - s. Truncated, that is p rounded up, less 1, unless s is 0:
+/// The same for 32 bits. For a sample s in 0..1, p = 2^31 * s is exact in a float, and the product
+/// is p - s. Truncated, that is p rounded up, minus 1, unless s is 0:
 ///
-///     p is whole: s takes the product just below p, by at most 1.
+///     p is an integer:  p - s is below p by at most 1.
 ///         s = 0.75             p = 1610612736    p - s = 1610612735.25    result 1610612735
-///     p is not:   s takes it to no other whole number, since it is smaller than p's fraction: that
-///                 is at least p / 2^24, a unit of p's last digit, and s only p / 2^31.
+///     p is not:         p - s has the same integer part, since s is smaller than p's fraction:
+///                       that is at least p / 2^24, one unit in p's last place, and s = p / 2^31.
 ///         s = 0x1.000002p-10   p = 2097152.25    p - s = 2097152.249...   result 2097152
 ///
-/// The sign is put back at the end. NaN passes the limit and converts to 0x80000000.
+/// The sign is restored at the end. NaN is not clamped and converts to 0x80000000.
 TAVISTRO_AVX2 inline __m256i times_full_scale_32(const float* from) noexcept {
     const __m256 samples = _mm256_loadu_ps(from);
     const __m256 sizes =
         _mm256_min_ps(_mm256_set1_ps(1.0F), _mm256_andnot_ps(_mm256_set1_ps(-0.0F), samples));
     const __m256 above = _mm256_ceil_ps(_mm256_mul_ps(sizes, _mm256_set1_ps(0x1p31F)));
     const __m256 not_zero = _mm256_cmp_ps(sizes, _mm256_setzero_ps(), _CMP_GT_OQ);
-    // 2^31 converts to 0x80000000, from where 1 less is the largest integer; as one, the mask is
-    // -1.
+    // 2^31 converts to 0x80000000, and 0x80000000 - 1 is the largest integer. The mask is the
+    // integer -1.
     const __m256i results =
         _mm256_add_epi32(_mm256_cvttps_epi32(above), _mm256_castps_si256(not_zero));
     return _mm256_sign_epi32(results, _mm256_castps_si256(samples));
@@ -110,8 +109,8 @@ TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
 
 TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
                                        std::size_t count) noexcept {
-    // The second load begins where it ends with the eighth sample: nothing behind it is read. Each
-    // sample goes into the upper three bytes of a word, to be shifted down with its sign.
+    // The second load ends with the eighth sample, so nothing beyond it is read. Each sample goes
+    // into the upper three bytes of a word, for a shift down with sign extension.
     const __m256i upper_bytes =
         _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 4, 5, 6, -1, 7,
                          8, 9, -1, 10, 11, 12, -1, 13, 14, 15);

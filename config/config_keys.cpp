@@ -11,7 +11,7 @@ namespace {
 using Client = TavistroProtocol::ClientSettings;
 using Audio = AudioDeviceSettings;
 
-// Where a field lies inside a constant or a changeable EngineConfig.
+// A field of a const or mutable EngineConfig.
 template <typename Value>
 auto& field_in(auto& config, Value Client::*field) {
     return config.client.*field;
@@ -40,7 +40,7 @@ std::string text_of(const std::vector<std::int32_t>& values) {
     return result;
 }
 
-/// A flag that is written as a number: 0 is false, every other number true.
+/// Reads a flag that is written as a number: 0 is false, any other number true.
 bool read_optional_number_flag(const IniSections& sections, std::string_view section,
                                std::string_view key, bool& value, std::string& error) {
     std::uint32_t number = value ? 1 : 0;
@@ -49,8 +49,8 @@ bool read_optional_number_flag(const IniSections& sections, std::string_view sec
     return true;
 }
 
-/// A key whose value `accessor` reads into `field`. The accessor says which values convert and
-/// whether the key may be absent; one of another type than the field does not compile.
+/// A key whose value `accessor` reads into `field`. The accessor defines the valid values and
+/// whether the key is required; its type must be that of the field.
 template <auto accessor, auto field>
 constexpr ConfigKey entry(std::string_view section, std::string_view key,
                           std::string_view allowed = "") {

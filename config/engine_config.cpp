@@ -17,9 +17,9 @@ namespace tavistro {
 
 namespace {
 
-// The header of a datagram must fit, with room for audio, and the datagram into UDP over IPv4.
+// From an audio datagram with one sample to the largest UDP payload over IPv4.
 constexpr std::uint32_t smallest_udp_payload_bytes = 52;
-constexpr const char* out_of_memory = "Out of memory.";  // short enough for a string to need none
+constexpr const char* out_of_memory = "Out of memory.";  // short: std::string does not allocate
 constexpr std::uint32_t largest_udp_payload_bytes = 65507;
 
 bool read_keys(std::span<const ConfigKey> keys, const IniSections& sections, EngineConfig& config,
@@ -28,8 +28,8 @@ bool read_keys(std::span<const ConfigKey> keys, const IniSections& sections, Eng
         keys, [&](const ConfigKey& key) { return read_key(key, sections, config, error); });
 }
 
-/// Every setting from its key, in the order that decides which of several faults is reported: a
-/// bad payload size comes before any fault of the test keys.
+/// Reads every setting. The order decides which of several faults is reported: an invalid payload
+/// size comes before any fault of the test keys.
 bool read_settings(const IniSections& sections, EngineConfig& config, std::string& error) {
     const std::span<const ConfigKey> keys = config_keys();
     const auto test_keys = static_cast<std::size_t>(

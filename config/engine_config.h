@@ -1,4 +1,4 @@
-// Loading the settings of a run: file, conversion, derived sizes and validation in one call.
+// Loads the settings of a run: file, conversion, derived sizes and validation in one call.
 #pragma once
 
 #include <istream>
@@ -8,22 +8,21 @@
 
 namespace tavistro {
 
-/// Reads the INI file at `path`, which is handed to the system's file opening unchanged (on
-/// Windows: text in the ANSI code page).
+/// Reads the INI file at `path`, which is passed to the system unchanged (on Windows: in the ANSI
+/// code page).
 ///
-/// `error` is emptied first. On success the whole of `config` is overwritten and the result is
-/// true. On failure the result is false, `error` holds one line of text about the first fault,
-/// and `config` is untouched. What is not a regular file (a directory, a pipe, a device) or cannot
-/// be read to its end counts as one that cannot be opened. Unknown sections and keys are ignored.
-/// Memory that runs out is a fault like any other. Does not throw for bad input; waits for the file
-/// system, and for nothing else.
+/// On success overwrites all of `config`, clears `error` and returns true. On failure returns
+/// false, leaves `config` unchanged and sets `error` to one line of text about the first fault. A
+/// path that is not a regular file (a directory, a pipe, a device) or cannot be read to its end
+/// counts as a file that cannot be opened. Ignores unknown sections and keys. Running out of memory
+/// is reported like any other fault. Does not throw for bad input; waits only for the file system.
 bool load_engine_config(const std::string& path, EngineConfig& config, std::string& error);
 
-/// The same for text that is open already, a stream of raw bytes that is read to its end.
+/// Like load_engine_config, with a stream of raw bytes that is read to its end.
 bool read_engine_config(std::istream& input, EngineConfig& config, std::string& error);
 
-/// Sets the sizes that follow from `client.client_latency_blocks`: the buffers of the playback
-/// and the capture side and the latencies of the announce.
+/// Derives sizes from `client.client_latency_blocks`: those of the playback and capture buffers and
+/// the latencies of the announce.
 void apply_latency_derivation(EngineConfig& config);
 
 }  // namespace tavistro

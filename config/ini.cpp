@@ -31,7 +31,7 @@ struct Number {
     std::uint64_t magnitude = 0;
 };
 
-/// Takes a hexadecimal prefix off `digits` and returns the base that they are written in.
+/// Removes a hexadecimal prefix from `digits` and returns their base.
 int take_base(std::string_view& digits) {
     if (!digits.starts_with('0')) return 10;
     if (!digits.starts_with("0x") && !digits.starts_with("0X")) return 8;
@@ -66,7 +66,7 @@ std::string key_fault(std::string_view fault, std::string_view section, std::str
     return std::string(fault).append(" [").append(section).append("] ").append(key);
 }
 
-/// The value as stored, null when absent.
+/// The stored value, null if absent.
 const std::string* find_value(const IniSections& sections, std::string_view section,
                               std::string_view key) {
     const auto keys = sections.find(to_lower(section));
@@ -82,7 +82,7 @@ bool parse_flag(std::string_view text, bool& value) {
     return true;
 }
 
-/// How an accessor reads its text, and how its message begins when that fails.
+/// The parser of an accessor, and the beginning of its error message.
 template <typename Value>
 struct Conversion {
     std::string_view fault;
@@ -143,7 +143,7 @@ bool parse_ini(std::istream& input, IniSections& sections, std::string& error) {
     std::string section;
     std::string raw_line;
     for (std::uint64_t line_number = 1; std::getline(input, raw_line); ++line_number) {
-        // A carriage return before the line feed is whitespace and goes with the rest.
+        // trim() also removes a carriage return before the line feed.
         const std::string_view line = trim(raw_line);
         if (line.empty() || line.front() == ';' || line.front() == '#') continue;
         if (line.front() == '[') {

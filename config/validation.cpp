@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::int32_t driver_channel_count = 32;
 
-/// Which kind of audio device a rule is about.
+/// The kind of audio device to which a rule applies.
 enum class Device { any, asio, loopback };
 
 bool applies(Device device, const EngineConfig& config) {
@@ -65,7 +65,7 @@ constexpr Rule client_rules[] = {
      "announce_period_ms must be smaller than 4000"},
 };
 
-// "count" and "duration" values only mean something together with their "every" or "after".
+// "count" and "duration" values have no effect without their "every" or "after".
 constexpr Rule device_rules[] = {
     {asio, [](Config c) { return !c.audio.driver_name.empty(); }, "driver_name must be non-empty"},
     {asio, no_fault_injected, "loopback fault injection requires [test] loopback_device=1"},

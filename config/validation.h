@@ -1,4 +1,4 @@
-// The rules that settings must keep, beyond what their types and accessors say.
+// Validation rules for settings, beyond those of types and accessors.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace tavistro {
 
-/// The message of the first broken rule, empty when the settings keep them all.
+/// Returns the error message of the first violated rule, empty if there is none.
 std::string first_fault(const EngineConfig& config);
 
 }  // namespace tavistro
