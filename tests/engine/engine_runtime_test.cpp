@@ -1,5 +1,5 @@
-// Whole runs of the engine against a server and a device that follow the test's script. Time runs
-// on and is pushed forward by the test, so that pauses of seconds pass in milliseconds.
+// Complete runs of the engine with a scripted server and device. The clock runs, and the tests
+// advance it so that pauses of seconds take milliseconds.
 #include "engine/engine_runtime.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ using Triple = std::array<std::uint32_t, 3>;
 using Events = std::vector<std::array<std::uint32_t, 4>>;
 using Wanted = std::function<bool(const State&)>;
 
-/// Shown while a next attempt is waited for.
+/// Messages that are shown during a pause before the next attempt.
 constexpr std::array<std::uint32_t, 3> pauses{TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT,
                                               TAVISTRO_MESSAGE_ASIO_RETRY_WAIT,
                                               TAVISTRO_MESSAGE_RECOVERY_ATTEMPT_FAILED};
@@ -52,7 +52,7 @@ Wanted shows(tavistro_message_id message) {
 Wanted has_events(std::uint64_t count) {
     return [count](const State& s) { return s.next_event_sequence > count; };
 }
-/// The newest ones, oldest first. All must be about one subject and have one limit.
+/// The events in the record, oldest first. Expects the same subject and limit in all of them.
 Events events_of(const State& state, std::uint32_t subject, std::uint32_t max_attempts) {
     Events events;
     for (const auto& e : std::span(state.events, state.event_count)) {
@@ -75,7 +75,7 @@ class EngineRuntimeTest : public testing::Test {
         unlink(path_.c_str());
     }
 
-    /// `lines` belong to the section [network]; more sections may come with them.
+    /// `lines` continue the section [network] and may add more sections.
     void configure(const std::string& lines) {
         std::ofstream(path_) << "[asio]\ndriver_name=scripted\n[network]\nserver_ip=127.0.0.1\n"
                              << "server_port=" << server_.port() << "\nclient_id=" << id_ << "\n"
@@ -97,7 +97,7 @@ class EngineRuntimeTest : public testing::Test {
         const State state = await(in(TAVISTRO_STATE_RUNNING));
         EXPECT_EQ(status_of(state), (Triple{1, 0, 11}));
         EXPECT_EQ((StreamFormat{state.stream_sample_rate, state.stream_block_frames}), format);
-        EXPECT_EQ(state.device_sample_rate, 0u) << "nothing is known of the device yet";
+        EXPECT_EQ(state.device_sample_rate, 0u) << "the device format is not known yet";
     }
     void send_sync(StreamFormat format) {
         format_ = format;
@@ -106,7 +106,7 @@ class EngineRuntimeTest : public testing::Test {
     void send_sync() {
         server_.send_sync(format_.sample_rate, static_cast<std::uint16_t>(format_.block_frames));
     }
-    /// Ends a run that has not failed; the error that is left.
+    /// Stops a run that has not failed; returns the remaining error.
     Pair stop() {
         const auto begin = std::chrono::steady_clock::now();
         runtime_.stop();
@@ -116,7 +116,7 @@ class EngineRuntimeTest : public testing::Test {
         expect_end();
         return error_of(state);
     }
-    /// Waits for the end of a run that fails, and stops it.
+    /// Waits until the run has failed, then stops it.
     State await_failure(Pair error) {
         const State state = await(in(TAVISTRO_STATE_FAILED));
         EXPECT_EQ(error_of(state), error);
@@ -127,16 +127,16 @@ class EngineRuntimeTest : public testing::Test {
     }
     void expect_end() {
         EXPECT_TRUE(test::eventually([&] { return server_.leaves == sessions_; }))
-            << server_.leaves << " leaves of " << sessions_;
-        EXPECT_EQ(device_.use_count(), 1) << "a device is still there";
+            << server_.leaves << " leaves for " << sessions_ << " sessions";
+        EXPECT_EQ(device_.use_count(), 1) << "a device still exists";
         EXPECT_TRUE(test::eventually([&] {
             stats_.close();
             return !stats_.open(id_);
-        })) << "the statistics block is still there";
+        })) << "the statistics block still exists";
     }
 
-    /// Takes `step` again and again until the record is as wanted and the block shows the same;
-    /// cuts the pauses short.
+    /// Repeats `step` until the record is as wanted and the statistics block agrees. Shortens the
+    /// pauses.
     State await(
         const Wanted& wanted, const std::function<void()>& step = [] {}) {
         for (int tries = 0; tries < 3000; ++tries) {
@@ -148,12 +148,12 @@ class EngineRuntimeTest : public testing::Test {
             if (std::ranges::count(pauses, state.status_message) > 0 &&
                 std::exchange(passed_pause_, state.next_event_sequence) !=
                     state.next_event_sequence) {
-                test::advance_clock_ms(850);  // most of its second
+                test::advance_clock_ms(850);  // most of the 1000 ms pause
             }
             step();
             platform::sleep_ms(2);
         }
-        ADD_FAILURE() << "in vain: message " << runtime_.snapshot_state().status_message;
+        ADD_FAILURE() << "timed out at message " << runtime_.snapshot_state().status_message;
         return runtime_.snapshot_state();
     }
     void expect_mirrored() {
@@ -167,21 +167,22 @@ class EngineRuntimeTest : public testing::Test {
                        block.stream_block_frames == s.stream_block_frames;
             },
             std::chrono::seconds(5)))
-            << "the block does not follow to state " << runtime_.snapshot_state().state;
+            << "the statistics block does not show state " << runtime_.snapshot_state().state;
     }
-    /// A step: lets the player report, once for each second in which the server is heard.
+    /// A step for await(): advances the clock by one second and sends a sync notice, on which the
+    /// player reports.
     void report() {
         test::advance_clock_ms(1000);
         send_sync();
     }
-    /// Lets the player report so many periods; what the record shows then.
+    /// Runs `periods` periods and lets the player report them; returns the state record.
     State report_of(std::uint32_t periods, const std::function<void()>& sync = {}) {
         for (std::uint32_t i = 0; i < periods; ++i)
             device_->period();
         test::advance_clock_ms(1000);
         sync ? sync() : send_sync();
         EXPECT_TRUE(test::eventually([&] { return stats_.read()->callbacks_per_sec == periods; }));
-        platform::sleep_ms(10);  // the block is written first
+        platform::sleep_ms(10);  // the block is written before the record
         return runtime_.snapshot_state();
     }
 
@@ -190,10 +191,10 @@ class EngineRuntimeTest : public testing::Test {
     test::ScriptedServer server_;
     StreamFormat format_;
     std::uint64_t sessions_ = 0;
-    std::uint64_t passed_pause_ = 0;  ///< next_event_sequence during it
+    std::uint64_t passed_pause_ = 0;  ///< next_event_sequence of the last shortened pause
     readings::StatsReader stats_;
     const std::shared_ptr<test::DevicePanel> device_ = std::make_shared<test::DevicePanel>();
-    std::atomic<std::uint32_t> closed_in_{0};  ///< the state that was shown then
+    std::atomic<std::uint32_t> closed_in_{0};  ///< state at the last close of the device
     int devices_made_ = 0;
     EngineRuntime runtime_{[this] {
         if (!device_->exists) throw std::runtime_error("no device");
@@ -202,20 +203,20 @@ class EngineRuntimeTest : public testing::Test {
     }};
 };
 
-TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_a_stop_before_it_is_no_error) {
+TEST_F(EngineRuntimeTest, ServerIsTriedTwelveTimesAndAnEarlierStopIsNoError) {
     configure("discovery_timeout_ms=300\n");
     server_.mute = true;
     ASSERT_TRUE(start());
-    ASSERT_TRUE(test::eventually([&] { return server_.client().port != 0; })) << "nobody asks";
-    EXPECT_EQ(stop(), (Pair{0, 0})) << "while asking for the server";
+    ASSERT_TRUE(test::eventually([&] { return server_.client().port != 0; })) << "no discover";
+    EXPECT_EQ(stop(), (Pair{0, 0})) << "during discovery";
     configure("discovery_timeout_ms=50\n");
     ASSERT_TRUE(start());
     State state = await_failure({4, 16});
-    EXPECT_EQ(state.next_event_sequence, 25u) << "12 failures, 11 retries, 1 giving up";
+    EXPECT_EQ(state.next_event_sequence, 25u) << "12 failures, 11 retries, 1 final event";
     const Events events = events_of(state, 1, 12);
     EXPECT_EQ(Events(events.end() - 3, events.end()),
               (Events{{2, 12, 0, 39}, {3, 12, 4, 42}, {5, 12, 4, 49}}));
-    EXPECT_GE(state.events[1].time_ms, state.events[0].time_ms + 1000) << "a pause in between";
+    EXPECT_GE(state.events[1].time_ms, state.events[0].time_ms + 1000) << "pause between attempts";
 
     ASSERT_TRUE(start());
     state = await(shows(TAVISTRO_MESSAGE_CLIENT_RETRY_WAIT));
@@ -228,7 +229,7 @@ TEST_F(EngineRuntimeTest, a_server_is_tried_twelve_times_and_a_stop_before_it_is
     EXPECT_EQ(stop(), (Pair{5, 9})) << "while waiting for the stream format";
 }
 
-TEST_F(EngineRuntimeTest, a_device_is_tried_until_it_opens_but_no_more_than_twelve_times) {
+TEST_F(EngineRuntimeTest, DeviceOpenIsTriedTwelveTimes) {
     device_->refusals = 2;
     connect_and_send();
     State state = await(shows(TAVISTRO_MESSAGE_ASIO_RETRY_WAIT));
@@ -240,21 +241,21 @@ TEST_F(EngineRuntimeTest, a_device_is_tried_until_it_opens_but_no_more_than_twel
         {3, 1, 7, 43}, {2, 2, 0, 40}, {3, 2, 7, 43}, {2, 3, 0, 40}, {4, 3, 0, 47}};
     EXPECT_EQ(events_of(state, 9, 12), expected);
     stop();
-    EXPECT_EQ(closed_in_, TAVISTRO_STATE_STOPPING) << "the device is stopped before it is said";
+    EXPECT_EQ(closed_in_, TAVISTRO_STATE_STOPPING) << "the device closes before state \"stopped\"";
 
     device_->refusals = 14;
     connect_and_send();
     await(shows(TAVISTRO_MESSAGE_ASIO_RETRY_WAIT));
-    EXPECT_EQ(stop(), (Pair{0, 0})) << "while pausing for the device";
+    EXPECT_EQ(stop(), (Pair{0, 0})) << "during the pause before the next device attempt";
     EXPECT_EQ(status_of(runtime_.snapshot_state()), (Triple{0, 0, 7}));
     connect_and_send();
     state = await_failure({7, 20});
     EXPECT_EQ(events_of(state, 9, 12).back(), (Events::value_type{5, 12, 7, 50}));
 }
 
-TEST_F(EngineRuntimeTest, what_no_retry_mends_ends_the_run_at_once) {
+TEST_F(EngineRuntimeTest, PermanentErrorsEndTheRunWithoutRetries) {
     server_.version = 4;
-    server_.mute = true;  // until the block has been opened here too
+    server_.mute = true;  // until start() has opened the statistics block
     configure("discovery_timeout_ms=50\n");
     ASSERT_TRUE(start());
     server_.mute = false;
@@ -274,10 +275,10 @@ TEST_F(EngineRuntimeTest, what_no_retry_mends_ends_the_run_at_once) {
     run();
     device_->refusals = 1;
     send_sync({96000, 64});
-    EXPECT_EQ(await_failure({7, 17}).event_count, 0u) << "a change of format is tried once";
+    EXPECT_EQ(await_failure({7, 17}).event_count, 0u) << "a format change has no retries";
 }
 
-TEST_F(EngineRuntimeTest, a_report_of_the_device_reaches_the_record) {
+TEST_F(EngineRuntimeTest, DeviceReportReachesTheStateRecord) {
     configure("[tavistro]\ndriver_inputs=5,4\ndriver_outputs=9\n[asio]\noutput_map=0\n");
     device_->input = 0.25F;
     device_->rate_error = -3900;
@@ -291,7 +292,7 @@ TEST_F(EngineRuntimeTest, a_report_of_the_device_reaches_the_record) {
     EXPECT_EQ((Pair{meters[1].channel, meters[1].peak_permille}), (Pair{4, 500}));
 }
 
-TEST_F(EngineRuntimeTest, a_silent_server_shows_after_three_seconds_and_hides_the_device) {
+TEST_F(EngineRuntimeTest, SyncLossShowsAfterThreeSecondsAndPreventsDeviceRecovery) {
     static std::atomic<int> readings{0};
     test::call_at_readings([] { ++readings; });
     const auto no_format = [&] { server_.send_sync(44100, 0); };
@@ -301,31 +302,31 @@ TEST_F(EngineRuntimeTest, a_silent_server_shows_after_three_seconds_and_hides_th
     ASSERT_TRUE(test::eventually([seen = readings + 8] { return readings > seen; }));
     EXPECT_EQ(runtime_.snapshot_state().status_message, TAVISTRO_MESSAGE_RUNNING);
     no_format();
-    platform::sleep_ms(20);  // until it is handled: what comes now is the worker's own doing
+    platform::sleep_ms(20);  // until it is handled: only the worker can set the next status
     test::advance_clock_ms(600);
     EXPECT_EQ(status_of(await(shows(TAVISTRO_MESSAGE_SYNC_LOST))), (Triple{3, 1, 28}));
     device_->faulty = true;
     const State state = report_of(2, no_format);
-    EXPECT_EQ(state.event_count, 0u) << "a device is not restarted without a server";
+    EXPECT_EQ(state.event_count, 0u) << "no device recovery without a server";
     EXPECT_EQ(state.state, TAVISTRO_STATE_RUNNING);
     device_->faulty = false;
     EXPECT_EQ(report_of(1).status_message, TAVISTRO_MESSAGE_OUTPUT_READY_FAILURES);
 }
 
-TEST_F(EngineRuntimeTest, a_device_is_restarted_but_given_up_after_three_failures) {
+TEST_F(EngineRuntimeTest, DeviceRecoveryGivesUpAfterThreeFailedAttempts) {
     run();
     EXPECT_EQ(report_of(1).device_sample_rate, 48000u);
     device_->refusals = 1;
     device_->faulty = true;
     await(has_events(1), [&] { report(); });
     for (int i = 0; i < 5; ++i) {
-        report();  // while the request is pending
+        report();  // during a pending recovery request
         platform::sleep_ms(5);
     }
     State state = await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { send_sync(); });
     EXPECT_EQ(state.state, TAVISTRO_STATE_RUNNING);
     EXPECT_EQ(error_of(state), (Pair{0, 0}));
-    EXPECT_EQ(state.device_sample_rate, 0u) << "nothing is known of the new device yet";
+    EXPECT_EQ(state.device_sample_rate, 0u) << "the new device's format is not known yet";
     const Events reset{{1, 1, 0, 38}, {2, 1, 0, 41}, {3, 1, 7, 44}, {2, 2, 0, 41}, {4, 2, 0, 48}};
     EXPECT_EQ(events_of(state, 10, 3), reset);
     EXPECT_EQ(devices_made_, 3);
@@ -335,13 +336,13 @@ TEST_F(EngineRuntimeTest, a_device_is_restarted_but_given_up_after_three_failure
     await(has_events(6), [&] { report(); });
     state = await_failure({7, 23});
     EXPECT_EQ(events_of(state, 2, 3).back(), (Events::value_type{5, 3, 7, 51}));
-    EXPECT_GE(state.events[3].time_ms, state.events[2].time_ms + 1000) << "a pause in between";
+    EXPECT_GE(state.events[3].time_ms, state.events[2].time_ms + 1000) << "pause between attempts";
 }
 
-TEST_F(EngineRuntimeTest, each_start_of_the_audio_path_forgets_the_counters_of_the_one_before) {
+TEST_F(EngineRuntimeTest, EveryStartOfTheAudioPathResetsTheCounters) {
     const std::function<void()> restarts[] = {
         [&] {
-            EXPECT_FALSE(runtime_.start(path_.c_str())) << "a run is on";
+            EXPECT_FALSE(runtime_.start(path_.c_str())) << "during a run";
             EXPECT_EQ(error_of(runtime_.snapshot_state()), (Pair{2, 2}));
             send_sync({48000, 256});
             const State state = await([](const State& s) {
@@ -355,7 +356,7 @@ TEST_F(EngineRuntimeTest, each_start_of_the_audio_path_forgets_the_counters_of_t
             await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { report(); });
         },
         [&] {
-            send_sync({44100, 64});  // a change that the run does not live to make
+            send_sync({44100, 64});  // a format change just before the stop
             platform::sleep_ms(10);
             stop();
             const int made = devices_made_;
@@ -371,7 +372,7 @@ TEST_F(EngineRuntimeTest, each_start_of_the_audio_path_forgets_the_counters_of_t
     }
 }
 
-TEST_F(EngineRuntimeTest, nothing_of_a_run_that_ends_amid_a_recovery_shows_in_the_next) {
+TEST_F(EngineRuntimeTest, RunStoppedDuringARecoveryLeavesNoStateForTheNext) {
     run();
     report_of(3);
     device_->refusals = 2;

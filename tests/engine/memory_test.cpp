@@ -1,5 +1,5 @@
-// Every allocation of the engine fails once, in run after run: none ends the process, each ends in
-// the error of a part that needed it, and the next start works.
+// Lets every allocation of the engine fail once, one per run. No failure ends the process; each
+// leads to the error of the part that allocated, and the next start works.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -26,15 +26,15 @@ using State = tavistro_engine_state;
 using Wanted = std::function<bool(const State&)>;
 using Error = std::array<std::uint32_t, 2>;  ///< code and detail
 
-/// Of the settings, the client, the statistics block and the starts of the device.
+/// Errors of configuration, client, statistics block and device start.
 constexpr Error allowed_errors[] = {{3, 5},  {4, 16}, {9, 4},  {10, 6},
                                     {6, 10}, {7, 17}, {7, 20}, {7, 21}};
 
-/// A sweep that ends sooner never got beyond loading the settings and starting the client.
+/// A sweep with fewer has not got beyond loading the settings and starting the client.
 constexpr std::uint64_t few_allocations = 80;
 
-/// Which allocation fails, counted over all threads but the server's and, apart from the call of
-/// start(), the test's.
+/// Selects the allocations that fail. Counts all threads except the server's, and the test's only
+/// during start().
 struct Shortage {
     static inline const std::thread::id main_thread = std::this_thread::get_id();
     static inline std::thread::id server_thread;
@@ -50,8 +50,8 @@ struct Shortage {
     static bool is_over() { return end != 0 && seen + 1 >= end; }
 };
 
-/// How many allocations in a row fail, so that those fail too that reporting an error needs, and
-/// how many are passed over from run to run.
+/// `count`: consecutive failing allocations; more than one also hits the reporting of an error.
+/// `step`: distance of the first failing allocation from run to run.
 struct Failures {
     std::uint64_t count;
     std::uint64_t step;
@@ -77,7 +77,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         unlink(path_.c_str());
     }
 
-    /// Takes `step` again and again until the record is as wanted. False when the run has failed.
+    /// Repeats `step` until the record is as wanted. Returns false if the run has failed.
     bool reaches(
         const std::function<bool(const State&)>& wanted,
         const std::function<void()>& step = [] {}) {
@@ -94,8 +94,8 @@ class MemoryTest : public testing::TestWithParam<Failures> {
         ADD_FAILURE() << "hangs at message " << runtime_.snapshot_state().status_message;
         return false;
     }
-    /// The first steps of a run, as far as needed: until what the shortage met has been done. False
-    /// when the run failed.
+    /// Runs up to `count` steps, but ends early once all failing allocations have occurred. Returns
+    /// false if the run has failed.
     bool run(std::size_t count) {
         const auto running_at = [](std::uint32_t rate) {
             return [rate](const State& s) {
@@ -103,7 +103,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
             };
         };
         const auto report = [&] {
-            if (device_->period) device_->period();  // something to send
+            if (device_->period) device_->period();  // captures input to send
             advance_clock_ms(1000);
             server_.send_sync(48000, 128);
         };
@@ -126,7 +126,7 @@ class MemoryTest : public testing::TestWithParam<Failures> {
     EngineRuntime runtime_{[this] { return std::make_unique<TestDevice>(device_); }};
 };
 
-TEST_P(MemoryTest, RunsOutAndEndsARunAtMost) {
+TEST_P(MemoryTest, FailedAllocationsEndAtMostTheRun) {
     std::uint64_t number = 1;
     for (bool met = true; met && !HasFailure(); number += GetParam().step) {
         SCOPED_TRACE(number);
@@ -142,7 +142,7 @@ TEST_P(MemoryTest, RunsOutAndEndsARunAtMost) {
         EXPECT_EQ(state.state, succeeded ? TAVISTRO_STATE_STOPPED : TAVISTRO_STATE_FAILED);
         EXPECT_TRUE(succeeded || std::ranges::count(allowed_errors, error) > 0)
             << error[0] << ", " << error[1];
-        EXPECT_TRUE(run(2)) << "after it";
+        EXPECT_TRUE(run(2)) << "the next run";
         runtime_.stop();
     }
     EXPECT_GT(number, few_allocations);

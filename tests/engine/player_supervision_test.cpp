@@ -16,8 +16,8 @@ Triple status_of(const Verdict& v) {
     return {code_of(v.status.level), code_of(v.status.category), code_of(v.status.message)};
 }
 
-TEST(PlayerSupervision, tells_the_worst_of_each_report) {
-    // What changes since the report before; status; reason for a recovery, 0 without.
+TEST(PlayerSupervision, ShowsTheMostImportantStatusOfEachReport) {
+    // Change since the previous report; expected status; expected recovery reason, 0 for none.
     const std::tuple<const char*, void (*)(T&), Triple, std::uint32_t> reports[] = {
         {"all counters rise at once", [](T& t) { t.callbacksPerSec = 375; }, {2, 11, 33}, 0},
         {"then capture drops", [](T&) {}, {2, 7, 34}, 0},
@@ -26,21 +26,21 @@ TEST(PlayerSupervision, tells_the_worst_of_each_report) {
         {"then underruns", [](T&) {}, {2, 5, 37}, 0},
         {"quiet again", [](T&) {}, healthy, 0},
 
-        {"another rate", [](T& t) { t.actual_sample_rate = 44100; }, {2, 3, 30}, 0},
+        {"different rate", [](T& t) { t.actual_sample_rate = 44100; }, {2, 3, 30}, 0},
         {"rate unknown", [](T& t) { t.actual_sample_rate = 0; }, healthy, 0},
-        {"and foreign blocks", [](T& t) { t.format_drops = 6; }, {2, 3, 30}, 0},
+        {"and blocks in another format", [](T& t) { t.format_drops = 6; }, {2, 3, 30}, 0},
         {"rate known", [](T& t) { t.actual_sample_rate = 48000; }, healthy, 0},
-        {"another size", [](T& t) { t.actual_block_frames = 256; }, {2, 4, 31}, 0},
+        {"different size", [](T& t) { t.actual_block_frames = 256; }, {2, 4, 31}, 0},
         {"size unknown", [](T& t) { t.configured_block_size = 0; }, healthy, 0},
 
         {"no periods", [](T& t) { t.callbacksPerSec = 0, t.underruns = 5; }, {2, 5, 37}, 0},
         {"stalled", [](T&) {}, {2, 2, 32}, 2},
         {"periods again", [](T& t) { t.callbacksPerSec = 3; }, healthy, 0},
         {"never called back", [](T& t) { t.callbacksPerSec = t.callbacks_total = 0; }, healthy, 0},
-        {"none anew", [](T& t) { t.callbacks_total = 9; }, healthy, 0},
-        {"a mismatch does not count", [](T& t) { t.format_drops = 7; }, {2, 4, 31}, 0},
-        {"stalled after all", [](T&) {}, {2, 2, 32}, 2},
-        {"a lost device", [](T& t) { t.format_drops = 8, t.device_fault = true; }, {2, 10, 29}, 10},
+        {"no periods again", [](T& t) { t.callbacks_total = 9; }, healthy, 0},
+        {"mismatch, does not count", [](T& t) { t.format_drops = 7; }, {2, 4, 31}, 0},
+        {"stalled again", [](T&) {}, {2, 2, 32}, 2},
+        {"lost device", [](T& t) { t.format_drops = 8, t.device_fault = true; }, {2, 10, 29}, 10},
     };
     PlayerSupervision supervision;
     T telemetry;
@@ -58,7 +58,7 @@ TEST(PlayerSupervision, tells_the_worst_of_each_report) {
             << what;
     }
     EXPECT_EQ(status_of(supervision.evaluate(telemetry, true)), (Triple{3, 1, 28}))
-        << "a silent server hides everything else";
+        << "sync loss has priority";
     supervision.reset_supervision();
     EXPECT_EQ(status_of(supervision.evaluate(fresh, false)), healthy) << "after a restart";
 }

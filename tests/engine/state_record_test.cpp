@@ -8,14 +8,14 @@
 namespace tavistro {
 namespace {
 
-TEST(StateRecord, a_late_report_does_not_overwrite_the_status_of_a_run_that_has_ended) {
+TEST(StateRecord, LateReportDoesNotOverwriteTheStatusOfAnEndedRun) {
     StateRecord record;
     record.set_state(EngineState::Stopped, status_stopped);
     record.set_status_while_running(status_running);
     EXPECT_EQ(record.snapshot_state().status_message, TAVISTRO_MESSAGE_STOPPED);
 }
 
-TEST(StateRecord, meters_follow_the_configured_lists_and_survive_the_next_start) {
+TEST(StateRecord, MetersFollowTheConfiguredChannelsAndSurviveTheNextStart) {
     StateRecord record;
     record.set_meter_channels(std::array{7, 3}, std::vector(40, 0));
     PlayerTelemetry telemetry;
@@ -29,12 +29,12 @@ TEST(StateRecord, meters_follow_the_configured_lists_and_survive_the_next_start)
     auto state = record.snapshot_state();
     EXPECT_EQ(state.input_meters[0].peak_permille, 100u);
     EXPECT_EQ(state.input_meters[1].channel, 3u);
-    EXPECT_EQ(state.input_meters[1].peak_permille, 0u) << "no peak was reported for it";
+    EXPECT_EQ(state.input_meters[1].peak_permille, 0u) << "no peak was reported";
     EXPECT_EQ(state.output_meter_count, 32u);
     EXPECT_EQ(state.output_meters[1].peak_permille, 500u);
     record.set_meter_channels(std::array{7}, {});
     EXPECT_EQ(record.snapshot_state().input_meters[0].peak_permille, 0u)
-        << "nothing of the run before";
+        << "peak of the previous run";
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The engine writes on one side; the test reads as another process would, through a mapping of its
-// own.
+// The test reads what the engine writes like another process, with a reader of its own.
 #include "engine/stats_block.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +16,7 @@ namespace {
 
 using Words = std::array<std::uint32_t, 72>;
 
-/// Every field gets `base` and its offset in the block.
+/// Writes `base` plus its offset in the block to every field.
 void write_all(StatsBlock& block, std::uint32_t base) {
     ClientTelemetry client{base + 28,  base + 32,  base + 36,  base + 40,  base + 44,  base + 48,
                            base + 52,  base + 56,  base + 60,  base + 64,  {},         true,
@@ -46,7 +45,7 @@ void write_all(StatsBlock& block, std::uint32_t base) {
     block.write_state(EngineState{base + 8});
 }
 
-/// What all writes with this base leave.
+/// The expected block after write_all() with this base.
 Words filled(Words cleared, std::uint32_t base) {
     for (std::uint32_t i = 0; i < cleared.size(); ++i)
         if (cleared[i] == 0 && i != 276 / 4 && i != 284 / 4) cleared[i] = base + 4 * i;
@@ -54,8 +53,8 @@ Words filled(Words cleared, std::uint32_t base) {
     return cleared;
 }
 
-TEST(StatsBlock, is_cleared_when_opened_left_alone_when_closed_and_stops_at_the_ends_of_fields) {
-    // Of this process alone, so that tests running side by side do not meet.
+TEST(StatsBlock, IsClearedOnOpenUnchangedOnceClosedAndSaturates) {
+    // Different in every process, for tests that run in parallel.
     const std::uint32_t id = 3'000'000'000u + static_cast<std::uint32_t>(getpid());
     std::array<std::uint64_t, 36> remains;
     remains.fill(0xEEEEEEEEEEEEEEEE);
@@ -69,11 +68,11 @@ TEST(StatsBlock, is_cleared_when_opened_left_alone_when_closed_and_stops_at_the_
     const auto words = [&] { return std::bit_cast<Words>(*reader.read()); };
 
     const Words cleared{std::bit_cast<std::uint32_t>(std::array{'T', 'E', 'N', 'G'}), 6, 0, 0,
-                        2147483647};  // the name carries the whole id
+                        2147483647};  // the id saturates here, but not in the name
     EXPECT_EQ(words(), cleared);
     write_all(stats, 1000);
     EXPECT_TRUE(stats.open(id));
-    EXPECT_EQ(words(), filled(cleared, 1000)) << "was open already, and is not cleared again";
+    EXPECT_EQ(words(), filled(cleared, 1000)) << "already open, must not be cleared";
     stats.close();
     write_all(stats, 2000);
     EXPECT_EQ(words(), filled(cleared, 1000));
