@@ -1,4 +1,4 @@
-// When the virtual device has its periods, and what it does in them.
+// The virtual device: timing of its periods and processing in them.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -22,7 +22,7 @@ LoopbackSchedule schedule_of(const AudioDeviceSettings& settings) {
     return {settings, 1000 * ticks_per_ms, start};
 }
 
-TEST(LoopbackSchedule, FaultsComeByCountAndByTheMillisecond) {
+TEST(LoopbackSchedule, FaultsFollowPeriodCountsAndMilliseconds) {
     AudioDeviceSettings settings;
     settings.loopback_callback_skip_every = 5;
     settings.loopback_callback_skip_count = 2;
@@ -51,7 +51,7 @@ TEST(LoopbackSchedule, FaultsComeByCountAndByTheMillisecond) {
     }
 }
 
-TEST(LoopbackSchedule, DeadlinesFollowDriftMissedPeriodsAndJitter) {
+TEST(LoopbackSchedule, DeadlinesAccountForDriftMissedPeriodsAndJitter) {
     AudioDeviceSettings settings;
     const std::pair<std::int32_t, double> drifts[] = {
         {0, 26666.67}, {-100'000, 29629.63}, {-2'000'000, 2666666.67}};
@@ -62,7 +62,7 @@ TEST(LoopbackSchedule, DeadlinesFollowDriftMissedPeriodsAndJitter) {
     settings.loopback_drift_ppm = 0;
     settings.sample_rate = 1000;
     settings.block_size = 10;  // 100'000 ticks
-    // When the first period ends, and when the next one is due: less than one late, one, many.
+    // End of the first period and the next deadline: late by less than one period, by one, by many.
     const std::pair<std::int64_t, std::int64_t> cases[] = {
         {299'999, 200'000}, {300'000, 400'000}, {1'234'567, 1'300'000}};
     for (const auto& [ends, next] : cases) {
@@ -80,8 +80,8 @@ TEST(LoopbackSchedule, DeadlinesFollowDriftMissedPeriodsAndJitter) {
     EXPECT_EQ(jitters_ms, (std::set<std::int64_t>{-3, -2, -1, 0, 1, 2, 3}));
 }
 
-/// The first periods, repeated ones included, while a server sends the levels 1, 2, 3, ... to two
-/// outputs, and a notice to the second and the third period. One takes 5 ms.
+/// Runs the first periods, including duplicated ones. The server sends the levels 1, 2, 3, ... to
+/// two outputs, and sync notices before the second and third period. One period takes 5 ms.
 struct LoopbackRun {
     LoopbackRun(AudioDeviceSettings settings, int steps) {
         settings.block_size = 48;
@@ -120,7 +120,7 @@ struct LoopbackRun {
     PlayerTelemetry report;
 };
 
-TEST(LoopbackDevice, RepeatedPeriodsCaptureAgainAndCountFramesButDoNotFollowTheDrift) {
+TEST(LoopbackDevice, DuplicatedPeriodsCaptureAndCountFramesButDoNotUpdateTheDrift) {
     AudioDeviceSettings settings;
     settings.loopback_callback_duplicate_every = 2;
     settings.loopback_callback_duplicate_count = 1;
@@ -131,18 +131,18 @@ TEST(LoopbackDevice, RepeatedPeriodsCaptureAgainAndCountFramesButDoNotFollowTheD
     EXPECT_GE(run.report.callback_duration_max_us, 5000U);
 }
 
-TEST(LoopbackDevice, SilentPeriodsAreSilentRepeatedOrNotAndSkippedOnesTakeTheirTime) {
+TEST(LoopbackDevice, InputSilenceCoversDuplicatedPeriodsAndSkippedOnesTakeTime) {
     AudioDeviceSettings settings;
     settings.loopback_input_silence_every_ms = settings.loopback_input_silence_duration_ms = 1;
     settings.loopback_callback_duplicate_every = 3;
     settings.loopback_callback_duplicate_count = 1;
     settings.loopback_callback_skip_every = 2;
     settings.loopback_callback_skip_count = 1;
-    const LoopbackRun run(settings, 60);  // until the meters have been due twice
+    const LoopbackRun run(settings, 60);  // the meters are due twice
     EXPECT_EQ(run.first, std::vector<float>(60));
     EXPECT_GT(run.report.output_peaks[0], 0U);
     EXPECT_EQ(run.report.input_peaks[0], 0U);
-    EXPECT_GE(run.took_ns, 85'000'000U) << "45 periods of 1 ms and as many skipped";
+    EXPECT_GE(run.took_ns, 85'000'000U) << "45 periods of 1 ms and 45 skipped ones";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The player on a device whose periods the test calls, and on its virtual device with the real
+// The player on a test device that runs periods on request, and on its virtual device with a real
 // thread.
 #include "audio/asio_player.h"
 
@@ -23,18 +23,18 @@ class Player : public testing::Test {
         settings.block_size = 4;
         settings.output_channel_map = settings.input_channel_map = {0, 1};
         settings.prebuffer_blocks = 1;
-        settings.target_queue_depth = 0;  // ratio 1.0
+        settings.target_queue_depth = 0;  // no drift control: ratio 1.0
         reset_realtime_violations();
     }
     ~Player() override {
         player.stop();
         use_running_clock();
         EXPECT_EQ(panel->calls_out_of_turn, 0);
-        EXPECT_EQ(realtime_violations().total(), 0U) << "in some period of this test";
+        EXPECT_EQ(realtime_violations().total(), 0U) << "in a period of this test";
     }
     bool start(bool loopback = false) {
         {
-            const std::lock_guard guard(mutex);  // the thread of the run before may still log
+            const std::lock_guard guard(mutex);  // the previous run's thread may still log
             lines.clear();
         }
         return (player.*(loopback ? &AsioPlayer::start_loopback : &AsioPlayer::start))(
@@ -72,11 +72,11 @@ class Player : public testing::Test {
     AsioPlayer player{[this] { return std::make_unique<TestDevice>(panel); }};
 };
 
-TEST_F(Player, FailedStartsSayWhyAndLeaveNothingBehind) {
+TEST_F(Player, FailedStartsLogTheReasonAndReleaseTheDevice) {
     const auto expect_refusal = [&](const char* line, bool loopback = false) {
         EXPECT_FALSE(start(loopback));
         EXPECT_EQ(lines, std::vector<std::string>{line});
-        EXPECT_EQ(panel.use_count(), 1) << "a device was left";
+        EXPECT_EQ(panel.use_count(), 1) << "a device still exists";
     };
     settings.input_channel_map = {5, 6, 5};
     expect_refusal("[asio] input_channel_map contains duplicate hardware channels.");
@@ -92,7 +92,7 @@ TEST_F(Player, FailedStartsSayWhyAndLeaveNothingBehind) {
     expect_refusal("[audio] not enough memory for the audio buffers.");
 }
 
-TEST_F(Player, PlaysWhatIsPushedAndHandsOutWhatIsCaptured) {
+TEST_F(Player, PlaysPushedBlocksAndDeliversCapturedInput) {
     panel->input = 0.25F;
     ASSERT_TRUE(start());
     for (const std::uint64_t position : {1000U, 1204U}) {
@@ -100,7 +100,7 @@ TEST_F(Player, PlaysWhatIsPushedAndHandsOutWhatIsCaptured) {
         for (int period = 0; period < 50; ++period)
             panel->period();
     }
-    EXPECT_EQ(captured.size(), 7U) << "what has room";
+    EXPECT_EQ(captured.size(), 7U) << "capacity of the ring";
     EXPECT_DOUBLE_EQ(player.capture_ratio(), 1 / (0.98 + 204.0 / 200 * 0.02));
     captured.clear();
     push(48000, {0.5F, 0.5F, 0.5F, 0.625F, 1.0F, 1.0F, 1.0F, 1.0F});
@@ -108,11 +108,11 @@ TEST_F(Player, PlaysWhatIsPushedAndHandsOutWhatIsCaptured) {
     EXPECT_EQ(captured, std::vector(7, input));
     panel->period();
     EXPECT_EQ(panel->played, (std::vector<Levels>{{0.5F, 0.5F, 0.5F, 0.625F}, Levels(4, 1.0F)}))
-        << "bit for bit without a target, whatever the clocks";
-    EXPECT_EQ(captured.size(), 7U) << "never on the device's thread";
+        << "bit-exact without a target, despite the drift";
+    EXPECT_EQ(captured.size(), 7U) << "no callback on the device thread";
 }
 
-TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
+TEST_F(Player, ReportsOncePerSecond) {
     set_manual_clock();
     settings.block_size = 0;
     settings.target_queue_depth = 3;
@@ -125,14 +125,14 @@ TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
     panel->faulty = true;
     advance_clock_ms(989);
     const Levels samples{0.1F, -0.25F, 0.0F, 0.0F, 0.0F, 0.0F, 0.75F, 0.0F};
-    push(48000, samples);  // not what the device runs at
+    push(48000, samples);  // not the device's rate
     player.push_block(0, 47999, 4, 2, {}, 0, 0, 0);
     const std::uint64_t now = platform::nanosecond_clock();
     push(47999, samples);
     panel->period();
     push(47999, samples, now - 40'000, now - 30'000);
     push(47999, samples, now - 25'000, now - 20'000);
-    push(47999, samples, now + 1'000, now - 10'000);  // a clock ahead of ours
+    push(47999, samples, now + 1'000, now - 10'000);  // server time in the future
     int periods = 1;
     panel->during_period = [&] {
         ++periods;
@@ -140,7 +140,7 @@ TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
     };
     while (periods < 10) {
         panel->period();
-        panel->input = 0.3F;  // once the meters have been due
+        panel->input = 0.3F;  // after the period with due meters
     }
     advance_clock_ms(1);
     push(47999, samples);
@@ -154,7 +154,7 @@ TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
                   t.input_peak_count, t.output_peak_count)),
               "(1, 10, true, 48000, 47999, 0, 4, 3000, 7000, 10, 30, 25, 40, 3, 2)");
     EXPECT_EQ(t.input_peaks, (std::array<std::uint32_t, max_meters>{251, 501, 752}));
-    EXPECT_EQ(t.output_peaks, (std::array<std::uint32_t, max_meters>{})) << "silent when due";
+    EXPECT_EQ(t.output_peaks, (std::array<std::uint32_t, max_meters>{})) << "silent period";
 
     advance_clock_ms(1000);
     notice(0);
@@ -174,14 +174,14 @@ TEST_F(Player, ReportsOnceASecondWhatHappenedSince) {
                          "playbackDropped=1 captureDropped=2"}));
 }
 
-TEST_F(Player, ARestartForgetsTheRunBefore) {
+TEST_F(Player, RestartForgetsThePreviousRun) {
     set_manual_clock();
     settings.sample_rate = 7500;  // meters are due in every third period
     settings.block_size = 100;
     settings.prebuffer_blocks = 2;
     settings.target_queue_depth = 3;
     settings.max_queue_blocks = 6;
-    // A server whose clock is 2 % fast.
+    // The server clock is 2 % fast.
     const auto notice_at = [&](std::uint64_t period) { notice(102 * period); };
     const auto push_ramp = [&](float from, std::uint64_t age_ns) {
         Levels samples(200);
@@ -201,13 +201,13 @@ TEST_F(Player, ARestartForgetsTheRunBefore) {
             panel->input = 0.01F * static_cast<float>(period);
             if (period < 6) push_ramp(0.02F * static_cast<float>(period), 1'000'000);
             if (period > 2) notice_at(period);
-            if (period == 3) notice_at(period);  // two of them between two periods
+            if (period == 3) notice_at(period);  // two notices between two periods
             panel->period();
             played.insert(played.end(), panel->played.begin(), panel->played.end());
         }
         advance_clock_ms(1000 - 12);
         notice(0);
-        EXPECT_TRUE(played[0].empty() && !played[2].empty()) << "plays from two blocks on";
+        EXPECT_TRUE(played[0].empty() && !played[2].empty()) << "playback starts with two blocks";
         return std::tuple(played, captured, reports, lines);
     };
     const auto fresh = run();
@@ -226,16 +226,16 @@ TEST_F(Player, ARestartForgetsTheRunBefore) {
     notice_at(1);
     for (int period = 0; period < 4; ++period)
         panel->period();
-    EXPECT_FALSE(panel->played[0].empty()) << "stops while it plays";
+    EXPECT_FALSE(panel->played[0].empty()) << "must play when it is stopped";
     EXPECT_TRUE(run() == fresh);
     ASSERT_TRUE(start());
-    for (int period = 0; period < 9; ++period)  // more than the ring of captured periods holds
+    for (int period = 0; period < 9; ++period)  // more than the capacity of the capture ring
         panel->period();
     EXPECT_TRUE(run() == fresh);
 }
 
-TEST_F(Player, LoopbackStopsInEveryWait) {
-    // A wait or stall that does not see the stop runs into the time limit of the test.
+TEST_F(Player, StopInterruptsEveryWaitOfTheLoopback) {
+    // A wait or stall that ignores the stop exceeds the time limit of the test.
     settings.loopback_callback_stall_every_ms = 3'600'000;
     settings.loopback_callback_stall_duration_ms = 3'600'000;
     ASSERT_TRUE(start(true));
@@ -248,7 +248,7 @@ TEST_F(Player, LoopbackStopsInEveryWait) {
     EXPECT_TRUE(captured.empty());
 }
 
-TEST_F(Player, ALostLoopbackDeviceIsReportedUntilItIsBackOrStopped) {
+TEST_F(Player, LostLoopbackDeviceIsReportedUntilItReturnsOrStops) {
     settings.block_size = 48;
     settings.loopback_device_lost_duration_ms = 3'600'000;
     const auto fault = [&] {
@@ -272,7 +272,7 @@ TEST_F(Player, ALostLoopbackDeviceIsReportedUntilItIsBackOrStopped) {
     EXPECT_EQ(captured_format, (std::array{48000U, 48U, 3U}));
 }
 
-TEST_F(Player, LateCallersAreHarmlessAcrossStopsStartsAndFormatChanges) {
+TEST_F(Player, ConcurrentCallsAreSafeDuringStopsStartsAndFormatChanges) {
     panel->runs_by_itself = true;
     std::atomic<bool> calling{true};
     std::thread receiver([&] {
@@ -295,7 +295,7 @@ TEST_F(Player, LateCallersAreHarmlessAcrossStopsStartsAndFormatChanges) {
         reports.clear();
         advance_clock_ms(1000);
         platform::sleep_ms(1);
-        EXPECT_TRUE(captured.empty() && reports.empty()) << "called back after the stop";
+        EXPECT_TRUE(captured.empty() && reports.empty()) << "callback after the stop";
     }
     calling = false;
     receiver.join();

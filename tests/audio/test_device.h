@@ -1,4 +1,4 @@
-// An audio device that fails when a test says so, and whose periods the test calls.
+// An audio device with injected failures that runs periods on request.
 #pragma once
 
 #include <algorithm>
@@ -13,23 +13,23 @@
 
 namespace tavistro::test {
 
-/// What the test decides and sees; outlives the devices, which the player destroys.
+/// Controls and observations of the test; outlives the devices, which the player destroys.
 struct DevicePanel {
     bool exists = true;
     bool starts = true;
-    std::atomic<int> refusals{0};     ///< opens still to fail
-    std::atomic<bool> faulty{false};  ///< takes no output and asks for a reset, until the next open
-    bool runs_by_itself = false;      ///< periods on a thread of its own, from opening to close
-    std::uint32_t frames = 0;         ///< of a period; 0 for what is asked for
-    double rate_error = 0.0;          ///< added to the rate that is asked for, Hz
+    std::atomic<int> refusals{0};     ///< number of opens that will fail
+    std::atomic<bool> faulty{false};  ///< output_ready fails and a reset is due, until next open
+    bool runs_by_itself = false;      ///< runs periods on its own thread from open to close
+    std::uint32_t frames = 0;         ///< per period; 0: as configured
+    double rate_error = 0.0;          ///< added to the configured rate, Hz
     float input = 0.0F;               ///< every sample of input channel c is input * (c + 1)
     std::function<void()> during_period;
     std::function<void()> at_close;
 
-    std::vector<std::vector<float>> played;  ///< last period of every output, empty for silence
+    std::vector<std::vector<float>> played;  ///< last period of every output; empty: silence
     std::function<void()> period;
-    /// Calls outside a period of the open device, for the other half, or that said ready before
-    /// every output was written.
+    /// Calls outside a period of an open device, for the wrong buffer half, or of output_ready
+    /// before all outputs were written.
     std::atomic<int> calls_out_of_turn{0};
     std::int32_t half = 1;
     std::size_t unwritten_outputs = 0;
@@ -55,7 +55,7 @@ class TestDevice : public AudioDevice {
             panel->unwritten_outputs = panel->played.size();
             callback(context, panel->half);
         };
-        panel_->period();  // as some drivers do
+        panel_->period();  // some drivers call back during open
         open_ = true;
         running_ = panel_->runs_by_itself;
         thread_ = std::thread([this] {

@@ -1,4 +1,4 @@
-// The ring between the device's clock and the server's: exact where it must be, bounded elsewhere.
+// The capture ring: bit-exact at the target fill, limited read ratio elsewhere.
 #include "net/capture_ring.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint16_t frames = 128;
 
-/// Two channels that run on from block to block: the second one block ahead of the first.
+/// Feeds two continuous ramps; the second channel is one block ahead of the first.
 struct Feeder {
     CaptureRing ring{2, test_rate, frames, 2, 10};
     float next = 0.0F;
@@ -22,7 +22,7 @@ struct Feeder {
     }
 };
 
-TEST(CaptureRing, StreamStaysWholeAcrossTheWrapAndExactAtTheTargetFill) {
+TEST(CaptureRing, StreamIsContinuousAcrossTheWrapAndExactAtTheTargetFill) {
     for (const auto& [rate_ratio, tolerance] : {std::pair(1.0, 0.0), {1.003, 0.004}}) {
         Feeder feeder;
         float previous = -1.0F;
@@ -37,7 +37,7 @@ TEST(CaptureRing, StreamStaysWholeAcrossTheWrapAndExactAtTheTargetFill) {
     }
 }
 
-TEST(CaptureRing, ReadsFasterOrSlowerWithinBounds) {
+TEST(CaptureRing, ReadRatioStaysWithinLimits) {
     const struct {
         int blocks;
         double rate_ratio, read_ratio;
@@ -47,28 +47,28 @@ TEST(CaptureRing, ReadsFasterOrSlowerWithinBounds) {
         Feeder feeder;
         feeder.push_blocks(c.blocks, c.rate_ratio);
         ASSERT_TRUE(feeder.ring.pull(test_rate, frames, feeder.block));
-        // On a ramp, interpolation makes the reading position itself.
+        // On this ramp a sample equals its read position.
         EXPECT_FLOAT_EQ(feeder.block[frames - 1], static_cast<float>((frames - 1) * c.read_ratio));
     }
 }
 
-TEST(CaptureRing, TakesAndGivesOnlyWhatFitsAndLosesTheOldest) {
+TEST(CaptureRing, RejectsOtherFormatsAndDropsTheOldestFrames) {
     CaptureRing ring(1, test_rate, 1, 2, 3);
     std::vector<float> block;
     for (const float sample : {5.0F, 6.0F}) {
         ring.push(test_rate, 1, 1, std::vector{sample}, 1.0);
-        EXPECT_FALSE(ring.pull(test_rate, 1, block)) << "two frames are held back";
+        EXPECT_FALSE(ring.pull(test_rate, 1, block)) << "two frames are lookahead";
     }
     ring.push(44100, 1, 1, std::vector{9.0F}, 1.0);
     ring.push(test_rate, 1, 2, ramp(2), 1.0);
     ring.push(test_rate, 1, 1, ramp(2), 1.0);
-    EXPECT_EQ(ring.fill(), 2U) << "what does not fit is dropped whole";
+    EXPECT_EQ(ring.fill(), 2U) << "blocks in another format are dropped";
     for (const float sample : {7.0F, 8.0F})
         ring.push(test_rate, 1, 1, std::vector{sample}, 1.0);
     EXPECT_FALSE(ring.pull(44100, 1, block) || ring.pull(test_rate, 2, block));
     EXPECT_TRUE(ring.pull(test_rate, 1, block));
     EXPECT_EQ(block, std::vector{6.0F});
-    CaptureRing().push(0, 0, 0, {}, 1.0);  // without a format: nothing to divide by
+    CaptureRing().push(0, 0, 0, {}, 1.0);  // without a format: must not divide by 0
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The whole client over real sockets on this host. Which server it chooses is up to discovery_test.
+// The complete client with real sockets on this host. discovery_test tests the choice of server.
 #include "net/tavistro_client.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ ClientSettings settings_for(std::uint16_t server_port, const char* server_ip = "
     return settings;
 }
 
-TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
+TEST(Client, RunsWithACompatibleServerAndCanBeRestarted) {
     constexpr std::uint16_t frames = 128;
     const struct {
         const char* server_ip;
@@ -44,8 +44,8 @@ TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
         const bool running =
             client.start(settings_for(server.port(), server_ip), {}, on_block, {}, {});
         if (running) {
-            EXPECT_TRUE(client.start({}, {}, {}, {}, {})) << "running already";
-            // The worker changes the format while blocks come in and go out.
+            EXPECT_TRUE(client.start({}, {}, {}, {}, {})) << "already running";
+            // The engine's worker changes the format while blocks are received and sent.
             EXPECT_TRUE(eventually(
                 [&] { return client.set_capture_format(test_rate, frames) && blocks > 99; }));
             const std::uint64_t inputs = server.snapshot().input.complete;
@@ -58,7 +58,7 @@ TEST(Client, RunsWithACompatibleServerAndCanBeStartedAgain) {
     }
 }
 
-TEST(Client, ABurstWaitsInTheReceiveBufferWhileACallbackTakesItsTime) {
+TEST(Client, ReceiveBufferHoldsABurstDuringASlowCallback) {
     ScriptedServer server;
     auto settings = settings_for(server.port());
     settings.recv_buffer_bytes = 100'000;
@@ -79,7 +79,7 @@ TEST(Client, ABurstWaitsInTheReceiveBufferWhileACallbackTakesItsTime) {
 
 std::atomic<std::uint64_t> clock_readings{0};
 
-TEST(Client, AnnouncesItselfEveryPeriodAndLooksForADuePingInBetween) {
+TEST(Client, AnnouncesEveryPeriodAndChecksForADuePingInBetween) {
     ScriptedServer server;
     auto settings = settings_for(server.port());
     settings.announce_period_ms = 200;
@@ -91,7 +91,7 @@ TEST(Client, AnnouncesItselfEveryPeriodAndLooksForADuePingInBetween) {
     EXPECT_TRUE(eventually([&] { return server.announces >= first + 100; }));
     call_at_readings(nullptr);
     EXPECT_NEAR(static_cast<double>(clock_readings), 500.0, 100.0)
-        << "one with the announce, four while it waits";
+        << "one reading with each announce, four during the wait";
     client.stop();
     limit_sleeps_ms(UINT32_MAX);
 }

@@ -1,5 +1,5 @@
-// The search for the server on a network that the test plays, with hosts near and far and a clock
-// that moves with what it waits for.
+// Server discovery in a simulated network with near and far hosts. The manual clock advances with
+// each receive.
 #include "net/discovery.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using namespace std::string_literals;
 
 using Reply = std::function<Datagram(const Discover& question)>;
 
-/// What arrives so many milliseconds after the question; without a reply an error of the system.
+/// A datagram that arrives `after_ms` after the discover message; without `reply`, a receive error.
 struct Arrival {
     std::uint64_t after_ms;
     const char* source;
@@ -43,7 +43,7 @@ std::string text_of(const platform::Ipv4Endpoint& endpoint) {
 
 }  // namespace
 
-// The socket of this program: connected to `network`.
+// Replaces the socket of the platform: sends to and receives from `network`.
 namespace platform {
 
 bool UdpSocket::open(const SocketOptions&) noexcept {
@@ -115,7 +115,7 @@ class FindServer : public testing::Test {
     }
     ~FindServer() override { use_running_clock(); }
 
-    /// "ADDRESS:PORT", or the number of the error, and the milliseconds that it took.
+    /// Returns "ADDRESS:PORT" or "error NUMBER", and the duration in milliseconds.
     std::string find(std::deque<Arrival> arrivals) {
         network.arrivals = std::move(arrivals);
         network.asked.clear();
@@ -126,7 +126,7 @@ class FindServer : public testing::Test {
         const FoundServer found =
             find_server(socket, settings, [this](const std::string& line) { log += line; });
         const std::uint64_t took_ms = platform::millisecond_tick() - start_ms;
-        EXPECT_FALSE(found.server && network.receive_timeout_ms != 0) << "left with a time-out";
+        EXPECT_FALSE(found.server && network.receive_timeout_ms != 0) << "timeout not cleared";
         return (found.server ? text_of(*found.server)
                              : "error " + std::to_string(static_cast<int>(found.error))) +
                " after " + std::to_string(took_ms);
@@ -136,7 +136,7 @@ class FindServer : public testing::Test {
     std::string log;
 };
 
-TEST_F(FindServer, WaitsForANearerServerUntilTheTimeIsUpOrNoneCanBeNearer) {
+TEST_F(FindServer, WaitsForANearerServerUntilTheTimeoutOrALocalReply) {
     for (const char* near : {"10.200.0.1", "172.31.255.1", "192.168.1.1", "169.254.3.4"})
         for (const char* far : {"172.15.0.1", "172.32.0.1", "192.169.1.1", "169.253.3.4"})
             EXPECT_EQ(find({{50, far, good}, {600, near, good}, {650, "10.0.0.1", good}}),
@@ -147,22 +147,22 @@ TEST_F(FindServer, WaitsForANearerServerUntilTheTimeIsUpOrNoneCanBeNearer) {
               "127.255.1.2:99 after 60");
 }
 
-TEST_F(FindServer, AnIncompatibleAnswerEndsTheSearchAlsoAfterAGoodOne) {
+TEST_F(FindServer, IncompatibleReplyEndsTheSearchEvenAfterACompatibleOne) {
     EXPECT_EQ(find({{10, "10.0.0.1", good}, {20, "10.0.0.2", of_version_4}}), "error 3 after 20");
     settings.server_ip = "10.0.0.1";
     EXPECT_EQ(find({{20, "10.0.0.2", of_version_4}, {30, "10.0.0.1", good}}), "error 3 after 20");
 }
 
-TEST_F(FindServer, NobodyInTimeIsNoServer) {
+TEST_F(FindServer, NoReplyBeforeTheTimeoutIsNoServer) {
     const std::deque<Arrival> late = {{10, "10.0.0.1", nullptr}, {800, "10.0.0.1", good}};
-    EXPECT_EQ(find(late), "error 2 after 720") << "a failed receive costs 10 ms and is no answer";
+    EXPECT_EQ(find(late), "error 2 after 720") << "a receive error pauses 10 ms and is no reply";
     EXPECT_EQ(log, "[net] Auto discovery did not find a Tavistro server.");
     settings.server_ip = "10.0.0.1";
     EXPECT_EQ(find(late), "error 2 after 720");
     EXPECT_EQ(log, "[net] Tavistro server compatibility probe timed out.");
 }
 
-TEST_F(FindServer, AsksByBroadcastOnlyWhereAllowedAndAConfiguredServerAlone) {
+TEST_F(FindServer, BroadcastsOnlyIfEnabledAndNotForAConfiguredServer) {
     for (const auto& [allowed, possible] : {std::pair(false, true), {true, false}, {true, true}}) {
         settings.discovery_broadcast = allowed;
         network.can_broadcast = possible;
@@ -172,26 +172,26 @@ TEST_F(FindServer, AsksByBroadcastOnlyWhereAllowedAndAConfiguredServerAlone) {
     }
     settings.server_ip = "10.0.0.1";
     EXPECT_EQ(find({{640, "10.0.0.2", good}}), "10.0.0.1:28010 after 640")
-        << "whatever address and port the answer names";
+        << "regardless of the reply's address and port";
     EXPECT_EQ(network.asked, std::vector<std::string>{"10.0.0.1:28010"});
 }
 
-TEST_F(FindServer, AnswersAreOursCompatibleOrNeither) {
+TEST_F(FindServer, IgnoresForeignRepliesAndDetectsIncompatibleOnes) {
     const std::string ignored = "error 2 after 700", incompatible = "error 3 after 50";
     const struct {
         const char* answer;
         std::size_t size;
-        std::vector<std::size_t> changed;  // bytes, by their offsets
+        std::vector<std::size_t> changed;  // offsets of changed bytes
         std::string found;
     } cases[] = {
-        {"another client's", 48, {12}, ignored},
-        {"another question's", 48, {16}, ignored},
+        {"another client", 48, {12}, ignored},
+        {"another nonce", 48, {16}, ignored},
         {"port 0", 48, {24}, ignored},
         {"capability", 48, {38}, incompatible},
         {"header version", 48, {4}, incompatible},
-        {"header version, to another question", 48, {4, 23}, ignored},
-        {"header version, to another client", 48, {4, 12}, ignored},
-        {"of another size", 24, {}, incompatible},
+        {"header version, another nonce", 48, {4, 23}, ignored},
+        {"header version, another client", 48, {4, 12}, ignored},
+        {"another size", 24, {}, incompatible},
         {"too short for a nonce", 23, {}, ignored},
     };
     for (const auto& c : cases) {
@@ -205,7 +205,7 @@ TEST_F(FindServer, AnswersAreOursCompatibleOrNeither) {
     }
 }
 
-TEST_F(FindServer, WithoutAnAddressNobodyIsAsked) {
+TEST_F(FindServer, SendsNothingWithoutAValidAddress) {
     for (const char* server_ip : {"auto ", "aut", "server.local"}) {
         settings.server_ip = server_ip;
         EXPECT_EQ(find({}), "error 1 after 0") << server_ip;

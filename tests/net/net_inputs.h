@@ -1,4 +1,4 @@
-// Inputs that the tests of this room share.
+// Test inputs shared by tests/net.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,27 +24,27 @@ inline ClientSettings two_in_two_out() {
     return settings;
 }
 
-/// `count` samples that are all different: first, first + 1, ...
+/// `count` samples: first, first + 1, ...
 inline std::vector<float> ramp(std::size_t count, float first = 1.0F) {
     std::vector<float> samples(count);
     std::iota(samples.begin(), samples.end(), first);
     return samples;
 }
 
-/// The datagram with other bytes from `offset` on.
+/// The datagram with `bytes` at `offset`.
 inline Datagram patched(Datagram datagram, std::size_t offset,
                         std::initializer_list<std::uint8_t> bytes) {
     std::ranges::copy(bytes, datagram.begin() + static_cast<std::ptrdiff_t>(offset));
     return datagram;
 }
 
-/// Cut or padded, and stating its new size (below 256).
+/// The datagram truncated or padded to `size` (below 256), with a matching length field.
 inline Datagram resized(Datagram datagram, std::size_t size) {
     datagram.resize(size);
     return patched(datagram, 8, {static_cast<std::uint8_t>(size)});
 }
 
-/// The datagrams of one block that holds ramp(frames * channels).
+/// The datagrams of a block with the samples ramp(frames * channels).
 inline DatagramList block_datagrams(std::uint32_t sequence, std::uint16_t frames,
                                     std::uint16_t channels, std::uint32_t payload_bytes = 1200) {
     const std::vector<float> samples = ramp(static_cast<std::size_t>(frames) * channels);

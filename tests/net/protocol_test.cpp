@@ -1,5 +1,5 @@
-// The examples of docs/protocol.md, what decoders refuse and why, how blocks are cut and made whole
-// again. That every decoder gives back what was encoded is up to tests/fuzz.
+// The examples in docs/protocol.md, errors of the decoders, splitting and reassembly of blocks.
+// tests/fuzz tests that decoding reverses encoding.
 #include "net/protocol.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 namespace tavistro::test {
 namespace {
 
-/// The bytes shown under each heading of a message, by the message's name.
+/// The example bytes in the document, by message name.
 std::map<std::string, Datagram> examples_of_document() {
     std::map<std::string, Datagram> examples;
     std::ifstream file(TAVISTRO_DOCS "/protocol.md");
@@ -31,7 +31,7 @@ std::map<std::string, Datagram> examples_of_document() {
     return examples;
 }
 
-TEST(ProtocolDocument, ShowsWhatTheCodecsSend) {
+TEST(ProtocolDocument, ExamplesMatchTheCodecs) {
     constexpr std::uint32_t client_id = 7;
     constexpr std::uint64_t nonce = 0x1122334455667788;
     const float samples[] = {1.0F, -0.5F};
@@ -51,7 +51,7 @@ TEST(ProtocolDocument, ShowsWhatTheCodecsSend) {
 
 const Datagram sync_datagram = encode_sync(7, {1, test_rate, 128, 2, 3});
 
-TEST(Protocol, DecodersNameTheFirstFaultAndFragmentsMustLieWithinTheirBlock) {
+TEST(Protocol, DecodersReportTheFirstErrorAndRejectFragmentsOutsideTheBlock) {
     const struct {
         const char* faults;
         DecodeResult result;
@@ -71,7 +71,7 @@ TEST(Protocol, DecodersNameTheFirstFaultAndFragmentsMustLieWithinTheirBlock) {
     for (const auto& c : cases)
         EXPECT_EQ(c.result, static_cast<DecodeResult>(c.expected)) << c.faults;
 
-    // The second channel of a block of 3 frames and 2 channels, cut in two.
+    // The last fragment of a block of 3 frames and 2 channels, with two fragments per channel.
     const Datagram good = block_datagrams(1, 3, 2, 48 + 4 * 2).at(3);
     ASSERT_TRUE(decode_audio(good));
     const std::pair<std::size_t, std::uint8_t> bad[] = {{24, 0}, {24, 2}, {26, 0}, {26, 1},
@@ -82,17 +82,17 @@ TEST(Protocol, DecodersNameTheFirstFaultAndFragmentsMustLieWithinTheirBlock) {
     EXPECT_EQ(decode_audio(resized(good, good.size() + 4)).result, DecodeResult::bad_audio);
 }
 
-TEST(Protocol, OnlyAnAnnounceWithoutAnyChannelIsALeave) {
+TEST(Protocol, OnlyAnAnnounceWithoutChannelsIsALeave) {
     EXPECT_TRUE(is_leave(decode_announce(encode_leave(7, 8)).message));
     EXPECT_FALSE(is_leave({7, 8, 6, 6, {}, {0}}));
     EXPECT_FALSE(is_leave({7, 8, 6, 6, {2}, {}}));
 }
 
-TEST(Blocks, AreCutToTheSizeLimitAndMadeWholeFromFragmentsInAnyOrder) {
+TEST(Blocks, AreSplitAtTheSizeLimitAndReassembledInAnyOrder) {
     const struct {
         std::uint16_t frames, channels;
         std::uint32_t payload_bytes;
-        std::size_t fragments;  // 0: cannot be sent
+        std::size_t fragments;  // 0: cannot be encoded
     } cases[] = {{128, 5, 1200, 3},     {512, 2, 1200, 4},    {288, 3, 1200, 3}, {289, 1, 1200, 2},
                  {3, 2, 52, 6},         {3, 2, 55, 6},        {3, 2, 51, 0},     {3, 2, 65508, 0},
                  {65535, 1, 52, 65535}, {1, 65535, 65507, 5}, {65535, 2, 52, 0}, {0, 2, 1200, 0},
@@ -115,14 +115,14 @@ TEST(Blocks, AreCutToTheSizeLimitAndMadeWholeFromFragmentsInAnyOrder) {
             if (i + 1 == datagrams.size())
                 EXPECT_EQ(block.samples, samples);
             else
-                ASSERT_FALSE(reassembly.offer(fragment, block)) << "twice";
+                ASSERT_FALSE(reassembly.offer(fragment, block)) << "duplicate";
         }
     }
     EXPECT_FALSE(encode_audio_block({0, 9, test_rate, 2, 2, ramp(4)}, 1200, datagrams));
     EXPECT_FALSE(encode_audio_block({7, 9, test_rate, 2, 2, ramp(3)}, 1200, datagrams));
 }
 
-TEST(Blocks, BeginAgainAndGiveWay) {
+TEST(Blocks, RestartInANewFormatAndReplaceOlderBlocks) {
     Reassembly reassembly;
     CompletedOutputBlock block;
     reassembly.reset(2);
@@ -132,18 +132,18 @@ TEST(Blocks, BeginAgainAndGiveWay) {
         return reassembly.offer(decode_audio(datagram).message, block);
     };
     EXPECT_FALSE(offer(6, 0));
-    EXPECT_FALSE(offer(6, 1, 8)) << "another shape begins the block again";
+    EXPECT_FALSE(offer(6, 1, 8)) << "another format restarts the block";
     reassembly.clear();
     EXPECT_FALSE(offer(6, 1));
 
     EXPECT_FALSE(offer(9, 0));
     EXPECT_FALSE(offer(1, 0)) << "late";
-    EXPECT_TRUE(offer(9, 1)) << "nothing lost by the late one";
+    EXPECT_TRUE(offer(9, 1)) << "a late fragment does not replace the block";
     EXPECT_FALSE(offer(0xFFFFFFFF, 0));
-    EXPECT_FALSE(offer(7, 0)) << "takes the place of the block before the wrap";
+    EXPECT_FALSE(offer(7, 0)) << "replaces the block before the wrap";
     EXPECT_TRUE(offer(7, 1));
 
-    // What nobody sent is silent, also where an earlier block left its samples.
+    // Samples without a fragment are silent, even where an earlier block has left its samples.
     for (const std::uint32_t sequence : {25U, 33U}) {
         const auto first_half = block_datagrams(sequence, 4, 2, 48 + 16).front();
         EXPECT_TRUE(reassembly.offer(decode_audio(patched(first_half, 38, {1})).message, block));

@@ -1,5 +1,5 @@
-// One session without sockets, on a clock that the test moves: the test is the server. Then what
-// the session counts, and the server's clock as its pings show it.
+// The session without sockets, on a manual clock; the test acts as the server. Also its statistics
+// and its estimate of the server clock.
 #include "net/client_session.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +43,7 @@ class Session : public testing::Test {
                       std::uint64_t server_time_ns = 0, std::uint16_t block_frames = frames) {
         receive(encode_sync(7, {sequence, sample_rate, block_frames, 0, server_time_ns}));
     }
-    /// A ping is due and answered: the server's clock is `ahead_ns` ahead of ours.
+    /// Sends and answers a due ping; the server clock is `ahead_ns` ahead of ours.
     void exchange_ping(std::uint64_t rtt_ns, std::uint64_t ahead_ns) {
         session.ping_tick();
         const Ping ping = decode_ping(sent.back()).message;
@@ -53,10 +53,10 @@ class Session : public testing::Test {
     }
 
     DatagramList sent;
-    int refused = 0;  ///< how many sends fail
+    int refused = 0;  ///< number of sends that will fail
     std::vector<std::string> lines;
     std::vector<CompletedOutputBlock> blocks;
-    std::uint64_t block_callback_ns = 0;  ///< how long the host takes for a block
+    std::uint64_t block_callback_ns = 0;  ///< duration of the block callback
     std::size_t syncs = 0;
     std::vector<ClientTelemetry> reports;
     ClientSession session{[this](auto datagrams, const auto& to) {
@@ -67,7 +67,7 @@ class Session : public testing::Test {
     }};
 };
 
-TEST_F(Session, AnnouncesItselfAndLeavesUnderAnIdOfItsOwn) {
+TEST_F(Session, AnnouncesAndLeavesWithANewSessionId) {
     std::uint32_t last_id = 0;
     for (const unsigned refusals : {0U, 3U, 100U}) {
         begin();
@@ -91,7 +91,7 @@ TEST_F(Session, AnnouncesItselfAndLeavesUnderAnIdOfItsOwn) {
     EXPECT_EQ(lines, std::vector<std::string>{"[net] Failed to send announce."});
 }
 
-TEST_F(Session, PingsAreSentEverySecondOrGivenUpAfterThree) {
+TEST_F(Session, PingsEverySecondAndTimesOutAfterThree) {
     exchange_ping(0, 0);
     for (const auto& [ms, pings] : {std::pair(999, 0U), {1, 1U}, {2999, 0U}, {1, 1U}}) {
         sent.clear();
@@ -104,14 +104,14 @@ TEST_F(Session, PingsAreSentEverySecondOrGivenUpAfterThree) {
     EXPECT_EQ(reports.back().ping_timeouts, 1U);
 }
 
-TEST_F(Session, BlocksAreTimedByTheServersClockUntilTheSessionBeginsAnew) {
+TEST_F(Session, BlocksHaveServerTimesUntilTheSessionIsReset) {
     const std::uint64_t ahead_ns = 5'000'000;
     const auto expect_times = [&](std::uint32_t sequence, std::uint64_t local_ns) {
         receive_block(sequence);
         EXPECT_EQ(blocks.back().server_time_local_ns, local_ns) << sequence;
         EXPECT_EQ(blocks.back().server_time_ns, local_ns == 0 ? 0 : local_ns + ahead_ns);
     };
-    receive_sync(11, test_rate, 1'000'000);  // before the clock is known
+    receive_sync(11, test_rate, 1'000'000);  // before the clock is synchronised
     exchange_ping(2'000'000, ahead_ns);
     const std::uint64_t now_ns = platform::nanosecond_clock();
     receive_sync(12, test_rate, now_ns + ahead_ns);
@@ -119,18 +119,17 @@ TEST_F(Session, BlocksAreTimedByTheServersClockUntilTheSessionBeginsAnew) {
     expect_times(11, 0);
     expect_times(12, now_ns);
     expect_times(13, 0);
-    expect_times(12 + 16, 0);  // not the time of the block whose place it takes
-    EXPECT_EQ(reports.size(), 2U) << "the pong and a notice of known delay";
+    expect_times(12 + 16, 0);  // not the time of block 12, which has the same ring entry
+    EXPECT_EQ(reports.size(), 2U) << "one for the pong, one for the notice with a server time";
     begin();
     receive_sync(12, test_rate, now_ns);
     EXPECT_EQ(syncs, 4U);
     advance_clock_ms(999);
     expect_times(12, 0);
-    EXPECT_EQ(blocks.size(), 5U + 14) << "with silence before 28, none before the new 12";
+    EXPECT_EQ(blocks.size(), 5U + 14) << "silence before 28, none before the new 12";
     EXPECT_EQ(reports.size(), 2U) << "the first interval is not over";
 }
 
-/// In the order of the record.
 std::string fields_of(const ClientTelemetry& t) {
     return testing::PrintToString(std::make_tuple(
         t.recvBlocksPerSec, t.duplicateBlocksPerSec, t.rtt_samples, t.ping_timeouts, t.rtt_last_us,
@@ -140,11 +139,11 @@ std::string fields_of(const ClientTelemetry& t) {
         t.sync_delay_p99_us, t.sync_delay_histogram, t.callback_last_us, t.callback_max_us));
 }
 
-TEST_F(Session, EveryFieldOfTheTelemetryIsFilledFromItsOwnSeries) {
+TEST_F(Session, EveryTelemetryFieldComesFromItsOwnSeries) {
     for (std::uint32_t second = 0; second <= 100; ++second) {
         const std::uint64_t start_ns = platform::nanosecond_clock();
-        // 101 values each, so that a share rounded down ends in another bucket. 1000 us are the
-        // bound of one.
+        // 101 values each: rounding a percentile down would select another bucket. 1000 us is a
+        // bucket's bound.
         const std::uint64_t rtt_us = second < 2    ? 150'000
                                      : second < 6  ? 4'500
                                      : second < 61 ? 1'000
@@ -170,12 +169,12 @@ TEST_F(Session, EveryFieldOfTheTelemetryIsFilledFromItsOwnSeries) {
               "{ 0, 40, 55, 0, 4, 0, 0, 0, 0, 2 }, true, 300, "
               "100, 24900, 1500, 24901, 2000, 10000, 50000, { 0, 0, 0, 59, 0, 36, 3, 2, 0, 0 }, "
               "333, 777)");
-    EXPECT_EQ(reports.size(), 101U + 100U + 99U) << "pongs, notices, intervals";
+    EXPECT_EQ(reports.size(), 101U + 100U + 99U) << "pongs, sync notices, intervals";
     EXPECT_EQ(lines.back(),
               "[net] recvBlocksPerSec=2 duplicateBlocksPerSec=1 rttUs=300/300/150000");
 }
 
-TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
+TEST_F(Session, AcceptsSyncsInSequenceOrInANewFormatAndSendsInput) {
     const Datagram from_elsewhere = encode_sync(7, {1, test_rate, frames, 0, 0});
     session.handle_datagram(from_elsewhere, {server.address + 1, server.port});
     session.handle_datagram(from_elsewhere, {server.address, server.port + 1});
@@ -187,16 +186,16 @@ TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
         const char* what;
         std::size_t accepted, sent;
     } steps[] = {
-        {9, test_rate, frames, "a capture format begins the stream anew; too little input", 1, 0},
+        {9, test_rate, frames, "first after a new capture format; too little input", 1, 0},
         {10, test_rate, frames, "with input", 1, 1},
         {10, test_rate, frames, "repeated", 0, 0},
         {12, test_rate, frames, "a gap", 1, 1},
-        {12 + 0x80000000, test_rate, frames, "older by half the numbers", 0, 0},
-        {3, 0, frames, "a notice without format is no other format", 0, 0},
-        {3, 44100, frames, "another rate may begin anywhere, without input", 1, 0},
-        {2, test_rate, frames + 1, "another block size as well", 1, 0},
-        {4, test_rate, frames, "its input has been sent", 1, 0},
-        {13, test_rate, frames, "goes on", 1, 1},
+        {12 + 0x80000000, test_rate, frames, "2^31 ahead, not newer", 0, 0},
+        {3, 0, frames, "no format, old sequence", 0, 0},
+        {3, 44100, frames, "another rate with any sequence, without input", 1, 0},
+        {2, test_rate, frames + 1, "another block size with any sequence", 1, 0},
+        {4, test_rate, frames, "input for this sequence was already sent", 1, 0},
+        {13, test_rate, frames, "next in sequence", 1, 1},
     };
     for (int format = 0; format < 2; ++format) {
         ASSERT_TRUE(session.set_capture_format(test_rate, frames));
@@ -211,7 +210,7 @@ TEST_F(Session, SyncsCountInRisingOrderOrInAnotherFormatAndSendInputAhead) {
             EXPECT_EQ(decode_audio(sent.back()).message.sequence, step.sequence + 6);
         }
     }
-    EXPECT_EQ(sent[0], block_datagrams(16, frames, 2).front()) << "at the target fill, as pushed";
+    EXPECT_EQ(sent[0], block_datagrams(16, frames, 2).front()) << "unchanged at the target fill";
 }
 
 TEST_F(Session, SilenceFillsGapsOfUpTo1024BlocksAndOldBlocksAreDropped) {
@@ -223,7 +222,7 @@ TEST_F(Session, SilenceFillsGapsOfUpTo1024BlocksAndOldBlocksAreDropped) {
     EXPECT_EQ(blocks.back().arrival_time_ns, platform::nanosecond_clock());
 }
 
-TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
+TEST_F(Session, SetCaptureFormatRestartsTheStream) {
     const DatagramList halves = block_datagrams(1, frames, 2, 48 + 4 * frames);
     receive_block(2);
     receive(halves[0]);
@@ -231,21 +230,21 @@ TEST_F(Session, ACaptureFormatBeginsTheStreamAnew) {
     EXPECT_FALSE(session.set_capture_format(0, frames));
     EXPECT_TRUE(session.set_capture_format(test_rate, frames));
     receive(halves[1]);
-    EXPECT_EQ(blocks.size(), 1U) << "its other half belongs to the old stream";
+    EXPECT_EQ(blocks.size(), 1U) << "the first half belonged to the old stream";
     receive(halves[0]);
     ASSERT_EQ(blocks.size(), 2U);
     EXPECT_EQ(blocks[1].sample_rate, test_rate);
 }
 
-TEST(ServerClock, TakesRoundTripAndOffsetFromTheAnswerToItsPing) {
+TEST(ServerClock, ComputesRoundTripAndOffsetFromThePong) {
     const struct {
         std::uint64_t t1, t2, t3, t4, rtt_ns;
         std::int64_t offset_ns;
     } cases[] = {
         {1'000'000, 500'000, 800'000, 1'900'000, 600'000, 800'000},
-        {1'000'000, 0, 2'000'000, 1'900'000, 900'000, 450'000},  // held longer than we waited
+        {1'000'000, 0, 2'000'000, 1'900'000, 900'000, 450'000},  // processing > round trip
         {1'000, 1'003, 1'010, 1'010, 3, -1},                     // -1.5 towards zero
-        {2'000, 1, 1, 1'000, 0, 1'499},                          // answered before it was asked
+        {2'000, 1, 1, 1'000, 0, 1'499},                          // t4 before t1
     };
     for (const auto& c : cases) {
         ServerClock clock;
