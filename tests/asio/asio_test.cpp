@@ -1,4 +1,4 @@
-// The list of drivers, and the device on a driver that misbehaves as real ones were seen to.
+// The driver list, and the device with a driver that has faults observed in real drivers.
 #include "asio/asio_device.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-TEST(DriverList, NamesCompleteDriversInRegisterOrderWithinTheBuffer) {
+TEST(DriverList, ListsCompleteDriversInRegistryOrderAndTruncatesNames) {
     installed_drivers = {{"Key", '1'},
                          {"Unserved", '2', "skipped", false},
                          {"OneTooMany", '3', std::string(32, 'b')},
@@ -39,7 +39,7 @@ TEST(DriverList, NamesCompleteDriversInRegisterOrderWithinTheBuffer) {
     EXPECT_EQ(drivers.driverNameAt(0, {}), kAsioListBadArgument);
 }
 
-TEST(DriverList, LoadsByExactNameAndGoesBackWhenADriverCannotBeMade) {
+TEST(DriverList, LoadsByExactNameAndRestoresThePreviousDriverOnFailure) {
     installed_drivers = {{"One", '1'}, {"Key", '2', "Twin"}, {"Twin", '3'}, {"Odd", 'x'}};
     auto list = std::make_unique<AsioDrivers>();
     EXPECT_FALSE(list->loadDriver("one") || list->loadDriver("Odd"));
@@ -72,7 +72,7 @@ class Device : public testing::Test {
         EXPECT_EQ(apartments_entered, 0);
         EXPECT_EQ(realtime_violations().total(), 0U) << "inside a period";
         EXPECT_EQ(driver.count("objects"), 0);
-        EXPECT_EQ(driver.count("overwritten"), 0) << "bytes behind the driver's buffers";
+        EXPECT_EQ(driver.count("overwritten"), 0) << "bytes beyond the driver's buffers";
     }
     bool open() { return open(device); }
     bool open(AsioDevice& chosen) {
@@ -83,8 +83,8 @@ class Device : public testing::Test {
             [](void* self, std::int32_t half) { static_cast<Device*>(self)->on_period(half); },
             this);
     }
-    /// Plays 0.5 and less by a step each frame on the first output, the same and then silence on
-    /// the second; they come back on the inputs.
+    /// Plays a falling ramp from 0.5 on the first output; the same for two periods and then silence
+    /// on the second. The driver returns the outputs as inputs.
     void on_period(std::int32_t half) {
         const RealtimeScope scope;
         for (const std::int32_t channel : {0, 1})
@@ -115,12 +115,12 @@ class Device : public testing::Test {
     AsioDevice device;
 };
 
-TEST_F(Device, OpensAtTheDriversRateRunsAndCloses) {
+TEST_F(Device, OpensAtTheDriversSampleRateRunsAndCloses) {
     driver.set("inputs", "9");
     driver.set("rate", "44100");
     driver.set("fixed_rate", "1");
     driver.set("noise", "1");
-    driver.set("input_types", "16,19");  // the last one holds every sample
+    driver.set("input_types", "16,19");  // 19 is float, so samples return unchanged
     driver.set("output_types", "17,19");
     driver.set("scribbles", "1");
     ASSERT_TRUE(open() && device.start());
@@ -141,12 +141,12 @@ TEST_F(Device, OpensAtTheDriversRateRunsAndCloses) {
               "in5 in0 out5 out0 getInputInfo getInputInfo getOutputInfo getOutputInfo start stop "
               "disposeBuffers ");
     EXPECT_FALSE(device.start());
-    EXPECT_EQ(first_input, 0.0F) << "the driver's noise was played";
-    EXPECT_EQ(changed_periods, 0) << "come back within one period";
+    EXPECT_EQ(first_input, 0.0F) << "noise in the new buffers was played";
+    EXPECT_EQ(changed_periods, 0) << "outputs must return within one period";
     EXPECT_EQ(inputs[1][127], 0.0F);
 }
 
-TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
+TEST_F(Device, EveryFailedStepLogsOneLineAndUnloadsTheDriver) {
     const auto expect_failure = [this](const std::string& line) {
         EXPECT_FALSE(open());
         EXPECT_EQ(lines, Lines{"[asio] " + line});
@@ -162,7 +162,7 @@ TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
     driver.set("fail", "getOutputInfo");
     expect_failure("getChannelInfo failed for output.");
     driver.set("fail", "start");
-    driver.set("output_types", "32");  // one bit a frame, which no conversion knows
+    driver.set("output_types", "32");  // one bit per frame, without a conversion
     driver.set("inputs", "9");
     settings.input_channel_map = {8};
     EXPECT_TRUE(open());
@@ -183,12 +183,12 @@ TEST_F(Device, FailsAtEachStepWithOneLineAndNothingLeftLoaded) {
     expect_failure("loadDriver failed.");
 }
 
-TEST_F(Device, TakesEveryPeriodOfADriverThatCallsOutOfTurnAndNothingElse) {
+TEST_F(Device, HandlesEveryPeriodDespiteUnexpectedCallbacks) {
     for (const char* option : {"callback_in_create", "callback_in_start", "callback_in_stop",
                                "scribbles", "foreign_thread"})
         driver.set(option, "1");
     ASSERT_TRUE(open());
-    EXPECT_EQ(periods, 0) << "before the device was complete";
+    EXPECT_EQ(periods, 0) << "callback before the device was complete";
     AsioTimeRecord time{};
     EXPECT_EQ(driver.host()->bufferSwitchTimeInfo(&time, 1, 1), &time);
     EXPECT_EQ(periods, 1);
@@ -208,7 +208,7 @@ TEST_F(Device, TakesEveryPeriodOfADriverThatCallsOutOfTurnAndNothingElse) {
     EXPECT_EQ(driver.count("outputReady"), probed);
 }
 
-TEST_F(Device, AnswersEveryMessageAndRemembersWhatAsksForAReset) {
+TEST_F(Device, AnswersEveryMessageAndRecordsResetRequests) {
     const std::tuple<std::int32_t, std::int32_t, bool> messages[] = {
         {kAsioSelectorSupported, 0, false}, {kAsioHostVersion, 0, false},
         {kAsioResetRequest, 0, true},       {kAsioBufferSizeChange, 0, false},
@@ -229,7 +229,7 @@ TEST_F(Device, AnswersEveryMessageAndRemembersWhatAsksForAReset) {
     }
 }
 
-TEST(CurrentDevice, IsLeftByACallbackBeforeItsOwnerGoesOn) {
+TEST(CurrentDevice, ClearWaitsForCallbacksInProgress) {
     CurrentDevice<std::atomic<int>> current;
     std::atomic<int> callbacks_left{-1};
     current.set(callbacks_left);
@@ -247,7 +247,7 @@ TEST(CurrentDevice, IsLeftByACallbackBeforeItsOwnerGoesOn) {
     driver_thread.join();
 }
 
-TEST(BufferSize, FollowsTheDriversRange) {
+TEST(BufferSize, MustBeInTheDriversRange) {
     using Sizes = std::vector<std::int64_t>;
     const Sizes sizes{0, 1, 48, 64, 65, 96, 100, 128, 441, 768, 1000, 2048, 2080};
     const std::pair<BufferSizeRange, Sizes> cases[] = {

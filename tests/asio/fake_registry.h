@@ -1,4 +1,4 @@
-// A registry that the test fills, in place of the system's. Every object is a test driver.
+// Replaces the system's driver registry with a list that the test fills. Objects are test drivers.
 #pragma once
 
 #include <algorithm>
@@ -13,10 +13,10 @@ namespace tavistro::test {
 
 struct Installed {
     std::string key_name;
-    char class_digit;  ///< of its class identifier; 'x' gives a text that is none
+    char class_digit;  ///< of its class identifier; 'x' makes it invalid
     std::optional<std::string> description = {};
     bool has_server = true;
-    AsioDriver* object = nullptr;  ///< while there is one
+    AsioDriver* object = nullptr;  ///< null while there is none
 
     std::string class_id() const {
         return std::string("{").append(8, class_digit).append("-0000-0000-0000-000000000000}");
@@ -24,7 +24,7 @@ struct Installed {
 };
 
 std::vector<Installed> installed_drivers;
-int apartments_entered = 0;  ///< and not left
+int apartments_entered = 0;  ///< and not yet left
 constexpr std::int32_t not_registered = -2147221164;
 
 }  // namespace tavistro::test

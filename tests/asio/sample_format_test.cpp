@@ -1,4 +1,4 @@
-// The conversions against a plain reference, bit for bit, in odd lengths and at odd addresses.
+// The conversions against a plain reference, bit-exact, with odd lengths and unaligned buffers.
 #include "asio/sample_format.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ using Bytes = std::vector<unsigned char>;
 struct Format {
     std::uint32_t code;
     std::size_t bytes;
-    int bits;  ///< 0 for floating point, -1 for none
+    int bits;  ///< 0: floating point, -1: unknown type
     bool big_endian;
 
     void append(Bytes& to, std::uint64_t word) const {
@@ -41,7 +41,7 @@ float clamped(float x) {
     return std::isnan(x) ? x : std::fmax(-1.0F, std::fmin(1.0F, x));
 }
 
-/// The sample that stands for a driver's word.
+/// The sample for a driver's word.
 float read_reference(const Format& format, std::uint64_t word) {
     if (format.bits < 0) return 0.0F;
     if (format.bytes == 8) return clamped(static_cast<float>(std::bit_cast<double>(word)));
@@ -53,7 +53,7 @@ float read_reference(const Format& format, std::uint64_t word) {
     return clamped(static_cast<float>(static_cast<double>(value) / format.scale()));
 }
 
-/// The driver's word that stands for a sample; its low bytes count.
+/// The driver's word for a sample, in the low bytes.
 std::uint64_t write_reference(const Format& format, float sample) {
     if (format.bits < 0) return 0;
     if (format.code != 19) sample = clamped(sample);
@@ -66,9 +66,9 @@ std::uint64_t write_reference(const Format& format, float sample) {
 
 class SampleFormat : public AtSimdLevel {
   protected:
-    /// The bytes of the samples and not one more.
+    /// Also expects that nothing is written before or after the samples.
     void expect_written(const Format& format, std::span<const float> samples) {
-        Bytes expected{0xA5};  // then an odd address
+        Bytes expected{0xA5};  // the samples start at an odd address
         for (const float sample : samples)
             format.append(expected, write_reference(format, sample));
         expected.push_back(0xA5);
@@ -78,7 +78,7 @@ class SampleFormat : public AtSimdLevel {
     }
 };
 
-TEST_P(SampleFormat, ReadsEveryTypeAsTheReferenceDoes) {
+TEST_P(SampleFormat, ReadsEveryTypeLikeTheReference) {
     constexpr std::uint64_t strides[] = {0, 0, 1, 251, 65'521, 0, 0, 0, 281'474'976'710'597};
     for (const Format& format : formats) {
         const std::uint64_t last = ~std::uint64_t{0} >> (64 - 8 * format.bytes);
@@ -98,7 +98,7 @@ TEST_P(SampleFormat, ReadsEveryTypeAsTheReferenceDoes) {
     }
 }
 
-TEST_P(SampleFormat, WritesEveryTypeAsTheReferenceDoesAndNotAByteMore) {
+TEST_P(SampleFormat, WritesEveryTypeLikeTheReferenceAndNothingBeyond) {
     std::vector<float> samples{1.0F, -1.0F, std::nextafter(1.0F, 2.0F)};
     for (std::uint64_t pattern = 0; pattern <= 0xFFFFFFFF; pattern += 65'521)
         samples.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(pattern)));

@@ -1,6 +1,5 @@
-// What the parser and the loader make of a file. Then what
-// docs/configuration.md says of every key and every error line, and in which order faults are
-// found.
+// INI parser and configuration loader. Also compares keys, error lines and the order of faults with
+// docs/configuration.md.
 #include "config/engine_config.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +28,7 @@ const std::string smallest_file =
     "[network]\nserver_ip = 10.0.0.7\nserver_port = 28011\nclient_id = 3\n"
     "[asio]\ndriver_name = Some Driver\n";
 
-/// Every field in the order of the keys.
+/// All fields in the order of the keys.
 std::string fields_of(const EngineConfig& config) {
     const TavistroProtocol::ClientSettings& c = config.client;
     const AudioDeviceSettings& a = config.audio;
@@ -46,7 +45,7 @@ std::string fields_of(const EngineConfig& config) {
         a.loopback_device_lost_duration_ms));
 }
 
-/// The sizes that follow from the latency, and the target of the capture ring.
+/// The sizes derived from the latency, and the target of the capture ring.
 std::vector<std::uint64_t> derived_of(const EngineConfig& config) {
     return {config.client.capture_target_blocks, config.client.capture_capacity_blocks,
             config.client.input_latency_blocks,  config.client.output_latency_blocks,
@@ -58,15 +57,15 @@ class EngineConfigTest : public ::testing::Test {
   protected:
     void TearDown() override { std::filesystem::remove(path_); }
 
-    /// Loads the text from a file; the error text, empty on success.
+    /// Loads the text from a file; returns the error text, empty on success.
     std::string load(const std::string& text) {
         std::ofstream(path_, std::ios::binary) << text;
         config_.client.recv_buffer_bytes = 77;
         const std::string before = fields_of(config_);
-        std::string error = "emptied first";
+        std::string error = "must be cleared";
         const bool loaded = load_engine_config(path_, config_, error);
         EXPECT_EQ(loaded, error.empty()) << text << error;
-        EXPECT_TRUE(loaded || fields_of(config_) == before) << "not left alone";
+        EXPECT_TRUE(loaded || fields_of(config_) == before) << "changed after a failure";
         return error;
     }
 
@@ -75,7 +74,7 @@ class EngineConfigTest : public ::testing::Test {
     EngineConfig config_;
 };
 
-TEST_F(EngineConfigTest, EveryKeyReachesItsOwnField) {
+TEST_F(EngineConfigTest, EveryKeySetsItsOwnField) {
     ASSERT_EQ(load("[network]\nserver_ip=AUTO\nserver_port=1\nclient_id=5\n"
                    "discovery_timeout_ms=9\ndiscovery_broadcast=0\n[protocol]\n"
                    "announce_period_ms=8\n[latency]\nclient_latency_blocks=3\n[tavistro]\n"
@@ -95,14 +94,14 @@ TEST_F(EngineConfigTest, EveryKeyReachesItsOwnField) {
         "(\"AUTO\", 1, 5, 9, false, 8, 3, { 0, 31 }, {}, \"\", { 4, -2 }, { 1, 1 }, 6, 7, 53, "
         "true, -10, 11, 12, 13, 14, 15, 17, 17, 18, 18, 20, 21)");
     ASSERT_EQ(load(smallest_file + "[network]\ndiscovery_broadcast=7"), "");
-    EXPECT_TRUE(config_.client.discovery_broadcast) << "every number but 0";
+    EXPECT_TRUE(config_.client.discovery_broadcast) << "any number but 0";
     for (const std::string word : {"TRUE", "Yes", "on"}) {
         ASSERT_EQ(load(smallest_file + "[test]\nloopback_device=" + word), "");
         EXPECT_TRUE(config_.loopback_device) << word;
     }
 }
 
-TEST_F(EngineConfigTest, SizesFollowTheLatency) {
+TEST_F(EngineConfigTest, BufferSizesFollowTheLatency) {
     EXPECT_EQ(derived_of({}), (std::vector<std::uint64_t>{2, 12, 6, 6, 6, 6, 10}));
     const std::pair<const char*, std::vector<std::uint64_t>> cases[] = {
         {"1", {2, 8, 1, 1, 1, 1, 6}}, {"128", {2, 134, 128, 128, 128, 128, 132}}};
@@ -112,7 +111,7 @@ TEST_F(EngineConfigTest, SizesFollowTheLatency) {
     }
 }
 
-TEST_F(EngineConfigTest, EveryLoopbackFaultNeedsTheLoopbackDevice) {
+TEST_F(EngineConfigTest, LoopbackFaultsRequireTheLoopbackDevice) {
     for (const ConfigKey& key : config_keys()) {
         if (key.section != "test" || key.key == "loopback_device") continue;
         EXPECT_EQ(load(smallest_file + "[test]\n" + std::string(key.key) + "=1"),
@@ -128,7 +127,7 @@ TEST_F(EngineConfigTest, MissingFileAndDirectoryCannotBeOpened) {
     }
 }
 
-TEST_F(EngineConfigTest, NamesTheFirstMalformedLine) {
+TEST_F(EngineConfigTest, ReportsTheFirstMalformedLine) {
     const std::pair<std::string, std::string> cases[] = {
         {"a=1\n\n; c\n\n[]\n", "Invalid section header at line 5"},
         {"a=1\n[network] ; x\n", "Invalid section header at line 2"},
@@ -166,7 +165,7 @@ TEST(ParseIni, StoresTrimmedLowerCaseNamesAndValuesWithoutComments) {
     EXPECT_EQ(sections, expected);
 }
 
-/// The number, or nothing; a text that is refused leaves the value alone.
+/// The parsed number, or nothing; expects that a failure leaves the value unchanged.
 template <typename Value>
 std::optional<Value> parsed(bool (*parse)(std::string_view, Value&), std::string_view text) {
     Value value = 77;
@@ -175,7 +174,7 @@ std::optional<Value> parsed(bool (*parse)(std::string_view, Value&), std::string
     return {};
 }
 
-TEST(Numbers, FollowThePrefixAndRangeRulesOf32BitsOnEverySystem) {
+TEST(Numbers, PrefixesAndRangesAreTheSameOnEverySystem) {
     const std::pair<const char*, std::int32_t> good[] = {
         {"0x10", 16}, {"-0X1f", -31}, {"010", 8}, {" +7\t", 7}, {"-2147483648", INT32_MIN}};
     for (const auto& [text, value] : good)
@@ -193,7 +192,7 @@ TEST(Numbers, FollowThePrefixAndRangeRulesOf32BitsOnEverySystem) {
 
 using Cells = std::vector<std::string>;
 
-/// Rows of the document's tables by the heading above, without heads and rules.
+/// Rows of the document's tables by section heading, without table headers.
 std::map<std::string, std::vector<Cells>> tables_of_document() {
     std::map<std::string, std::vector<Cells>> tables;
     std::ifstream file(TAVISTRO_DOCS "/configuration.md");
@@ -224,7 +223,7 @@ using Settings = std::map<std::string, std::string>;  // "[section] key" to valu
 constexpr const char* absent = "(absent)";
 constexpr const char* loopback = "[test] loopback_device";
 
-/// The error of a file with these settings and the required keys.
+/// The error for a file with these settings and the required keys.
 std::string error_of(Settings settings) {
     settings.merge(Settings{{"[network] server_ip", "auto"},
                             {"[network] server_port", "1"},
@@ -247,7 +246,7 @@ std::string name_of(const ConfigKey& key) {
     return std::string("[").append(key.section).append("] ").append(key.key);
 }
 
-TEST(ConfigurationDocument, TellsTypeDefaultAndRangeOfEveryKeyAndOfNoOther) {
+TEST(ConfigurationDocument, ListsTypeDefaultAndRangeOfExactlyTheKnownKeys) {
     std::map<std::string, Cells> rows;
     for (const auto& [heading, table] : tables_of_document()) {
         if (!heading.starts_with('[')) continue;
@@ -268,19 +267,19 @@ TEST(ConfigurationDocument, TellsTypeDefaultAndRangeOfEveryKeyAndOfNoOther) {
         EXPECT_EQ(row[3], key.allowed.empty() ? "any" : key.allowed) << name;
         if (row[1] == "text") continue;
 
-        // Every later key is bad as well.
+        // All later keys are invalid as well.
         const bool is_list = row[1] == "integer list";
         settings[name] = "x y";
         EXPECT_EQ(error_of(settings),
                   is_list ? "Invalid integer list for " + name + ": Invalid integer list item: x y"
                           : "Invalid " + row[1] + " value for " + name);
-        // A bad size is found before the keys that are read after it.
+        // An invalid size is found before the keys that are read later.
         if (key.key == "udp_payload_bytes") settings[name] = "51";
         EXPECT_TRUE(error_of(settings).ends_with(name) || is_list) << error_of(settings);
     }
 }
 
-TEST(ConfigurationDocument, EndsOfEveryRangeAreAllowedAndNothingBeyond) {
+TEST(ConfigurationDocument, RangeLimitsAreInclusive) {
     int ranges = 0;
     for (const ConfigKey& key : config_keys()) {
         std::smatch range;
@@ -288,7 +287,7 @@ TEST(ConfigurationDocument, EndsOfEveryRangeAreAllowedAndNothingBeyond) {
         if (!std::regex_search(allowed, range, std::regex(R"((-?\d+)\.\.(\d+))"))) continue;
         ++ranges;
         Settings settings;
-        // A count or a duration needs the time or number of its repetition.
+        // A count or duration needs its "every" or "after" key.
         for (const ConfigKey& other : config_keys())
             if (key.section == "test" &&
                 std::regex_search(name_of(other), std::regex("_every|_after")))
@@ -304,7 +303,7 @@ TEST(ConfigurationDocument, EndsOfEveryRangeAreAllowedAndNothingBeyond) {
     EXPECT_EQ(ranges, 15);
 }
 
-/// What a row of the error lines is given by.
+/// The example settings in a row of the error lines.
 Settings settings_of(const Cells& row) {
     Settings settings;
     for (const std::string& given : code_of(row[1])) {
@@ -315,7 +314,7 @@ Settings settings_of(const Cells& row) {
     return settings;
 }
 
-TEST(ConfigurationDocument, ErrorLinesComeFromTheirExamplesAndInTheirOrder) {
+TEST(ConfigurationDocument, ExamplesGiveTheListedErrorsInTheListedOrder) {
     const std::vector<Cells> rows = tables_of_document()["Error lines"];
     for (auto row = rows.begin(); row != rows.end(); ++row) {
         const std::string error = code_of((*row)[0]).front();
@@ -323,7 +322,7 @@ TEST(ConfigurationDocument, ErrorLinesComeFromTheirExamplesAndInTheirOrder) {
         EXPECT_EQ(error_of(settings), error) << (*row)[1];
         for (const Cells& later : std::span(row + 1, rows.end())) {
             Settings both = settings, common = settings_of(later);
-            // The device in use decides which rules there are.
+            // Other rules apply to the other device.
             if (both.contains(loopback) != common.contains(loopback)) continue;
             both.merge(common);
             const bool contradict = !std::ranges::includes(both, common);
