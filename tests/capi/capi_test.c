@@ -1,5 +1,5 @@
-/* The public headers from C, by a host that makes mistakes. Ends with 0 when all is well, else
- * names the lines that were not. */
+/* The public C interface, used by a host that makes errors. Prints failed checks; exits with 0 if
+ * all pass. */
 #include <stdio.h>
 #include <string.h>
 
@@ -9,7 +9,7 @@
 static int failures = 0;
 
 #define CHECK(condition) \
-    if (!(condition)) failures += printf("%s:%d: not as it should be\n", __FILE__, __LINE__)
+    if (!(condition)) failures += printf("%s:%d: failed: %s\n", __FILE__, __LINE__, #condition)
 
 static tavistro_engine_state state_of(tavistro_engine* engine) {
     tavistro_engine_state state;
@@ -37,7 +37,7 @@ static void check_refusals(tavistro_engine* engine) {
     CHECK(state.state == TAVISTRO_STATE_IDLE && state.error_code == TAVISTRO_ERROR_NO_CONFIG_PATH);
     CHECK(state.error_detail == 1 && state.status_level == 4 && state.status_message == 1);
 
-    /* A run that has ended by itself is held until it is stopped. */
+    /* A run that has ended by itself must be stopped before the next start. */
     CHECK(tavistro_engine_start_from_config(engine, "no/such/file.ini") == 1);
     while (state_of(engine).state != TAVISTRO_STATE_FAILED)
         continue;

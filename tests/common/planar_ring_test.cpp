@@ -1,4 +1,4 @@
-// Rings of planar frames against a plain reference, bit for bit, at every level of instructions.
+// Planar rings against a plain reference, bit-exact, at every SIMD level.
 #include "common/planar_ring.h"
 
 #include <gtest/gtest.h>
@@ -32,14 +32,14 @@ std::vector<float> interpolated(const Rows& rows, const RingRead& read, std::siz
     return block;
 }
 
-/// Equal to the bit: -0.0 is not 0.0.
+/// Bit-exact: -0.0 differs from 0.0.
 bool same(const std::vector<float>& a, const std::vector<float>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), 4 * a.size()) == 0;
 }
 
 using PlanarRings = AtSimdLevel;
 
-TEST_P(PlanarRings, HoldAndBlendAsTheReferenceDoes) {
+TEST_P(PlanarRings, StoreAndInterpolateLikeTheReference) {
     std::mt19937 random(1);
     const auto below = [&](std::size_t limit) { return random() % limit; };
     std::uniform_real_distribution<float> level(-1.0F, 1.0F);
@@ -77,7 +77,7 @@ TEST_P(PlanarRings, HoldAndBlendAsTheReferenceDoes) {
         ASSERT_TRUE(same(block, interpolated(rows, read, frames))) << "round " << round;
     }
     const volatile float denormal = 1e-40F;
-    EXPECT_NE(denormal * 1.0F, 0.0F) << "the caller's arithmetic has changed";
+    EXPECT_NE(denormal * 1.0F, 0.0F) << "denormals are flushed to zero";
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, PlanarRings, simd_levels, simd_level_name);

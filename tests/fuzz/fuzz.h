@@ -1,5 +1,5 @@
-// What the fuzz targets share: a check that ends the program in every build, and the fuzzer's bytes
-// as a stream of small values.
+// Shared by the fuzz targets: a check that aborts in every build, and the fuzzer's bytes as a
+// stream of values.
 #pragma once
 
 #include <algorithm>
@@ -17,11 +17,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace tavistro::fuzz {
 
 [[noreturn]] inline void fail(const char* condition, const char* file, int line) {
-    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, condition);
+    std::fprintf(stderr, "%s:%d: failed: %s\n", file, line, condition);
     std::abort();
 }
 
-/// Reads on as zeros after its end, so that every input is a valid one.
+/// Returns zeros after its end, so that every input is valid.
 class Input {
   public:
     Input(const std::uint8_t* data, std::size_t size) : rest_(data, size) {}
@@ -34,12 +34,12 @@ class Input {
             value |= std::uint64_t{rest_.front()} << (8 * i);
         return static_cast<T>(value);
     }
-    /// 0..limit - 1; of one byte where that is enough.
+    /// Returns 0..limit - 1; takes one byte if that suffices.
     std::uint16_t below(std::uint32_t limit) {
         return static_cast<std::uint16_t>((limit <= 256 ? take() : take<std::uint16_t>()) % limit);
     }
     bool one_in(std::uint32_t chances) { return below(chances) == 1; }
-    /// Samples of every kind, infinite ones and NaNs included, that follow from one byte.
+    /// Takes one byte and derives samples of all kinds, including infinities and NaN.
     std::vector<float> samples(std::size_t count) {
         std::uint32_t bits = take() * 0x9E3779B1U;
         std::vector<float> result(count);

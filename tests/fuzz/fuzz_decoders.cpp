@@ -1,6 +1,6 @@
-// Every decoder on the same bytes: as they came, behind a header that is made to fit, and in sound
-// messages before and after one byte of them changes. Whatever decodes encodes to the same bytes
-// again, those apart that no decoder reads; fragments of audio go on into the reassembly.
+// Passes the input to every decoder: unchanged, with a valid header, and as values of valid
+// messages before and after one byte changes. A decoded message must encode to the same bytes,
+// except those that no decoder reads. Audio fragments also go to the reassembly.
 #include <initializer_list>
 #include <utility>
 
@@ -22,7 +22,7 @@ bool same_without(Ranges unread, Bytes bytes, const Datagram& encoded) {
     return encoded == expected;
 }
 
-tavistro::Reassembly reassembly;  // of the fragments of one input that belong to 4 channels
+tavistro::Reassembly reassembly;  // for the 4-channel fragments of one input
 
 bool check_audio(Bytes bytes) {
     const auto decoded = decode_audio(bytes);
@@ -36,7 +36,7 @@ bool check_audio(Bytes bytes) {
     return true;
 }
 
-/// How many decoders take the bytes.
+/// Returns the number of decoders that accept the bytes.
 int check(Bytes bytes) {
     int taken = 0;
     const auto header = decode_header(bytes);

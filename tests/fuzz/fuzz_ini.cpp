@@ -1,4 +1,4 @@
-// Configuration text through the loader. What was read is written out and read again.
+// Loads configuration text. A loaded configuration must be the same after writing and reloading it.
 #include <sstream>
 #include <string>
 
@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     EngineConfig config;
     config.audio.driver_name = "untouched";
     const std::string before = all_values(config);
-    std::string error = "emptied first";
+    std::string error = "must be cleared";
     std::istringstream input(text);
     const bool loaded = read_engine_config(input, config, error);
     REQUIRE(loaded == error.empty());

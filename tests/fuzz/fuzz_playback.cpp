@@ -1,5 +1,5 @@
-// A playback buffer beside a plain model of it, one deque of frames on one thread: the same
-// samples, the same counters, the same speed, the same fill, after every step.
+// Compares the playback buffer with a plain model (a deque of frames, one thread) after every step:
+// samples, counters, read ratio and fill level.
 #include <array>
 #include <deque>
 
@@ -53,7 +53,7 @@ struct Model {
         if (fits) note_fill();
         return fits && room;
     }
-    /// Whether this period has something to play.
+    /// Returns true if this period has something to play.
     bool begin_period(double speed) {
         if (!playing && held.size() < blocks(shape.prebuffer_blocks)) return false;
         playing = true;
@@ -106,7 +106,7 @@ class Rig {
         if (what == 1) return take_fill_statistics();
         if (what < 8) return push();
         if (what < 14) return play();
-        // Mostly about as many frames as the device has played since.
+        // Mostly close to the frames that the device has played since.
         server_frames_ += in_.one_in(16) ? in_.take<std::uint64_t>() : 90U + in_.below(20);
         buffer_.drift().on_sync(server_frames_);
         buffer_.drift().update_drift();
@@ -126,7 +126,7 @@ class Rig {
         model_.fill = {current, current, current};
     }
     void push() {
-        const std::uint16_t oddity = in_.below(64);  // mostly none
+        const std::uint16_t oddity = in_.below(64);  // mostly a valid block
         const auto frames = static_cast<std::uint16_t>(model_.blocks(1) + (oddity == 1));
         const auto channels = static_cast<std::uint16_t>(model_.shape.channels + (oddity == 2));
         const auto samples = in_.samples(std::size_t{frames} * channels + (oddity == 3));

@@ -1,5 +1,5 @@
-// usage: TARGET_replay MUTATIONS FOLDER: a fuzz target without a fuzzer. Runs some noise and every
-// input of the folder, if there is one, then so many mutations of them, always the same ones.
+// usage: TARGET_replay MUTATIONS FOLDER: runs a fuzz target without a fuzzer, on noise, on every
+// input in the folder, if it exists, and on that number of mutations of both. Deterministic.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,7 +14,7 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 void run(Bytes bytes) {
-    bytes.shrink_to_fit();  // for a read beyond the end to be seen
+    bytes.shrink_to_fit();  // so that sanitizers detect a read beyond the end
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
