@@ -1,5 +1,5 @@
-// The test driver from a test's side: loaded from the driver folder beside the test program, where
-// the engine finds it too, registered, and at its defaults.
+// Controls the test driver: loads it from the driver folder beside the test program, where the
+// engine also finds it, registers it and restores its defaults.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,11 +8,11 @@
 
 namespace tavistro::test {
 
-/// The module's controls; null when it cannot be loaded. It stays loaded, and so keeps what it was
-/// told between two runs of an engine.
+/// The module's controls; null if it cannot be loaded. The module stays loaded and keeps its
+/// settings between two runs of an engine.
 const tavistro_test_driver_controls* load_test_driver();
 
-/// Makes the driver behave for as long as one test lives.
+/// Sets the driver's behaviour for one test.
 class DriverRemote {
   public:
     DriverRemote() { controls_.restore(); }
@@ -22,7 +22,7 @@ class DriverRemote {
 
     void set(const char* option, const char* value) { EXPECT_TRUE(controls_.set(option, value)); }
     void fire(const char* command) { EXPECT_TRUE(controls_.fire(command)); }
-    /// -1 for one that the driver does not know.
+    /// -1 for an unknown counter.
     auto count(const char* counter) const { return controls_.count(counter); }
 
   private:

@@ -1,5 +1,4 @@
-// Whole engines on a driver: when it asks, hangs, vanishes or takes its time, the engine says so
-// and does what can be done.
+// Complete engines with a driver that requests resets, stalls, vanishes or is slow.
 
 #include <gtest/gtest.h>
 
@@ -17,8 +16,8 @@ namespace {
 constexpr const char* on_test_driver =
     "loopback_device = 0\n[asio]\ndriver_name = Tavistro Test Driver\n";
 
-/// Like eventually(), but time passes about ten times as fast for engine and server. The driver's
-/// clock is its own.
+/// Like eventually(), but time passes about ten times as fast for engine and server. The driver
+/// uses real time.
 bool soon(const std::function<bool()>& condition) {
     int polls = 0;  // of about 2 ms each
     return eventually([&] {
@@ -36,13 +35,13 @@ Happening last_event(const Engine& engine) {
     return {last.kind, last.subject, last.attempt, last.error_code, last.message};
 }
 
-TEST(Driver, EveryRequestAndAStallBringTheAudioBack) {
+TEST(Driver, RecoversFromResetResyncRateChangeAndStall) {
     for (const char* command : {"reset", "resync", "rate_changed", "stall"}) {
         SCOPED_TRACE(command);
         DriverRemote driver;
         Rig rig(with_tune, on_test_driver);
         ASSERT_TRUE(rig.plays());
-        driver.set("rate", "44100");  // for a changed rate
+        driver.set("rate", "44100");  // for rate_changed
         driver.fire(command);
         ASSERT_TRUE(soon([&] { return rig.engine.state().next_event_sequence == 4; }));
         EXPECT_EQ(last_event(rig.engine),
@@ -56,7 +55,7 @@ TEST(Driver, EveryRequestAndAStallBringTheAudioBack) {
     }
 }
 
-TEST(Driver, ADriverThatVanishesEndsTheRunAfterThreeRecoveries) {
+TEST(Driver, VanishedDriverEndsTheRunAfterThreeRecoveryAttempts) {
     DriverRemote driver;
     Rig rig({}, on_test_driver);
     ASSERT_TRUE(rig.plays());
@@ -70,7 +69,7 @@ TEST(Driver, ADriverThatVanishesEndsTheRunAfterThreeRecoveries) {
     EXPECT_EQ(driver.count("objects"), 0);
 }
 
-TEST(Driver, AStopWaitsForADriverThatIsLongInInit) {
+TEST(Driver, StopWaitsForASlowDriverInit) {
     DriverRemote driver;
     driver.set("init_delay_ms", "300");
     Rig rig({}, on_test_driver);

@@ -1,4 +1,4 @@
-// A JACK server without hardware, 48000 Hz and at first 128 frames, with 2 physical ports each way.
+// A JACK server without hardware: 48000 Hz, initially 128 frames, 2 physical inputs and 2 outputs.
 #pragma once
 
 #include <fcntl.h>
@@ -17,14 +17,14 @@
 
 namespace tavistro::test {
 
-/// A client of the test's own. Only while no other client of the process belongs to a dead server:
-/// libjack would close that one.
+/// Opens a client for the test. Not while another client of the process has a dead server: libjack
+/// would close that client.
 inline auto open_jack_client() {
     return std::unique_ptr<jack_client_t, int (*)(jack_client_t*)>(
         jack_client_open("test", JackNoStartServer, nullptr), jack_client_close);
 }
 
-/// The server of this process, under a name of its own that libjack finds in the environment.
+/// The server of this process, with a unique name that libjack reads from the environment.
 class JackServer {
   public:
     JackServer() {
@@ -36,13 +36,13 @@ class JackServer {
     }
     JackServer(const JackServer&) = delete;
     JackServer& operator=(const JackServer&) = delete;
-    /// A dead server keeps its place among the eight that a machine may have, until one of the same
-    /// name has ended in peace.
+    /// A killed server still counts towards the limit of eight servers per machine, until a server
+    /// of the same name has ended normally.
     ~JackServer() {
         if (process_ == 0) run();
         end(SIGTERM);
     }
-    /// SIGKILL: as a crash would end it.
+    /// SIGKILL simulates a crash.
     void end(int signal) {
         ::kill(process_, signal);
         waitpid(process_, nullptr, 0);
@@ -50,8 +50,8 @@ class JackServer {
     }
 
   private:
-    // Synchronous, and patient with its clients: one that a loaded machine holds up is late, but
-    // misses nothing.
+    // Synchronous with a long client timeout: on a machine under load a client is late but loses no
+    // frames.
     void run() {
         process_ = fork();
         if (process_ == 0) {

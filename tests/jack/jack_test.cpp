@@ -1,4 +1,4 @@
-// The driver as any host sees it, its output cabled to its input, and under a whole engine.
+// The driver in a minimal host, with its output connected to its input, and in a complete engine.
 
 #include <gtest/gtest.h>
 
@@ -18,12 +18,12 @@ namespace {
 constexpr std::int32_t period = 128;
 constexpr std::int32_t far_channel = 17;  // beyond the server's physical ports
 
-// The host's end of the callbacks, which carry no context: sends 1, 2, 3, ... to its far output and
-// counts what comes back a period later, that of the cable and none of the driver's.
+// The host's callbacks, which have no context. Sends 1, 2, 3, ... to the far output and expects
+// them one period later: the connection adds one period, the driver none.
 struct Host {
     static inline AsioBufferInfo channels[4];
     static inline std::int32_t last_half;
-    static inline float sent = 0;  // exact for some five minutes
+    static inline float sent = 0;  // exact for about five minutes
     static inline std::atomic<int> frames_in_order, periods, resets, overloads, unordered_halves;
     static inline std::atomic<bool> held_up, inside;
 
@@ -37,7 +37,7 @@ struct Host {
         last_half = 1;
     }
     static void buffer_switch(std::int32_t half, std::int32_t) {
-        // From here to the end of the thread, so that it guards the driver's own part as well.
+        // Until the end of the thread, so that it also guards the driver's code.
         static thread_local const RealtimeScope scope;
         if (half == last_half) ++unordered_halves;
         last_half = half;
@@ -75,7 +75,7 @@ std::string error_message(AsioDriver& driver) {
     return text.data();
 }
 
-TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
+TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
     JackServer server;
     AsioDriver* driver = jack::create_jack_driver();
     ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
@@ -90,7 +90,7 @@ TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
     ASSERT_EQ(create(period), kAsioOk);
     std::int32_t input_latency = 0, output_latency = 0;
     EXPECT_EQ(driver->getLatencies(&input_latency, &output_latency), kAsioOk);
-    EXPECT_EQ(input_latency, 128) << "the server's own";
+    EXPECT_EQ(input_latency, 128) << "latency of the server";
     ASSERT_EQ(driver->start(), kAsioOk);
     const auto client = open_jack_client();
     const auto connected = [&](const char* port, const char* other) {
@@ -124,7 +124,7 @@ TEST(JackDriver, CarriesEverySampleBothWaysWithinOnePeriod) {
     EXPECT_EQ(realtime_violations().total(), 0U);
 }
 
-TEST(JackDriver, LetsGoOfADeadServerAndSaysWhenThereIsNone) {
+TEST(JackDriver, ReleasesADeadServerAndReportsAMissingOne) {
     JackServer server;
     Host::open_channels();
     AsioDriver* driver = jack::create_jack_driver();
@@ -133,10 +133,10 @@ TEST(JackDriver, LetsGoOfADeadServerAndSaysWhenThereIsNone) {
     ASSERT_EQ(driver->start(), kAsioOk);
     Host::held_up = true;
     ASSERT_TRUE(eventually([] { return Host::inside.load(); }));
-    server.end(SIGKILL);  // libjack cancels its thread, which should leave the host first
+    server.end(SIGKILL);  // libjack cancels its thread, which must leave the callback first
     EXPECT_TRUE(eventually([] { return Host::resets > 0; }));
     EXPECT_EQ(driver->stop(), kAsioOk);
-    EXPECT_FALSE(Host::held_up) << "cancelled inside the host";
+    EXPECT_FALSE(Host::held_up) << "cancelled in the callback";
     EXPECT_EQ(driver->start(), kAsioHardwareFault);
     EXPECT_EQ(driver->Release(), 0U) << "with buffers";
 
@@ -146,7 +146,7 @@ TEST(JackDriver, LetsGoOfADeadServerAndSaysWhenThereIsNone) {
     EXPECT_EQ(orphan->Release(), 0U);
 }
 
-TEST(JackEngine, PlaysItsTuneThroughACable) {
+TEST(JackEngine, PlaysThroughAJackConnection) {
     JackServer jack;
     Rig rig{with_tune, "loopback_device = 0\n[asio]\ndriver_name = JACK\n"};
     ASSERT_TRUE(eventually([&] { return rig.engine.runs_at(48000, 128); }));

@@ -1,6 +1,5 @@
-// Networks that lose, repeat, overtake and hold up, and lines that go dead. The loopback device
-// sends back what it plays, so the server hears what a listener would: silence amid the tune is a
-// gap.
+// Packet loss, duplicates, reordering, jitter and outages. The loopback device returns the audio
+// that it plays, so the server can detect gaps: silence within the tune.
 
 #include <gtest/gtest.h>
 
@@ -21,7 +20,7 @@ using server::FaultOptions;
 
 constexpr std::uint32_t block_us = 2667;  // of the server's default format
 
-/// An engine that plays a server's tune over a line of these faults.
+/// An engine that plays a server's tune over a network with these faults.
 class Line : public Rig {
   public:
     explicit Line(const FaultOptions& faults, std::uint32_t latency_blocks = 12)
@@ -30,7 +29,7 @@ class Line : public Rig {
         EXPECT_TRUE(eventually([&] { return engine.runs() && input_blocks(server) > 0; }));
         EXPECT_TRUE(reader_.open(config.client_id()));
     }
-    /// The engine's numbers from after the call: its second report from now.
+    /// The engine's statistics from its second report after the call.
     tavistro_stats_block numbers() {
         for (int report = 0; report < 2; ++report) {
             const auto before = reader_.read()->rendered_frames;
@@ -61,14 +60,14 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
     EXPECT_EQ(numbers.clock_synced, 1U);
     const std::uint64_t harmed = seen.blocks_lost + seen.blocks_held_back + seen.blocks_skipped;
     EXPECT_LE(seen.input.gaps, harmed + numbers.underruns);
-    EXPECT_TRUE(seen.input.gaps > 0 || harmed < 20) << "nobody listens";
+    EXPECT_TRUE(seen.input.gaps > 0 || harmed < 20) << "the server detects no gaps";
     if (condition.buffer_suffices) {
-        // A machine under load misses some by itself, but not for ever.
+        // A machine under load has underruns of its own, but not forever.
         EXPECT_TRUE(eventually([&, before = numbers]() mutable {
             const auto earlier = std::exchange(before, line.numbers());
             return before.underruns == earlier.underruns &&
                    before.playback_dropped - earlier.playback_dropped < 100;
-        })) << "never a second without an underrun, or more is queued than is sent";
+        })) << "no second without an underrun, or more blocks are queued than sent";
     } else {
         EXPECT_GT(numbers.underruns, 0U);
     }
@@ -76,9 +75,9 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
         EXPECT_TRUE(eventually([&] {
             const tavistro_stats_block now = line.numbers();
             return now.server_to_output_last_us > now.queue_latency_last_us + 5000;
-        })) << "a block is timed by its arrival, not by the server's clock";
+        })) << "server to output is measured from the arrival, not from the server time";
     }
-    // A full buffer, and what the line adds to the way and to the estimate of the server's clock.
+    // A full buffer, and the jitter's effect on the transit and on the server clock estimate.
     const std::uint32_t most_delay_us =
         (std::max(condition.latency_blocks + 4, 6U) + 2) * block_us +
         2000 * condition.faults.jitter_ms + 20'000;
@@ -88,14 +87,14 @@ void expect_heard_no_more_often_than_it_does_harm(const Condition& condition) {
     EXPECT_EQ(line.engine.state().error_code, 0U);
 }
 
-/// Each condition has an engine and a server of its own; all run side by side.
+/// Each condition has its own engine and server; all run in parallel.
 void expect_all_heard(const std::vector<Condition>& conditions) {
     std::vector<std::jthread> lines;
     for (const Condition& condition : conditions)
         lines.emplace_back([&] { expect_heard_no_more_often_than_it_does_harm(condition); });
 }
 
-TEST(Network, LostRepeatedAndOvertakenBlocksAreHeardNoMoreOftenThanTheyDoHarm) {
+TEST(Network, LostDuplicatedAndReorderedBlocksCauseNoExtraGaps) {
     expect_all_heard(
         {{"OneInFive", {.drop_percent = 20}},
          {"Bursts", {.burst_every_ms = 200, .burst_length_blocks = 5}},
@@ -104,13 +103,13 @@ TEST(Network, LostRepeatedAndOvertakenBlocksAreHeardNoMoreOftenThanTheyDoHarm) {
           {.drop_percent = 5, .duplicate_percent = 20, .reorder_percent = 10, .jitter_ms = 3}}});
 }
 
-TEST(Network, JitterIsHeardWhereTheBufferDoesNotSuffice) {
+TEST(Network, JitterCausesUnderrunsOnlyBeyondTheBufferDepth) {
     expect_all_heard({{"Within", {.jitter_ms = 50}, 24}, {"Beyond", {.jitter_ms = 50}, 6, false}});
 }
 
-TEST(NetworkCut, IsReportedWhileItLastsAndHealsWithoutTheHost) {
+TEST(NetworkCut, IsReportedAndAudioResumesWithoutTheHost) {
     for (const bool server_restarts : {false, true}) {
-        SCOPED_TRACE(server_restarts ? "the server restarts" : "the line goes dead");
+        SCOPED_TRACE(server_restarts ? "server restart" : "outage");
         Line line({});
         ASSERT_TRUE(line.sounds(2));
         if (server_restarts) line.server.stop();
@@ -119,11 +118,11 @@ TEST(NetworkCut, IsReportedWhileItLastsAndHealsWithoutTheHost) {
             advance_clock_ms(20);
             return line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST);
         }));
-        EXPECT_TRUE(line.engine.runs()) << "silence is no failure";
+        EXPECT_TRUE(line.engine.runs()) << "sync loss must not end the run";
         line.server.set_faults({});
-        ASSERT_EQ(line.server.start(), "");  // one that runs goes on
-        EXPECT_TRUE(line.sounds(2)) << "no audio came back";
-        // What a machine under load drops meanwhile may be shown instead of "running normally".
+        ASSERT_EQ(line.server.start(), "");  // no effect on a running server
+        EXPECT_TRUE(line.sounds(2)) << "audio did not resume";
+        // A machine under load may show drops instead of "running normally".
         EXPECT_TRUE(eventually([&] { return !line.engine.shows(TAVISTRO_MESSAGE_SYNC_LOST); }));
         EXPECT_EQ(line.engine.state().event_count, 0U);
     }

@@ -10,8 +10,8 @@
 namespace tavistro::test {
 namespace {
 
-// Ids are not shared between test programs that run at the same time: the statistics block has the
-// id in its name.
+// Test programs that run in parallel use different ids, since the name of the statistics block
+// contains the id.
 std::uint32_t next_client_id() {
     static std::atomic<std::uint32_t> id{1 + std::random_device{}() % 1'000'000'000};
     return id++;

@@ -1,4 +1,4 @@
-// An engine, a reference server and a configuration file, and what a test asks of them.
+// An engine, a reference server and a configuration file, with helpers for tests.
 #pragma once
 
 #include <filesystem>
@@ -10,13 +10,13 @@
 
 namespace tavistro::test {
 
-/// `count` numbers from `first` on, as a setting has them.
+/// `count` channel numbers from `first` on, as a list in the configuration.
 std::string channel_list(std::size_t first, std::size_t count);
 
-/// A configuration file for as long as the object lives.
+/// A configuration file that is removed with the object.
 class ConfigFile {
   public:
-    /// Loopback device, server at 127.0.0.1:`port`; `more` is appended as it stands.
+    /// Loopback device, server at 127.0.0.1:`port`; appends `more` unchanged.
     explicit ConfigFile(std::uint16_t port, const std::string& more = {});
     ConfigFile(const ConfigFile&) = delete;
     ConfigFile& operator=(const ConfigFile&) = delete;
@@ -30,7 +30,7 @@ class ConfigFile {
     std::string path_;
 };
 
-/// One engine with shorthands for what its record shows.
+/// An engine with shorthands for its state record.
 struct Engine : EngineRuntime {
     bool start(const ConfigFile& config) { return EngineRuntime::start(config.path()); }
     tavistro_engine_state state() const { return snapshot_state(); }
@@ -44,19 +44,19 @@ struct Engine : EngineRuntime {
     bool shows(std::uint32_t message) const { return state().status_message == message; }
 };
 
-/// Blocks of captured input that have arrived at the server in time so far.
+/// Number of blocks of captured input that the server has received in time.
 std::uint64_t input_blocks(const server::ReferenceServer& server);
-/// Waits until `count` more of them have.
+/// Waits for `count` more of them.
 bool input_flows(const server::ReferenceServer& server, std::uint64_t count = 50);
 
-/// An engine that has been started, and the server that it finds.
+/// A started engine and its server.
 struct Rig {
-    /// The server's port is one of the system's choice; the settings are those of a ConfigFile.
+    /// The system chooses the server's port. `settings` are appended to the ConfigFile.
     explicit Rig(server::ServerOptions options = {}, const std::string& settings = {});
 
-    /// Waits until the engine runs and is heard.
+    /// Waits until the engine runs and the server receives its input.
     bool plays() const;
-    /// Waits until a channel of the server's mix is not silent, from now on.
+    /// Waits for a sound on a channel of the server's mix, from the call on.
     bool sounds(std::size_t channel);
 
     server::ReferenceServer server;

@@ -1,4 +1,4 @@
-// The main road: audio from the server to the device and back, whatever its format.
+// Audio from the server to the device and back, in several formats.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 namespace tavistro::test {
 namespace {
 
-// Channels in between are silent, and would be heard as such in the place of the first or last.
+// Channels in between are silent, so swapped channels are detected.
 void expect_to_come_back_as_sent(std::uint32_t channels, const server::StreamFormat& format) {
     const std::uint32_t last = channels - 1;
     Rig rig({.format = format,
@@ -18,7 +18,7 @@ void expect_to_come_back_as_sent(std::uint32_t channels, const server::StreamFor
             "[tavistro]\ndriver_outputs = " + channel_list(0, channels) +
                 "\ndriver_inputs = " + channel_list(channels, channels) + "\n[asio]\ninput_map = " +
                 channel_list(0, channels) + "\noutput_map = " + channel_list(0, channels) + "\n");
-    // A machine under load plays with gaps; what counts here is that it is the same tune.
+    // A machine under load plays with gaps; only the tune must be the same.
     ASSERT_TRUE(eventually([&] {
         return std::ranges::all_of(rig.server.snapshot().measures, [](const auto& measure) {
             return measure.report.correlation_max > 0.95;
@@ -34,15 +34,15 @@ void expect_to_come_back_as_sent(std::uint32_t channels, const server::StreamFor
     rig.engine.stop();
     EXPECT_TRUE(rig.engine.in_state(TAVISTRO_STATE_STOPPED));
     EXPECT_TRUE(eventually([&] { return rig.server.snapshot().clients.empty(); }))
-        << "the client did not take its leave";
+        << "no leave message";
 }
 
-// Blocks of 10.7 ms, so that the pauses of a machine under load fit into the buffer. Many channels
-// are slow ones: a datagram costs far more under Wine than it does on a real system.
-TEST(Stream, OfTwoChannelsComesBackAsItWasSent) {
+// Blocks of 10.7 ms: the buffer covers the pauses of a machine under load. Many channels have a low
+// rate: under Wine a datagram costs far more than on Windows.
+TEST(Stream, TwoChannelsComeBackUnchanged) {
     expect_to_come_back_as_sent(2, {48000, 512});
 }
-TEST(Stream, OfSixteenChannelsComesBackAsItWasSent) {
+TEST(Stream, SixteenChannelsComeBackUnchanged) {
     expect_to_come_back_as_sent(16, {12000, 128});
 }
 

@@ -1,5 +1,4 @@
-// Servers that change everything at once, devices that are lost: the engine
-// follows, or says so and goes on.
+// Format changes, clock jumps, lost devices and restarts.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +12,7 @@
 namespace tavistro::test {
 namespace {
 
-TEST(Trouble, FormatsThatChangeTwentyTimesASecondAreFollowedToTheLast) {
+TEST(Trouble, TwentyFormatChangesPerSecondAreFollowed) {
     Rig rig;
     ASSERT_TRUE(rig.plays());
     for (int i = 0; i < 40; ++i) {
@@ -33,7 +32,7 @@ TEST(Trouble, FormatsThatChangeTwentyTimesASecondAreFollowedToTheLast) {
     EXPECT_EQ(rig.engine.state().error_code, 0U);
 }
 
-TEST(Trouble, ClocksThatJumpAnHourAndThirteenThousandBlocksASecondCostNoSession) {
+TEST(Trouble, ClockJumpsAndThirteenThousandBlocksPerSecondKeepTheSession) {
     Rig rig({.first_sequence = 0xFFFFFF00});
     ASSERT_TRUE(rig.plays());
     for (const std::int64_t ms : {3'600'000, -3'600'000, 0}) {
@@ -47,18 +46,18 @@ TEST(Trouble, ClocksThatJumpAnHourAndThirteenThousandBlocksASecondCostNoSession)
     ASSERT_TRUE(rig.server.change_format(48000, 128));
     EXPECT_TRUE(eventually([&] { return rig.engine.runs_at(48000, 128); }));
     EXPECT_TRUE(input_flows(rig.server));
-    EXPECT_LT(rig.server.snapshot().next_sequence, 0x80000000) << "the numbers have wrapped";
+    EXPECT_LT(rig.server.snapshot().next_sequence, 0x80000000) << "the sequence must wrap";
     EXPECT_EQ(rig.engine.state().error_code, 0U);
 }
 
-TEST(Trouble, ALostLoopbackDeviceIsReportedWhileAudioGoesOn) {
+TEST(Trouble, LostLoopbackDeviceIsReportedWhileAudioContinues) {
     Rig rig({},
             "loopback_device_lost_after_ms = 1\n"
             "loopback_device_lost_duration_ms = 2500\n");
     EXPECT_TRUE(
         eventually([&] { return rig.engine.shows(TAVISTRO_MESSAGE_DEVICE_RESET_REQUESTED); }));
     EXPECT_TRUE(rig.engine.runs());
-    EXPECT_EQ(rig.engine.state().event_count, 0U) << "there is no device to recover";
+    EXPECT_EQ(rig.engine.state().event_count, 0U) << "the loopback device is not recovered";
     EXPECT_TRUE(input_flows(rig.server));
     EXPECT_TRUE(eventually([&] {
         advance_clock_ms(20);
@@ -71,11 +70,11 @@ std::size_t entries(const char* folder) {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-TEST(Trouble, StartsAndStopsLeaveNothingBehind) {
+TEST(Trouble, RepeatedStartsLeakNoThreadsAndNoDescriptors) {
     Rig rig;
     ASSERT_TRUE(rig.plays());
     rig.engine.stop();
-    // A system may keep what the first run has made it open.
+    // The system may keep resources that the first run has opened.
     const std::size_t threads = entries("/proc/self/task");
     const std::size_t descriptors = entries("/proc/self/fd");
     for (int run = 0; run < 10; ++run) {
@@ -83,7 +82,7 @@ TEST(Trouble, StartsAndStopsLeaveNothingBehind) {
         ASSERT_TRUE(eventually([&] { return rig.engine.runs(); }));
         rig.engine.stop();
         ASSERT_EQ(entries("/proc/self/fd"), descriptors) << run;
-        // The system may list a thread for a moment after it has been joined.
+        // The system may still list a thread shortly after it was joined.
         ASSERT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; })) << run;
     }
 }

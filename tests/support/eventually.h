@@ -1,4 +1,4 @@
-// Waiting for what other threads will make true.
+// Waits for a condition that other threads make true.
 #pragma once
 
 #include <chrono>
@@ -7,8 +7,8 @@
 
 namespace tavistro::test {
 
-/// Polls until the condition holds. False when it does not within the limit of real time, which is
-/// there to end a test that hangs and is no measure of speed.
+/// Polls until the condition holds. Returns false after `limit` of real time, which only ends a
+/// hanging test and is no performance requirement.
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::seconds limit = std::chrono::seconds(30)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -66,7 +66,7 @@ void sleep_ms(std::uint32_t ms) noexcept {
     if (manual) {
         test::advance_clock_ms(ms);
     } else if (ms == 0) {
-        // A loop that only yielded would keep a core from the other threads of a test.
+        // A loop that only yields would take a core from the other threads of the test.
         std::this_thread::sleep_for(std::chrono::microseconds(100));
     } else {
         std::this_thread::sleep_for(

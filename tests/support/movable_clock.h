@@ -1,22 +1,22 @@
-// The clock that tests link in place of the system's.
+// Replaces the system clock in tests.
 #pragma once
 
 #include <cstdint>
 
 namespace tavistro::test {
 
-/// Time stands still until a test advances it; sleep_ms returns at once, having advanced the clock
-/// by its argument. For code that runs on the test's own thread.
+/// Stops the clock; only tests and sleep_ms advance it. sleep_ms returns at once. For code on the
+/// test's own thread.
 void set_manual_clock(std::uint64_t start_ms = 1'000'000);
 
-/// Time follows the system plus whatever was advanced, and sleeps are real. The mode at start.
+/// The clock follows the system plus all advances, and sleeps are real. The initial mode.
 void use_running_clock();
 
-/// Called at every reading in milliseconds, on the thread that reads; null for none. Tests look
-/// there at what is so just before a moment that the code takes the time of.
+/// Sets a hook for every reading of millisecond_tick(), called on the reading thread; null removes
+/// it.
 void call_at_readings(void (*hook)());
 
-/// No sleep of a running clock takes longer in real time.
+/// Limits each sleep of the running clock to this real time.
 void limit_sleeps_ms(std::uint32_t longest);
 
 void advance_clock_ms(std::uint64_t ms);

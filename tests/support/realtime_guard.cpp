@@ -9,8 +9,8 @@
 #include <memory>
 #include <new>
 
-// The linker sends every call that the program makes to these functions here first (--wrap, see
-// CMakeLists.txt); operator new and delete are replaced for the whole program.
+// The linker redirects all calls to the wrapped functions to this file (--wrap, see
+// CMakeLists.txt). operator new and delete are replaced for the whole program.
 
 namespace {
 
@@ -55,7 +55,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return allocated(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    // Where the memory itself begins stands in front of what is handed out.
+    // The address of the allocation is stored in front of the returned memory.
     std::size_t space = size + static_cast<std::size_t>(alignment);
     void* const begin = operator new(space + sizeof(void*));
     void* memory = static_cast<void**>(begin) + 1;

@@ -1,4 +1,4 @@
-// Proves that a piece of code neither allocates nor locks nor sleeps.
+// Detects allocations, locks and sleeps in real-time code.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 namespace tavistro::test {
 
-/// What the code inside RealtimeScopes has done, all threads together.
+/// Counts for all code inside RealtimeScopes, over all threads.
 struct RealtimeViolations {
     std::uint64_t allocations = 0;  ///< operator new and delete
-    std::uint64_t locks = 0;        ///< mutexes locked, condition variables waited on or signalled
+    std::uint64_t locks = 0;        ///< mutex locks, condition variable waits and signals
     std::uint64_t sleeps = 0;
 
     std::uint64_t total() const { return allocations + locks + sleeps; }
@@ -19,11 +19,11 @@ struct RealtimeViolations {
 RealtimeViolations realtime_violations();
 void reset_realtime_violations();
 
-/// Asked at every allocation by operator new, on its thread; true lets it fail. Null: none fails.
-/// May not allocate.
+/// Sets a function that operator new calls on its thread for every allocation; true lets the
+/// allocation fail. Null: none fails. The function must not allocate.
 void refuse_allocations(bool (*refuses)());
 
-/// While it lives, what the calling thread does counts.
+/// Counts the operations of the calling thread during its lifetime.
 class RealtimeScope {
   public:
     RealtimeScope() { set_scope_depth(scope_depth() + 1); }

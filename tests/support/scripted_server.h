@@ -1,5 +1,4 @@
-// A server that says only what a test tells it to: it answers the client's discover, and sends what
-// it is given.
+// A server that answers the client's discover messages and otherwise sends only what a test passes.
 #pragma once
 
 #include <atomic>
@@ -14,7 +13,7 @@
 
 namespace tavistro::test {
 
-/// Listens on a port of 127.0.0.1 from construction to destruction.
+/// Listens on a free port of 127.0.0.1 during its lifetime.
 class ScriptedServer {
   public:
     ScriptedServer() {
@@ -26,10 +25,10 @@ class ScriptedServer {
         thread_.join();
     }
 
-    /// The thread that answers; none before it runs.
+    /// The receive thread's id; std::thread::id() before it runs.
     std::thread::id thread() const { return thread_id_; }
     std::uint16_t port() const { return socket_.local_endpoint().port; }
-    /// The client that asked last, and what goes there.
+    /// The client that sent the last discover message; send() sends to it.
     platform::Ipv4Endpoint client() const { return {platform::ipv4_loopback, client_port_}; }
     void send(std::span<const std::uint8_t> datagram) { socket_.send_to(datagram, client()); }
     void send_sync(std::uint32_t sample_rate, std::uint16_t block_frames) {
@@ -37,10 +36,10 @@ class ScriptedServer {
                                            {++sequence_, sample_rate, block_frames, 0, 0}));
     }
 
-    std::atomic<bool> mute{false};            ///< answers nothing, as if it were not there
-    std::atomic<std::uint64_t> announces{0};  ///< leaves included
+    std::atomic<bool> mute{false};            ///< does not answer
+    std::atomic<std::uint64_t> announces{0};  ///< including leaves
     std::atomic<std::uint64_t> leaves{0};
-    std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< that it claims
+    std::atomic<std::uint32_t> version{TavistroProtocol::protocol_version};  ///< in its replies
 
   private:
     void answer() {

@@ -1,4 +1,4 @@
-// For tests that run at every level of instructions.
+// For tests that run at every SIMD level.
 #pragma once
 
 #include <gtest/gtest.h>

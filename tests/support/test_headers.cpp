@@ -1,1 +1,1 @@
-// Its headers are precompiled for all tests: cmake/TavistroTargets.cmake.
+// Builds the precompiled header of all tests (cmake/TavistroTargets.cmake).

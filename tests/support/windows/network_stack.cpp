@@ -1,4 +1,4 @@
-// The network stack for test programs that use sockets before, or without, a client or a server.
+// Starts the network stack for test programs that use sockets before or without a client or server.
 #include <winsock2.h>
 
 #include <gtest/gtest.h>

@@ -5,12 +5,12 @@
 #include <atomic>
 #include <cstdint>
 
-// A thread_local of this tool chain locks and allocates at its first use in each thread.
+// No thread_local: in this tool chain it locks and allocates at its first use in each thread.
 
 namespace tavistro::test {
 namespace {
 
-/// Before the first scope there is no slot, and every thread's depth is 0.
+/// Not allocated before the first scope; every thread's depth is then 0.
 std::atomic<DWORD> slot{TLS_OUT_OF_INDEXES};
 
 DWORD allocated_slot() noexcept {
@@ -22,7 +22,7 @@ DWORD allocated_slot() noexcept {
 
 int scope_depth() noexcept {
     if (slot == TLS_OUT_OF_INDEXES) return 0;
-    const DWORD error = GetLastError();  // which TlsGetValue sets
+    const DWORD error = GetLastError();  // TlsGetValue overwrites it
     const auto depth = reinterpret_cast<std::intptr_t>(TlsGetValue(slot));
     SetLastError(error);
     return static_cast<int>(depth);
