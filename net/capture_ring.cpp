@@ -8,7 +8,7 @@ namespace tavistro {
 
 namespace {
 
-// Interpolation looks one frame ahead, and the ratio may ask for one more.
+// Interpolation reads one frame ahead, and a ratio above 1 may need one more.
 constexpr std::uint64_t lookahead_frames = 2;
 
 }  // namespace

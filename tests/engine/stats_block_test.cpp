@@ -1,4 +1,4 @@
-// The test reads what the engine writes like another process, with a reader of its own.
+// The test reads the engine's block with a reader, like another process.
 #include "engine/stats_block.h"
 
 #include <gtest/gtest.h>
