@@ -56,6 +56,10 @@ struct Failures {
     std::uint64_t count;
     std::uint64_t step;
     bool loopback;
+
+    friend void PrintTo(const Failures& failures, std::ostream* out) {
+        *out << failures.count << "InARow" << (failures.loopback ? "Loopback" : "");
+    }
 };
 
 class MemoryTest : public testing::TestWithParam<Failures> {
