@@ -1,4 +1,4 @@
-// Audio files, read and written through libsndfile; nothing else of the server knows it.
+// Reads and writes audio files with libsndfile. No other source file uses that library.
 #include <fmt/format.h>
 #include <sndfile.hh>
 
@@ -15,7 +15,7 @@ namespace tavistro::server {
 
 namespace {
 
-/// A file is held whole: about 45 minutes of stereo at 48 kHz.
+/// The whole file stays in memory. The limit is about 45 minutes of stereo at 48 kHz.
 constexpr std::size_t most_samples = std::size_t{1} << 28;
 
 class FileSource final : public Source {
@@ -52,17 +52,18 @@ std::unique_ptr<Source> make_file_source(const PlayOptions& options, std::uint32
     if (file.error() != SF_ERR_NO_ERROR) {
         fault = fmt::format("cannot be read: {}", file.strError());
     } else if (file.samplerate() != static_cast<int>(sample_rate)) {
-        fault = fmt::format("has {} Hz, the stream has {} Hz", file.samplerate(), sample_rate);
+        fault = fmt::format("has a sample rate of {} Hz, the stream has {} Hz", file.samplerate(),
+                            sample_rate);
     } else if (options.channel + channels > bus_channel_count) {
-        fault = fmt::format("has {} channels: too many from bus channel {} on", channels,
-                            options.channel);
+        fault = fmt::format("has {} channels; from bus channel {} on there are only {}", channels,
+                            options.channel, bus_channel_count - options.channel);
     } else if (frames > most_samples / channels) {
-        fault = "is too long";
+        fault = fmt::format("is too long: more than {} samples", most_samples);
     } else {
         samples.resize(frames * channels);
         const sf_count_t read = file.readf(samples.data(), file.frames());
         samples.resize(static_cast<std::size_t>(std::max<sf_count_t>(read, 0)) * channels);
-        if (samples.empty()) fault = "has no samples that can be read";
+        if (samples.empty()) fault = "contains no readable samples";
     }
     if (!fault.empty()) throw std::runtime_error(options.path + " " + fault);
     return std::make_unique<FileSource>(options.channel, channels, std::move(samples));

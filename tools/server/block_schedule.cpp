@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::uint64_t ns_per_second = 1'000'000'000;
 
-/// Whole seconds apart from the rest, so that no product overflows.
+/// Converts whole seconds and the remainder separately, so that no product overflows.
 std::uint64_t duration_ns(std::uint64_t frames, std::uint32_t sample_rate) noexcept {
     return frames / sample_rate * ns_per_second +
            frames % sample_rate * ns_per_second / sample_rate;

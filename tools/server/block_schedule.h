@@ -1,4 +1,4 @@
-// When which block is due: absolute deadlines on the server's clock, so that no lateness adds up.
+// Absolute deadlines of the blocks on the server's clock. A late block does not delay later ones.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct BlockStamp {
     std::uint64_t time_ns = 0;         ///< deadline, server clock
 };
 
-/// Counts blocks and knows their deadlines. Pure; not thread-safe.
+/// Counts blocks and computes their deadlines. Reads no clock; not thread-safe.
 class BlockSchedule {
   public:
     /// The first block is due at `start_ns` of the server's clock.
@@ -23,16 +23,15 @@ class BlockSchedule {
                   std::uint32_t first_sequence) noexcept;
 
     const StreamFormat& format() const noexcept { return format_; }
-    /// The block that comes next.
     BlockStamp next() const noexcept;
-    /// Blocks that are due by `now_ns`.
+    /// Number of blocks whose deadline is at or before `now_ns`.
     std::uint64_t due_blocks(std::uint64_t now_ns) const noexcept;
 
-    /// Leaves `blocks` behind: sent or given up.
+    /// Moves on by `blocks` that were sent or skipped.
     void advance(std::uint64_t blocks = 1) noexcept;
-    /// The next block, at its deadline, is the first one of the new format.
+    /// Takes effect with the next block, which keeps its deadline.
     void change_format(const StreamFormat& format) noexcept;
-    /// The server's clock was set: the next block is due at `next_ns`.
+    /// Call after the server's clock was set. The next block is then due at `next_ns`.
     void move_to(std::uint64_t next_ns) noexcept;
 
   private:
@@ -44,8 +43,8 @@ class BlockSchedule {
     std::uint64_t frame_position_ = 0;
 };
 
-/// The sequence number of a block that starts at a wall-clock time: the time counted in blocks. A
-/// server that is started again goes on above where it stopped, as clients demand of a stream.
+/// Sequence number of a block that starts at a wall-clock time: that time in blocks. Sequence
+/// numbers thus still increase after a server restart; clients discard blocks with older numbers.
 std::uint32_t sequence_of_wall_clock(std::uint64_t unix_ms, const StreamFormat& format) noexcept;
 
 }  // namespace tavistro::server

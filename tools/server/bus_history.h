@@ -1,4 +1,4 @@
-// The last blocks of the bus, kept for those who want to compare them sample by sample.
+// Keeps the latest blocks of the bus, for callers that compare them sample by sample.
 #pragma once
 
 #include <cstddef>
@@ -14,10 +14,10 @@
 
 namespace tavistro::server {
 
-/// Keeps nothing until enabled. Any thread; locks briefly.
+/// Disabled at first. Thread-safe; locks briefly.
 class BusHistory {
   public:
-    /// Keeps this many blocks from now on; 0 ends it.
+    /// Keeps the latest `blocks` blocks from now on; 0 disables the history.
     void enable(std::size_t blocks) {
         const std::lock_guard lock(mutex_);
         capacity_ = blocks;
@@ -32,7 +32,7 @@ class BusHistory {
         blocks_.emplace_back(stamp, bus);
     }
 
-    /// One channel, the oldest block first.
+    /// The blocks of one channel, oldest first.
     std::vector<HistoryBlock> channel(std::size_t index) const {
         const std::lock_guard lock(mutex_);
         std::vector<HistoryBlock> history;

@@ -7,7 +7,7 @@ namespace tavistro::server {
 
 namespace {
 
-/// Some ten seconds of the usual stream.
+/// About ten seconds at 48 kHz and 128 frames per block.
 constexpr std::size_t most_waiting = 4000;
 
 }  // namespace
@@ -28,7 +28,7 @@ void BusObserver::start(const ServerOptions& options) {
     }
     if (recorders_.empty() && meters_.empty()) return;
     accepting_ = thread_.start("srv-observe", [this] { run(); });
-    if (!accepting_) throw std::runtime_error("no thread to be had");
+    if (!accepting_) throw std::runtime_error("cannot start the recording and measuring thread");
 }
 
 void BusObserver::stop() {

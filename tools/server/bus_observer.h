@@ -1,4 +1,5 @@
-// Recording and measuring, on a thread of their own so that the block clock waits for neither.
+// Records and measures the bus on a separate thread, so that the block clock never waits for
+// either.
 #pragma once
 
 #include <condition_variable>
@@ -17,23 +18,23 @@
 
 namespace tavistro::server {
 
-/// Takes copies of the bus and works through them in order. start() and stop() belong to one
-/// controlling thread.
+/// Queues copies of the bus and processes them in order. One controlling thread calls start() and
+/// stop().
 class BusObserver {
   public:
     ~BusObserver() { stop(); }
 
-    /// Opens the recordings and starts the thread, unless there is nothing to observe. Throws
-    /// std::runtime_error, its text for people, when it cannot.
+    /// Opens the recordings and starts the thread. Does nothing when nothing is to be recorded or
+    /// measured. Throws std::runtime_error with a message for the user on failure.
     void start(const ServerOptions& options);
-    /// Works through what has come, completes the recordings, ends the thread. Idempotent.
+    /// Processes the queued blocks, completes the recordings and ends the thread. Idempotent.
     void stop();
 
-    /// Any thread; copies the bus. `block_index` tells of holes. A block that finds thousands
-    /// waiting is left out and counted.
+    /// Any thread; copies the bus. A jump of `block_index` marks skipped blocks. When the queue is
+    /// full, the block is dropped and counted.
     void push(std::uint64_t block_index, const StreamFormat& format, const MixBus& bus);
 
-    /// What was measured and left out, and what failed. Any thread.
+    /// Adds the measurements, the number of dropped blocks and the recording error. Any thread.
     void add_to(ServerSnapshot& snapshot) const;
 
   private:
@@ -50,7 +51,8 @@ class BusObserver {
     void run();
     void observe(const ObservedBlock& block);
 
-    std::vector<Recorder> recorders_;  ///< of the observing thread, like the meters and the rest
+    // Used by the observing thread alone while it runs.
+    std::vector<Recorder> recorders_;
     std::vector<Meter> meters_;
     StreamFormat format_;
     std::uint64_t next_index_ = 0;

@@ -21,7 +21,7 @@ bool ClientRegistry::announce(const platform::Ipv4Endpoint& from, const Announce
     const bool renews = known != clients_.end() && known->endpoint == from &&
                         known->announce.session_id == announce.session_id;
     if (is_leave(announce)) {
-        // A leave of an older session, overtaken by the next announce, means nothing.
+        // Ignore a leave of an older session that arrives after the next session's announce.
         if (renews) {
             ++counters_.sessions_left;
             remove(known);

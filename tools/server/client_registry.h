@@ -1,4 +1,4 @@
-// The clients that a server knows: who they are, what they feed and receive, what they sent.
+// The connected clients: their endpoints, their channels and the input that they sent.
 #pragma once
 
 #include <cstdint>
@@ -21,34 +21,35 @@ struct Client {
 
     platform::Ipv4Endpoint endpoint;
     TavistroProtocol::Announce announce;  ///< the latest
-    std::uint64_t announced_ms = 0;       ///< when it came
+    std::uint64_t announced_ms = 0;       ///< time of its arrival
     std::uint64_t sync_blocks_sent = 0;
     InputRing input;
 };
 
-/// Clients by host address and client id: two of one id on one host replace each other. Not
-/// thread-safe.
+/// Identifies clients by host address and client id; a second client with the same id on the same
+/// host replaces the first. Not thread-safe.
 class ClientRegistry {
   public:
-    /// A client that has not announced itself for this long is gone.
+    /// A client is removed when it sends no announce for this long.
     static constexpr std::uint64_t timeout_ms = 5000;
-    /// Longer channel lists than twice the bus are nonsense.
+    /// Longer channel lists are rejected as invalid.
     static constexpr std::size_t max_list_entries = 2 * bus_channel_count;
 
-    /// Registers, renews, replaces (another session or port) or, for the leave form of the present
-    /// session, removes. Lists too long are refused: false.
+    /// Adds the client, renews it, replaces it (new session, port or channels) or, when the
+    /// announce is a leave of its current session, removes it. False for channel lists that are too
+    /// long and for session id 0.
     bool announce(const platform::Ipv4Endpoint& from, const TavistroProtocol::Announce& announce,
                   const StreamFormat& format, std::uint64_t now_ms);
     void drop_silent(std::uint64_t now_ms);
-    /// Empty rings for another format.
+    /// Empties the input rings and switches them to the new format.
     void change_format(const StreamFormat& format);
 
-    /// The client that speaks from this socket, null when it is not known.
+    /// The client with this endpoint and id; null when there is none.
     Client* find(const platform::Ipv4Endpoint& endpoint, std::uint32_t client_id);
     std::list<Client>& clients() noexcept { return clients_; }
     const std::list<Client>& clients() const noexcept { return clients_; }
     const SessionCounters& counters() const noexcept { return counters_; }
-    /// Of all sessions, also those that ended.
+    /// Sum over all sessions, including ended ones.
     InputCounters input_counters() const;
 
   private:
@@ -56,7 +57,7 @@ class ClientRegistry {
 
     std::list<Client> clients_;
     SessionCounters counters_;
-    InputCounters gone_input_;  ///< of the sessions that ended
+    InputCounters gone_input_;  ///< sum over the ended sessions
 };
 
 }  // namespace tavistro::server

@@ -11,14 +11,14 @@ namespace tavistro::server {
 
 struct CommandLine {
     ServerOptions options;
-    std::uint32_t seconds = 0;  ///< the server ends by itself after this time; 0: never
+    std::uint32_t seconds = 0;  ///< run time; 0: until interrupted
     bool json = false;          ///< one JSON object per line instead of text
 };
 
-/// Arguments that make sense, or what to say and to exit with instead.
+/// The valid arguments; otherwise a message to print and an exit code.
 struct ParsedArguments {
     std::optional<CommandLine> command;
-    std::string message;  ///< the help or the version (exit code 0), or the fault and the usage (2)
+    std::string message;  ///< help or version (exit code 0), or error and usage (exit code 2)
     int exit_code = 0;
 };
 

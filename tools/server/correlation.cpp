@@ -12,7 +12,7 @@ namespace {
 
 using Spectrum = std::vector<std::complex<double>>;
 
-/// Stretches this much below the energy of all are silence and the rounding of sums.
+/// Segments whose share of the total energy is below this are silence plus rounding errors.
 constexpr double least_energy_ratio = 1e-12;
 
 Spectrum spectrum(std::span<const float> samples, std::size_t size) {
@@ -37,7 +37,7 @@ double energy(std::span<const float> samples) {
 }
 
 std::vector<double> correlation(std::span<const float> part, std::span<const float> whole) {
-    // A circle of the size of `whole`: no stretch that lies in it reaches past its end.
+    // A circular correlation of this size suffices: no segment reaches past the end of `whole`.
     const std::size_t size = std::bit_ceil(whole.size());
     Spectrum products = spectrum(whole, size);
     const Spectrum other = spectrum(part, size);

@@ -1,4 +1,4 @@
-// How alike two pieces of audio are, at every shift between them.
+// Normalised cross-correlation of two signals over all lags.
 #pragma once
 
 #include <span>
@@ -6,12 +6,12 @@
 
 namespace tavistro::server {
 
-/// Sum of the squares.
+/// Sum of the squared samples.
 double energy(std::span<const float> samples);
 
-/// Correlation coefficients, -1 to 1, of `part` with each stretch of its length in `whole`: entry i
-/// belongs to the stretch that begins at frame i. 0 where either is silent. `whole` is no shorter
-/// than `part`. By Fourier transforms: some hundred operations a frame.
+/// Correlation coefficients, -1 to 1, of `part` with each segment of its length in `whole`: entry i
+/// is for the segment that begins at frame i. 0 where either is silent. `whole` must not be shorter
+/// than `part`. Uses FFTs; costs about a hundred operations per frame.
 std::vector<double> correlation(std::span<const float> part, std::span<const float> whole);
 
 }  // namespace tavistro::server

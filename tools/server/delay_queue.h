@@ -1,4 +1,4 @@
-// Datagrams that a bad network holds up, in the order in which they come out.
+// Datagrams that the simulated network delays, sorted by the time of their release.
 #pragma once
 
 #include <cstddef>
@@ -21,10 +21,12 @@ struct RoutedDatagram {
     TavistroProtocol::Datagram bytes{};
 };
 
-/// Datagrams by due time, those of equal time in the order they came. Any thread; locks briefly.
+/// Datagrams sorted by due time; those with equal times keep their order. Thread-safe; locks
+/// briefly.
 class DelayQueue {
   public:
-    /// More than a second of a large stream: what does not fit is lost, as in a network.
+    /// More than a second of a large stream. Excess datagrams are dropped, as a full network queue
+    /// would drop them.
     static constexpr std::size_t capacity = 20000;
 
     void push(std::uint64_t due_ns, RoutedDatagram datagram) {
@@ -37,13 +39,13 @@ class DelayQueue {
         queue_.clear();
     }
 
-    /// Due time of the first datagram.
+    /// Due time of the earliest datagram.
     std::optional<std::uint64_t> next_due_ns() const {
         const std::lock_guard lock(mutex_);
         return queue_.empty() ? std::nullopt : std::optional(queue_.begin()->first);
     }
 
-    /// The first datagram, when it is due.
+    /// Removes and returns the earliest datagram if it is due.
     std::optional<RoutedDatagram> pop_due(std::uint64_t now_ns) {
         const std::lock_guard lock(mutex_);
         if (queue_.empty() || queue_.begin()->first > now_ns) return {};

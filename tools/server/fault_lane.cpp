@@ -6,12 +6,12 @@ namespace tavistro::server {
 
 namespace {
 
-/// A network that jitters is a queue that fills now and then and drains: one datagram in this many
-/// is held up, and those behind it wait for it.
+/// Jitter is modelled as a queue that occasionally fills and drains: this share of the datagrams is
+/// delayed, and the datagrams behind a delayed one wait for it.
 constexpr double hold_up_chance = 1.0 / 16;
 constexpr double reorder_delay_blocks = 2.0;
 
-/// The last `length` of every `period` blocks; never without a period.
+/// True in the last `length` of every `period` blocks; false when `period` is 0.
 bool in_last_part(std::uint64_t index, std::uint64_t period, std::uint64_t length) noexcept {
     return period != 0 && index % period + length >= period;
 }
@@ -20,7 +20,8 @@ bool in_last_part(std::uint64_t index, std::uint64_t period, std::uint64_t lengt
 
 Passage FaultLane::pass(const FaultOptions& faults, const StreamFormat& format,
                         std::uint64_t block_index, std::uint64_t now_ns) {
-    // Every draw is made for every datagram, so that one fault does not shift another's choices.
+    // Draw every number for every datagram, so that one fault does not change another's random
+    // choices.
     const bool dropped = 100 * draw() < faults.drop_percent;
     const bool duplicated = 100 * draw() < faults.duplicate_percent;
     const bool reordered = 100 * draw() < faults.reorder_percent;

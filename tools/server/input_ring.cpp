@@ -10,7 +10,7 @@ using TavistroProtocol::is_newer;
 
 namespace {
 
-/// A block has many fragments but counts once: fragments of one block come together.
+/// Counts a block once although it has several fragments. Fragments of one block arrive in a row.
 void count_block(std::uint64_t& count, std::uint32_t& last, std::uint32_t sequence) {
     if (count != 0 && last == sequence) return;
     ++count;

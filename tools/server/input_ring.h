@@ -1,4 +1,4 @@
-// What one client sent for blocks that are yet to be mixed.
+// Input that one client sent for blocks that are not mixed yet.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +14,8 @@
 
 namespace tavistro::server {
 
-/// Collects a client's fragments per block and hands each block out once. Blocks come in any
-/// order; the ring reaches `block_count` blocks ahead. Not thread-safe.
+/// Assembles a client's fragments into blocks and returns each block once. Blocks may arrive in any
+/// order, up to `block_count` blocks ahead. Not thread-safe.
 class InputRing {
   public:
     static constexpr std::uint32_t block_count = 256;
@@ -23,14 +23,14 @@ class InputRing {
     InputRing(const StreamFormat& format, std::size_t channels)
         : format_(format), channels_(channels) {}
 
-    /// Keeps a fragment for its block; `next_sequence` is the block that is mixed next.
+    /// Stores a fragment for its block. `next_sequence`: the block that will be mixed next.
     void accept(const TavistroProtocol::AudioFragment& fragment, std::uint32_t next_sequence);
 
-    /// The client's samples for a block, planar, where nothing came silent; empty when nothing came
-    /// at all. Forgets the blocks before it.
+    /// The client's planar samples for a block. Missing fragments are silent; the result is empty
+    /// when the whole block is missing. Discards older blocks.
     std::vector<float> take(std::uint32_t sequence);
 
-    /// Empty, for blocks of another format; counts go on.
+    /// Empties the ring and switches it to another format. Keeps the counters.
     void change_format(const StreamFormat& format) {
         const InputCounters counted = counters_;
         *this = InputRing(format, channels_);
@@ -39,30 +39,29 @@ class InputRing {
 
     const InputCounters& counters() const noexcept { return counters_; }
 
-    /// A shorter run of zeros is no silence: a wave may rest at zero for a moment.
+    /// Shorter runs of zeros are not counted as gaps: a signal may stay at zero for a few frames.
     static constexpr std::uint64_t least_gap_frames = 8;
 
   private:
-    /// A block on its way.
     struct Block {
         std::size_t received = 0;
         std::vector<bool> fragments;
         std::vector<float> samples;
     };
 
-    /// Blocks that did not come are skipped: what a client missed itself is told from what was lost
-    /// on its way here.
+    /// Looks at received blocks only. A gap thus happened in the client or on the way to it, not on
+    /// the way from it to the server.
     void count_gaps(std::span<const float> channel);
 
     StreamFormat format_;
     std::size_t channels_;
     std::unordered_map<std::uint32_t, Block> blocks_;  ///< by sequence
     InputCounters counters_;
-    std::optional<std::uint32_t> first_sequence_;  ///< that anything was sent for
+    std::optional<std::uint32_t> first_sequence_;  ///< of the first fragment received
     std::uint32_t last_late_ = 0;
     std::uint32_t last_early_ = 0;
     std::optional<std::uint64_t>
-        silent_frames_;  ///< since the last sound; nothing before the first
+        silent_frames_;  ///< since the last non-zero sample; nullopt before the first one
 };
 
 }  // namespace tavistro::server

@@ -1,4 +1,4 @@
-// The server's bus: one block of samples per channel, summed from everything that plays.
+// The server's mix bus: one block of samples per channel, the sum of all sources and client inputs.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ class MixBus {
   public:
     explicit MixBus(std::uint16_t frames) { resize(frames); }
 
-    /// Every channel silent, with `frames` frames.
+    /// Sets the block size and silences every channel.
     void resize(std::uint16_t frames) {
         frames_ = frames;
         samples_.assign(bus_channel_count * frames, 0.0F);
@@ -34,7 +34,7 @@ class MixBus {
         return std::span(samples_).subspan(index * frames_, frames_);
     }
 
-    /// Adds one block of one channel.
+    /// Mixes one block into one channel.
     void add(std::size_t index, std::span<const float> block) {
         const std::span<float> target = channel(index);
         assert(block.size() == target.size());

@@ -122,7 +122,7 @@ void MixingSession::change_format(const StreamFormat& format) {
 void MixingSession::adjust_clock(std::int64_t offset_ms, double drift_ppm, std::uint64_t local_ns) {
     const std::uint64_t before_ns = clock_.to_server(local_ns);
     clock_.adjust(local_ns, offset_ms, drift_ppm);
-    // Unsigned arithmetic wraps: this also moves back.
+    // Unsigned arithmetic wraps, so this also moves the deadline back.
     schedule_.move_to(schedule_.next().time_ns + clock_.to_server(local_ns) - before_ns);
 }
 
@@ -144,7 +144,7 @@ void MixingSession::mix(const BlockStamp& block) {
         }
     }
     if (!heard) return;
-    // Counted in frames: the server's clock may have been set since.
+    // Count frames, not time: the server's clock may have been set in between.
     const std::uint64_t frame = block.frame_position;
     const std::uint64_t silent_frames = frame - last_heard_frame_.value_or(frame);
     counters_.longest_silence_ms =
@@ -176,7 +176,7 @@ void MixingSession::send_audio(const Client& client, const BlockStamp& block,
         const auto samples = std::as_const(bus_).channel(static_cast<std::size_t>(channel));
         output_.insert(output_.end(), samples.begin(), samples.end());
     }
-    // Fails only for a client that receives nothing: its list stays empty then.
+    // Fails only for a client without outputs, whose fragment list stays empty.
     TavistroProtocol::encode_audio_block({.client_id = client.announce.client_id,
                                           .sequence = block.sequence,
                                           .sample_rate = format().sample_rate,

@@ -1,4 +1,5 @@
-// What a server does, without threads and sockets: datagrams and block times in, datagrams out.
+// The server's protocol and mixing logic, without threads and sockets: takes datagrams and the
+// time, returns datagrams.
 #pragma once
 
 #include <cstdint>
@@ -19,22 +20,22 @@
 
 namespace tavistro::server {
 
-/// Knows the clients, answers them, and mixes block after block for them. Block N of a bus channel
-/// is the sum of the sources on it and of what clients tagged N for it. Not thread-safe.
+/// Tracks the clients, answers their requests and mixes blocks for them. Block N of a bus channel
+/// is the sum of the channel's sources and of the client input tagged N. Not thread-safe.
 class MixingSession {
   public:
     struct Settings {
         StreamFormat format;
-        std::uint16_t port = 0;  ///< where clients reach this server
+        std::uint16_t port = 0;  ///< UDP port told to clients that search for servers
         std::uint32_t udp_payload_bytes = 0;
         std::uint32_t first_sequence = 0;
     };
 
-    /// The first block is due at once on `clock`.
+    /// The first block is due immediately on `clock`.
     MixingSession(const Settings& settings, const SkewedClock& clock, SourceList sources,
                   std::uint64_t local_ns);
 
-    /// Takes a datagram; returns the answer, if there is one to give.
+    /// Processes a datagram; returns the reply, if any.
     std::optional<TavistroProtocol::Datagram> receive(std::span<const std::uint8_t> bytes,
                                                       const platform::Ipv4Endpoint& from,
                                                       const FaultOptions& faults,
@@ -42,16 +43,17 @@ class MixingSession {
 
     /// Local time at which the next block is due.
     std::uint64_t next_due_ns() const noexcept;
-    /// Mixes the next block and appends what its clients get, Sync first. Blocks that are late by
-    /// more than max_late_blocks are given up first. Returns the block, or nothing when none is
-    /// due.
+    /// Mixes the next block and appends the clients' datagrams, the sync notice before the audio.
+    /// Skips blocks first when more than max_late_blocks are due. Returns the block, or nothing
+    /// when none is due.
     std::optional<BlockStamp> mix_due_block(const FaultOptions& faults, std::uint64_t local_ns,
                                             std::vector<RoutedDatagram>& outbox);
     static constexpr std::uint64_t max_late_blocks = 64;
 
-    /// From the next block on.
+    /// Takes effect with the next block.
     void change_format(const StreamFormat& format);
-    /// Sets the server's clock; the rhythm of the blocks follows it without a jump.
+    /// Changes the server's clock. Block deadlines move with it, so the block spacing shows no
+    /// jump.
     void adjust_clock(std::int64_t offset_ms, double drift_ppm, std::uint64_t local_ns);
 
     const StreamFormat& format() const noexcept { return schedule_.format(); }
@@ -74,7 +76,7 @@ class MixingSession {
     MixBus bus_;
     ClientRegistry registry_;
     std::vector<float> output_;                 ///< of one client, planar
-    TavistroProtocol::DatagramList fragments_;  ///< of that
+    TavistroProtocol::DatagramList fragments_;  ///< of output_
     MixCounters counters_;
     std::optional<std::uint64_t> last_heard_frame_;
 };

@@ -1,10 +1,10 @@
-// Stands in for audio_files.cpp where libsndfile is not to be had.
+// Replaces audio_files.cpp in builds without libsndfile.
 #include <stdexcept>
 
 #include "tools/server/recorder.h"
 #include "tools/server/sources.h"
 
-class SndfileHandle {};  // no recorder of this build has one
+class SndfileHandle {};  // completes the type that Recorder holds a pointer to
 
 namespace tavistro::server {
 

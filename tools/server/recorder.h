@@ -1,4 +1,4 @@
-// Bus channels on their way into a WAV file.
+// Records bus channels into a WAV file.
 #pragma once
 
 #include <cstddef>
@@ -14,19 +14,19 @@ class SndfileHandle;
 
 namespace tavistro::server {
 
-/// Writes 32-bit float samples; the file is complete once the recorder is destroyed. Waits for the
-/// disk: not for the block clock's thread.
+/// Writes 32-bit float samples; the destructor completes the file. Blocks on disk writes, so do not
+/// use it on the block clock's thread.
 class Recorder {
   public:
-    /// Creates or replaces the file; throws std::runtime_error, its text for people, when it
-    /// cannot.
+    /// Creates or replaces the file. Throws std::runtime_error with a message for the user on
+    /// failure.
     Recorder(const RecordOptions& options, std::uint32_t sample_rate);
     Recorder(Recorder&&) noexcept;
     ~Recorder();
 
     /// Appends one block of a bus with `frames` frames per channel.
     void write(std::span<const float> bus, std::size_t frames);
-    /// The first failure to write, for people; empty without one.
+    /// A message about the first failed write; empty if none failed.
     const std::string& error() const noexcept { return error_; }
 
   private:

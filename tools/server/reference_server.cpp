@@ -15,11 +15,12 @@ using platform::nanosecond_clock;
 namespace {
 
 constexpr std::uint32_t socket_buffer_bytes = 1 << 20;
-/// Reports of unreachable clients between two datagrams of others, at most.
-constexpr int most_reports_in_a_row = 64;
-/// Longest sleep of the clock thread: how long stop() may wait for it.
+/// After this many failed receives in a row the receive thread pauses between attempts.
+constexpr int most_failures_in_a_row = 64;
+/// Longest sleep of the clock thread, and so the longest time that stop() waits for it.
 constexpr std::uint64_t longest_sleep_ns = 20'000'000;
-/// The same while datagrams can be delayed, since an answer may join the queue meanwhile.
+/// The same when faults delay datagrams: the receive thread may queue a reply while the clock
+/// thread sleeps.
 constexpr std::uint64_t delay_precision_ns = 1'000'000;
 
 std::uint64_t unix_ms() {
@@ -29,7 +30,8 @@ std::uint64_t unix_ms() {
     return static_cast<std::uint64_t>(duration_cast<milliseconds>(since_epoch).count());
 }
 
-/// Finer than the engine's sleep of whole milliseconds; wakes late, never much too early.
+/// Finer than platform::sleep_ms, which sleeps whole milliseconds. May wake late, hardly ever
+/// early.
 void sleep_until_ns(std::uint64_t local_ns) {
     const std::uint64_t now_ns = nanosecond_clock();
     if (local_ns > now_ns) std::this_thread::sleep_for(std::chrono::nanoseconds(local_ns - now_ns));
@@ -62,7 +64,7 @@ std::string ReferenceServer::start() {
         running_ = true;
         if (!receive_thread_.start("srv-receive", [this] { run_receive(); }) ||
             !clock_thread_.start("srv-clock", [this] { run_clock(); }))
-            throw std::runtime_error("no thread to be had");
+            throw std::runtime_error("cannot start the network and clock threads");
     } catch (const std::runtime_error& error) {
         stop();
         return error.what();
@@ -117,15 +119,15 @@ void ReferenceServer::set_faults(const FaultOptions& faults) {
 
 void ReferenceServer::open_socket() {
     network_started_ = platform::start_network_stack();
-    if (!network_started_) throw std::runtime_error("no network");
+    if (!network_started_) throw std::runtime_error("cannot start the network stack");
     if (port_ == 0) port_ = options_.port;
     const platform::SocketOptions options{.recv_buffer_bytes = socket_buffer_bytes,
                                           .send_buffer_bytes = socket_buffer_bytes,
                                           .bind = {options_.bind_address, port_}};
     if (!socket_.open(options)) {
-        throw std::runtime_error("cannot take UDP port " + std::to_string(port_) + " at " +
-                                 platform::format_ipv4(options_.bind_address) +
-                                 ": in use by another program, or not an address of this machine");
+        throw std::runtime_error(
+            "cannot bind to UDP " + platform::format_ipv4(options_.bind_address) + ":" +
+            std::to_string(port_) + ": port in use, or not an address of this machine");
     }
     port_ = socket_.local_endpoint().port;
 }
@@ -139,7 +141,7 @@ void ReferenceServer::begin_session(SourceList sources) {
     uplink_lane_ = FaultLane(options_.seed + 2);
     std::uint32_t first_sequence =
         options_.first_sequence.value_or(sequence_of_wall_clock(unix_ms(), options_.format));
-    // A stream that changed to shorter blocks may have counted past the wall clock.
+    // After a change to shorter blocks, sequence numbers may be ahead of the wall clock.
     if (session_ && TavistroProtocol::is_newer(session_->next_block().sequence, first_sequence)) {
         first_sequence = session_->next_block().sequence;
     }
@@ -163,9 +165,9 @@ void ReferenceServer::run_receive() {
         const platform::ReceiveResult received = socket_.receive(buffer);
         if (received.status == platform::ReceiveStatus::closed) return;
         if (received.status != platform::ReceiveStatus::datagram) {
-            // A client that went without leaving is reported once per datagram sent to it, and the
-            // others must not wait for that; but an error that stays must not eat the processor.
-            if (++failures_in_a_row > most_reports_in_a_row) platform::sleep_ms(1);
+            // The system reports an error for each datagram sent to a client that has disappeared.
+            // Other clients must not wait for these, but a permanent error must not use up the CPU.
+            if (++failures_in_a_row > most_failures_in_a_row) platform::sleep_ms(1);
             continue;
         }
         failures_in_a_row = 0;
@@ -203,7 +205,7 @@ bool ReferenceServer::send_due_block() {
 }
 
 void ReferenceServer::send_outbox() {
-    // The client whose block is counted already: its datagrams follow each other.
+    // Count a client's block once. The datagrams of one client are adjacent in the outbox.
     platform::Ipv4Endpoint lost_to;
     platform::Ipv4Endpoint held_back_to;
     departing_.clear();
@@ -272,7 +274,7 @@ Passage ReferenceServer::meet_faults(FaultLane& lane, const RoutedDatagram& data
         }
         traffic_.lost_on_purpose += passage.copies == 0 ? 1U : 0U;
     }
-    // What is due but not released yet must not be overtaken.
+    // A datagram must not overtake delayed ones that are due but not released yet.
     const bool waits =
         passage.due_ns > now_ns || delayed_.next_due_ns().value_or(now_ns + 1) <= now_ns;
     for (unsigned copy = 0; copy < passage.copies; ++copy) {

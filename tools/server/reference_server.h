@@ -1,9 +1,9 @@
-// The reference server: mixes for any number of clients over one UDP socket, and can play a bad
-// network and a bad server for them.
+// The reference server: mixes for any number of clients over one UDP socket. It can simulate
+// network and server faults.
 //
 //     ReferenceServer server({.port = 0, .melodies = {{.channel = 0}}});
 //     if (const std::string error = server.start(); !error.empty()) ...
-//     ... clients come to server.port() ...
+//     ... clients connect to server.port() ...
 //     server.stop();
 #pragma once
 
@@ -29,8 +29,8 @@
 
 namespace tavistro::server {
 
-/// start() and stop() belong to one controlling thread; everything else may be called from any
-/// thread at any time and only locks briefly.
+/// One controlling thread calls start() and stop(). Any thread may call everything else at any
+/// time; these calls lock briefly.
 class ReferenceServer {
   public:
     explicit ReferenceServer(ServerOptions options)
@@ -39,42 +39,43 @@ class ReferenceServer {
     ReferenceServer& operator=(const ReferenceServer&) = delete;
     ~ReferenceServer() { stop(); }
 
-    /// Opens files and the socket, starts the threads. Returns empty when the server runs, else
-    /// the reason for people. After stop() a server can be started again: it keeps its port and
-    /// its faults, and its sequence numbers go on above the old ones.
+    /// Opens the files and the socket and starts the threads. Returns an empty text on success,
+    /// else an error message for the user. A server can start again after stop(): it keeps its port
+    /// and its faults, and its sequence numbers continue above the old ones.
     [[nodiscard]] std::string start();
-    /// Ends the threads and completes the recordings; what was counted stays readable. Idempotent.
+    /// Ends the threads and completes the recordings. The counters stay readable. Idempotent.
     void stop();
 
-    /// Where clients reach the server; 0 before the first start.
+    /// The server's UDP port; 0 before the first start.
     std::uint16_t port() const noexcept { return port_.load(); }
     ServerSnapshot snapshot() const;
 
-    /// The stream goes on in another format from the next block on. False, with nothing changed,
-    /// for a format out of range, or another rate while a file plays or records.
+    /// Changes the stream format, starting with the next block. Returns false and changes nothing
+    /// when the format is out of range, or when the sample rate would change while a file plays or
+    /// records.
     bool change_format(std::uint32_t sample_rate, std::uint16_t frames);
-    /// Replaces every fault; random choices go on where they were.
+    /// Replaces all faults. The random generators keep their state.
     void set_faults(const FaultOptions& faults);
 
-    /// Keeps the last `blocks` blocks of the bus from now on; 0 ends it.
+    /// Keeps the latest `blocks` blocks of the bus from now on; 0 disables the history.
     void enable_history(std::size_t blocks) { history_.enable(blocks); }
-    /// What is kept of one channel (below bus_channel_count), the oldest block first.
+    /// The kept blocks of one channel (below bus_channel_count), oldest first.
     std::vector<HistoryBlock> bus_history(std::size_t channel) const {
         return history_.channel(channel);
     }
 
   private:
-    /// Throws std::runtime_error, its text for people.
+    /// Throws std::runtime_error with a message for the user.
     void open_socket();
     void begin_session(SourceList sources);
     void run_receive();
     void run_clock();
     bool send_due_block();
     void wait_for_work();
-    /// Calls pass_on with each copy that need not wait, and queues the others.
+    /// Applies the faults: calls pass_on for each copy without delay and queues the delayed copies.
     template <typename PassOn>
     Passage meet_faults(FaultLane& lane, const RoutedDatagram& datagram, const PassOn& pass_on);
-    /// Passes the outbox on and counts what becomes of its blocks.
+    /// Sends the outbox through the faults and counts dropped and reordered blocks.
     void send_outbox();
     void send_departing();
     void send(std::span<const platform::DatagramBytes> datagrams,
@@ -95,15 +96,15 @@ class ReferenceServer {
     BusObserver observer_;
     DelayQueue delayed_;
 
-    // The clock thread's own.
+    // Used by the clock thread alone.
     std::vector<RoutedDatagram> outbox_;
-    std::vector<const RoutedDatagram*> departing_;  ///< of the outbox, what faults let pass
+    std::vector<const RoutedDatagram*> departing_;  ///< datagrams of the outbox to send now
     std::vector<platform::DatagramBytes> run_;
 
     mutable std::mutex mutex_;  ///< guards everything below
     std::optional<MixingSession> session_;
     TrafficCounters traffic_;
-    // Lanes of their own, so that blocks meet the same faults whatever clients ask and send.
+    // Separate lanes, so that the faults of the blocks do not depend on what the clients send.
     FaultLane block_lane_{0};
     FaultLane reply_lane_{0};
     FaultLane uplink_lane_{0};

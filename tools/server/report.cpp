@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 using nlohmann::json;
@@ -30,31 +31,51 @@ double lag_blocks(std::size_t frames, const StreamFormat& format) {
     return static_cast<double>(frames) / format.frames;
 }
 
+double lateness_ms(const MixCounters& counters) {
+    return static_cast<double>(counters.lateness_max_us) / 1000.0;
+}
+
 std::string measure_text(const MeasureSnapshot& measure, const StreamFormat& format) {
     const RoundTripReport& report = measure.report;
     const std::string name =
-        fmt::format("{}:{} ", measure.channels.sent, measure.channels.returned);
-    if (!report.last_lag_frames) return name + "nothing came back";
+        fmt::format("channel {} -> {}: ", measure.channels.sent, measure.channels.returned);
+    if (!report.last_lag_frames || report.windows == 0) return name + "no returned audio yet";
     const std::size_t lag = *report.last_lag_frames;
     return name + fmt::format(
-                      "lag {} frames ({:.2f} blocks, {:.2f} ms) corr {:.4f} exact {}/{} "
-                      "silent {}",
-                      lag, lag_blocks(lag, format), lag_ms(lag, format), report.correlation_median,
+                      "round trip {:.2f} ms ({:.2f} blocks), correlation {:.4f}\n"
+                      "    {} of {} returned blocks bit-exact, {} returned silent",
+                      lag_ms(lag, format), lag_blocks(lag, format), report.correlation_median,
                       report.exact_blocks, report.compared_blocks, report.silent_blocks);
 }
 
 std::string input_text(const InputCounters& input) {
-    return fmt::format("in {} incomplete {} missing {} late {} early {} gaps {}", input.complete,
-                       input.incomplete, input.missing, input.late, input.early, input.gaps);
+    return fmt::format(
+        "input blocks: {} complete, {} incomplete, {} missing, {} late, {} early; {} silent gaps",
+        input.complete, input.incomplete, input.missing, input.late, input.early, input.gaps);
 }
 
-/// What the faults cost; empty when they cost nothing.
-std::string losses_text(const TrafficCounters& total) {
+/// Empty when no fault had an effect.
+std::string faults_text(const TrafficCounters& total) {
     if (total.lost_on_purpose == 0 && total.blocks_held_back == 0) return {};
     return fmt::format(
-        "\nlost on purpose: {} datagrams, {} blocks and {} Syncs to clients among "
-        "them; {} blocks held back",
+        "\nsimulated faults: dropped {} datagrams in both directions\n"
+        "  to clients: dropped {} audio blocks and {} sync notices, reordered {} audio blocks",
         total.lost_on_purpose, total.blocks_lost, total.syncs_lost, total.blocks_held_back);
+}
+
+/// Shortens runs of three or more consecutive channels, as in "0..7, 12, 13".
+std::string channels_text(const std::vector<std::int32_t>& channels) {
+    std::string text;
+    for (auto first = channels.begin(); first != channels.end();) {
+        const auto last = std::adjacent_find(
+            first, channels.end(), [](std::int64_t a, std::int64_t b) { return b != a + 1; });
+        const auto run_end = last == channels.end() ? last : last + 1;
+        const bool shortens = run_end - first >= 3;
+        text += text.empty() ? "" : ", ";
+        text += shortens ? fmt::format("{}..{}", *first, *(run_end - 1)) : std::to_string(*first);
+        first = shortens ? run_end : first + 1;
+    }
+    return text.empty() ? "none" : text;
 }
 
 std::string name_of(const ClientSnapshot& client) {
@@ -87,7 +108,7 @@ json to_json(const MeasureSnapshot& measure, const StreamFormat& format) {
     return object;
 }
 
-/// On one line. Paths of recordings may hold bytes that are no UTF-8.
+/// On one line. Replaces invalid UTF-8, which paths of recordings may contain.
 std::string dump(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }
@@ -98,7 +119,6 @@ std::string client_json(const char* type, const ClientSnapshot& client) {
     return dump(object);
 }
 
-/// Everything that was counted.
 std::string counts_json(const char* type, const ServerSnapshot& snapshot) {
     json object{{"type", type},
                 {"uptime_ms", snapshot.uptime_ms},
@@ -123,26 +143,35 @@ std::string counts_json(const char* type, const ServerSnapshot& snapshot) {
 
 }  // namespace
 
-std::string Report::listening(std::uint16_t port, const StreamFormat& format) const {
+std::string Report::listening(std::uint16_t port, const ServerOptions& options) const {
+    const StreamFormat& format = options.format;
     if (json_) {
         return dump({{"type", "listening"},
                      {"port", port},
                      {"sample_rate", format.sample_rate},
                      {"frames", format.frames}});
     }
-    return fmt::format("listening on UDP port {}, {} Hz, {} frames", port, format.sample_rate,
-                       format.frames);
+    const bool everywhere = options.bind_address == 0;
+    const std::string address = platform::format_ipv4(options.bind_address);
+    return fmt::format(
+        "listening on UDP port {}, {}\n"
+        "clients connect with server_ip = {}, server_port = {}\n"
+        "stream: {} Hz, {} frames per block ({:.2f} ms), bus channels 0..{}",
+        port, everywhere ? "all network interfaces" : "address " + address,
+        everywhere ? "auto or an address of this machine" : address, port, format.sample_rate,
+        format.frames, format.block_ms(), bus_channel_count - 1);
 }
 
 std::string Report::joined(const ClientSnapshot& client) const {
     if (json_) return client_json("joined", client);
-    return fmt::format("{} joined: sends {} channels, receives {}", name_of(client),
-                       client.announce.driver_inputs.size(), client.announce.driver_outputs.size());
+    return fmt::format("{} joined: receives bus channels {}; sends bus channels {}",
+                       name_of(client), channels_text(client.announce.driver_outputs),
+                       channels_text(client.announce.driver_inputs));
 }
 
 std::string Report::left(const ClientSnapshot& client) const {
     if (json_) return client_json("left", client);
-    return fmt::format("{} left: {}", name_of(client), input_text(client.input));
+    return fmt::format("{} left or timed out\n  {}", name_of(client), input_text(client.input));
 }
 
 std::string Report::status(const ServerSnapshot& now, const ServerSnapshot& before) const {
@@ -151,31 +180,39 @@ std::string Report::status(const ServerSnapshot& now, const ServerSnapshot& befo
     const auto rate = [seconds](std::uint64_t later, std::uint64_t earlier) {
         return seconds > 0 ? static_cast<double>(later - earlier) / seconds : 0.0;
     };
-    std::string line = fmt::format(
-        "clients {} | per second: blocks {:.0f} sent {:.1f} kB received {:.1f} kB in {:.0f} | in "
-        "all: skipped {} late by {} us {}",
-        now.clients.size(), rate(now.blocks, before.blocks),
-        rate(now.bytes_sent, before.bytes_sent) / 1000,
-        rate(now.bytes_received, before.bytes_received) / 1000,
-        rate(now.input.complete, before.input.complete), now.blocks_skipped, now.lateness_max_us,
-        input_text(now.input));
+    std::string text = fmt::format(
+        "{:>4.0f} s: {} client{}; sent {:.1f} kB/s, received {:.1f} kB/s\n  {}",
+        static_cast<double>(now.uptime_ms) / 1000.0, now.clients.size(),
+        now.clients.size() == 1 ? "" : "s", rate(now.bytes_sent, before.bytes_sent) / 1000,
+        rate(now.bytes_received, before.bytes_received) / 1000, input_text(now.input));
+    if (now.blocks_skipped != 0) {
+        text += fmt::format("\n  server overloaded: skipped {} blocks, up to {:.2f} ms late",
+                            now.blocks_skipped, lateness_ms(now));
+    }
     for (const MeasureSnapshot& measure : now.measures)
-        line += fmt::format(" | {}", measure_text(measure, now.format));
-    if (!now.recording_error.empty()) line += fmt::format(" | {}", now.recording_error);
-    return line;
+        text += fmt::format("\n  {}", measure_text(measure, now.format));
+    if (!now.recording_error.empty()) text += fmt::format("\n  {}", now.recording_error);
+    return text;
 }
 
 std::string Report::summary(const ServerSnapshot& total) const {
     if (json_) return counts_json("summary", total);
     std::string text = fmt::format(
-        "ran {:.1f} s: blocks {} skipped {}, sessions {} replaced {} left {} timed out {}, {}{}",
+        "ran for {:.1f} s: mixed {} blocks, skipped {}, up to {:.2f} ms late\n"
+        "client sessions: {} in total, {} replaced by a newer one, {} left, {} timed out\n"
+        "sent {} datagrams ({:.1f} MB), received {} datagrams ({:.1f} MB)\n{}{}",
         static_cast<double>(total.uptime_ms) / 1000.0, total.blocks, total.blocks_skipped,
-        total.sessions, total.sessions_replaced, total.sessions_left, total.sessions_timed_out,
-        input_text(total.input), losses_text(total));
-    for (const ClientSnapshot& client : total.clients)
-        text += fmt::format("\n{}: {}", name_of(client), input_text(client.input));
+        lateness_ms(total), total.sessions, total.sessions_replaced, total.sessions_left,
+        total.sessions_timed_out, total.datagrams_sent,
+        static_cast<double>(total.bytes_sent) * 1e-6, total.datagrams_received,
+        static_cast<double>(total.bytes_received) * 1e-6, input_text(total.input),
+        faults_text(total));
+    for (const ClientSnapshot& client : total.clients) {
+        text +=
+            fmt::format("\n{} still connected\n  {}", name_of(client), input_text(client.input));
+    }
     for (const MeasureSnapshot& measure : total.measures)
-        text += fmt::format("\nmeasure {}", measure_text(measure, total.format));
+        text += fmt::format("\n{}", measure_text(measure, total.format));
     if (!total.recording_error.empty()) text += fmt::format("\n{}", total.recording_error);
     return text;
 }

@@ -1,4 +1,4 @@
-// What tavistro-server prints: lines for people, or JSON objects for machines.
+// The output of tavistro-server: text for people or JSON objects for programs.
 #pragma once
 
 #include <string>
@@ -7,20 +7,21 @@
 
 namespace tavistro::server {
 
-/// What the server says of itself, in one of two languages. Texts end without a line end.
+/// Formats all output as text or as JSON. Results may have several lines; the last has no line end.
 class Report {
   public:
     /// `json`: one object per line, with a "type".
     explicit Report(bool json) : json_(json) {}
 
-    std::string listening(std::uint16_t port, const StreamFormat& format) const;
+    /// `port`: the one in use, where the options leave the choice to the system.
+    std::string listening(std::uint16_t port, const ServerOptions& options) const;
     std::string joined(const ClientSnapshot& client) const;
-    /// Of a client that left or fell silent.
+    /// For a client that left or timed out.
     std::string left(const ClientSnapshot& client) const;
-    /// For people: what happened per second since `before`, and what counts so far. For machines:
-    /// everything that was counted so far.
+    /// Text: data rates since `before`, input counters and measurements since the start. JSON: all
+    /// counters since the start.
     std::string status(const ServerSnapshot& now, const ServerSnapshot& before) const;
-    /// On the whole run; for people some lines, one per client and measure.
+    /// Totals of the whole run.
     std::string summary(const ServerSnapshot& total) const;
 
   private:

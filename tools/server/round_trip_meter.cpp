@@ -15,12 +15,12 @@ namespace {
 constexpr std::size_t max_lag_blocks = 300;
 constexpr std::size_t max_lag_seconds = 2;
 constexpr double least_correlation = 0.3;
-/// Lags whose correlations differ by less are equally good: those of a steady tone.
+/// Lags whose correlations differ by less count as equally good. A steady tone has many such lags.
 constexpr double equal_correlation = 1e-9;
-/// A resampler at work moves the lag by some frames a second: likeness is judged in shorter pieces,
-/// each at the best lag within this reach.
-constexpr std::size_t likeness_pieces = 16;
-constexpr std::size_t likeness_reach_frames = 16;
+/// Resampling moves the lag by some frames per second. Similarity is therefore measured in shorter
+/// pieces, each at its best lag within this distance.
+constexpr std::size_t similarity_pieces = 16;
+constexpr std::size_t similarity_reach_frames = 16;
 
 bool is_silent(std::span<const float> samples) {
     return std::ranges::all_of(samples, [](float sample) { return sample == 0.0F; });
@@ -32,7 +32,7 @@ bool bit_equal(std::span<const float> a, std::span<const float> b) {
     });
 }
 
-/// The highest value between the entries: the top of the parabola through the best of them and its
+/// The interpolated maximum: the vertex of the parabola through the largest value and its two
 /// neighbours.
 double peak(std::span<const double> values) {
     const auto best = std::ranges::max_element(values);
@@ -96,15 +96,15 @@ void RoundTripMeter::measure() {
     known_lag_ = totals_.last_lag_frames = lag;
     totals_.exact_blocks += counts.exact;
     totals_.compared_blocks += counts.compared;
-    // Where the sound begins within the window, what is missing before is no loss of likeness.
+    // Skip the window in which the returned signal begins: its silent start would lower the result.
     const bool begins = !std::exchange(heard_, true) && counts.silent > 0;
-    if (!begins) correlations_.push_back(likeness(*lag));
+    if (!begins) correlations_.push_back(similarity(*lag));
 }
 
 std::optional<std::size_t> RoundTripMeter::find_lag() const {
     if (is_silent(returned_)) return {};
     std::vector<double> by_lag = correlation(returned_, sent_);
-    std::ranges::reverse(by_lag);  // the latest stretch has the shortest lag
+    std::ranges::reverse(by_lag);  // the last segment has lag 0
     const double best = *std::ranges::max_element(by_lag);
     if (best < least_correlation) return {};
     const auto is_best = [&](double value) { return value > best - equal_correlation; };
@@ -112,10 +112,10 @@ std::optional<std::size_t> RoundTripMeter::find_lag() const {
     return static_cast<std::size_t>(std::ranges::find_if(by_lag, is_best) - by_lag.begin());
 }
 
-double RoundTripMeter::likeness(std::size_t lag) const {
-    const std::size_t count = window_ / likeness_pieces;
-    const std::size_t longest = std::min(lag + likeness_reach_frames, max_lag_);
-    const std::size_t shortest = lag - std::min(lag, likeness_reach_frames);
+double RoundTripMeter::similarity(std::size_t lag) const {
+    const std::size_t count = window_ / similarity_pieces;
+    const std::size_t longest = std::min(lag + similarity_reach_frames, max_lag_);
+    const std::size_t shortest = lag - std::min(lag, similarity_reach_frames);
     double weights = 0;
     double sum = 0;
     for (std::size_t start = 0; start + count <= window_; start += count) {

@@ -30,13 +30,14 @@ bool has(const std::vector<ClientSnapshot>& clients, const ClientSnapshot& wante
     });
 }
 
-/// Prints who comes and goes, and a status every second, until it is time to end.
+/// Prints clients as they join and leave and a status every second, until the time is over or a
+/// signal arrives.
 void serve(const ReferenceServer& server, const CommandLine& command, const Report& report,
            std::ostream& out) {
     const std::uint64_t started_ms = platform::millisecond_tick();
     const std::uint64_t length_ms = std::uint64_t{command.seconds} * 1000;
     std::uint64_t next_status_ms = started_ms + status_period_ms;
-    ServerSnapshot told;
+    ServerSnapshot previous;
     std::vector<ClientSnapshot> known;
     while (stop_requested == 0) {
         const std::uint64_t now_ms = platform::millisecond_tick();
@@ -49,8 +50,8 @@ void serve(const ReferenceServer& server, const CommandLine& command, const Repo
         known = now.clients;
         if (now_ms >= next_status_ms) {
             next_status_ms += status_period_ms;
-            out << report.status(now, told) << std::endl;
-            told = std::move(now);
+            out << report.status(now, previous) << std::endl;
+            previous = std::move(now);
         }
         platform::sleep_ms(poll_period_ms);
     }
@@ -74,7 +75,7 @@ int run_server_program(int argc, const char* const* argv, std::ostream& out, std
         return 1;
     }
     const Report report(command.json);
-    out << report.listening(server.port(), command.options.format) << std::endl;
+    out << report.listening(server.port(), command.options) << std::endl;
     serve(server, command, report, out);
     server.stop();
     const ServerSnapshot total = server.snapshot();

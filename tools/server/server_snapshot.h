@@ -1,4 +1,4 @@
-// What a running server has counted, as plain values.
+// A copy of the server's counters and clients at one moment.
 #pragma once
 
 #include <cstdint>
@@ -25,23 +25,22 @@ struct MeasureSnapshot {
     RoundTripReport report;
 };
 
-/// Everything that the server counts, and who is there.
 struct ServerSnapshot : TrafficCounters, MixCounters, SessionCounters {
     std::uint64_t uptime_ms = 0;
     StreamFormat format;
     std::uint32_t next_sequence = 0;
     std::uint64_t blocks = 0;  ///< mixed
-    InputCounters input;       ///< of all clients, also those that are gone
+    InputCounters input;       ///< sum over all clients, including those that left
     std::vector<ClientSnapshot> clients;
     std::vector<MeasureSnapshot> measures;
-    std::uint64_t unobserved_blocks = 0;  ///< neither recorded nor measured: the disk was too slow
+    std::uint64_t unobserved_blocks = 0;  ///< not recorded or measured: disk or CPU too slow
     std::string recording_error;          ///< empty: none
 };
 
 /// One block of one bus channel.
 struct HistoryBlock {
     std::uint32_t sequence = 0;
-    std::uint64_t time_ns = 0;  ///< when it was due, server clock
+    std::uint64_t time_ns = 0;  ///< deadline, server clock
     std::vector<float> samples;
 };
 

@@ -10,8 +10,8 @@ namespace {
 constexpr std::int64_t ns_per_ms = 1'000'000;
 constexpr std::int64_t earliest_ns = 1'000'000'000;
 
-/// `span_ns` * factor, rounded to whole nanoseconds, for factors near 0: in double precision this
-/// is exact to the nanosecond for weeks.
+/// `span_ns` * factor, rounded to nanoseconds. With factors near 0, double precision is exact to
+/// the nanosecond for spans of weeks.
 std::int64_t scaled(std::int64_t span_ns, double factor) noexcept {
     return std::llround(static_cast<double>(span_ns) * factor);
 }

@@ -1,18 +1,19 @@
-// The server's own clock, which may run off ours on purpose.
+// The server's clock, with an optional offset and drift against the local clock.
 #pragma once
 
 #include <cstdint>
 
 namespace tavistro::server {
 
-/// Converts between our nanosecond clock ("local") and the server's. Pure; not thread-safe.
+/// Converts between the local nanosecond clock and the server's clock. Reads no clock; not
+/// thread-safe.
 class SkewedClock {
   public:
-    /// Equal to ours, but for the offset and drift from `local_ns` on. An offset that would take
-    /// the clock below one second is cut there: clocks are unsigned.
+    /// The offset applies at `local_ns`, the drift from then on. An offset never sets the clock
+    /// below one second, because clock values are unsigned.
     SkewedClock(std::uint64_t local_ns, std::int64_t offset_ms, double drift_ppm) noexcept;
 
-    /// Goes on from the present reading at another speed; the offset moves by the difference.
+    /// Continues from the current value with the new drift, moved by the change of the offset.
     void adjust(std::uint64_t local_ns, std::int64_t offset_ms, double drift_ppm) noexcept;
 
     std::uint64_t to_server(std::uint64_t local_ns) const noexcept;

@@ -1,4 +1,4 @@
-// What the server itself plays: tones, a tune, audio files.
+// The server's own audio sources: tones, melodies and audio files.
 #pragma once
 
 #include <cstdint>
@@ -10,13 +10,13 @@
 
 namespace tavistro::server {
 
-/// Something that plays on the bus, one block after the other. Not thread-safe.
+/// Plays on the bus, block by block. Not thread-safe.
 class Source {
   public:
     virtual ~Source() = default;
-    /// Adds the next block, of the bus's size. Allocates nothing.
+    /// Mixes the next block into the bus. Does not allocate.
     virtual void mix(MixBus& bus) = 0;
-    /// The stream goes on at another rate, which a file cannot follow.
+    /// Adapts to a new sample rate of the stream. Files ignore it.
     virtual void change_rate(std::uint32_t sample_rate) = 0;
 };
 
@@ -24,11 +24,11 @@ using SourceList = std::vector<std::unique_ptr<Source>>;
 
 std::unique_ptr<Source> make_tone(const ToneOptions& options, std::uint32_t sample_rate);
 std::unique_ptr<Source> make_melody(const MelodyOptions& options, std::uint32_t sample_rate);
-/// Reads the whole file. Throws std::runtime_error, its text for people, for a file that cannot be
-/// read, another sample rate than the stream's, more channels than the bus has from the first one
-/// on, or no frames.
+/// Reads the whole file. Throws std::runtime_error with a message for the user when the file cannot
+/// be read, is empty or too long, has another sample rate than the stream, or has more channels
+/// than the bus has from the first one on.
 std::unique_ptr<Source> make_file_source(const PlayOptions& options, std::uint32_t sample_rate);
-/// Every source of the options; throws as the files do.
+/// All sources of the options. Throws like make_file_source().
 SourceList make_sources(const ServerOptions& options);
 
 }  // namespace tavistro::server
