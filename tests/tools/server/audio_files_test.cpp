@@ -11,7 +11,7 @@
 namespace tavistro::server {
 namespace {
 
-TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
+TEST(AudioFiles, PlaysARecordingInALoop) {
     const std::string path = testing::TempDir() + "tavistro-server-test.wav";
     MixBus bus(32);
     for (std::size_t i = 0; i < 32; ++i)
@@ -19,7 +19,7 @@ TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
     BusObserver observer;
     observer.start({.format = {48000, 32}, .records = {{path, {7, 4}}}});
     observer.push(0, {48000, 32}, bus);
-    observer.stop();  // writes all that was pushed
+    observer.stop();  // completes the file
     const auto source = make_file_source({path, 30}, 48000);
     MixBus played(48);
     source->mix(played);
@@ -31,7 +31,7 @@ TEST(AudioFiles, WhatWasRecordedPlaysAgainAndLoops) {
     EXPECT_THROW(make_file_source({path, 31}, 48000), std::runtime_error);
     ReferenceServer server(ServerOptions{.port = 0, .plays = {{path, 0}}});
     ASSERT_EQ(server.start(), "");
-    EXPECT_FALSE(server.change_format(44100, 128)) << "amid a file";
+    EXPECT_FALSE(server.change_format(44100, 128)) << "a playing file cannot change its rate";
     std::filesystem::remove(path);
 }
 

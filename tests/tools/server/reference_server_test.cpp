@@ -1,4 +1,4 @@
-// The server as a whole, on its real threads and sockets; a socket plays the client.
+// Tests the whole server with its threads and its socket. A second socket acts as the client.
 #include "tools/server/reference_server.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ using namespace TavistroProtocol;
 
 constexpr StreamFormat format{48000, 32};
 
-/// A client feeds channel 1 and receives every channel: a Sync and 4 datagrams a block.
+/// A client sends channel 1 and receives every channel: one sync notice and 4 datagrams per block.
 class ReferenceServerTest : public testing::Test {
   protected:
     ReferenceServerTest() {
@@ -33,7 +33,7 @@ class ReferenceServerTest : public testing::Test {
         socket.send_to(datagram, {platform::ipv4_loopback, server.port()});
     }
 
-    /// What is counted from now on, once `blocks` more blocks have been mixed.
+    /// The counters after `blocks` more blocks have been mixed.
     ServerSnapshot after(std::uint64_t blocks) {
         const std::uint64_t end = server.snapshot().blocks + blocks;
         EXPECT_TRUE(test::eventually([&] { return server.snapshot().blocks > end; }));
@@ -44,12 +44,12 @@ class ReferenceServerTest : public testing::Test {
     platform::UdpSocket socket;
 };
 
-TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
+TEST_F(ReferenceServerTest, CountsTheEffectsOfFaults) {
     using Count = std::uint64_t TrafficCounters::*;
     constexpr Count counts[] = {&TrafficCounters::blocks_lost, &TrafficCounters::blocks_held_back,
                                 &TrafficCounters::syncs_lost, &TrafficCounters::datagrams_sent};
     using PerBlock = std::array<std::uint64_t, std::size(counts)>;
-    // A processor that was taken away leaves so many blocks on their way at once.
+    // After a preemption of the server, up to this many blocks are sent at once.
     constexpr std::uint64_t slack = MixingSession::max_late_blocks + 4;
     for (const auto& [faults, per_block, taken] :
          {std::tuple<FaultOptions, PerBlock, std::uint64_t>{{}, {0, 0, 0, 5}, 20},
@@ -58,7 +58,7 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
           {{.drop_percent = 100}, {1, 0, 1, 0}, 0},
           {{.silent = true}, {1, 0, 1, 0}, 20}}) {
         server.set_faults(faults);
-        const ServerSnapshot before = after(slack);  // those under the faults before have passed
+        const ServerSnapshot before = after(slack);  // blocks with the previous faults are done
         for (int i = 0; i < 20; ++i)
             send({1, 2, 3});
         const ServerSnapshot now = after(4 * slack);
@@ -73,11 +73,11 @@ TEST_F(ReferenceServerTest, CountsWhatFaultsDoToBlocks) {
             const ServerSnapshot last = server.snapshot();
             return last.datagrams_received - before.datagrams_received == 20 &&
                    last.malformed - before.malformed == taken;
-        })) << "faults meet both directions";
+        })) << "faults apply to both directions";
     }
 }
 
-TEST_F(ReferenceServerTest, StopsAndStartsAgainAboveItsNumbers) {
+TEST_F(ReferenceServerTest, ContinuesItsSequenceNumbersAfterARestart) {
     EXPECT_TRUE(server.change_format(48000, 1));  // counts faster than the wall clock
     server.enable_history(2);
     after(5000);

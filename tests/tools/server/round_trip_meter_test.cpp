@@ -33,7 +33,7 @@ Signal delayed(const Signal& signal, std::size_t lag) {
     return result;
 }
 
-/// What the server measures when as many blocks as `hole` do not come.
+/// The server's measurement when `hole` blocks are skipped.
 RoundTripReport measured(const Signal& sent, const Signal& returned, std::size_t hole = 0) {
     BusObserver observer;
     observer.start({.format = format, .measures = {{.sent = 5, .returned = 3}}});
@@ -56,28 +56,28 @@ const Signal& sent_melody() {
     return signal;
 }
 
-TEST(Sources, PlayAtTheirLevelAndTheNewRate) {
+TEST(Sources, PlayAtTheirLevelAndFollowARateChange) {
     const auto tone = make_tone({.frequency_hz = 375, .level = 0.5F}, 44100);
-    tone->change_rate(format.sample_rate);  // a period is a block
+    tone->change_rate(format.sample_rate);  // one period per block
     const Signal wave = played(*tone);
     EXPECT_NEAR(wave[32], 0.5, 1e-6);
     EXPECT_NEAR(wave[128 + 96], -0.5, 1e-6);
     EXPECT_NEAR(std::ranges::max(sent_melody()), 0.4, 0.1);
 }
 
-TEST(RoundTripMeter, FindsAnyLagAndWhatCameBackExactlyBesideAHole) {
+TEST(RoundTripMeter, FindsTheLagAndCountsExactBlocksDespiteSkippedBlocks) {
     for (const auto& [lag, hole] : {std::pair(0U, 0U), {1, 0}, {768, 50}, {300 * 128, 0}}) {
         Signal returned = delayed(sent_melody(), lag);
         returned[60000] = std::nextafter(returned[60000], 1.0F);
         const RoundTripReport report = measured(sent_melody(), returned, hole);
         EXPECT_EQ(report.last_lag_frames, lag);
         EXPECT_GT(report.compared_blocks, 360U);
-        EXPECT_EQ(report.exact_blocks, report.compared_blocks - 1) << "one wrong bit, one block";
+        EXPECT_EQ(report.exact_blocks, report.compared_blocks - 1) << "one sample with a wrong bit";
     }
 }
 
-TEST(RoundTripMeter, LooksBetweenFramesAndPastTheBeginning) {
-    // Half a frame later, and silent until something comes back in the middle of a window.
+TEST(RoundTripMeter, InterpolatesTheLagAndIgnoresTheSilentStart) {
+    // Delayed by 1000.5 frames, and silent until the middle of a window.
     const Signal one_later = delayed(sent_melody(), 1001);
     Signal returned = delayed(sent_melody(), 1000);
     for (std::size_t i = 0; i < returned.size(); ++i)
@@ -87,14 +87,14 @@ TEST(RoundTripMeter, LooksBetweenFramesAndPastTheBeginning) {
     EXPECT_GT(report.correlation_min, 0.9999);
 }
 
-TEST(RoundTripMeter, CountsWhatIsSentAndComesBackSilentAtTheLagItKnows) {
+TEST(RoundTripMeter, CountsSilentBlocksAtTheKnownLag) {
     Signal sent = sent_melody();
     std::fill(sent.begin() + 48000, sent.end(), 0.0F);
     Signal returned = delayed(sent, 5003);
     std::fill(returned.begin() + 48000, returned.end(), 0.0F);
     const RoundTripReport report = measured(sent, returned);
-    EXPECT_EQ(report.silent_blocks, 40U) << "5003 frames were on their way";
-    EXPECT_LT(report.compared_blocks, 375U) << "not where nothing was sent";
+    EXPECT_EQ(report.silent_blocks, 40U) << "5003 frames, rounded up to blocks";
+    EXPECT_LT(report.compared_blocks, 375U) << "excludes blocks that were sent silent";
 }
 
 }  // namespace
