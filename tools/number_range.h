@@ -7,7 +7,7 @@
 
 namespace tavistro {
 
-/// Refuses what is no number, NaN among it, or not of this range, which the help shows.
+/// Accepts numbers in this range, which the help shows. Rejects NaN and text that is not a number.
 inline CLI::Validator number_range(double lowest, double highest) {
     const std::string range = fmt::format("{}..{}", lowest, highest);
     return {[=](const std::string& text) {

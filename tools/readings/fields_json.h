@@ -1,4 +1,5 @@
-// Records as JSON. Include <nlohmann/json.hpp> where an object is made or looked into.
+// Converts records to and from JSON. Callers that create or read objects include
+// <nlohmann/json.hpp>.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -10,10 +11,11 @@ namespace tavistro::readings {
 
 using Json = nlohmann::ordered_json;
 
-/// Adds every field under its name to an object; a code is followed by its words under NAME_text.
+/// Adds every field to an object under its name. A code is followed by its text under NAME_text.
 void add_fields(Json& object, const void* record, std::span<const Field> fields);
 
-/// The reverse, exactly. Throws nlohmann::json::exception when a field is missing or no number.
+/// Sets every field from an object, without loss. Throws nlohmann::json::exception when a field is
+/// missing or not a number.
 void take_fields(const Json& object, void* record, std::span<const Field> fields);
 
 }  // namespace tavistro::readings

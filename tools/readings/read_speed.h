@@ -1,4 +1,4 @@
-// What of the drift control shows in the statistics block.
+// Computes the drift control's read speed from the statistics block.
 #pragma once
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 
 namespace tavistro::readings {
 
-/// How much faster than its clock the device's side reads the buffer, in ppm: what the clocks seem
-/// to differ by, and what brings a fill that is off its target back. Negative for slower.
+/// How much faster than the device clock the playback buffer is read, in ppm; negative: slower. The
+/// sum of the estimated clock difference and the correction that moves the fill to its target.
 inline double read_speed_ppm(const tavistro_stats_block& stats) {
     if (stats.target_frames == 0) return 0;
     const double fill = (static_cast<double>(stats.min_frames) + stats.max_frames) / 2;

@@ -1,6 +1,5 @@
-// Reads an engine's shared statistics block.
-//
-// read() is common to all systems, the rest stands in the folder of each.
+// Reads an engine's shared statistics block. read() is common to all systems; linux/ and windows/
+// implement the rest.
 #pragma once
 
 #include <array>
@@ -11,8 +10,7 @@
 
 namespace tavistro::readings {
 
-/// Not thread-safe: one owner. A block that is held keeps showing the last contents after the run
-/// has ended.
+/// Not thread-safe. An open block keeps its last contents after the run has ended.
 class StatsReader {
   public:
     StatsReader() noexcept = default;
@@ -20,29 +18,29 @@ class StatsReader {
     StatsReader& operator=(const StatsReader&) = delete;
     ~StatsReader() { close(); }
 
-    /// Opens the block of the client_id; true when one is open already. False when there is none
-    /// of the right size.
+    /// Opens the block of the client_id. True if one is open already; false if there is none of the
+    /// right size.
     bool open(std::uint32_t client_id);
     void close() noexcept;
 
-    /// A copy of the block, each field read in one piece; nothing when no block is open or it is
-    /// not, or no longer, one of this layout.
+    /// A copy of the block; each field is read atomically. Nothing when no block is open or when it
+    /// does not have this layout.
     std::optional<tavistro_stats_block> read() const;
 
-    /// False when no block is open or its engine has died: the process is gone, the block stayed.
-    /// Where a block ends with its engine, an open one is always held.
+    /// False when no block is open, or when the engine's process died and left its block behind.
+    /// Always true for an open block on systems that remove the block with its engine.
     bool is_held() const noexcept;
 
   private:
     using Words = std::array<std::uint64_t, TAVISTRO_STATS_BLOCK_BYTES / sizeof(std::uint64_t)>;
-    /// Every word in one piece; false when no block is open or it has lost its size.
+    /// Reads each word atomically. False when no block is open or when it was truncated.
     bool copy_to(Words& words) const;
 
     std::intptr_t handle_ = -1;
 };
 
-/// Whether an engine on this computer plays under the client_id: its block shows a run, and it has
-/// not died since.
+/// True when an engine on this computer runs with the client_id: its block shows a run, and its
+/// process is alive.
 bool engine_plays_as(std::uint32_t client_id);
 
 }  // namespace tavistro::readings

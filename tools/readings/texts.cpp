@@ -7,7 +7,7 @@ namespace tavistro::readings {
 
 namespace {
 
-// By their codes, which count from 0.
+// Indexed by the codes, which start at 0.
 constexpr std::string_view states[] = {"Idle",       "Starting", "Connected", "Running",
                                        "Restarting", "Stopping", "Stopped",   "Failed"};
 static_assert(std::size(states) == TAVISTRO_STATE_FAILED + 1);
@@ -55,12 +55,12 @@ constexpr CodeText errors[] = {
 constexpr CodeText advice[] = {
     {TAVISTRO_ERROR_NO_CONFIG_PATH, "Name a configuration file."},
     {TAVISTRO_ERROR_CLIENT_START_FAILED,
-     "Is the server running, are server_ip and server_port right, and does a firewall let UDP "
-     "through?"},
+     "Is the server running? Are server_ip and server_port right? Does the firewall allow UDP?"},
     {TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
-     "Do input_map and output_map fit the device, does it offer the stream's block size and rate "
-     "(tavistro-host devices), and is the driver of driver_name installed and free unless "
-     "loopback_device is on?"},
+     "Do input_map and output_map fit the device? Does it support the stream's block size and "
+     "sample "
+     "rate (see tavistro-host devices)? Unless loopback_device is on: is the driver of driver_name "
+     "installed and not in use?"},
     {TAVISTRO_ERROR_STATS_BLOCK_FAILED,
      "Does another user's process hold the statistics block of this client_id?"},
     {TAVISTRO_ERROR_SERVER_INCOMPATIBLE, "Server and engine must speak the same protocol version."},

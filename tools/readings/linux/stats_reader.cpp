@@ -7,8 +7,8 @@
 
 #include <string>
 
-// Read through the descriptor: anybody may shrink the object, and touching a mapped page that is
-// gone would end the process.
+// Reads with pread() instead of a mapping: any process may truncate the object, and an access to a
+// mapped page that no longer exists would end this process.
 
 namespace tavistro::readings {
 
@@ -26,8 +26,7 @@ void StatsReader::close() noexcept {
     handle_ = -1;
 }
 
-// Engines hold a shared lock for as long as they live. Should one start in this very instant, it
-// tries again.
+// An engine holds a shared lock while it lives. One that starts during this check retries its lock.
 bool StatsReader::is_held() const noexcept {
     if (handle_ == -1) return false;
     const int fd = static_cast<int>(handle_);

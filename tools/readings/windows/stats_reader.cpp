@@ -7,7 +7,7 @@
 
 namespace tavistro::readings {
 
-// The handle is the address of the mapped view, which keeps the block.
+// handle_ is the address of the mapped view; the view keeps the block alive.
 
 bool StatsReader::open(std::uint32_t client_id) {
     if (handle_ != -1) return true;
@@ -31,7 +31,7 @@ bool StatsReader::is_held() const noexcept {
 
 bool StatsReader::copy_to(Words& words) const {
     if (handle_ == -1) return false;
-    // The engine writes while we read: volatile makes each word one load.
+    // The engine writes concurrently; volatile makes each word a single load.
     const auto* source = reinterpret_cast<const volatile std::uint64_t*>(handle_);
     std::copy_n(source, words.size(), words.begin());
     return true;
