@@ -1,4 +1,4 @@
-// The device's side: the playback buffer, the captured periods, meters and sample formats.
+// Benchmarks of the device side: playback buffer, captured periods, meters and sample formats.
 #include <cstring>
 #include <string_view>
 
@@ -11,12 +11,12 @@
 namespace tavistro::bench {
 namespace {
 
-/// A playback buffer with room for one batch more than it keeps.
+/// A playback buffer with room for kept_blocks and one batch.
 class Playback {
   public:
     static constexpr std::size_t kept_blocks = 6;
 
-    /// With a target of 0 blocks the read speed is always exactly 1.
+    /// A target of 0 blocks fixes the read speed at exactly 1.
     Playback(const Shape& shape, std::uint64_t target_blocks)
         : samples_(noise(shape.samples())),
           block_{.sequence = 1,
@@ -104,7 +104,7 @@ void peak_meters(benchmark::State& state, const Shape& shape) {
         });
 }
 
-/// Every channel in a buffer of its own, as drivers have them.
+/// One buffer per channel, as in ASIO drivers.
 class DriverBuffers {
   public:
     DriverBuffers(const Shape& shape, std::uint32_t code)
@@ -123,7 +123,7 @@ class DriverBuffers {
             samples_from_float(buffers_[c].data(), code_, channel(c));
         return true;
     }
-    /// Of the wider of the two forms.
+    /// Size of the samples in the larger of the two formats.
     std::size_t bytes() const {
         return samples_.size() * std::max(sizeof(float), sample_size_bytes(code_));
     }

@@ -1,8 +1,8 @@
-// How the benches measure: an operation beside a memcpy of as many bytes.
+// Measures an operation relative to a memcpy of the same number of bytes.
 //
-// Machines and moments differ by more than what a change of code makes out, so what counts is the
-// ratio of the two. They take turns batch by batch, and each is told by its median batch, which a
-// preempted one does not move.
+// Absolute times vary more between machines and runs than through a code change, so compare the
+// ratios. Batches of the operation and of the memcpy alternate. The result is the median batch of
+// each, which preempted batches hardly affect.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -24,10 +24,10 @@ struct Shape {
     std::uint16_t channels;
     std::uint16_t frames;
     std::size_t samples() const noexcept { return std::size_t{channels} * frames; }
-    /// Of the samples as float.
+    /// Size of the samples as float.
     std::size_t bytes() const noexcept { return samples() * sizeof(float); }
-    /// Operations that are timed at once, against the clock's own cost. Few enough for their
-    /// blocks to fit the buffers of an engine.
+    /// Operations per timed batch. Several, so that the cost of reading the clock matters less; few
+    /// enough for their blocks to fit the engine's buffers.
     std::size_t batch() const noexcept;
 };
 
@@ -40,27 +40,27 @@ void add_net_benches();
 void add_engine_benches();
 void add_system_benches();
 
-/// The same noise between +-0.5 every time.
+/// Noise within +-0.5, the same at every call.
 std::vector<float> noise(std::size_t samples);
 
-/// The clock's own cost, taken off every batch.
+/// Cost of reading the clock, subtracted from every batch.
 double clock_cost_ns();
 double median(std::vector<double> values);
 
-/// memcpy from one buffer to another, both hot.
+/// memcpy between two buffers that stay in the cache.
 class MemoryCopy {
   public:
     explicit MemoryCopy(std::size_t bytes) : from_(bytes, 1), to_(bytes) {}
     bool operator()();
 
   private:
-    // Aligned: some processors take twenty times as long when the destination lies a little
-    // further behind the beginning of its page than the source.
+    // Aligned: some processors take twenty times as long when the destination's page offset is
+    // slightly larger than the source's.
     CacheLineVector<unsigned char> from_;
     CacheLineVector<unsigned char> to_;
 };
 
-/// Time of `count` operations. False when one of them did not do its work.
+/// Times `count` operations. False when one of them failed.
 template <typename Operation>
 bool time_batch(std::size_t count, Operation& operation, double& taken_ns) {
     using Clock = std::chrono::steady_clock;
@@ -73,9 +73,9 @@ bool time_batch(std::size_t count, Operation& operation, double& taken_ns) {
     return worked;
 }
 
-/// Runs `operation`, which returns whether it did its work, with an untimed `prepare` before each
-/// batch. Sets the counters ns_per_sample (for `samples` channel-samples) and memcpy_ratio (to a
-/// memcpy of `bytes`).
+/// Runs batches of `operation`, which returns whether it succeeded, each after an untimed
+/// `prepare`. Sets the counters ns_per_sample (an operation processes `samples` samples of all
+/// channels) and memcpy_ratio (relative to a memcpy of `bytes`).
 template <typename Prepare, typename Operation>
 void measure(benchmark::State& state, std::size_t batch, std::size_t samples, std::size_t bytes,
              Prepare prepare, Operation operation) {
@@ -97,7 +97,7 @@ void measure(benchmark::State& state, std::size_t batch, std::size_t samples, st
     state.counters["memcpy_ratio"] = typical_ns / copy_typical_ns;
 }
 
-/// The same beside a memcpy of the block.
+/// As above, relative to a memcpy of the block.
 template <typename Prepare, typename Operation>
 void measure(benchmark::State& state, const Shape& shape, Prepare prepare, Operation operation) {
     measure(state, shape.batch(), shape.samples(), shape.bytes(), prepare, operation);

@@ -1,4 +1,4 @@
-// The level of instructions of a program that measures: linked in place of the product's choice.
+// Lets benchmark programs select the SIMD level. Linked in place of the engine's own selection.
 #pragma once
 
 #include <string_view>
@@ -7,8 +7,8 @@
 
 namespace tavistro::bench {
 
-/// What simd_level() gives from now on: "baseline", or "avx2" where the processor has it. False for
-/// anything else. Before the objects whose loops are to be measured are made.
+/// Sets the result of simd_level(): "baseline", or "avx2" if the processor supports it. False for
+/// anything else. Call it before creating the objects to measure.
 bool choose_simd_level(std::string_view name) noexcept;
 
 }  // namespace tavistro::bench

@@ -1,4 +1,4 @@
-// Runs a number of whole engines in one process, and tells what they cost together.
+// Runs several complete engines in one process and reports their CPU time and memory.
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
@@ -32,7 +32,7 @@ struct Options {
     int seconds = 5;
 };
 
-/// Time that all threads of this process have run for.
+/// CPU time of all threads of this process.
 double process_seconds() {
     double sum = 0;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -48,7 +48,7 @@ long resident_kb() {
         long kb = 0;
         if (word == "VmRSS:" && status >> kb) return kb;
     }
-    throw std::runtime_error("no VmRSS");
+    throw std::runtime_error("/proc/self/status has no VmRSS");
 }
 
 struct Totals {
@@ -66,7 +66,8 @@ nlohmann::json run(const Options& options) {
                             options.channels);
         engines.push_back(
             std::make_unique<EngineRuntime>([] { return std::make_unique<CrowdDevice>(); }));
-        if (!engines.back()->start(path.c_str())) throw std::runtime_error("no start");
+        if (!engines.back()->start(path.c_str()))
+            throw std::runtime_error("client " + std::to_string(i) + " does not start");
     }
     std::this_thread::sleep_for(std::chrono::seconds(3));
 
@@ -76,7 +77,7 @@ nlohmann::json run(const Options& options) {
             readings::StatsReader reader;
             const auto stats = reader.open(first_id + i) ? reader.read() : std::nullopt;
             if (!stats || engines[i]->snapshot_state().state != TAVISTRO_STATE_RUNNING)
-                throw std::runtime_error("client " + std::to_string(i) + " does not run");
+                throw std::runtime_error("client " + std::to_string(i) + " is not running");
             sum.blocks += stats->rendered_frames / std::max(stats->stream_block_frames, 1U);
             sum.underruns += stats->underruns;
         }
@@ -102,14 +103,17 @@ nlohmann::json run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Runs engines on a device without sound, and tells what they cost.");
+    CLI::App app(
+        "Runs engines on a device without audio hardware and prints their CPU load and memory as "
+        "JSON.");
     Options options;
-    app.add_option("--port", options.port, "the server's, on this machine");
-    app.add_option("--clients", options.clients)->check(number_range(1, 1000));
-    app.add_option("--channels", options.channels, "each way")->check(number_range(1, 32));
+    app.add_option("--port", options.port, "UDP port of the server on this machine");
+    app.add_option("--clients", options.clients, "number of engines")->check(number_range(1, 1000));
+    app.add_option("--channels", options.channels, "channels in each direction")
+        ->check(number_range(1, 32));
     app.add_option("--blocks", options.latency_blocks, "client_latency_blocks")
         ->check(number_range(1, 128));
-    app.add_option("--seconds", options.seconds, "how long, after 3 s that nothing is measured in")
+    app.add_option("--seconds", options.seconds, "measuring time in s, after 3 s of settling")
         ->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);

@@ -1,5 +1,5 @@
-// What the engine shows to others. It does not depend on the stream; the shapes say what it adds
-// to each sample of a block.
+// Benchmarks of publishing state and statistics. Their cost does not depend on the stream; the
+// shapes show the cost per sample of a block.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,7 +12,7 @@
 namespace tavistro::bench {
 namespace {
 
-/// That of no running engine.
+/// No running engine uses it.
 constexpr std::uint32_t unused_client_id = 4294967295;
 
 void state_snapshot(benchmark::State& state, const Shape& shape) {
@@ -25,12 +25,12 @@ void state_snapshot(benchmark::State& state, const Shape& shape) {
         });
 }
 
-/// `write` on an open block.
+/// Measures `write` on an open block.
 template <typename Write>
 void stats_block_write(benchmark::State& state, const Shape& shape, const Write& write) {
     StatsBlock block;
     if (!block.open(unused_client_id)) {
-        state.SkipWithError("no shared memory");
+        state.SkipWithError("cannot create shared memory");
         return;
     }
     measure(
@@ -57,7 +57,7 @@ void stats_block_player(benchmark::State& state, const Shape& shape) {
     });
 }
 
-/// What the system itself takes for as many bytes in one piece.
+/// Cost of one system call that writes the same number of bytes.
 void stats_block_pwrite(benchmark::State& state, const Shape& shape) {
     const std::vector<char> bytes(sizeof(tavistro_stats_block));
     const int object = memfd_create("stats_block_pwrite", 0);

@@ -1,9 +1,9 @@
-// Measures with impulses how long sound takes from the server to a device's output, and from the
-// server's mix through the device back into the mix.
+// Measures two latencies with impulses: from the server to the device's output, and the round trip
+// from the server's mix through the device back into the mix.
 //
-// Server, engine and device run in one process, on one clock, over a real socket. The device adds
-// nothing of its own: what it is handed in a period counts as heard from the period's deadline on,
-// and goes into the next period's input.
+// Server, engine and device run in one process on one clock and use a real socket. The device adds
+// no latency: a period's output counts as played at the period's deadline and becomes the next
+// period's input.
 #include <sndfile.h>
 #include <unistd.h>
 
@@ -34,7 +34,7 @@ using std::chrono::milliseconds;
 
 constexpr int rate = 48000;
 constexpr float level = 0.5F;
-constexpr float threshold = 0.2F;  // interpolation leaves half of an impulse to each neighbour
+constexpr float threshold = 0.2F;  // interpolation may split an impulse equally between two frames
 constexpr auto settling = std::chrono::seconds(3);
 constexpr int impulses_per_second = 4;
 
@@ -42,7 +42,7 @@ double frames_to_ns(double frames) {
     return frames * 1e9 / rate;
 }
 
-/// Times at which impulses were heard, nanosecond clock.
+/// Times at which impulses were played, nanosecond clock.
 class HeardTimes {
   public:
     void add(double ns) {
@@ -59,7 +59,7 @@ class HeardTimes {
     std::vector<double> ns_;
 };
 
-/// Notes when an impulse comes out.
+/// Records when an impulse is played.
 class ProbeDevice : public SleepingDevice {
   public:
     explicit ProbeDevice(HeardTimes& heard) : heard_(heard) {}
@@ -70,7 +70,7 @@ class ProbeDevice : public SleepingDevice {
         const auto& sound = output(0);
         const auto loudest = std::max_element(sound.begin(), sound.end());
         const double ns = deadline_ns + frames_to_ns(static_cast<double>(loudest - sound.begin()));
-        // An impulse between two frames may fall into two periods.
+        // An interpolated impulse may span two periods.
         if (*loudest > threshold && ns > last_heard_ns_ + frames_to_ns(2))
             heard_.add(last_heard_ns_ = ns);
     }
@@ -92,7 +92,7 @@ void write_impulse(const std::string& path) {
     sf_close(file);
 }
 
-/// Times of the impulses on one of the server's channels.
+/// Times of the impulses on a bus channel of the server.
 std::vector<double> impulse_times(const server::ReferenceServer& server, std::size_t channel) {
     std::vector<double> times;
     for (const auto& block : server.bus_history(channel)) {
@@ -105,13 +105,13 @@ std::vector<double> impulse_times(const server::ReferenceServer& server, std::si
     return times;
 }
 
-/// A delay and when it was seen.
+/// A delay and the time at which it was observed.
 struct Delay {
     double at_ns;
     double ms;
 };
 
-/// From each start to the first arrival behind it; those without one are left out.
+/// From each start to the next arrival; omits starts without an arrival.
 std::vector<Delay> delays(const std::vector<double>& starts_ns,
                           const std::vector<double>& arrivals_ns) {
     std::vector<Delay> found;
@@ -123,7 +123,8 @@ std::vector<Delay> delays(const std::vector<double>& starts_ns,
     return found;
 }
 
-/// By how much what was shown at about the same time is above each delay measured.
+/// For each measured delay, the difference of the value shown nearest in time: shown minus
+/// measured.
 std::vector<Delay> excess(const std::vector<Delay>& shown, const std::vector<Delay>& measured) {
     std::vector<Delay> found;
     for (const Delay& delay : measured) {
@@ -164,14 +165,14 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
     if (!engine.start(configuration.c_str())) throw std::runtime_error("the engine does not start");
     std::this_thread::sleep_for(settling);
     if (engine.snapshot_state().state != TAVISTRO_STATE_RUNNING)
-        throw std::runtime_error("the engine does not run");
+        throw std::runtime_error("the engine is not running");
 
     readings::StatsReader stats;
-    if (!stats.open(client_id)) throw std::runtime_error("no statistics block");
+    if (!stats.open(client_id)) throw std::runtime_error("cannot open the statistics block");
     const auto first = stats.read();
     auto last = first;
     heard.take();
-    // The last blocks of the run may still be under way when it ends.
+    // Impulses in blocks that have not returned when the run ends are not counted.
     server.enable_history(static_cast<std::size_t>(seconds * rate / frames));
     std::vector<Delay> shown;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -182,7 +183,7 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
             shown.push_back({static_cast<double>(platform::nanosecond_clock()),
                              last->server_to_output_last_us * 1e-3});
     }
-    if (!first || !last) throw std::runtime_error("the statistics block has gone");
+    if (!first || !last) throw std::runtime_error("the statistics block is gone");
     engine.stop();
     server.stop();
 
@@ -203,14 +204,16 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Measures with impulses the way from server to output, and the round trip.");
+    CLI::App app(
+        "Measures the latency from server to output and the round trip with impulses; prints "
+        "JSON.");
     std::uint16_t frames = 128;
     int latency_blocks = 6;
     int seconds = 10;
     app.add_option("--frames", frames, "frames per block")->check(number_range(16, 2048));
     app.add_option("--blocks", latency_blocks, "client_latency_blocks")
         ->check(number_range(1, 128));
-    app.add_option("--seconds", seconds, "how long, after 3 s that nothing is measured in")
+    app.add_option("--seconds", seconds, "measuring time in s, after 3 s of settling")
         ->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Leaves out of the names how the time is taken, which is the same for every bench.
+/// Removes the kind of time measurement from the names; it is the same for every benchmark.
 template <typename Reporter>
 class PlainNames : public Reporter {
   public:
@@ -19,8 +19,8 @@ class PlainNames : public Reporter {
     }
 };
 
-/// Takes `--simd=baseline` or `--simd=avx2` out of the arguments. False for a level that the
-/// processor does not have, or that there is not.
+/// Applies `--simd=baseline` or `--simd=avx2` and removes it from the arguments. False for a level
+/// that is unknown or that the processor does not support.
 bool take_simd_level(int& argc, char** argv) {
     constexpr std::string_view option = "--simd=";
     for (int i = 1; i < argc; ++i) {

@@ -1,4 +1,4 @@
-// The network's side: the captured input on its way out, the server's blocks on their way in.
+// Benchmarks of the network side: sending captured input and receiving the server's blocks.
 #include <cstring>
 
 #include "audio/playback_buffer.h"
@@ -66,7 +66,7 @@ void encode_block(benchmark::State& state, const Shape& shape) {
         [&] { return encode_audio_block(view_of(shape, samples), udp_payload_bytes, datagrams); });
 }
 
-/// From a block's datagrams to its samples in the playback ring.
+/// From a block's datagrams to its samples in the playback buffer.
 void receive_block(benchmark::State& state, const Shape& shape) {
     constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
     constexpr std::size_t sequence_offset = 16;
@@ -121,8 +121,9 @@ void receive_block(benchmark::State& state, const Shape& shape) {
     });
 }
 
-/// Datagrams of 52 bytes that claim to be part of the largest block there is: the time of each is
-/// what a forger takes from the receive thread. `fragments` 1: each is a whole block.
+/// Forged datagrams of 52 bytes that claim to belong to a block of the largest size. The time of
+/// each is the load that an attacker puts on the receive thread. `fragments` 1: each is a whole
+/// block.
 void forged_datagram(benchmark::State& state, std::uint8_t fragments) {
     constexpr platform::Ipv4Endpoint server{platform::ipv4_loopback, 28010};
     constexpr float sample = 1.0F;
@@ -139,7 +140,7 @@ void forged_datagram(benchmark::State& state, std::uint8_t fragments) {
     session.run(server);
     std::uint32_t sequence = 0;
     for (auto _ : state) {
-        sequence += 2;  // with a block that is missing before it
+        sequence += 2;  // the block before it is missing
         std::memcpy(&datagram[16], &sequence, sizeof sequence);
         session.handle_datagram(datagram, server);
     }

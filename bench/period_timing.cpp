@@ -1,8 +1,9 @@
 // Measures how late the virtual loopback device begins its periods.
 //
-// The device does not tell its deadlines. They are a straight line, though, and the device, which
-// spins the last of the way, meets most of them to well under a microsecond: those fix the line.
-// What a period takes until it is seen, about a microsecond, is the same for all and drops out.
+// The device does not publish its deadlines, but they are evenly spaced. It spins just before each
+// deadline and meets most of them to well under a microsecond, so these periods reveal the
+// deadlines. The delay until a period is timestamped, about a microsecond, is constant and cancels
+// out.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -44,7 +45,7 @@ struct Timing {
 };
 
 Timing timing(const std::vector<double>& seen_us, double period_us) {
-    // Where the deadlines lie, counted from the first period seen.
+    // Offset of each period from an even grid that starts at the first one.
     std::vector<double> offsets;
     for (const double at : seen_us)
         offsets.push_back(std::remainder(at - seen_us.front(), period_us));
@@ -56,7 +57,7 @@ Timing timing(const std::vector<double>& seen_us, double period_us) {
     for (const double at : seen_us) {
         result.lateness_us.push_back(std::max(0.0, at - deadline));
         deadline += period_us;
-        // As the device does: less than a period behind is made up for, more is dropped.
+        // Like the device: catch up when less than a period behind, else drop periods.
         const double behind = (at - deadline) / period_us;
         if (behind < 1) continue;
         const double missed = std::floor(behind) + 1;
@@ -70,13 +71,13 @@ Timing timing(const std::vector<double>& seen_us, double period_us) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Measures how late the loopback device begins its periods.");
+    CLI::App app("Measures how late the loopback device begins its periods; prints JSON.");
     AudioDeviceSettings settings;
     settings.output_channel_map = settings.input_channel_map = {0, 1};
     int seconds = 10;
     app.add_option("--frames", settings.block_size, "frames per period")
         ->check(number_range(16, 2048));
-    app.add_option("--seconds", seconds, "how long")->check(number_range(1, 3600));
+    app.add_option("--seconds", seconds, "measuring time in s")->check(number_range(1, 3600));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -85,7 +86,7 @@ int main(int argc, char** argv) {
     const double period_us = 1e6 * settings.block_size / settings.sample_rate;
     const auto seen = period_ends_us(settings, seconds);
     if (seen.empty()) {
-        std::fputs("period timing: the device does not run\n", stderr);
+        std::fputs("period timing: the device did not start\n", stderr);
         return 1;
     }
     const auto [late, dropped] = timing(seen, period_us);

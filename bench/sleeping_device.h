@@ -1,4 +1,4 @@
-// What the programs share that run whole engines in real time.
+// Shared by the programs that run complete engines in real time.
 #pragma once
 
 #include <time.h>
@@ -19,9 +19,9 @@
 
 namespace tavistro::bench {
 
-/// A device that costs as good as nothing and adds no delay: its periods begin by its own clock,
-/// what it is handed in one counts as heard from the period's deadline on, and comes back as the
-/// next period's input. Derived classes close it before they are gone.
+/// A device with almost no CPU cost and no latency. Its own timer starts the periods. A period's
+/// output counts as played at the period's deadline and becomes the next period's input.
+/// Destructors of derived classes must call close().
 class SleepingDevice : public AudioDevice {
   public:
     bool open(const AudioDeviceSettings& settings, LogCallback, BufferSwitchCallback callback,
@@ -58,7 +58,7 @@ class SleepingDevice : public AudioDevice {
     bool reset_requested() override { return false; }
 
   protected:
-    /// Called in each period once its outputs are written.
+    /// Called in each period after its outputs were written.
     virtual void played(double /*deadline_ns*/) {}
     const std::vector<float>& output(std::size_t channel) const { return output_[channel]; }
 
@@ -73,7 +73,7 @@ class SleepingDevice : public AudioDevice {
                 return start_ns + static_cast<double>(period) * period_ns;
             };
             sleep_until(deadline_ns());
-            // Periods that are over by now are lost, as with hardware.
+            // Skip periods that have already passed, as hardware does.
             const double late_ns =
                 static_cast<double>(platform::nanosecond_clock()) - deadline_ns();
             period += static_cast<std::uint64_t>(std::max(0.0, late_ns) / period_ns);
@@ -96,7 +96,7 @@ class SleepingDevice : public AudioDevice {
     platform::Thread thread_;
 };
 
-/// A folder for as long as the object lives.
+/// A temporary folder that exists as long as this object.
 class WorkFolder {
   public:
     WorkFolder() { std::filesystem::create_directory(path_); }
@@ -110,7 +110,8 @@ class WorkFolder {
         std::filesystem::temp_directory_path() / ("tavistro-bench-" + std::to_string(getpid()));
 };
 
-/// Writes a client's configuration: the first `channels` of the server's channels back as the next.
+/// Writes a client's configuration. It receives the server's first `channels` bus channels and
+/// returns them on the following ones.
 inline void write_configuration(const std::string& path, std::uint16_t port,
                                 std::uint32_t client_id, int latency_blocks, int channels) {
     std::string from;

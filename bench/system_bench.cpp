@@ -1,4 +1,4 @@
-// What the system asks for by itself: the yardstick for the cost of a whole process.
+// Cost of the operating system alone, as a reference for the cost of a whole process.
 #include <time.h>
 
 #include <span>
@@ -19,9 +19,9 @@ double process_cpu_ns() {
     return static_cast<double>(used.tv_sec) * 1e9 + static_cast<double>(used.tv_nsec);
 }
 
-/// 375 times a second a thread wakes, sends datagrams, one for a block of stereo and 16 for one of
-/// 32 channels, and gets them back from another thread, both with the priority of a receive thread
-/// where it is granted: three wakes, with nothing done in between.
+/// 375 times per second a thread wakes, sends a block's datagrams to another thread and receives
+/// them back: 1 datagram for stereo, 16 for 32 channels. Both threads have the receive thread's
+/// priority where the system grants it. This takes three wake-ups per block and no other work.
 void paced_udp_round_trip(benchmark::State& state) {
     const auto datagrams = static_cast<std::size_t>(state.range(0));
     constexpr std::size_t datagram_bytes = 1072;
@@ -29,7 +29,7 @@ void paced_udp_round_trip(benchmark::State& state) {
     platform::UdpSocket near;
     platform::UdpSocket far;
     if (!near.open({}) || !far.open({})) {
-        state.SkipWithError("no socket");
+        state.SkipWithError("cannot open a socket");
         return;
     }
     near.receive_in_runs();

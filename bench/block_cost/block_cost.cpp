@@ -1,6 +1,7 @@
-// usage: block_cost baseline|avx2 receive|period CHANNELS: runs blocks of 128 frames, and calls
-// measured_work for the named part of each, where a tool that counts instructions can tell it from
-// the rest.
+// usage: block_cost baseline|avx2 receive|period CHANNELS
+//
+// Processes blocks of 128 frames and runs the named part of each inside measured_work(), so that an
+// instruction counter can limit its count to that function.
 #include <cstdlib>
 #include <functional>
 #include <string_view>
@@ -14,7 +15,8 @@ int blocks_measured = 0;
 
 extern "C" [[gnu::noipa]] void measured_work(const std::function<void()>& work) {
     work();
-    ++blocks_measured;  // behind the work, or else this function would jump there and be left
+    ++blocks_measured;  // after the call, which would otherwise be a tail call that leaves this
+                        // function
 }
 
 int main(int argc, char** argv) {

@@ -1,5 +1,5 @@
-// One stream through a client's session and player, wired as in an engine but without its threads
-// and socket, and on a clock moved by hand: the same work every time.
+// One stream through a client's session and player, connected as in the engine but without threads
+// and socket. The clock is set manually, so every run does the same work.
 #pragma once
 
 #include <cstring>
@@ -20,7 +20,7 @@ class BlockRig {
     static constexpr std::uint16_t frames = 128;
     static constexpr std::uint32_t sample_rate = 48000;
 
-    /// As many channels out as in, with everything at its steady state.
+    /// `channels` in each direction. Runs blocks until the steady state is reached.
     explicit BlockRig(std::uint16_t channels) {
         set_manual_clock();
         TavistroProtocol::ClientSettings settings;
@@ -47,7 +47,7 @@ class BlockRig {
         player_.start(audio, {},
                       [this](std::uint32_t rate, std::uint16_t count, std::uint16_t width,
                              const std::vector<float>& samples) {
-                          // A ratio at which the resampler has work to do.
+                          // Not 1, so that the resampler has to interpolate.
                           session_.push_captured_input(rate, count, width, samples, 1.0001);
                       },
                       {});
@@ -64,7 +64,7 @@ class BlockRig {
     BlockRig& operator=(const BlockRig&) = delete;
     ~BlockRig() { use_running_clock(); }
 
-    /// The time of the next block comes, with its datagrams.
+    /// Advances the clock by one block and prepares its datagrams.
     void next_block() {
         advance_clock_ns(block_ns);
         ++sequence_;
@@ -73,14 +73,14 @@ class BlockRig {
         for (auto& fragment : fragments_)
             std::memcpy(&fragment[sequence_offset], &sequence_, sizeof sequence_);
     }
-    /// They are taken, but for a lost block only the Sync; captured input goes out.
+    /// Receives the sync notice and, unless the block is lost, its audio. Captured input is sent.
     void receive(bool lost = false) {
         session_.handle_datagram(sync_, server);
         if (lost) return;
         for (const auto& fragment : fragments_)
             session_.handle_datagram(fragment, server);
     }
-    /// The device plays a period and captures one.
+    /// Runs one device period: playback and capture.
     void run_period() { panel_->period(); }
     std::size_t datagrams_sent() const { return datagrams_sent_; }
 

@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""usage: instructions.py PROGRAM FIGURES [--refresh]: counts by callgrind the instructions that the
-engine takes for a block of 128 frames, and compares them with the committed FIGURES, or writes those.
+"""usage: instructions.py PROGRAM FIGURES [--refresh]
 
-Wall-clock time cannot tell on a shared machine what a change costs; this can. Better figures fail
-too: they are worth committing."""
+Counts with callgrind the instructions that the engine executes per block of 128 frames and compares
+them with the committed file FIGURES. --refresh: writes the new counts to FIGURES instead.
+
+Instruction counts show the cost of a change even on a shared machine, where wall-clock times vary too
+much. Lower counts fail too, so that improvements get committed."""
 
 import re
 import subprocess
@@ -31,7 +33,7 @@ def main(program, path, refresh=None):
     found, wrong = [], 0
     for level, part, channels, figure in committed:
         if level not in levels:
-            print(f"{level} {part} {channels}: not counted, since this processor cannot run it")
+            print(f"{level} {part} {channels}: not counted: this processor does not support {level}")
             found.append(figure)
             continue
         now = counted(program, level, part, channels)
@@ -39,15 +41,15 @@ def main(program, path, refresh=None):
         change = now / max(int(figure), 1) - 1
         within = abs(change) <= BAND
         wrong += not within
-        print(f"{level} {part} {channels}: {now} instructions a block, committed {figure} ({change:+.1%})"
-              + ("" if within else "  <-- outside the band"))
+        print(f"{level} {part} {channels}: {now} instructions per block, committed {figure} ({change:+.1%})"
+              + ("" if within else "  <-- outside the tolerance"))
     if refresh == "--refresh":
         rows = [f"{level:<8} {part:<7} {channels:>2} {now:>8}" for (level, part, channels, _), now in zip(committed, found)]
         with open(path, "w", encoding="ascii") as file:
             file.write("\n".join([line for line in lines if line.startswith("#")] + rows) + "\n")
         return 0
     if wrong:
-        print(f"The band is {BAND:.0%} either way. When the change is meant: scripts/instructions --refresh")
+        print(f"The tolerance is +-{BAND:.0%}. If the change is intended, run: scripts/instructions --refresh")
     return min(wrong, 1)
 
 

@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""usage: system_calls.py SERVER HOST CONFIGURATION: counts by strace the system calls of a running
-client, thread by thread, and compares them with what a block is meant to cost."""
+"""usage: system_calls.py SERVER HOST CONFIGURATION
+
+Counts with strace the system calls per block of a running client, by thread, and compares them with
+the expected numbers."""
 
 import collections
 import json
@@ -12,18 +14,19 @@ import sys
 import tempfile
 
 CHANNELS = 8  # a block of 128 frames has four fragments
-# The notice, the fragments in one run, and likewise back; the client's statistics lie in two places.
+# Receive: one call for the sync notice, one for all fragments. Send: one call for all fragments. The client's
+# fields lie in two places of the statistics block.
 PER_BLOCK = {"tav-receive": {"recvmsg": 2, "sendmsg": 1, "pwrite64": 2}, "tav-loopback": {}}
-# Waiting for the next period takes as many as it takes, sleeping and yielding.
+# Calls that wait for the next period; their number varies.
 WAITING = {"tav-loopback": {"clock_nanosleep", "sched_yield"}, "tav-receive": set()}
-# Reports, pings, and locks that two threads happened to want at once.
+# Limit for calls per block that are not expected: reports, pings, contended locks.
 OCCASIONAL = 0.2
 TOLERANCE = 0.1
 NOT_ALLOWED = 77
 
 
 def steady_calls(server, host, configuration):
-    """The calls by thread and name, and the number of Sync notices taken."""
+    """Returns the calls by thread and name, and the number of sync notices received."""
     channels = ", ".join(str(channel) for channel in range(CHANNELS))
     with tempfile.TemporaryDirectory() as folder, subprocess.Popen(
             [server, "--port", "0", "--melody", "0", "--json"], stdout=subprocess.PIPE, text=True) as running:
@@ -50,24 +53,25 @@ def steady_calls(server, host, configuration):
             continue
         if call:
             calls[thread][call] += 1
-        blocks += thread == "tav-receive" and "recvmsg" in line and line.endswith(" = 44")  # bytes of a Sync
+        blocks += thread == "tav-receive" and "recvmsg" in line and line.endswith(" = 44")  # bytes of a sync notice
     return calls, blocks
 
 
 def main(server, host, configuration):
     allowed = subprocess.run(["strace", "-qq", "-o", "/dev/null", "true"], capture_output=True, text=True)
     if allowed.returncode != 0:
-        print(f"skipped: strace may not be used here: {allowed.stderr.strip()}")
+        print(f"skipped: strace is not permitted here: {allowed.stderr.strip()}")
         return NOT_ALLOWED
     calls, blocks = steady_calls(server, host, configuration)
     print(f"{blocks} blocks")
     wrong = blocks < 500
-    for thread, meant in PER_BLOCK.items():
-        for name in sorted(set(meant) | set(calls[thread]) - WAITING[thread]):
-            found, wanted = calls[thread][name] / max(blocks, 1), meant.get(name, 0)
+    for thread, expected in PER_BLOCK.items():
+        for name in sorted(set(expected) | set(calls[thread]) - WAITING[thread]):
+            found, wanted = calls[thread][name] / max(blocks, 1), expected.get(name, 0)
             good = abs(found - wanted) <= (OCCASIONAL if wanted == 0 else TOLERANCE * wanted)
             wrong |= not good
-            print(f"{thread} {name}: {found:.3f} a block, meant {wanted}" + ("" if good else "  <-- more or less"))
+            print(f"{thread} {name}: {found:.3f} per block, expected {wanted}"
+                  + ("" if good else "  <-- outside the tolerance"))
     return int(wrong)
 
 

@@ -17,7 +17,7 @@ struct StreamChoice {
 constexpr StreamChoice streams[] = {{{48000, 128}, 6}, {{48000, 64}, 8},   {{96000, 256}, 4},
                                     {{44100, 480}, 3}, {{48000, 128}, 12}, {{48000, 256}, 6}};
 
-/// What no pair of good clocks keeps within.
+/// Largest drift between two clocks without a fault.
 constexpr double natural_ppm = 30;
 
 template <typename Value>
@@ -40,7 +40,8 @@ void little_jitter(Scenario& s, Strength, Dice&) {
     s.faults.jitter_ms = static_cast<std::uint32_t>(s.hold_ms() / 4);
 }
 
-/// Makes the device's clock faster than the server's, by slowing that one or hastening this one.
+/// Makes the device clock faster than the server clock by slowing the server or speeding up the
+/// device.
 void part_clocks(Scenario& s, double device_faster_ppm, Dice& dice) {
     if (dice.chance(0.5))
         s.faults.drift_ppm -= device_faster_ppm;
@@ -164,7 +165,7 @@ const std::vector<Fault>& all_faults() {
     return list;
 }
 
-/// No world has both.
+/// No world combines these two.
 bool exclude_each_other(const Fault& a, const Fault& b) {
     return (a.apply == fast_clock && b.apply == slow_clock) ||
            (a.apply == slow_clock && b.apply == fast_clock);
@@ -214,7 +215,7 @@ std::vector<Cause> Entry::causes() const {
     std::vector<Cause> all;
     for (const Fault* fault : faults) {
         std::ranges::copy(fault->causes, std::back_inserter(all));
-        // A missed period in 400 cannot be told from a slow clock.
+        // 1 missed period in 400 cannot be distinguished from a slow clock.
         if (fault->apply == skips && strength == Strength::weak)
             all.push_back(Cause::device_too_slow);
     }

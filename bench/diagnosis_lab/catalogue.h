@@ -1,4 +1,4 @@
-// The faults that worlds are made with, and what may be said of them.
+// The faults that a simulated world can have, and the diagnoses that are correct for each.
 #pragma once
 
 #include <array>
@@ -17,40 +17,40 @@ namespace tavistro::diagnosis_lab {
 enum class Strength { weak, middle, strong };
 inline constexpr std::array<std::string_view, 3> strength_names{"weak", "middle", "strong"};
 
-/// One fault that a world can be given, or something harmless.
+/// One fault of a world, or a harmless condition.
 struct Fault {
     std::string_view name;
-    /// That any of these is named for it is right; empty: harmless.
+    /// Each of these diagnoses is correct; empty: harmless.
     std::vector<monitor::Cause> causes;
     void (*apply)(Scenario& scenario, Strength strength, Dice& dice);
-    std::string_view what;  ///< the three strengths, in words
+    std::string_view what;  ///< describes the three strengths
 
     bool is_harmless() const noexcept { return causes.empty(); }
 };
 
-/// Every fault, the harmless ones first.
+/// All faults, the harmless ones first.
 std::span<const Fault> faults();
 
-/// One world but for its seed and length.
+/// One world without its seed and length.
 struct Entry {
-    std::vector<const Fault*> faults;  ///< one, or two of different kinds
+    std::vector<const Fault*> faults;  ///< one fault, or two of different kinds
     Strength strength = Strength::middle;
     bool busy = false;
 
     std::string name() const;  ///< "loss", "loss+jitter"
     bool is_single() const noexcept { return faults.size() == 1; }
     bool is_harmless() const noexcept;
-    /// The causes that count as true.
+    /// The causes that are correct diagnoses.
     std::vector<monitor::Cause> causes() const;
 };
 
-/// Singles in every strength, harmless ones once, pairs in the middle one; all of them on a quiet
-/// and on a busy computer.
+/// Single faults in every strength, harmless ones in one strength, pairs in middle strength; each
+/// on an idle and on a busy computer.
 std::vector<Entry> entries();
-/// The entry's faults from its name(); nothing for a name that is none.
+/// The entry with this name(); nothing for an unknown name.
 std::optional<Entry> find_entry(std::string_view name);
 
-/// A longer world begins like a shorter one.
+/// A longer world begins exactly like a shorter one with the same seed.
 Scenario scenario_of(const Entry& entry, std::uint64_t seed, double seconds);
 
 /// An identifier such as "network_loss".

@@ -16,8 +16,8 @@ namespace {
 
 constexpr std::uint32_t client_id = 1;
 constexpr platform::Ipv4Endpoint server_endpoint{platform::ipv4_loopback, 28010};
-constexpr std::uint64_t sync_silence_limit_ms = 3000;  // as the engine's
-constexpr double least_work_ns = 3'000;                // of the receive thread for a block
+constexpr std::uint64_t sync_silence_limit_ms = 3000;  // same as in the engine
+constexpr double least_work_ns = 3'000;                // receive thread, per block
 constexpr double most_work_ns = 15'000;
 
 EngineConfig config_for(const Scenario& scenario) {
@@ -54,7 +54,7 @@ Client::Client(const Scenario& scenario, Computer& computer, std::int64_t device
       player_([this] { return device_.make_card(); }),
       session_([send = std::move(send_ping)](std::span<const platform::DatagramBytes> datagrams,
                                              const platform::Ipv4Endpoint&) {
-          // Nobody listens to what is played back to the server.
+          // The simulated server ignores the client's audio.
           for (const auto& datagram : datagrams) {
               if (const auto ping = TavistroProtocol::decode_ping(datagram)) send(ping.message);
           }
@@ -156,7 +156,7 @@ void Client::on_client_telemetry(const ClientTelemetry& telemetry) {
     clock_known_ = telemetry.clock_synced;
     engine_.notices = static_cast<std::int64_t>(telemetry.sync_delay_samples);
     if (!taking_block_) return;
-    // A second of blocks is over.
+    // This report completes one second of blocks.
     engine_.received += static_cast<std::int64_t>(telemetry.recvBlocksPerSec);
     engine_.repeated += static_cast<std::int64_t>(telemetry.duplicateBlocksPerSec);
 }

@@ -1,4 +1,4 @@
-// The client of a world: the engine's own parts, wired as the engine wires them.
+// The client of a simulated world: parts of the real engine, connected as in the engine.
 #pragma once
 
 #include <cstdint>
@@ -21,14 +21,15 @@ class Client {
   public:
     using SendPing = std::function<void(const TavistroProtocol::Ping&)>;
 
-    /// A running engine that has heard nothing yet. What the periods cost is asked of `computer`.
+    /// A running engine that has received nothing yet. `computer` gives the run times of the
+    /// periods.
     Client(const Scenario& scenario, Computer& computer, std::int64_t device_start_ns,
            std::uint32_t first_sequence, SendPing send_ping);
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     ~Client();
 
-    // On the receive thread.
+    // Called as on the engine's receive thread.
     void take_notice(const TavistroProtocol::SyncInfo& sync);
     void take_block(std::uint64_t index);
     void take_pong(const TavistroProtocol::Pong& pong);
@@ -36,12 +37,12 @@ class Client {
     void ping_tick() { session_.ping_tick(); }
     Device& device() noexcept { return device_; }
 
-    /// This block was never sent.
+    /// Records that the server never sent this block.
     void note_unsent(std::uint64_t index);
 
-    /// As of now, without the silence.
+    /// The current counts, without silence_ms.
     Counts counts() const;
-    /// Complete only when a report has come since the last event.
+    /// Complete only if a report followed the last event.
     const EngineCounts& engine_counts() const noexcept { return engine_; }
 
   private:

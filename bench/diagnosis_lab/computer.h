@@ -1,4 +1,4 @@
-// When the threads of one computer get to run.
+// Simulates when the threads of a computer are scheduled.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ namespace tavistro::diagnosis_lab {
 enum class Thread { receive, device, periodic, monitor };
 inline constexpr std::size_t thread_count = 4;
 
-/// How often and for how long other work takes a thread's processor away. Zeros: never.
+/// How often and for how long other work preempts a thread. Zeros: never.
 struct ThreadLoad {
     double pauses_per_s = 0;
     double mean_pause_ms = 0;
@@ -23,14 +23,15 @@ using Load = std::array<ThreadLoad, thread_count>;
 /// All times are nanoseconds of the virtual clock.
 class Computer {
   public:
-    /// Pauses begin between the two times. A longer stretch begins like a shorter one.
+    /// Pauses begin between the two times. A longer range begins exactly like a shorter one.
     Computer(const Load& load, std::int64_t from, std::int64_t until, std::uint64_t seed);
 
-    /// How late the system wakes the thread from a sleep, apart from pauses.
+    /// Wake-up latency of the thread, without pauses.
     std::int64_t draw_lateness(Thread thread);
-    /// When a thread that is ready at `time` runs: then, or at the end of the pause it lies in.
+    /// When a thread that is ready at `time` runs: at `time`, or at the end of a pause that
+    /// contains it.
     std::int64_t runs_at(Thread thread, std::int64_t time) const;
-    /// When work that begins at `time` is done: later by the pauses that come between.
+    /// When work that begins at `time` ends, pauses included.
     std::int64_t done_at(Thread thread, std::int64_t time, std::int64_t work) const;
 
   private:
@@ -39,8 +40,8 @@ class Computer {
         std::int64_t until;
     };
     struct Timetable {
-        std::vector<Pause> pauses;     ///< in order, apart from each other
-        mutable std::size_t next = 0;  ///< where the last question was answered
+        std::vector<Pause> pauses;     ///< sorted, without overlaps
+        mutable std::size_t next = 0;  ///< result of the previous search
         /// The first pause that ends after `time`.
         std::size_t first_after(std::int64_t time) const;
     };

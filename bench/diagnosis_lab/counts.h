@@ -1,4 +1,4 @@
-// What truly happened in a world, counted where it happens.
+// The true event counts of a simulated world, counted at their source.
 #pragma once
 
 #include <cstdint>
@@ -6,22 +6,23 @@
 namespace tavistro::diagnosis_lab {
 
 struct Counts {
-    std::int64_t received = 0;    ///< blocks that came in time
-    std::int64_t replaced = 0;    ///< blocks that silence was handed to the player for
-    std::int64_t late = 0;        ///< blocks that came after silence had taken their place
-    std::int64_t came_again = 0;  ///< blocks that came a second time
-    std::int64_t notices = 0;     ///< of the server's clock, that the session took
-    // Before the engine knows the server's clock it publishes no notices.
-    std::int64_t untimed_blocks = 0;   ///< of the blocks, received or replaced
-    std::int64_t untimed_notices = 0;  ///< of the notices
+    std::int64_t received = 0;    ///< blocks that arrived in time
+    std::int64_t replaced = 0;    ///< blocks that the session replaced with silence
+    std::int64_t late = 0;        ///< blocks that arrived after they had been replaced
+    std::int64_t came_again = 0;  ///< duplicate blocks
+    std::int64_t notices = 0;     ///< sync notices that the session accepted
+    // The engine publishes no sync notices until it knows the server's clock.
+    std::int64_t untimed_blocks = 0;   ///< blocks before that, received or replaced
+    std::int64_t untimed_notices = 0;  ///< sync notices before that
     std::int64_t in_silence = 0;       ///< replaced blocks that the silent server never sent
-    std::int64_t refused = 0;          ///< blocks of another rate than the device's
-    std::int64_t overruns = 0;         ///< as the player last reported them
-    std::int64_t periods = 0;          ///< device periods that were run
+    std::int64_t refused = 0;          ///< blocks with another sample rate than the device's
+    std::int64_t overruns = 0;         ///< as of the player's last report
+    std::int64_t periods = 0;          ///< device periods that ran
     std::int64_t periods_missed = 0;
     std::int64_t periods_doubled = 0;
     std::int64_t underruns = 0;
-    std::int64_t silence_ms = 0;  ///< without a datagram of the server, in spans of over a second
+    std::int64_t silence_ms =
+        0;  ///< sum of the intervals of over 1 s without a datagram from the server
 
     std::int64_t blocks() const { return received + replaced; }
     std::int64_t notices_missed() const { return blocks() - notices; }
@@ -31,7 +32,7 @@ struct Counts {
     }
 };
 
-/// What happened between two moments.
+/// The events between two moments.
 inline Counts operator-(const Counts& after, const Counts& before) {
     return {.received = after.received - before.received,
             .replaced = after.replaced - before.replaced,
@@ -50,11 +51,11 @@ inline Counts operator-(const Counts& after, const Counts& before) {
             .silence_ms = after.silence_ms - before.silence_ms};
 }
 
-/// What the engine itself counted of the same; for the check that both agree.
+/// The engine's own counts of these events, to check that both agree.
 struct EngineCounts {
     std::int64_t received = 0;
     std::int64_t repeated = 0;
-    std::int64_t notices = 0;  ///< since it knew the server's clock
+    std::int64_t notices = 0;  ///< sync notices since it knows the server's clock
     std::int64_t queued = 0;
     std::int64_t dropped = 0;
     std::int64_t overruns = 0;

@@ -68,7 +68,7 @@ Device::Device(const AudioDeviceSettings& audio, std::uint32_t card_rate, bool a
       clock_(punctual(at_rate(audio, card_rate)), frequency, start_ns),
       faults_(at_rate(audio, card_rate), frequency, start_ns),
       ready_(start_ns) {
-    // The schedule's choices are always the same ones: each seed begins elsewhere among them.
+    // The schedule's random sequence is fixed, so each seed starts at another position in it.
     for (std::uint64_t i = dice_.below(1000); i > 0; --i)
         faults_.next_wake();
     plan(start_ns);
@@ -115,8 +115,8 @@ void Device::work() {
     set_time_ns(computer_.done_at(Thread::device, time_ns(), work));
 }
 
-/// The playback buffer begins to fill up anew after so many silent periods; those that follow are
-/// no underruns.
+/// After starve_limit_ silent periods the playback buffer refills. Silent periods during the refill
+/// are not underruns.
 void Device::note_output(bool rendered) noexcept {
     if (rendered) {
         playing_ = true;

@@ -1,4 +1,4 @@
-// The audio device of a world: a card whose periods come when a schedule says so.
+// The simulated audio device of a world: a schedule starts its periods.
 #pragma once
 
 #include <cstdint>
@@ -13,29 +13,29 @@ namespace tavistro::diagnosis_lab {
 
 struct PeriodCounts {
     std::int64_t run = 0;
-    std::int64_t missed = 0;     ///< that the device's clock had and nobody ran
-    std::int64_t doubled = 0;    ///< second calls for one period
-    std::int64_t underruns = 0;  ///< silent ones between played ones
+    std::int64_t missed = 0;     ///< due by the device clock but not run
+    std::int64_t doubled = 0;    ///< repeated calls for one period
+    std::int64_t underruns = 0;  ///< silent periods during playback
 };
 
-/// Decides when periods happen and counts them. The schedule is the virtual loopback device's, with
-/// two differences, as real cards have them: periods that jitter delays come in a bunch later
-/// instead of being dropped, since the card keeps them; and a doubled period asks for a block each
-/// time, where the loopback device only captures twice.
+/// Schedules the periods and counts them. It uses the virtual loopback device's schedule with two
+/// differences, which match real cards: periods delayed by jitter run later in a burst instead of
+/// being dropped, because the card buffers them; and a doubled period requests a block each time,
+/// while the loopback device only captures twice.
 class Device {
   public:
-    /// `audio` has the stream's format, its queue sizes and the faults; the card runs at
-    /// `card_rate`, and says so when it `admits` that.
+    /// `audio` has the stream's format, the queue sizes and the faults. The card runs at
+    /// `card_rate`. It reports that rate if `admits`, else the stream's.
     Device(const AudioDeviceSettings& audio, std::uint32_t card_rate, bool admits,
            std::int64_t start_ns, Computer& computer, std::uint64_t seed);
 
-    /// What the player opens, once; the device outlives it.
+    /// The device that the player opens; call it once. This object must outlive it.
     std::unique_ptr<AudioDevice> make_card();
 
-    /// When the next period's thread wakes, pauses included.
+    /// When the device thread wakes for the next period, pauses included.
     std::int64_t wakes_at() const noexcept { return wakes_at_; }
-    /// Runs the period that wakes_at() was for; the clock shows that time, and afterwards the end
-    /// of the period's work.
+    /// Runs the next period. Set the clock to wakes_at() before; afterwards it shows the end of the
+    /// period's work.
     void run_period();
 
     const PeriodCounts& counts() const noexcept { return counts_; }
@@ -53,10 +53,10 @@ class Device {
     std::uint32_t said_rate_;
     std::uint32_t block_frames_;
     std::uint64_t starve_limit_;
-    LoopbackSchedule clock_;   ///< without any jitter: the deadlines themselves
-    LoopbackSchedule faults_;  ///< with it
+    LoopbackSchedule clock_;   ///< the deadlines, without jitter
+    LoopbackSchedule faults_;  ///< the same with jitter and faults
     std::int64_t deadline_ = 0;
-    std::int64_t ready_;  ///< the deadline with its jitter, never before the one before
+    std::int64_t ready_;  ///< deadline plus jitter; never decreases
     std::int64_t wakes_at_ = 0;
 
     BufferSwitchCallback callback_ = nullptr;

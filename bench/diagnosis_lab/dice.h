@@ -1,4 +1,4 @@
-// Random choices that are the same with every standard library.
+// Random numbers that are identical with every standard library.
 #pragma once
 
 #include <cmath>
@@ -7,7 +7,7 @@
 
 namespace tavistro::diagnosis_lab {
 
-/// Spreads neighbouring seeds, and the purposes of one seed, far apart.
+/// Derives independent seeds from neighbouring seeds and from the purposes of one seed.
 constexpr std::uint64_t mixed(std::uint64_t seed, std::uint64_t purpose) noexcept {
     std::uint64_t z = seed + 0x9E3779B97F4A7C15 * (purpose + 1);
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9;

@@ -1,4 +1,4 @@
-// One direction of the network: the reference server's faults, and what no network is without.
+// One direction of the network: the reference server's faults plus a base delay and jitter.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace tavistro::diagnosis_lab {
 
-/// What becomes of one datagram: how often it arrives, and when.
+/// How often and when a datagram arrives.
 struct Arrival {
     unsigned copies = 1;
     std::int64_t at_ns = 0;
@@ -26,7 +26,8 @@ class Line {
           lane_(mixed(seed, 1)),
           dice_(seed, 2) {}
 
-    /// `block_index` is the stream's. Order is kept, save for datagrams that the faults hold back.
+    /// `block_index`: the stream's current block. Keeps the order, except for datagrams that the
+    /// faults reorder.
     Arrival send(std::uint64_t block_index, std::int64_t now_ns) {
         const server::Passage passage =
             lane_.pass(faults_, format_, block_index, static_cast<std::uint64_t>(now_ns));

@@ -1,4 +1,4 @@
-// tavistro-diagnosis-lab: recordings of faults in virtual time, and how well they are diagnosed.
+// tavistro-diagnosis-lab: simulates faults in virtual time and checks how well they are diagnosed.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -42,35 +42,41 @@ int score_catalogue(const ScoreOptions& options) {
 int run_tool(int argc, char** argv) {
     RunOptions run;
     std::string strength = "middle";
-    CLI::App app("Makes recordings of faults in virtual time and scores their diagnosis",
+    CLI::App app("Simulates faults in virtual time and scores their diagnosis",
                  "tavistro-diagnosis-lab");
     app.require_subcommand(1);
-    CLI::App* const run_command = app.add_subcommand("run", "one world");
-    run_command->add_option("name", run.name, "such as loss or loss+jitter; see `list`")
+    CLI::App* const run_command = app.add_subcommand("run", "simulate one world");
+    run_command
+        ->add_option("name", run.name,
+                     "fault, or two joined by +, such as loss or loss+jitter; see `list`")
         ->required();
     run_command->add_option("--strength", strength, "weak, middle or strong")
         ->check(
             CLI::IsMember(std::vector<std::string>(strength_names.begin(), strength_names.end())))
         ->capture_default_str();
-    run_command->add_option("--seed", run.seed, "of every random choice")->capture_default_str();
-    run_command->add_option("--seconds", run.seconds, "that the monitor watches")
+    run_command->add_option("--seed", run.seed, "seed of the random choices")
+        ->capture_default_str();
+    run_command->add_option("--seconds", run.seconds, "how long the monitor observes, in s")
         ->check(number_range(1, 100000))
         ->capture_default_str();
-    run_command->add_flag("--busy", run.busy, "on a computer that takes processors away");
-    run_command->add_flag("--fields", run.fields, "also show fields of the statistics block");
-    run_command->add_flag("--json", run.json);
-    CLI::App* const list_command = app.add_subcommand("list", "every fault and its strengths");
+    run_command->add_flag("--busy", run.busy, "simulate a busy computer that preempts threads");
+    run_command->add_flag("--fields", run.fields, "also print fields of the statistics block");
+    run_command->add_flag("--json", run.json, "print JSON instead of text");
+    CLI::App* const list_command =
+        app.add_subcommand("list", "list all faults and their strengths");
     ScoreOptions score{.jobs = std::max(1U, std::thread::hardware_concurrency())};
     bool quick = false;
-    CLI::App* const score_command = app.add_subcommand("score", "the whole catalogue, as Markdown");
+    CLI::App* const score_command =
+        app.add_subcommand("score", "simulate and score the whole catalogue; prints Markdown");
     score_command->add_flag("--quick", quick, "one seed of each world");
     CLI::Option* const seeds =
-        score_command->add_option("--seeds", score.seeds, "worlds of each kind")
+        score_command->add_option("--seeds", score.seeds, "number of seeds for each world")
             ->check(number_range(1, 100000))
             ->capture_default_str();
     score_command->add_flag("--held-out", score.held_out,
-                            "even seeds from 202 on instead of odd ones");
-    score_command->add_option("--jobs", score.jobs, "worlds at once")->check(number_range(1, 1024));
+                            "use even seeds from 202 on, not used for tuning, instead of odd ones");
+    score_command->add_option("--jobs", score.jobs, "number of parallel simulations")
+        ->check(number_range(1, 1024));
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {

@@ -46,8 +46,8 @@ std::vector<std::string> names_of(const std::vector<monitor::Cause>& causes) {
 
 void print_fields(std::ostream& out, const Recording& recording) {
     out << text("%8s %6s %5s %6s %6s %6s %7s %7s %7s %6s %6s %6s %8s %7s %6s\n", "ms", "recv",
-                "again", "queued", "period", "played", "fill", "least", "most", "under", "over",
-                "drop", "notices", "latest", "woke");
+                "dup", "queued", "period", "played", "fill", "min", "max", "under", "over", "drop",
+                "notices", "latest", "late");
     for (const monitor::Sample& sample : recording.samples) {
         const tavistro_stats_block& s = *sample.stats;
         out << text("%8lld %6u %5u %6u %6u %6u %7u %7u %7u %6u %6u %6u %8u %7u %6u\n",
@@ -63,10 +63,11 @@ void print_fields(std::ostream& out, const Recording& recording) {
 void print_text(std::ostream& out, const RunOptions& options, const Entry& entry,
                 const Scenario& scenario, const Recording& recording,
                 const monitor::Account& account) {
-    out << text("%u Hz, %u frames, client_latency_blocks %llu; watched for %.0f s from %.1f s on\n",
-                scenario.format.sample_rate, unsigned{scenario.format.frames},
-                static_cast<unsigned long long>(scenario.latency_blocks), scenario.watched_for_s,
-                scenario.watched_after_s);
+    out << text(
+        "%u Hz, %u frames, client_latency_blocks %llu; observed for %.0f s from %.1f s on\n",
+        scenario.format.sample_rate, unsigned{scenario.format.frames},
+        static_cast<unsigned long long>(scenario.latency_blocks), scenario.watched_for_s,
+        scenario.watched_after_s);
     out << "put in:";
     for (const std::string& name : names_of(entry.causes()))
         out << ' ' << name;
@@ -108,7 +109,7 @@ void print_json(std::ostream& out, const Entry& entry, const Scenario& scenario,
 bool run_world(const RunOptions& options, std::ostream& out, std::ostream& errors) {
     auto entry = find_entry(options.name);
     if (!entry) {
-        errors << "no world is called " << options.name << '\n';
+        errors << "unknown fault: " << options.name << "; `list` shows all\n";
         return false;
     }
     entry->strength = options.strength;

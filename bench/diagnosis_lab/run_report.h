@@ -1,4 +1,4 @@
-// One world on paper: what it was, what truly happened, what is said of it.
+// Report on one world: its settings, the true event counts and the diagnosis.
 #pragma once
 
 #include <cstdint>
@@ -15,15 +15,15 @@ struct RunOptions {
     bool busy = false;
     std::uint64_t seed = 1;
     double seconds = 120;
-    bool fields = false;  ///< a line for each sample as well
+    bool fields = false;  ///< also print one line per sample
     bool json = false;
 };
 
-/// Runs the world. False, with a reason on `errors`, for an unknown name or a world whose counts
-/// are not the engine's.
+/// Runs the world. False, with a reason on `errors`, for an unknown name or if the counts of the
+/// world and of the engine differ.
 bool run_world(const RunOptions& options, std::ostream& out, std::ostream& errors);
 
-/// What runs the world again.
+/// The command line that repeats the world.
 std::string command_of(const Entry& entry, std::uint64_t seed, double seconds);
 
 }  // namespace tavistro::diagnosis_lab

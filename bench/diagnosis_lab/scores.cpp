@@ -29,7 +29,7 @@ constexpr Cause columns[] = {Cause::server_silent,   Cause::format_mismatch, Cau
                              Cause::device_too_slow, Cause::device_too_fast, Cause::device_uneven,
                              Cause::host_overload};
 
-/// So many of so many.
+/// A count out of a total.
 struct Share {
     long hits = 0;
     long all = 0;
@@ -54,7 +54,7 @@ std::vector<Job> jobs_for(std::span<const Entry> all, const ScoreOptions& option
     for (std::size_t i = 0; i < all.size(); ++i) {
         for (std::uint64_t k = 0; k < options.seeds; ++k) {
             const std::uint64_t seed = options.held_out ? first_held_out_seed + 2 * k : 2 * k + 1;
-            // What must not be accused is watched for as long as anything.
+            // Run harmless worlds at every length, to find as many wrong diagnoses as possible.
             if (all[i].is_harmless()) {
                 for (const double seconds : lengths_s)
                     jobs.push_back({&all[i], seed, seconds});
@@ -122,7 +122,7 @@ void write_matrix(std::ostream& out, std::span<const Verdict> verdicts, bool bus
     }
 }
 
-/// Some verdicts with what is wrong with them.
+/// A list of verdicts, each with its error.
 class List {
   public:
     void add(const Verdict& verdict, const std::string& what) {
@@ -166,7 +166,7 @@ class Summary {
     Share precision_;
     Share recall_;
     Share faint_accused_;
-    std::array<Share, 2> clean_;  ///< quiet, busy
+    std::array<Share, 2> clean_;  ///< idle, busy
     std::array<Share, 2> clock_;
     Share counts_;
     std::map<std::string_view, Share> each_count_;

@@ -1,4 +1,4 @@
-// The whole catalogue, diagnosed: how often what is said is right, as a page of Markdown.
+// Runs the diagnosis on the whole catalogue and reports in Markdown how often it is correct.
 #pragma once
 
 #include <cstdint>
@@ -13,17 +13,18 @@ namespace tavistro::diagnosis_lab {
 inline constexpr std::uint64_t first_held_out_seed = 202;
 
 struct ScoreOptions {
-    std::uint64_t seeds = 5;  ///< of each entry
-    /// Even seeds, which nobody tunes by; or odd ones. Once a rule is mended for what they show,
-    /// they are none any more, and the first of them moves on.
+    std::uint64_t seeds = 5;  ///< per entry
+    /// Even seeds, which are not used for tuning, instead of odd ones. After a rule has been
+    /// corrected because of held-out seeds, raise first_held_out_seed above them.
     bool held_out = false;
-    unsigned jobs = 1;  ///< worlds at once
+    unsigned jobs = 1;  ///< number of parallel simulations
 };
 
-/// A verdict on every world, in the order of `all`, with lengths from half a minute to ten.
+/// One verdict per world, in the order of `all`. Worlds last 0.5 to 10 minutes.
 std::vector<Verdict> diagnose_all(std::span<const Entry> all, const ScoreOptions& options);
 
-/// Writes the page. False when the diagnosis, or a world, is not good enough.
+/// Writes the page. False when the diagnosis does not reach its limits or a world's counts are
+/// wrong.
 bool write_scores(std::ostream& out, std::span<const Verdict> verdicts);
 
 }  // namespace tavistro::diagnosis_lab

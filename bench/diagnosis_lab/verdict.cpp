@@ -10,8 +10,8 @@ namespace tavistro::diagnosis_lab {
 namespace {
 
 constexpr std::int64_t early_ms = 120'000;
-/// The engine reports what happened at most a second later, in two halves; the monitor sees a whole
-/// second of both then.
+/// The engine reports an event at most one second later, in two separate halves; then the monitor
+/// has seen a whole second of both.
 constexpr std::int64_t report_lag_ms = 2500;
 constexpr std::int64_t count_tolerance = 10;
 constexpr double count_tolerance_share = 0.01;
@@ -25,7 +25,7 @@ Causes causes_of(std::span<const monitor::Sample> samples, bool* not_clear_yet =
     return causes;
 }
 
-/// Blocks and notices are counted one after the other, so that one may seem to be missing.
+/// Blocks and sync notices are counted one after the other, so one of them may seem to be missing.
 std::int64_t audible_events(const Counts& c) {
     const std::int64_t notices = c.notices_missed() > 1 ? c.notices_missed() : 0;
     return c.replaced + c.late + notices + c.refused + c.underruns + c.overruns + c.periods_missed +
@@ -44,7 +44,7 @@ std::vector<Told> compare_counts(const Recording& recording) {
     const monitor::Totals& to = last.totals;
     std::vector<Told> told{
         {"runs", to.run - from.run, 0, 0},
-        // What a silent server never sent may be told as its silence alone.
+        // Blocks that a silent server never sent may be reported only as its silence.
         {"blocks", to.blocks - from.blocks, least.blocks() - least.in_silence, most.blocks()},
         {"blocks replaced", to.replaced.count - from.replaced.count,
          least.replaced - least.in_silence, most.replaced},
@@ -63,7 +63,7 @@ std::vector<Told> compare_counts(const Recording& recording) {
     return told;
 }
 
-/// Whether the device's periods are its clock's: those that it leaves out or doubles are not.
+/// Whether the device's periods show its clock, which missed or doubled periods would distort.
 bool keeps_its_clock(const Scenario& scenario) {
     return scenario.card.loopback_callback_skip_every == 0 &&
            scenario.card.loopback_callback_stall_every_ms == 0 &&

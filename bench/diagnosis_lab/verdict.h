@@ -1,4 +1,4 @@
-// One world, diagnosed and compared with its truth.
+// Diagnoses one world and compares the result with the true causes and counts.
 #pragma once
 
 #include <bit>
@@ -10,7 +10,7 @@
 
 namespace tavistro::diagnosis_lab {
 
-/// A set of causes, a bit for each.
+/// A set of causes, one bit each.
 class Causes {
   public:
     void add(monitor::Cause cause) { bits_ |= bit(cause); }
@@ -27,36 +27,36 @@ class Causes {
     unsigned bits_ = 0;
 };
 
-/// Which world: what it takes to run it again.
+/// Identifies a world, so that it can be run again.
 struct Job {
     const Entry* entry = nullptr;
     std::uint64_t seed = 0;
     double seconds = 0;
 };
 
-/// One kind of event, as the monitor added it up and as it has to be.
+/// The monitor's count of one kind of event and its correct range.
 struct Told {
     std::string_view what;
     std::int64_t told;
-    std::int64_t least;  ///< what must have been seen by the last sample
-    std::int64_t most;   ///< what can have been
+    std::int64_t least;  ///< events that the last sample must include
+    std::int64_t most;   ///< events that the last sample can include
     bool right() const;
 };
 
 struct Verdict {
     Job job{};
     Causes put_in{};
-    Causes named{};        ///< judged by all samples
-    Causes named_early{};  ///< judged by the first two minutes
+    Causes named{};        ///< diagnosed from all samples
+    Causes named_early{};  ///< diagnosed from the first two minutes
     bool not_clear_yet = false;
-    /// A fault can be heard once a minute or more often in the first two minutes.
+    /// In the first two minutes, a fault is audible at least once per minute.
     bool audible_early = false;
 
-    std::vector<Told> told;  ///< each count of the totals
+    std::vector<Told> told;  ///< one per event count
     bool clock_compared = false;
     double clock_error_ppm = 0;
     double clock_uncertainty_ppm = 0;
-    std::string disagreement;  ///< of the world itself with its engine
+    std::string disagreement;  ///< differences between the world's and the engine's counts
 
     Causes wrong() const { return named.without(put_in); }
     bool clock_right() const;

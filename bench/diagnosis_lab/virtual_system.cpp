@@ -46,12 +46,13 @@ std::int64_t performance_frequency() noexcept {
 std::uint64_t millisecond_tick() noexcept {
     return static_cast<std::uint64_t>(now_ns / 1'000'000);
 }
-/// Nothing that a world runs waits: whoever does would never be woken.
+/// Code that runs in a world must not wait: nothing would wake it.
 void sleep_ms(std::uint32_t) noexcept {
     std::abort();
 }
 
-// A store through the system takes longer than everything else that a block costs.
+// Plain memory, because a store through the system would take longer than all other work of a
+// block.
 bool NamedMemory::open(const std::string&, std::size_t bytes) {
     if (block_is_open || bytes != sizeof block) return false;
     block = {};

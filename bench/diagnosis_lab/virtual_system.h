@@ -1,5 +1,5 @@
-// What stands in for the system: the clock of platform/clock.h and the memory of
-// platform/named_memory.h, of the calling thread alone, so that each thread can run a world.
+// Replaces the clock of platform/clock.h and the memory of platform/named_memory.h. Both are
+// thread-local, so that each thread can run a world.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,11 @@
 
 namespace tavistro::diagnosis_lab {
 
-/// What every clock of the engine shows from now on, on this thread.
+/// Sets all clocks of the engine on this thread.
 void set_time_ns(std::int64_t ns) noexcept;
 std::int64_t time_ns() noexcept;
 
-/// The statistics block that an engine of this thread holds open; nothing when there is none.
+/// The statistics block that an engine on this thread has open, if any.
 std::optional<tavistro_stats_block> published_block() noexcept;
 
 }  // namespace tavistro::diagnosis_lab

@@ -18,7 +18,7 @@ namespace tavistro::diagnosis_lab {
 namespace {
 
 constexpr std::int64_t never = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t start_ns = 1'000'000'000'000;  // not 0: that stands for "unknown"
+constexpr std::int64_t start_ns = 1'000'000'000'000;  // not 0, which means "unknown"
 constexpr std::int64_t ping_tick_ns = 50'000'000;
 constexpr std::int64_t moment_ns = 250'000'000;
 constexpr std::int64_t sample_ns = 1'000'000'000;
@@ -35,12 +35,12 @@ std::int64_t sample_time_ms(std::int64_t time) {
     return epoch_ms + time / 1'000'000;
 }
 
-/// A datagram on its way to the client. Its bytes are made when it is read.
+/// A datagram on its way to the client. It is encoded when it is received.
 struct Flight {
     enum class Kind : std::uint8_t { notice, block, pong };
 
     std::int64_t due_ns = 0;
-    std::uint64_t order = 0;  ///< of the departures, for equal times
+    std::uint64_t order = 0;  ///< order of sending, for equal due times
     std::uint64_t index = 0;  ///< of the block, or of the pong
     std::uint64_t server_time_ns = 0;
     Kind kind{};
@@ -85,7 +85,8 @@ class World {
     std::int64_t end_ns_;
     Dice dice_;
     Computer computer_;
-    std::uint64_t blocks_before_;  ///< that the faults count, sent before the engine's start
+    std::uint64_t
+        blocks_before_;  ///< sent before the engine's start; the faults' block index includes them
     std::uint32_t first_sequence_;
     server::SkewedClock clock_;
     server::BlockSchedule schedule_;
@@ -100,13 +101,13 @@ class World {
     std::uint64_t departures_ = 0;
     std::vector<Question> asked_;
     std::vector<TavistroProtocol::Pong> pongs_;
-    std::int64_t receive_free_ns_ = start_ns;  ///< from when the receive thread is ready
-    std::int64_t receive_lateness_ns_ = 0;     ///< of its next wake-up
+    std::int64_t receive_free_ns_ = start_ns;  ///< when the receive thread is ready again
+    std::int64_t receive_lateness_ns_ = 0;     ///< of the receive thread's next wake-up
     std::int64_t last_heard_ns_ = start_ns;
     std::int64_t silence_ns_ = 0;
     std::int64_t look_due_ns_ = 0;
     std::int64_t next_sample_ns_ = 0;
-    std::int64_t latest_look_ns_ = 0;  ///< how late a look was, since the sample before
+    std::int64_t latest_look_ns_ = 0;  ///< largest lateness of a look since the previous sample
     Recording recording_;
 };
 
@@ -197,8 +198,8 @@ void World::on_send_block() {
     next(send_block) = static_cast<std::int64_t>(clock_.to_local(schedule_.next().time_ns));
 }
 
-/// Sends whatever the server has to send now; a silent server's datagrams suffer the network's
-/// choices as well, so that the ones behind them suffer their own.
+/// Sends one datagram of the server. While the server is silent, the random faults are still drawn,
+/// so that later datagrams meet the same faults as without the silence.
 void World::depart(Line& line, Flight flight) {
     const std::uint64_t index = schedule_.next().index;
     const Arrival arrival = line.send(blocks_before_ + index, time_ns());
@@ -244,7 +245,7 @@ void World::on_answer_ping() {
     plan_answer();
 }
 
-/// A thread that finds nothing to read sleeps until something comes.
+/// The receive thread sleeps when no datagram is waiting.
 void World::plan_receive() {
     if (flights_.empty()) {
         next(receive) = never;
@@ -324,8 +325,8 @@ Counts World::counts() const {
     return counts;
 }
 
-/// Lets both halves of the engine report once more, with all that they have counted: a report takes
-/// a second and something that comes after it.
+/// Makes both halves of the engine report their final counts. A report needs a second and an event
+/// after it.
 void World::finish() {
     while (!flights_.empty()) {
         set_time_ns(std::max(time_ns(), next(receive)));
@@ -340,7 +341,8 @@ void World::finish() {
     recording_.last = client_.counts();
     recording_.last.silence_ms = recording_.moments.back().counts.silence_ms;
     recording_.engine = client_.engine_counts();
-    recording_.engine.recoveries_wanted = recoveries;  // not for the want of periods here
+    recording_.engine.recoveries_wanted =
+        recoveries;  // excludes those caused by the missing periods here
 }
 
 }  // namespace

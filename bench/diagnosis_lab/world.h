@@ -1,6 +1,6 @@
-// A server, a network, an engine, its device and a monitor in virtual time: recordings of faults
-// whose causes are known. No threads, no waiting: minutes take a second, and equal scenarios give
-// equal recordings.
+// Simulates a server, a network, an engine, its device and a monitor in virtual time, to record
+// faults with known causes. It uses no threads and does not wait: minutes take a second, and equal
+// scenarios give equal recordings.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace tavistro::diagnosis_lab {
 
-/// What had happened since the engine's start.
+/// Events since the engine's start.
 struct Moment {
     std::int64_t time_ms = 0;  ///< as in Sample
     Counts counts{};
@@ -22,14 +22,14 @@ struct Moment {
 struct Recording {
     std::vector<monitor::Sample> samples;  ///< about one a second, from the monitor's first look
     std::vector<Moment> moments;           ///< every 250 ms, from the engine's start
-    Counts first_look{};                   ///< what had happened by then
-    Counts last_look{};
-    Counts last{};          ///< at the end, with everything that was on its way
-    EngineCounts engine{};  ///< the same, as the engine counted it
+    Counts first_look{};                   ///< at the monitor's first look
+    Counts last_look{};                    ///< at the monitor's last look
+    Counts last{};                         ///< at the end, after all datagrams have arrived
+    EngineCounts engine{};                 ///< the engine's counts of the same events
 
-    /// The last moment by then, the first one if there is none.
+    /// Counts of the latest moment up to `time_ms`, or of the first moment.
     const Counts& counts_at(std::int64_t time_ms) const;
-    /// Where the engine's counters differ from the world's; empty: nowhere.
+    /// Describes the differences between the engine's and the world's counts; empty if they agree.
     std::string disagreement() const;
 };
 

@@ -1,4 +1,4 @@
-// tavistro-drift-lab: how much clock drift and jitter a latency absorbs.
+// tavistro-drift-lab: simulates which clock drift and which disturbances a latency can handle.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
@@ -26,7 +26,7 @@ constexpr int wrong_arguments = 2;
 
 constexpr double nowhere = std::numeric_limits<double>::infinity();
 
-// At 48000 Hz and 128 frames a block is 2.7 ms, so that these lie 20 and 30 s apart.
+// At 48000 Hz and 128 frames (2.7 ms per block), bursts are 20 s and pauses 30 s apart on average.
 const std::map<std::string, Disturbance> disturbances = {
     {"none", {}},
     {"steady", {.arrival_jitter = 0.25, .wake_jitter = 0.1}},
@@ -143,7 +143,7 @@ std::vector<Row> grid(const Options& options) {
     return rows;
 }
 
-/// First where the ends are, in short runs, then rows to run there.
+/// Searches for the drift limits in short runs and returns rows to run at these limits.
 std::vector<Row> ends(const Options& options) {
     constexpr double highest_ppm = 1000.0;
     constexpr double step_ppm = 5.0;
@@ -174,23 +174,27 @@ int run_tool(int argc, char** argv) {
     app.require_subcommand(1);
     add_version_flag(app);
     app.fallthrough();
-    app.add_option("--latency", options.latencies, "client_latency_blocks, one or more")
+    app.add_option("--latency", options.latencies, "client_latency_blocks; one or more values")
         ->check(number_range(1, 128))
         ->capture_default_str();
     app.add_option("--disturbance", options.disturbance, "none, steady or rough")
         ->check(CLI::IsMember(disturbances))
         ->capture_default_str();
-    app.add_option("--hours", options.hours, "virtual time of each run")
+    app.add_option("--hours", options.hours, "virtual time of each run in hours")
         ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
-    app.add_option("--seed", options.seed, "of every random choice")->capture_default_str();
-    app.add_option("--jobs", options.jobs, "runs at once")->check(number_range(1, 1024));
-    app.add_option("--csv", options.csv_path, "also write every figure to this file");
-    CLI::App* const grid_command = app.add_subcommand("grid", "every drift with every latency");
-    grid_command->add_option("--drift", options.drifts, "ppm that the server is faster")
+    app.add_option("--seed", options.seed, "seed of the random choices")->capture_default_str();
+    app.add_option("--jobs", options.jobs, "number of parallel runs")->check(number_range(1, 1024));
+    app.add_option("--csv", options.csv_path, "also write all results to this file");
+    CLI::App* const grid_command = app.add_subcommand("grid", "run every drift with every latency");
+    grid_command
+        ->add_option("--drift", options.drifts,
+                     "how much faster the server clock is, in ppm; one or more values")
         ->check(number_range(-10000, 10000));
-    app.add_subcommand("ends", "the two limits of the drift that each latency absorbs")
-        ->add_option("--search-hours", options.search_hours, "virtual time of each run in search")
+    app.add_subcommand("ends",
+                       "find the slowest and the fastest server clock that each latency can handle")
+        ->add_option("--search-hours", options.search_hours,
+                     "virtual time of each search run in hours")
         ->check(number_range(0.001, 10000.0))
         ->capture_default_str();
     try {

@@ -16,7 +16,7 @@ namespace {
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-/// Even values from 0 to 1, the same with every standard library.
+/// Uniform random values in [0, 1), identical with every standard library.
 class Dice {
   public:
     explicit Dice(std::uint64_t seed) : generator_(seed) {}
@@ -27,7 +27,7 @@ class Dice {
     std::mt19937_64 generator_;
 };
 
-/// Spells of up to `longest` that begin `every` apart on average; asked at rising times.
+/// Random intervals of up to `longest`, `every` apart on average. Query it with increasing times.
 class Spells {
   public:
     Spells(double every, double longest, std::uint64_t seed)
@@ -37,7 +37,7 @@ class Spells {
         else
             plan_after(0.0);
     }
-    /// The end of the spell that `time` lies in, or `time` itself.
+    /// The end of the interval that contains `time`, or `time` itself if none does.
     double end_of(double time) {
         while (end_ <= time)
             plan_after(end_);
@@ -80,7 +80,7 @@ class FillRecord {
     FillRange range_;
 };
 
-/// When things happen, in periods of the device's clock.
+/// Times of block arrivals and device periods, in periods of the device clock.
 class Timetable {
   public:
     explicit Timetable(const Experiment& e)
@@ -102,7 +102,7 @@ class Timetable {
         return {last_arrival_, bursts_.end_of(sent) != sent};
     }
     double wake(std::uint64_t period) {
-        // Half a block beside the server's clock, so that no coincidence of the two decides.
+        // Offset by half a block, so that arrivals and periods do not coincide.
         const double due = static_cast<double>(period) + 0.5;
         last_wake_ = std::max(last_wake_, due + wake_dice_.upto(way_.wake_jitter));
         return last_wake_;
@@ -119,7 +119,7 @@ class Timetable {
     double last_wake_ = 0.0;
 };
 
-/// A client with one channel each way; played and captured sound do not matter here.
+/// A client with one channel in each direction. The audio content does not matter.
 class Client {
   public:
     Client(const Experiment& e, EngineConfig config, double settled)
@@ -143,7 +143,7 @@ class Client {
     }
     void take_block(std::uint64_t block) {
         const auto sequence = static_cast<std::uint32_t>(block);
-        // What was lost before this block is silence of the same length.
+        // Replace lost blocks with silence.
         const DeliveryTracker::Verdict verdict = delivery_.consult(sequence);
         for (std::uint32_t i = 0; i < verdict.missing; ++i)
             push(verdict.first_missing + i);
