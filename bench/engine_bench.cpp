@@ -20,7 +20,7 @@ void state_snapshot(benchmark::State& state, const Shape& shape) {
     measure(
         state, shape.batch(), shape.samples(), sizeof(tavistro_engine_state), [] {},
         [&] {
-            benchmark::DoNotOptimize(record.snapshot());
+            benchmark::DoNotOptimize(record.snapshot_state());
             return true;
         });
 }
