@@ -5,13 +5,13 @@
 namespace tavistro::jack {
 namespace {
 
-constexpr const char* client_name = "tavistro";  // the server numbers further ones
+constexpr const char* client_name = "tavistro";  // JACK appends a number if the name is taken
 
 void discard(const char*) {}
 
-/// libjack cancels its threads at any instant, and a cancelled thread unwinds; it must not do so
-/// through the host's functions. No destructor restores the state, since the unwinding may begin
-/// with just that.
+/// libjack may cancel its threads at any time, which unwinds the stack. That must not happen inside
+/// the host's functions, so cancellation is disabled around `body`. No destructor restores the
+/// state, because a pending cancellation may unwind from that very call.
 template <typename Body>
 void uncancelled(Body body) {
     int state = 0;
@@ -22,14 +22,15 @@ void uncancelled(Body body) {
 
 std::string refusal(jack_status_t status) {
     if ((status & JackServerFailed) == 0)
-        return "The JACK server refuses a client (status " + std::to_string(status) + ").";
-    return "No JACK server is running, or none of the name in JACK_DEFAULT_SERVER.";
+        return "The JACK server rejected the client (status " + std::to_string(status) + ").";
+    return "No JACK server is running, or none with the name in JACK_DEFAULT_SERVER.";
 }
 
 }  // namespace
 
 std::string JackClient::open() {
-    // What libjack would print is in the status. The functions are for the whole process.
+    // Suppress libjack's messages: the status has the reason. These functions apply to the whole
+    // process.
     jack_set_error_function(discard);
     jack_set_info_function(discard);
     jack_status_t status{};
@@ -84,7 +85,7 @@ jack_nframes_t JackClient::period_frames() const noexcept {
     return handle_ ? jack_get_buffer_size(handle_.get()) : 0;
 }
 
-/// Full names in the server's order.
+/// Full port names in the server's order.
 std::vector<std::string> JackClient::physical_ports(unsigned long flags) const {
     const std::unique_ptr<const char*[], decltype(&jack_free)> names(
         jack_get_ports(handle_.get(), nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | flags),

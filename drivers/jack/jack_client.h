@@ -1,5 +1,4 @@
-// A client of the JACK server, as the driver needs it: ports that follow the physical ones by
-// number, and what the server has to say.
+// The driver's JACK client: ports numbered like the physical ports, and the server's callbacks.
 #pragma once
 
 #include <jack/jack.h>
@@ -15,14 +14,14 @@
 
 namespace tavistro::jack {
 
-/// What libjack's threads call.
+/// Callbacks from libjack's threads.
 class JackListener {
   public:
-    /// The thread of the graph, while the client is active.
+    /// Called on JACK's process thread while the client is active.
     TAVISTRO_REALTIME virtual void on_period(jack_nframes_t frames) = 0;
-    /// Another thread, at any time while the client is open.
+    /// An xrun. Called on another thread at any time while the client is open.
     virtual void on_missed_deadline() = 0;
-    /// Any of them. No period comes any more.
+    /// Called on any of these threads. No further period follows.
     virtual void on_server_lost() = 0;
 
   protected:
@@ -35,34 +34,34 @@ class JackClient {
     JackClient(const JackClient&) = delete;
     JackClient& operator=(const JackClient&) = delete;
 
-    /// Empty, or why there is no client. Starts no server and waits for none. Once per object;
-    /// throws std::bad_alloc.
+    /// Returns an empty text on success, else the reason. Neither starts a server nor waits for
+    /// one. Call it once per object. Throws std::bad_alloc.
     std::string open();
     bool is_open() const noexcept { return handle_ != nullptr; }
-    /// False without a server. Periods come until deactivate() has returned.
+    /// False without a server. Periods are called until deactivate() has returned.
     bool activate() noexcept;
     void deactivate() noexcept { jack_deactivate(handle_.get()); }
 
-    /// The server's own, in frames and Hz. 0 as long as there is no client.
+    /// The server's period in frames and sample rate in Hz; 0 without a client.
     jack_nframes_t period_frames() const noexcept;
     TAVISTRO_REALTIME jack_nframes_t rate() const noexcept { return rate_; }
-    /// Frame time (it wraps) at the begin of the period; inside of on_period alone.
+    /// JACK frame time at the start of the period; it wraps. Valid only within on_period().
     TAVISTRO_REALTIME jack_nframes_t period_begin() const noexcept {
         return jack_last_frame_time(handle_.get());
     }
-    /// The system's monotonic clock at a frame time.
+    /// The monotonic clock in ns at a JACK frame time.
     TAVISTRO_REALTIME std::uint64_t frame_ns(jack_nframes_t frame) const noexcept {
         return jack_frames_to_time(handle_.get(), frame) * 1000;
     }
 
-    /// Physical ports that an input listens to, or that an output feeds.
+    /// Number of physical capture or playback ports.
     std::size_t physical_count(bool is_input) const noexcept { return physical(is_input).size(); }
-    /// Frames between the world and the physical port of that number, 0 if there is none.
+    /// Hardware latency of the physical port with this number, in frames; 0 if there is none.
     jack_nframes_t physical_latency(bool is_input, std::size_t number) const noexcept;
-    /// Null when the server has no more or knows the name.
+    /// Null when the server has no free port or the name is taken.
     jack_port_t* add_port(bool is_input, const char* name) noexcept;
     void remove_port(jack_port_t* port) noexcept { jack_port_unregister(handle_.get(), port); }
-    /// To the physical port of that number, if there is one; of an active client.
+    /// Connects the port to the physical port with this number, if any. The client must be active.
     void connect(jack_port_t* port, bool is_input, std::size_t number) noexcept;
 
   private:

@@ -63,7 +63,7 @@ class JackDriver final : public AsioDriver, private JackListener {
     std::int32_t init(void*) noexcept override;
     void getDriverName(char* name) noexcept override { std::strcpy(name, driver_name); }
     std::int32_t getDriverVersion() noexcept override { return 1; }
-    /// Without an error: how often a deadline was missed, which JACK calls an xrun.
+    /// The last error or, without one, the number of xruns.
     void getErrorMessage(char* text) noexcept override {
         if (error_[0] == '\0') {
             std::snprintf(text, error_bytes, "%u missed deadlines.", missed_deadlines_.load());
@@ -98,7 +98,7 @@ class JackDriver final : public AsioDriver, private JackListener {
     std::int32_t disposeBuffers() noexcept override;
     std::int32_t controlPanel() noexcept override { return kAsioNotPresent; }
     std::int32_t future(std::int32_t, void*) noexcept override { return kAsioInvalidParameter; }
-    /// Not wanted: outputs leave when the buffer switch returns, which is as early as can be.
+    /// Not needed: JACK takes the outputs when the buffer switch returns.
     std::int32_t outputReady() noexcept override { return kAsioNotPresent; }
 
   private:
@@ -134,24 +134,26 @@ class JackDriver final : public AsioDriver, private JackListener {
     std::atomic<std::uint32_t> references_{1};
     Stage stage_ = Stage::created;
     ErrorText error_{};
-    std::atomic<unsigned> missed_deadlines_{0};  ///< of any client of the server, since init
+    std::atomic<unsigned> missed_deadlines_{
+        0};  ///< xruns of all clients of the server since init()
 
-    // Of the buffers. Periods read them, so nothing is written while the client is active.
+    // Set by createBuffers(). The process thread reads them, so they do not change while it runs.
     jack_nframes_t frames_ = 0;
     jack_nframes_t rate_ = 0;
     bool with_time_info_ = false;
     std::vector<Channel> channels_;
     const AsioCallbacks* callbacks_ = nullptr;
 
-    std::mutex notice_mutex_;                  ///< not taken by periods
-    const AsioCallbacks* notified_ = nullptr;  ///< under the mutex; null: nobody to tell
-    bool overload_wanted_ = false;             ///< under the mutex
+    std::mutex notice_mutex_;                  ///< never locked by the process thread
+    const AsioCallbacks* notified_ = nullptr;  ///< guarded by the mutex; null: no host to notify
+    bool overload_wanted_ = false;             ///< guarded by the mutex
 
-    std::size_t half_ = 0;                   ///< of the next period
-    jack_nframes_t origin_ = 0;              ///< the server's frame time at position 0
+    std::size_t half_ = 0;                   ///< buffer half of the next period
+    jack_nframes_t origin_ = 0;              ///< JACK frame time at position 0
     std::atomic<std::int64_t> position_{0};  ///< frames; -1 before the first period
 
-    JackClient client_{*this};  ///< last, so that it is closed before what its threads use
+    JackClient client_{
+        *this};  ///< last member: closed first, before its threads lose what they use
 };
 
 std::int32_t JackDriver::init(void*) noexcept try {
@@ -178,7 +180,7 @@ std::int32_t JackDriver::getLatencies(std::int32_t* inputs, std::int32_t* output
     return kAsioOk;
 }
 
-/// The longest of the open channels: that of the physical port, since nothing is added here.
+/// The largest latency of the physical ports of the open channels. The driver adds none.
 std::int32_t JackDriver::latency(bool is_input) const {
     jack_nframes_t longest = 0;
     for (const Channel& channel : channels_) {
@@ -300,7 +302,7 @@ std::int32_t JackDriver::start() noexcept {
     half_ = 0;
     position_ = -1;
     if (!client_.activate()) {
-        set_error(error_, "The JACK server has gone.");
+        set_error(error_, "The JACK server is no longer running.");
         return kAsioHardwareFault;
     }
     stage_ = Stage::running;
@@ -316,7 +318,7 @@ std::int32_t JackDriver::stop() noexcept {
     return kAsioOk;
 }
 
-/// Hosts serve a message later, on a thread of their own, so that any thread may bring it.
+/// Any thread may call this: hosts only take note of the message and handle it on their own thread.
 void JackDriver::tell(std::int32_t selector) {
     const std::lock_guard lock(notice_mutex_);
     if (notified_ == nullptr || (selector == kAsioOverload && !overload_wanted_)) return;
@@ -326,7 +328,8 @@ void JackDriver::tell(std::int32_t selector) {
 void JackDriver::on_period(jack_nframes_t frames) {
     if (frames != frames_ || client_.rate() != rate_) {
         silence_ports(frames);
-        // With every period, since a host that is still opening the driver may miss the first.
+        // Repeat the request in every period: a host that is still opening the driver may miss the
+        // first.
         callbacks_->asioMessage(kAsioResetRequest, 0, nullptr, nullptr);
         return;
     }
@@ -349,7 +352,7 @@ void JackDriver::silence_ports(jack_nframes_t frames) {
     }
 }
 
-/// The server's frame time wraps after 2^32 frames, a position does not.
+/// JACK's frame time wraps after 2^32 frames; the position does not.
 void JackDriver::count_position() {
     const jack_nframes_t now = client_.period_begin();
     if (position_ < 0) {

@@ -1,4 +1,4 @@
-// The JACK driver as a shared object for a driver folder.
+// Exports the JACK driver from a shared object for the driver folder.
 
 #include "drivers/jack/jack_driver.h"
 

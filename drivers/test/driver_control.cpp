@@ -6,27 +6,27 @@
 namespace tavistro::test {
 namespace {
 
-// Every option and what it is at first.
+// All options with their default values.
 const std::map<std::string_view, std::vector<double>> defaults{
     {"inputs", {8}},
     {"outputs", {8}},
-    {"input_types", {17}},  // of channel 0, 1, ... and from the first again
+    {"input_types", {17}},  // sample type per channel; the list repeats
     {"output_types", {17}},
     {"minimum_frames", {32}},
     {"maximum_frames", {2048}},
     {"preferred_frames", {128}},
     {"granularity", {-1}},
-    {"rate", {48000}},    // Hz, before a host sets another
-    {"fixed_rate", {0}},  // 1: other rates are refused; 2: accepted but not set
-    {"ppm", {0}},         // the driver's clock against the system's
-    {"loop", {1}},        // output i comes back on input i + loop_offset one period later
+    {"rate", {48000}},    // Hz, until a host sets another
+    {"fixed_rate", {0}},  // 1: rejects other rates; 2: accepts but does not set them
+    {"ppm", {0}},         // drift of the driver's clock against the system clock
+    {"loop", {1}},        // output i returns on input i + loop_offset one period later
     {"loop_offset", {0}},
-    {"input_level", {0}},  // other inputs read input_level / (channel + 1)
-    {"noise", {0}},        // buffers come filled with noise
+    {"input_level", {0}},  // inputs without loop read input_level / (channel + 1)
+    {"noise", {0}},        // new buffers contain noise
     {"output_ready", {1}},
-    {"time_info", {2}},       // 0: never; 1: always; 2: as the host likes
-    {"foreign_thread", {0}},  // every callback comes from a thread of its own
-    {"scribbles", {0}},       // overwrites what a host hands it, when it is done with that
+    {"time_info", {2}},       // 0: never; 1: always; 2: if the host supports it
+    {"foreign_thread", {0}},  // makes every callback on a new thread
+    {"scribbles", {0}},       // overwrites the host's structures after use
     {"callback_in_create", {0}},
     {"callback_in_start", {0}},
     {"callback_in_stop", {0}},
@@ -127,7 +127,7 @@ void DriverControl::note(std::string_view text) {
 
 std::int32_t DriverControl::enter(std::string_view call) noexcept {
     ++*made_.find(call);
-    if (call != "outputReady") note(call);  // made within a period
+    if (call != "outputReady") note(call);  // called within a period, which must not lock
     if (*commands_.find("vanish")) return kAsioNotPresent;
     return *failing_.find(call) ? kAsioHardwareFault : kAsioOk;
 }

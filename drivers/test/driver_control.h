@@ -1,4 +1,4 @@
-// How the test driver behaves: what a test has told it, and what it has counted.
+// The test driver's behaviour as set by a test, and its counters.
 #pragma once
 
 #include <array>
@@ -16,8 +16,8 @@
 
 namespace tavistro::test {
 
-/// Numbers under the names of driver_control.cpp's table; most are one number, 0 and 1 are
-/// switches.
+/// Options with the names in driver_control.cpp. Each is a list of numbers, most have one entry;
+/// switches are 0 or 1.
 class DriverOptions {
   public:
     DriverOptions();
@@ -26,7 +26,7 @@ class DriverOptions {
         return static_cast<std::int32_t>(value(name));
     }
     bool on(std::string_view name) const { return value(name) != 0; }
-    /// Entry `index` of a list that begins again at its end.
+    /// Entry `index` of a list that repeats.
     std::int32_t entry(std::string_view name, std::int32_t index) const {
         const auto& list = all_.at(name);
         return static_cast<std::int32_t>(list[static_cast<std::size_t>(index) % list.size()]);
@@ -37,7 +37,7 @@ class DriverOptions {
     std::map<std::string_view, std::vector<double>> all_;
 };
 
-/// A fixed set of names, each with one atomic value.
+/// One atomic value for each of a fixed set of names.
 template <typename Value, std::size_t count>
 class NamedValues {
   public:
@@ -64,40 +64,40 @@ inline constexpr std::array<std::string_view, 13> driver_calls{
     "getBufferSize", "getSampleRate",  "setSampleRate", "getInputInfo", "getOutputInfo",
     "createBuffers", "disposeBuffers", "outputReady"};
 
-/// The last two last; the others are done once, by a running driver between two periods.
+/// "stall" and "vanish" persist. A running driver executes the others once, between two periods.
 inline constexpr std::array<std::string_view, 8> driver_commands{
-    "reset",         // asks the host for a reset
-    "resync",        // says that it lost sync
-    "overload",      // says that it missed a deadline
-    "rate_changed",  // goes over to the option "rate", live, and says so
-    "repeat_rate",   // says that the rate changed although it did not
-    "bad_index",     // buffer switches with the indices -1 and 2
+    "reset",         // requests a reset from the host
+    "resync",        // reports lost sync
+    "overload",      // reports a missed deadline
+    "rate_changed",  // switches to the option "rate" while running and reports it
+    "repeat_rate",   // reports a rate change although there is none
+    "bad_index",     // calls buffer switches with the indices -1 and 2
     "stall",         // no periods until the next start
     "vanish"};       // no periods, and every call fails, until "reappear"
 
-/// One per loaded module. Any thread; what a period needs neither locks nor allocates.
+/// One per loaded module. Thread-safe; the functions used in periods neither lock nor allocate.
 class DriverControl {
   public:
     static DriverControl& instance();
 
     void restore();
-    /// The option "fail" is a list of calls (driver_calls) that fail until it is set again.
+    /// The option "fail" lists the calls (driver_calls) that fail until it is set again.
     bool set(std::string_view name, std::string_view text);
     bool fire(std::string_view command);
-    /// Calls made under their names, "periods", "objects" alive, bytes "overwritten" behind buffers
-    /// that have been disposed; -1 for anything else.
+    /// Number of calls by name, of "periods", of living "objects", or of bytes "overwritten" behind
+    /// the ends of disposed buffers; -1 for an unknown counter.
     std::int64_t count(std::string_view counter);
 
     DriverOptions options() const;
-    /// Every call but outputReady in its order, createBuffers with its channels.
+    /// All calls in order except outputReady; createBuffers with its channels.
     std::string history() const;
     void note(std::string_view text);
-    /// What the driver calls; null while it has no buffers.
+    /// The host's callbacks; null while the driver has no buffers.
     AsioCallbacks* host() const noexcept { return host_; }
     void set_host(AsioCallbacks* callbacks) noexcept { host_ = callbacks; }
-    /// Counts a call and returns what it has to answer: 0 unless it was told to fail.
+    /// Counts a call and returns its result: 0 unless it has to fail.
     std::int32_t enter(std::string_view call) noexcept;
-    /// True once after the command.
+    /// True once after each fire() of the command.
     bool take(std::string_view command) noexcept {
         return commands_.find(command)->exchange(false);
     }
@@ -122,7 +122,7 @@ class DriverControl {
     std::atomic<std::int64_t> overwritten_{0};
 };
 
-/// The module's DriverControl as a table for those who load it.
+/// The module's DriverControl as a C function table.
 const tavistro_test_driver_controls* driver_controls();
 
 }  // namespace tavistro::test

@@ -1,4 +1,4 @@
-// The test driver as a shared object for a driver folder.
+// Exports the test driver from a shared object for the driver folder.
 
 #include "drivers/test/driver_control.h"
 #include "drivers/test/test_driver.h"

@@ -1,4 +1,4 @@
-// Driver buffers, sample by sample: enough to loop a channel of one type to one of another.
+// Sample access to driver buffers, to loop channels back between sample types.
 #pragma once
 
 #include <cstddef>
@@ -9,14 +9,14 @@ namespace tavistro::test {
 
 using RawSamples = std::span<std::uint8_t>;
 
-/// Bytes of one sample; 4 for types that are not known.
+/// Bytes per sample; 4 for unknown types.
 std::size_t sample_bytes(std::int32_t type) noexcept;
 
-/// Every sample set to a value within +-1.
+/// Sets every sample to a value within +-1.
 void fill_samples(RawSamples samples, std::int32_t type, double value) noexcept;
 
-/// As many samples as `to` holds. Bytes are copied when the types are equal, else values are
-/// converted, rounded to the nearest.
+/// Copies as many samples as `to` holds. Copies bytes if the types are equal; otherwise converts
+/// and rounds to nearest.
 void copy_samples(std::span<const std::uint8_t> from, std::int32_t from_type, RawSamples to,
                   std::int32_t to_type) noexcept;
 

@@ -25,7 +25,7 @@ constexpr double lowest_rate = 44100;
 constexpr double highest_rate = 192000;
 constexpr std::uint8_t noise_byte = 0x5A;
 constexpr std::uint8_t guard_byte = 0xA5;
-/// A thread that was held up catches up with its periods, but not with more than this.
+/// A delayed thread catches up with at most this much time.
 constexpr std::chrono::seconds catch_up_limit{1};
 
 constexpr std::int32_t no_interface = static_cast<std::int32_t>(0x80004002);
@@ -51,8 +51,8 @@ struct Channel {
     std::int32_t number;
     std::int32_t type;
     std::size_t half_bytes;
-    std::vector<std::uint8_t> half[2];  ///< and room behind it that is no one's
-    const Channel* looped_from;         ///< null for a constant level
+    std::vector<std::uint8_t> half[2];  ///< followed by guard bytes
+    const Channel* looped_from;         ///< null: constant level
 
     RawSamples samples(std::size_t index) { return RawSamples(half[index]).first(half_bytes); }
     std::span<const std::uint8_t> samples(std::size_t index) const {
@@ -60,7 +60,7 @@ struct Channel {
     }
 };
 
-/// Of one half; a one-bit type has eight frames in a byte.
+/// Bytes of one buffer half. The one-bit types have eight frames per byte.
 std::size_t bytes_of(std::int32_t type, std::size_t frames) {
     return type == 32 || type == 33 ? frames / 8 : sample_bytes(type) * frames;
 }
@@ -167,7 +167,7 @@ class TestDriver final : public AsioDriver {
 
     std::thread thread_;
     std::atomic<bool> running_{false};
-    std::size_t half_ = 0;  ///< of the next period
+    std::size_t half_ = 0;  ///< buffer half of the next period
     std::atomic<std::int64_t> position_frames_{0};
 };
 
@@ -218,7 +218,7 @@ std::int32_t TestDriver::getChannelInfo(AsioChannelInfo* info) noexcept {
     info->isActive = find(is_input, info->channel) != nullptr;
     info->group = 0;
     info->type = type_of(is_input, info->channel);
-    std::memset(info->name, 'n', sizeof(info->name));  // a name need not end with a NUL
+    std::memset(info->name, 'n', sizeof(info->name));  // on purpose without a terminating NUL
     return kAsioOk;
 }
 
@@ -323,7 +323,7 @@ void TestDriver::ask_host() {
     with_time_info_ = time_info == 2 ? wanted : time_info == 1;
 }
 
-/// Ends the periods even where the call that wants it is told to fail.
+/// Ends the periods even if the calling function is set to fail.
 void TestDriver::end_run() {
     if (stage_ != Stage::running) return;
     running_ = false;
@@ -390,7 +390,7 @@ void TestDriver::run_period() {
     control_.count_period();
 }
 
-/// The half that the host will read gets what the host wrote into the other half a period ago.
+/// Copies what the host wrote in the previous period into the half that it reads next.
 void TestDriver::feed_inputs() {
     for (Channel& channel : channels_) {
         if (!channel.is_input) continue;

@@ -1,7 +1,7 @@
 /*
- * The test driver's remote control: a test that has loaded the same module asks it for
- * tavistro_test_driver_control() and tells the driver how to behave. Options, commands and counters
- * are named in drivers/test/driver_control.{h,cpp}. Plain C; any thread.
+ * Lets a test control the test driver: the test loads the same module and calls its function
+ * tavistro_test_driver_control(). drivers/test/driver_control.{h,cpp} list the options, commands
+ * and counters. Plain C; thread-safe.
  */
 #ifndef TAVISTRO_TEST_DRIVER_CONTROL_H
 #define TAVISTRO_TEST_DRIVER_CONTROL_H
@@ -9,11 +9,11 @@
 #include <stdint.h>
 
 typedef struct tavistro_test_driver_controls {
-    /* Every option as at load, no fault, every counter but that of living objects 0. */
+    /* Resets the options, faults and counters, except the number of living objects. */
     void (*restore)(void);
-    /* 1, or 0 with nothing changed for an unknown option or a value that cannot be read. */
+    /* 1; 0 and no change for an unknown option or an invalid value. */
     int32_t (*set)(const char* option, const char* value);
-    /* 1, or 0 for an unknown command. */
+    /* 1; 0 for an unknown command. */
     int32_t (*fire)(const char* command);
     /* -1 for an unknown counter. */
     int64_t (*count)(const char* counter);

@@ -1,4 +1,4 @@
-// The test driver as a COM in-process server that registers itself: `regsvr32 <file>`.
+// Exports the test driver as a COM in-process server that can register itself: `regsvr32 <file>`.
 
 #include <windows.h>
 
@@ -27,7 +27,7 @@ CLSID class_id() {
     return id;
 }
 
-/// One for the module's life, so nobody counts its references.
+/// A static object, so its references are not counted.
 class Factory final : public IClassFactory {
   public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
