@@ -43,7 +43,7 @@ double frames_to_ns(double frames) {
 }
 
 /// Times at which impulses were played, nanosecond clock.
-class HeardTimes {
+class OutputTimes {
   public:
     void add(double ns) {
         const std::lock_guard lock(mutex_);
@@ -62,7 +62,7 @@ class HeardTimes {
 /// Records when an impulse is played.
 class ProbeDevice : public SleepingDevice {
   public:
-    explicit ProbeDevice(HeardTimes& heard) : heard_(heard) {}
+    explicit ProbeDevice(OutputTimes& output_times) : output_times_(output_times) {}
     ~ProbeDevice() override { close(); }
 
   private:
@@ -71,12 +71,12 @@ class ProbeDevice : public SleepingDevice {
         const auto loudest = std::max_element(sound.begin(), sound.end());
         const double ns = deadline_ns + frames_to_ns(static_cast<double>(loudest - sound.begin()));
         // An interpolated impulse may span two periods.
-        if (*loudest > threshold && ns > last_heard_ns_ + frames_to_ns(2))
-            heard_.add(last_heard_ns_ = ns);
+        if (*loudest > threshold && ns > last_impulse_ns_ + frames_to_ns(2))
+            output_times_.add(last_impulse_ns_ = ns);
     }
 
-    HeardTimes& heard_;
-    double last_heard_ns_ = 0;
+    OutputTimes& output_times_;
+    double last_impulse_ns_ = 0;
 };
 
 void write_impulse(const std::string& path) {
@@ -160,8 +160,8 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
     const auto client_id = static_cast<std::uint32_t>(getpid());
     const std::string configuration = folder.file("client.ini");
     write_configuration(configuration, server.port(), client_id, latency_blocks, 2);
-    HeardTimes heard;
-    EngineRuntime engine([&] { return std::make_unique<ProbeDevice>(heard); });
+    OutputTimes output_times;
+    EngineRuntime engine([&] { return std::make_unique<ProbeDevice>(output_times); });
     if (!engine.start(configuration.c_str())) throw std::runtime_error("the engine does not start");
     std::this_thread::sleep_for(settling);
     if (engine.snapshot_state().state != TAVISTRO_STATE_RUNNING)
@@ -171,7 +171,7 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
     if (!stats.open(client_id)) throw std::runtime_error("cannot open the statistics block");
     const auto first = stats.read();
     auto last = first;
-    heard.take();
+    output_times.take();
     // Impulses in blocks that have not returned when the run ends are not counted.
     server.enable_history(static_cast<std::size_t>(seconds * rate / frames));
     std::vector<Delay> shown;
@@ -188,7 +188,7 @@ nlohmann::json probe(std::uint16_t frames, int latency_blocks, int seconds) {
     server.stop();
 
     const std::vector<double> sent = impulse_times(server, 0);
-    const std::vector<Delay> to_output = delays(sent, heard.take());
+    const std::vector<Delay> to_output = delays(sent, output_times.take());
     return {{"frames", frames},
             {"client_latency_blocks", latency_blocks},
             {"seconds", seconds},

@@ -218,7 +218,7 @@ std::int32_t TestDriver::getChannelInfo(AsioChannelInfo* info) noexcept {
     info->isActive = find(is_input, info->channel) != nullptr;
     info->group = 0;
     info->type = type_of(is_input, info->channel);
-    std::memset(info->name, 'n', sizeof(info->name));  // on purpose without a terminating NUL
+    std::memset(info->name, 'n', sizeof(info->name));  // deliberately without a terminating NUL
     return kAsioOk;
 }
 

@@ -36,8 +36,9 @@ class Tone final : public Source {
     double turns_ = 0;
 };
 
-/// Notes of a pentatonic scale with random pitch and length; in practice the sequence never repeats. Each
-/// note has a fast attack and a decay, so that its envelope alone shows where it begins.
+/// Notes of a pentatonic scale with random pitch and length; in practice the sequence never
+/// repeats. Each note has a fast attack and a decay, so that its envelope alone shows where it
+/// begins.
 class Melody final : public Source {
   public:
     Melody(const MelodyOptions& options, std::uint32_t sample_rate)
