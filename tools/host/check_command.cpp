@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
-#include <numeric>
 #include <optional>
 #include <ostream>
+#include <ranges>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "config/ini.h"
 #include "platform/regular_file.h"
 #include "tools/host/commands.h"
+#include "tools/nearest_word.h"
 
 namespace tavistro::host {
 
@@ -74,8 +76,6 @@ void list_derived(const EngineConfig& config, std::ostream& out) {
         out << setting_line(name, fmt::to_string(blocks), origin, "");
 }
 
-/// A name with more differences than this is no likely misspelling.
-constexpr std::size_t most_typing_errors = 3;
 /// So many keys of a section can be listed in one line.
 constexpr std::size_t few_keys = 5;
 
@@ -90,30 +90,12 @@ bool is_utf16(std::string_view bytes) {
     return bytes.size() >= 2 && (bytes[0] == '\0') != (bytes[1] == '\0');
 }
 
-/// Insertions, deletions and replacements that turn one text into the other.
-std::size_t edit_distance(std::string_view from, std::string_view to) {
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < from.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j) {
-            const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-/// The known key whose `name` is nearest to `written`, null when none is near. Of equally near
-/// ones the first.
+/// The known key whose `name` is nearest to `written`, null when none is near.
 const ConfigKey* nearest(std::string_view written, std::string_view ConfigKey::*name) {
-    const auto distance = [&](const ConfigKey& known) {
-        return edit_distance(written, known.*name);
-    };
-    const auto found = std::ranges::min_element(config_keys(), {}, distance);
-    const std::size_t allowed = std::min(most_typing_errors, written.size() / 2);
-    return distance(*found) <= allowed ? &*found : nullptr;
+    const std::string near =
+        nearest_word(written, config_keys() | std::views::transform(std::mem_fn(name)));
+    const auto found = std::ranges::find(config_keys(), near, name);
+    return found == config_keys().end() ? nullptr : &*found;
 }
 
 bool is_section(std::string_view name) {

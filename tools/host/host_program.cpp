@@ -8,6 +8,7 @@
 #include "platform/udp_socket.h"
 #include "tools/host/commands.h"
 #include "tools/host/engine_library.h"
+#include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/readings/stats_reader.h"
 #include "tools/version_flag.h"
@@ -72,7 +73,7 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     } catch (const CLI::Success& asked_to_tell) {
         return app.exit(asked_to_tell, out, errors);
     } catch (const CLI::ParseError& error) {
-        errors << "tavistro-host: " << error.what() << '\n' << app.help();
+        errors << "tavistro-host: " << fault_text(app, error) << '\n' << app.help();
         return wrong_arguments;
     }
     if (check->parsed()) return check_config(config_path, out, errors);

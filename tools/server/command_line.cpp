@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
 
@@ -193,7 +194,7 @@ ParsedArguments parse_arguments(int argc, const char* const* argv) {
         return {.command = {}, .message = text.str(), .exit_code = 0};
     } catch (const CLI::ParseError& error) {
         return {.command = {},
-                .message = fmt::format("tavistro-server: {}\n{}", error.what(),
+                .message = fmt::format("tavistro-server: {}\n{}", fault_text(app, error),
                                        CLI::Formatter().make_usage(&app, app.get_name())),
                 .exit_code = 2};
     }

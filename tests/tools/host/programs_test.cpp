@@ -118,10 +118,13 @@ TEST_F(Programs, FailWithAReason) {
         {run_host_program, "run ''", 1,
          "host: the run failed: No configuration path was given. Name a configuration file.\n"},
         {run_host_program, "", 2, "host: A subcommand is required\nConsole host for"},
+        {run_host_program, "chek x.ini", 2, "host: unknown 'chek'; did you mean 'check'?\n"},
+        {run_host_program, "run --secnds=3", 2, "host: unknown '--secnds=3'; did you mean '--s"},
         {run_host_program, "servers --timeout 0", 2, "host: --timeout: "},
         {run_host_program, "servers --address 1.2.3", 2,
          "host: --address: 1.2.3 is no IPv4 address\n"},
         {server, "--tone 1=440@2 --seconds 1", 2, "server: --tone: "},
+        {server, "--mellody 0 --seconds 1", 2, "server: unknown '--mellody'; did you mean '--m"},
         {server, "--drop 101 --seconds 1", 2, "server: --drop: "},
         {server, "--burst-every-ms 3 --seconds 1", 2, "server: --burst-every-ms requires"},
         {server, "--burst-length 3 --seconds 1", 2, "server: --burst-length requires"}};
