@@ -32,8 +32,8 @@ struct ServersOptions {
 };
 
 /// Which servers can be reached from here. Asks as the engine does when it starts, waits for the
-/// whole time-out, and lists every server that answered. Returns the exit code: 0 when any did, 1
-/// when none (then `errors` says who was asked) or when the network cannot be used.
+/// whole time-out or a signal, and lists every server that answered. Returns the exit code: 0 when
+/// any did, 1 when none (then `errors` says who was asked) or when the network cannot be used.
 int list_servers(const ServersOptions& options, bool json, std::ostream& out, std::ostream& errors);
 
 /// Drives the engine as any host would, through its five functions, until so many seconds are over,

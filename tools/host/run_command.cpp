@@ -1,5 +1,4 @@
 #include <chrono>
-#include <csignal>
 #include <ctime>
 #include <memory>
 #include <ostream>
@@ -11,6 +10,7 @@
 #include "tools/host/run_history.h"
 #include "tools/readings/stats_reader.h"
 #include "tools/readings/texts.h"
+#include "tools/stop_request.h"
 
 namespace tavistro::host {
 
@@ -22,14 +22,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto poll_period = 50ms;
 constexpr auto status_period = 1s;
 constexpr auto first_status = 1200ms;  // the engine's first report comes a second after it runs
-
-volatile std::sig_atomic_t stop_requested = 0;
-
-/// The first signal asks for a clean stop; a second one ends the process at once.
-extern "C" void request_stop(int signal) {
-    stop_requested = 1;
-    std::signal(signal, SIG_DFL);
-}
 
 /// Processor time of all threads of this process so far.
 double process_cpu_seconds() {
@@ -96,16 +88,14 @@ int run_engine(const std::string& config_path, std::optional<double> seconds, bo
         errors << "tavistro-host: the engine could not be created\n";
         return 1;
     }
-    stop_requested = 0;
-    std::signal(SIGINT, request_stop);
-    std::signal(SIGTERM, request_stop);
+    take_stop_signals();
 
     const auto report = json ? make_json_report(out) : make_human_report(out);
     RunWatch watch(engine.get(), *report);
     const bool started = tavistro_engine_start_from_config(engine.get(), config_path.c_str()) != 0;
     watch.look();
     if (started) {
-        while (!watch.ended() && !(seconds && watch.seconds() >= *seconds) && stop_requested == 0) {
+        while (!watch.ended() && !(seconds && watch.seconds() >= *seconds) && !stop_requested) {
             std::this_thread::sleep_for(poll_period);
             watch.look();
         }

@@ -14,6 +14,7 @@
 #include "tools/host/commands.h"
 #include "tools/host/server_survey.h"
 #include "tools/readings/fields_json.h"
+#include "tools/stop_request.h"
 
 namespace tavistro::host {
 
@@ -60,7 +61,7 @@ void collect(platform::UdpSocket& socket, std::uint64_t asked_ns, std::uint32_t 
              ServerSurvey& survey) {
     std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
     const std::uint64_t begin_ms = platform::millisecond_tick();
-    while (platform::millisecond_tick() - begin_ms < timeout_ms) {
+    while (!stop_requested && platform::millisecond_tick() - begin_ms < timeout_ms) {
         const platform::ReceiveResult received = socket.receive(buffer);
         const std::uint64_t now_ns = platform::nanosecond_clock();
         if (received.status == platform::ReceiveStatus::datagram) {
@@ -141,6 +142,7 @@ int list_servers(const ServersOptions& options, bool json, std::ostream& out,
         errors << "the network cannot be used: no socket to be had\n";
         return 1;
     }
+    take_stop_signals();
     socket.enable_broadcast();  // a refusal shows when it is sent
     const std::uint64_t nonce = fresh_nonce(asking_client_id);
     ServerSurvey survey(asking_client_id, nonce, is_own_address);
@@ -154,7 +156,9 @@ int list_servers(const ServersOptions& options, bool json, std::ostream& out,
         out << (json ? json_line(server) : text_line(server)) << '\n';
     out.flush();
     if (!servers.empty()) return 0;
-    errors << "no server answered within " << options.timeout_ms << " ms; asked: " << asked << '\n';
+    errors << "no server answered "
+           << (stop_requested ? "so far" : fmt::format("within {} ms", options.timeout_ms))
+           << "; asked: " << asked << '\n';
     return 1;
 }
 

@@ -1,8 +1,6 @@
 // tavistro-monitor: watches running engines from outside.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +17,7 @@
 #include "tools/monitor/screen.h"
 #include "tools/monitor/terminal.h"
 #include "tools/monitor/view.h"
+#include "tools/stop_request.h"
 
 namespace tavistro::monitor {
 
@@ -27,20 +26,13 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-std::atomic<bool> stop_requested{false};
-
-/// The first signal asks for a clean end; a second one ends the process at once.
-extern "C" void request_stop(int signal) {
-    stop_requested = true;
-    std::signal(signal, SIG_DFL);
-}
-
 /// Calls `each` with a reading of all clients every interval, the first at once, until it returns
 /// false, the time is over or a signal has come.
 void follow(const Options& options, const std::function<bool(const std::vector<Sample>&)>& each) {
     const auto duration_of = [](double seconds) {
         return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     };
+    take_stop_signals();
     Observer observer(options.client_ids);
     const auto start = Clock::now();
     const auto end =
@@ -163,8 +155,6 @@ int main(int argc, char** argv) {
         int exit_code = 0;
         const auto options = parse_options(argc, argv, exit_code);
         if (!options) return exit_code;
-        std::signal(SIGINT, request_stop);
-        std::signal(SIGTERM, request_stop);
         switch (options->task) {
             case Options::Task::watch:
                 return watch(*options);

@@ -1,7 +1,6 @@
 #include "tools/server/server_program.h"
 
 #include <algorithm>
-#include <csignal>
 #include <ostream>
 #include <utility>
 
@@ -9,6 +8,7 @@
 #include "tools/server/command_line.h"
 #include "tools/server/reference_server.h"
 #include "tools/server/report.h"
+#include "tools/stop_request.h"
 
 namespace tavistro::server {
 
@@ -16,12 +16,6 @@ namespace {
 
 constexpr std::uint64_t status_period_ms = 1000;
 constexpr std::uint32_t poll_period_ms = 50;
-
-volatile std::sig_atomic_t stop_requested = 0;
-
-void request_stop(int) {
-    stop_requested = 1;
-}
 
 bool has(const std::vector<ClientSnapshot>& clients, const ClientSnapshot& wanted) {
     return std::ranges::any_of(clients, [&](const ClientSnapshot& client) {
@@ -39,7 +33,7 @@ void serve(const ReferenceServer& server, const CommandLine& command, const Repo
     std::uint64_t next_status_ms = started_ms + status_period_ms;
     ServerSnapshot previous;
     std::vector<ClientSnapshot> known;
-    while (stop_requested == 0) {
+    while (!stop_requested) {
         const std::uint64_t now_ms = platform::millisecond_tick();
         if (length_ms != 0 && now_ms - started_ms >= length_ms) return;
         ServerSnapshot now = server.snapshot();
@@ -66,14 +60,12 @@ int run_server_program(int argc, const char* const* argv, std::ostream& out, std
         return arguments.exit_code;
     }
     const CommandLine& command = *arguments.command;
-    stop_requested = 0;
-    std::signal(SIGINT, request_stop);
-    std::signal(SIGTERM, request_stop);
     ReferenceServer server(command.options);
     if (const std::string error = server.start(); !error.empty()) {
         err << "tavistro-server: " << error << "\n";
         return 1;
     }
+    take_stop_signals();  // not before: loading an audio file takes its time
     const Report report(command.json);
     out << report.listening(server.port(), command.options) << std::endl;
     serve(server, command, report, out);

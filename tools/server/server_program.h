@@ -5,8 +5,9 @@
 
 namespace tavistro::server {
 
-/// Serves until the time given by --seconds is over or until SIGINT or SIGTERM. Returns the exit
-/// code: 0; 1 when the server could not start or a recording failed; 2 for invalid arguments.
+/// Serves until the time given in the arguments is over or SIGINT or SIGTERM comes; a second signal
+/// ends the process at once. Returns the exit code: 0, 1 when the server could not start or a
+/// recording failed, 2 for wrong arguments.
 int run_server_program(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
 }  // namespace tavistro::server

@@ -95,19 +95,28 @@ TEST_F(Programs, PlayTogetherAndTellOfIt) {
         EXPECT_GT(lines(part), 0U) << part << served.str();
 }
 
-/// Sends the process a signal with the first line.
-struct SignalAtFirstLine : std::stringbuf {
-    int sync() override { return std::exchange(done, true) ? 0 : std::raise(SIGTERM); }
-    bool done = false;
+/// Sends the process a signal with each of the first lines.
+struct SignalAtLine : std::stringbuf {
+    explicit SignalAtLine(int signals) : left(signals) {}
+    int sync() override { return left-- > 0 ? std::raise(SIGTERM) : 0; }
+    int left;
 };
 
 TEST_F(Programs, EndOnASignal) {
-    SignalAtFirstLine lines;
+    SignalAtLine lines(1);
     std::ostream out(&lines);
     EXPECT_EQ(run(run_host_program, "run --seconds 9 " + config, out, errors), 0);
     const std::string text = lines.str();
     EXPECT_NE(text.find("  ran         0."), std::string::npos) << text;
     EXPECT_NE(text.find("  none were published\n  last state  Stopped\n"), std::string::npos);
+}
+
+TEST_F(Programs, EndAtOnceOnASecondSignal) {
+    SignalAtLine lines(2);
+    std::ostream out(&lines);
+    EXPECT_DEATH(run(run_host_program, "run " + config, out, errors), "");
+    EXPECT_DEATH(run(server::run_server_program, "--port " + port + " --seconds 1", out, errors),
+                 "");
 }
 
 TEST_F(Programs, FailWithAReason) {
