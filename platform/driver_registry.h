@@ -23,6 +23,9 @@ struct RegisteredDriver {
 /// an empty path. Before every other use of the register.
 void look_for_drivers_beside(const std::string& file);
 
+/// Where drivers are looked for, for people: a folder or a registry key.
+std::string driver_place();
+
 /// Every registered driver that names a class, in the register's own order: the registry's on
 /// Windows, by file name on Linux. What cannot be read is not listed.
 std::vector<RegisteredDriver> registered_drivers();

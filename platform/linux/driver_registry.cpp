@@ -128,6 +128,10 @@ void look_for_drivers_beside(const std::string& file) {
     neighbour() = file;
 }
 
+std::string driver_place() {
+    return driver_folder().string();
+}
+
 std::vector<RegisteredDriver> registered_drivers() {
     std::vector<RegisteredDriver> drivers;
     for (const fs::path& file : driver_files()) {

@@ -14,6 +14,7 @@
 namespace tavistro::platform {
 namespace {
 
+constexpr const char* drivers_key = "software\\asio";
 constexpr DWORD most_value_bytes = 256;
 constexpr DWORD most_path_bytes = 512;
 
@@ -62,9 +63,13 @@ bool made_by_another_thread(const GUID& id) {
 
 void look_for_drivers_beside(const std::string&) {}
 
+std::string driver_place() {
+    return std::string("HKEY_LOCAL_MACHINE\\") + drivers_key;
+}
+
 std::vector<RegisteredDriver> registered_drivers() {
     std::vector<RegisteredDriver> drivers;
-    const RegistryKey asio(HKEY_LOCAL_MACHINE, "software\\asio");
+    const RegistryKey asio(HKEY_LOCAL_MACHINE, drivers_key);
     for (DWORD index = 0; const auto name = asio.subkey_name(index); ++index) {
         const RegistryKey driver(asio, *name);
         auto class_id = driver.text("clsid", most_value_bytes);

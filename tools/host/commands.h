@@ -9,6 +9,8 @@
 
 namespace tavistro::host {
 
+class StartAdvice;
+
 /// Does what the arguments ask for. Returns the exit code: that of the subcommand, 2 for wrong
 /// arguments. On the main thread: `run` takes signals.
 int run_host_program(int argc, const char* const* argv, std::ostream& out, std::ostream& errors);
@@ -29,6 +31,7 @@ struct ServersOptions {
     std::uint32_t timeout_ms = 1000;            ///< how long answers are waited for
     std::optional<std::uint32_t> address = {};  ///< asked alone; else this host and the network
     std::uint16_t port = 28010;
+    bool broadcast = true;  ///< without it this host alone
 };
 
 /// Which servers can be reached from here. Asks as the engine does when it starts, waits for the
@@ -38,9 +41,13 @@ int list_servers(const ServersOptions& options, bool json, std::ostream& out, st
 
 /// Drives the engine as any host would, through its five functions, until so many seconds are over,
 /// an interrupt or termination signal arrives, or the engine fails. Shows the run on `out`, the
-/// reason of a failure on `errors`. Returns the exit code: 0 after a clean stop, 1 when the run was
-/// refused or failed.
+/// reason of a failure on `errors`, with what `advice` adds to it. Returns the exit code: 0 after a
+/// clean stop, 1 when the run was refused or failed.
 int run_engine(const std::string& config_path, std::optional<double> seconds, bool json,
-               std::ostream& out, std::ostream& errors);
+               const StartAdvice& advice, std::ostream& out, std::ostream& errors);
+
+/// What `run` comes to with a configuration that cannot be loaded: says why, as check_config()
+/// does, and shows a failed run. Returns the exit code, 1.
+int refuse_run(const std::string& config_path, bool json, std::ostream& out, std::ostream& errors);
 
 }  // namespace tavistro::host

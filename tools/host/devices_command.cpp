@@ -31,7 +31,7 @@ constexpr std::int32_t most_channels_asked = 1024;
 
 constexpr CodeText driver_codes[] = {
     {kAsioNotPresent, "not present or not supported"},
-    {kAsioHardwareFault, "the hardware does not work"},
+    {kAsioHardwareFault, "hardware fault"},
     {kAsioInvalidParameter, "invalid parameter"},
     {kAsioInvalidMode, "not possible in this state"},
     {kAsioNotAdvancing, "not running"},
@@ -42,8 +42,8 @@ constexpr CodeText driver_codes[] = {
 /// Why the system made no object of a driver.
 constexpr CodeText creation_codes[] = {
     {0x80040154, "its class is not registered"},
-    {0x80004005, "it made no object"},
-    {0x80004002, "it is no ASIO driver"},
+    {0x80004005, "it created no object"},
+    {0x80004002, "it is not an ASIO driver"},
     {0x8007007E, "its file, or one that it needs, is missing"},
     {0x800700C1, "its file is not for 64-bit programs"},
     {0x8007000E, "out of memory"},

@@ -8,6 +8,7 @@
 #include "platform/udp_socket.h"
 #include "tools/host/commands.h"
 #include "tools/host/engine_library.h"
+#include "tools/host/start_advice.h"
 #include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/readings/stats_reader.h"
@@ -18,13 +19,8 @@ namespace tavistro::host {
 namespace {
 
 /// Two engines with one client_id are one client to the server and share one statistics block: both
-/// break up, and neither can tell. Says nothing of a configuration that cannot be loaded: the run
-/// will.
-void warn_of_twin(const std::string& config_path, std::ostream& errors) {
-    EngineConfig config;
-    std::string ignored;
-    if (!load_engine_config(config_path, config, ignored)) return;
-    const std::uint32_t client_id = config.client.client_id;
+/// break up, and neither can tell.
+void warn_of_twin(std::uint32_t client_id, std::ostream& errors) {
     if (!readings::engine_plays_as(client_id)) return;
     errors << "warning: an engine with client_id " << client_id
            << " runs on this computer already; give each a client_id of its own" << std::endl;
@@ -39,33 +35,42 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     ServersOptions servers_options;
     bool json = false;
 
-    CLI::App app("Console host for the Tavistro engine", "tavistro-host");
+    CLI::App app("Runs the Tavistro engine on a console", "tavistro-host");
+    app.footer("For the options of a subcommand: tavistro-host SUBCOMMAND --help");
     app.require_subcommand(0, 1);  // that there is one is looked at last, after unknown words
     add_version_flag(app);
 
-    CLI::App* const run = app.add_subcommand("run", "Run the engine and show what it does");
-    run->add_option("--seconds", seconds, "Stop after so many seconds")
+    CLI::App* const run = app.add_subcommand(
+        "run", "Run the engine until Ctrl-C; show its state, events and statistics");
+    run->add_option("--seconds", seconds, "Stop after this many seconds")
         ->check(number_range(0.001, 1e9));
-    CLI::App* const check = app.add_subcommand("check", "Check a configuration file");
+    CLI::App* const check = app.add_subcommand(
+        "check", "Say what is wrong with a configuration file, or list its settings");
     for (CLI::App* const command : {run, check})
-        command->add_option("CONFIG", config_path, "Configuration file")->required();
+        command->add_option("CONFIG", config_path, "Configuration file")
+            ->required()
+            ->check(
+                [](const std::string& path) { return path.empty() ? "the path is empty" : ""; });
 
     CLI::App* const devices =
-        app.add_subcommand("devices", "List the ASIO drivers and what they offer");
-    CLI::App* const servers = app.add_subcommand("servers", "List the servers that answer");
-    servers->add_option("--timeout", servers_options.timeout_ms, "Milliseconds to wait for answers")
+        app.add_subcommand("devices", "List the ASIO drivers and what each offers");
+    CLI::App* const servers = app.add_subcommand(
+        "servers", "List the servers that answer on this computer and its network");
+    servers
+        ->add_option("--timeout", servers_options.timeout_ms,
+                     "How long to wait for answers, in milliseconds (1000)")
         ->check(number_range(1, 600000));
     servers->add_option_function<std::string>(
         "--address",
         [&address = servers_options.address](const std::string& text) {
             address = platform::parse_ipv4(text);
-            if (!address) throw CLI::ValidationError("--address", text + " is no IPv4 address");
+            if (!address) throw CLI::ValidationError("--address", text + " is not an IPv4 address");
         },
-        "Ask this address alone");
-    servers->add_option("--port", servers_options.port, "UDP port to ask")
+        "Ask this IPv4 address only");
+    servers->add_option("--port", servers_options.port, "UDP port to ask (28010)")
         ->check(number_range(1, 65535));
     for (CLI::App* const command : {run, devices, servers})
-        command->add_flag("--json", json, "One JSON object per line");
+        command->add_flag("--json", json, "Print one JSON object per line");
 
     try {
         app.parse(argc, argv);
@@ -78,12 +83,14 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     }
     if (check->parsed()) return check_config(config_path, out, errors);
     if (servers->parsed()) return list_servers(servers_options, json, out, errors);
-    if (devices->parsed()) {
-        platform::look_for_drivers_beside(engine_library_path());
-        return list_devices(json, out, errors);
-    }
-    warn_of_twin(config_path, errors);
-    return run_engine(config_path, seconds, json, out, errors);
+    platform::look_for_drivers_beside(engine_library_path());
+    if (devices->parsed()) return list_devices(json, out, errors);
+    EngineConfig config;
+    std::string reason;
+    if (!load_engine_config(config_path, config, reason))
+        return refuse_run(config_path, json, out, errors);
+    warn_of_twin(config.client.client_id, errors);
+    return run_engine(config_path, seconds, json, StartAdvice(config), out, errors);
 }
 
 }  // namespace tavistro::host

@@ -44,11 +44,13 @@ class JsonReport : public Report {
     }
 
     void status(double time_s, const tavistro_engine_state& state,
-                const std::optional<tavistro_stats_block>& stats) override {
+                const std::optional<RunStats>& stats) override {
         Json line = state_line("status", time_s, state);
         line["input_meters"] = meters_json(input_meters(state));
         line["output_meters"] = meters_json(output_meters(state));
-        line["stats"] = stats_json(stats);
+        line["stats"] = stats ? stats_json(stats->block) : Json();
+        line["playback_age_s"] = stats ? Json(stats->playback_age_s) : Json();
+        line["round_trip_age_s"] = stats ? Json(stats->round_trip_age_s) : Json();
         write(line);
     }
 

@@ -21,6 +21,13 @@ inline Meters output_meters(const tavistro_engine_state& state) {
     return Meters(state.output_meters).first(state.output_meter_count);
 }
 
+/// The statistics of the run so far, and how long ago they were refreshed.
+struct RunStats {
+    tavistro_stats_block block;
+    double playback_age_s;    ///< of what the player counts and measures, the peaks too
+    double round_trip_age_s;  ///< of the last round trip
+};
+
 /// What a finished run amounted to.
 struct RunSummary {
     double seconds;                             ///< from the start to the end of the stop
@@ -38,7 +45,7 @@ class Report {
     virtual void state_changed(double time_s, const tavistro_engine_state& state) = 0;
     virtual void event(double time_s, const NewEvent& event) = 0;
     virtual void status(double time_s, const tavistro_engine_state& state,
-                        const std::optional<tavistro_stats_block>& stats) = 0;
+                        const std::optional<RunStats>& stats) = 0;
     virtual void summary(const RunSummary& summary) = 0;
 };
 

@@ -43,6 +43,12 @@ std::vector<NewEvent> EventFollower::take_new(const tavistro_engine_state& state
     return result;
 }
 
+void StatsAges::add(const Block& now, double time_s) {
+    if (!last_ || now.rendered_frames != last_->rendered_frames) playback_time_s_ = time_s;
+    if (!last_ || now.rtt_samples != last_->rtt_samples) round_trip_time_s_ = time_s;
+    last_ = now;
+}
+
 Block RunTotals::add(const Block& now) {
     if (started_anew(last_, now)) before_ = joined(before_, last_);
     last_ = now;

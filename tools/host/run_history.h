@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "tavistro/engine.h"
@@ -21,6 +22,20 @@ class EventFollower {
 
   private:
     std::uint64_t last_sequence_ = 0;  ///< they start at 1
+};
+
+/// Tells how old numbers are. The block does not say when it was written, so this takes numbers for
+/// refreshed when a count that goes on has moved: that of the rendered frames, of the round trips.
+class StatsAges {
+  public:
+    void add(const tavistro_stats_block& now, double time_s);
+    double playback_s(double time_s) const { return time_s - playback_time_s_; }
+    double round_trip_s(double time_s) const { return time_s - round_trip_time_s_; }
+
+  private:
+    std::optional<tavistro_stats_block> last_;
+    double playback_time_s_ = 0;
+    double round_trip_time_s_ = 0;
 };
 
 /// The player's counts start anew with each start of the audio path: after a recovery of the

@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "tools/host/commands.h"
 
 namespace tavistro::host {
 
@@ -46,5 +48,15 @@ class ServerSurvey {
     IsOwnAddress is_own_address_;
     std::vector<AnsweringServer> servers_;
 };
+
+/// Whom a question goes to.
+std::vector<std::uint32_t> asked_addresses(const ServersOptions& options);
+struct ServerAnswers {
+    std::vector<AnsweringServer> servers;  ///< the nearest first
+    std::string asked;                     ///< whom, in words
+};
+/// Asks as the engine does when it starts, and waits for the whole time-out or until a stop is
+/// requested. Nothing when the network cannot be used.
+std::optional<ServerAnswers> ask_servers(const ServersOptions& options);
 
 }  // namespace tavistro::host

@@ -43,20 +43,6 @@ std::string endpoint_text(const platform::Ipv4Endpoint& endpoint) {
     return fmt::format("{}:{}", platform::format_ipv4(endpoint.address), endpoint.port);
 }
 
-/// Asks everybody; returns whom, in words.
-std::string ask(platform::UdpSocket& socket, const TavistroProtocol::Datagram& question,
-                const ServersOptions& options) {
-    std::vector<std::uint32_t> addresses = {platform::ipv4_loopback, platform::ipv4_broadcast};
-    if (options.address) addresses = {*options.address};
-    std::string asked;
-    for (const std::uint32_t address : addresses) {
-        const platform::Ipv4Endpoint to{address, options.port};
-        asked += (asked.empty() ? "" : " and ") + endpoint_text(to);
-        if (!socket.send_to(question, to)) asked += " (the system refused to send)";
-    }
-    return asked;
-}
-
 void collect(platform::UdpSocket& socket, std::uint64_t asked_ns, std::uint32_t timeout_ms,
              ServerSurvey& survey) {
     std::vector<std::uint8_t> buffer(platform::max_datagram_bytes);
@@ -134,31 +120,47 @@ std::vector<AnsweringServer> ServerSurvey::servers() const {
     return sorted;
 }
 
-int list_servers(const ServersOptions& options, bool json, std::ostream& out,
-                 std::ostream& errors) {
+std::vector<std::uint32_t> asked_addresses(const ServersOptions& options) {
+    if (options.address) return {*options.address};
+    if (!options.broadcast) return {platform::ipv4_loopback};
+    return {platform::ipv4_loopback, platform::ipv4_broadcast};
+}
+
+std::optional<ServerAnswers> ask_servers(const ServersOptions& options) {
     const NetworkStack network;
     platform::UdpSocket socket;
-    if (!network.started || !socket.open({}) || !socket.set_receive_timeout(receive_slice_ms)) {
-        errors << "the network cannot be used: no socket to be had\n";
-        return 1;
-    }
-    take_stop_signals();
+    if (!network.started || !socket.open({}) || !socket.set_receive_timeout(receive_slice_ms))
+        return {};
     socket.enable_broadcast();  // a refusal shows when it is sent
     const std::uint64_t nonce = fresh_nonce(asking_client_id);
+    const auto question = TavistroProtocol::encode_discover({asking_client_id, nonce});
     ServerSurvey survey(asking_client_id, nonce, is_own_address);
     const std::uint64_t asked_ns = platform::nanosecond_clock();
-    const std::string asked =
-        ask(socket, TavistroProtocol::encode_discover({asking_client_id, nonce}), options);
+    std::string asked;
+    for (const std::uint32_t address : asked_addresses(options)) {
+        const platform::Ipv4Endpoint to{address, options.port};
+        asked += (asked.empty() ? "" : " and ") + endpoint_text(to);
+        if (!socket.send_to(question, to)) asked += " (the system refused to send)";
+    }
     collect(socket, asked_ns, options.timeout_ms, survey);
+    return ServerAnswers{survey.servers(), asked};
+}
 
-    const std::vector<AnsweringServer> servers = survey.servers();
-    for (const AnsweringServer& server : servers)
+int list_servers(const ServersOptions& options, bool json, std::ostream& out,
+                 std::ostream& errors) {
+    take_stop_signals();
+    const auto answers = ask_servers(options);
+    if (!answers) {
+        errors << "the network cannot be used: the system gives no socket\n";
+        return 1;
+    }
+    for (const AnsweringServer& server : answers->servers)
         out << (json ? json_line(server) : text_line(server)) << '\n';
     out.flush();
-    if (!servers.empty()) return 0;
+    if (!answers->servers.empty()) return 0;
     errors << "no server answered "
            << (stop_requested ? "so far" : fmt::format("within {} ms", options.timeout_ms))
-           << "; asked: " << asked << '\n';
+           << "; asked: " << answers->asked << '\n';
     return 1;
 }
 

@@ -53,7 +53,6 @@ constexpr CodeText errors[] = {
 };
 
 constexpr CodeText advice[] = {
-    {TAVISTRO_ERROR_NO_CONFIG_PATH, "Name a configuration file."},
     {TAVISTRO_ERROR_CLIENT_START_FAILED,
      "Is the server running? Are server_ip and server_port right? Does the firewall allow UDP?"},
     {TAVISTRO_ERROR_AUDIO_DEVICE_FAILED,
@@ -101,7 +100,7 @@ constexpr CodeText messages[] = {
     {TAVISTRO_MESSAGE_SAMPLE_RATE_DIFFERS,
      "The device runs at another sample rate than the stream"},
     {TAVISTRO_MESSAGE_BLOCK_SIZE_DIFFERS,
-     "The device runs at another block size, or blocks of a foreign format were rejected"},
+     "Block sizes differ, or blocks of another format were rejected"},
     {TAVISTRO_MESSAGE_DEVICE_STALLED, "The device has stalled"},
     {TAVISTRO_MESSAGE_OUTPUT_READY_FAILURES, "The device's output-ready call failed"},
     {TAVISTRO_MESSAGE_CAPTURE_DROPS, "Captured audio was dropped"},

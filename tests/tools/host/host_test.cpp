@@ -5,12 +5,14 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "support/scripted_server.h"
 #include "tools/host/commands.h"
 #include "tools/host/report.h"
 #include "tools/host/server_survey.h"
+#include "tools/host/start_advice.h"
 #include "tools/readings/fields.h"
 
 namespace tavistro::host {
@@ -73,10 +75,11 @@ std::string told_by(std::unique_ptr<Report> (*make_report)(std::ostream&)) {
                     TAVISTRO_ERROR_AUDIO_DEVICE_FAILED, TAVISTRO_MESSAGE_EVENT_ASIO_FAILED},
                    3});
     report->status(1.0, state, std::nullopt);
+    state.status_level = TAVISTRO_LEVEL_HEALTHY;
     state.status_message = TAVISTRO_MESSAGE_RUNNING;
     state.output_meter_count = 0;
     state.device_sample_rate = 44100;
-    report->status(1234.0, state, stats);
+    report->status(1234.0, state, RunStats{stats, 0.5, 0.25});
     report->summary({2.0, 0.5, state, stats});
     return out.str();
 }
@@ -85,8 +88,14 @@ TEST(HumanReport, TellsARunInLines) {
     EXPECT_EQ(told_by(make_human_report),
               R"(    0.600 s  event   3 events were missed
     0.600 s  event   #7 ASIO attempt failed (audio device, attempt failed, attempt 2 of 12, error: audio device failed)
-    1.000 s  status  Running, warning: The playback buffer ran empty  48000/128 on unknown  in silent -6.0  out -12.0 max of 3 dBFS
- 1234.000 s  status  Running   48000/128 on 44100/64  in silent -6.0  out none dBFS  buffer 2828/3131 (3.33 ms) read +3518 ppm  rtt 1.01 ms  drops 4040+4141
+    1.000 s  status  warning: The playback buffer ran empty
+    1.000 s  format  stream 48000 Hz, 128 frames; device not known yet
+                               buffer/target    round        drops    out peaks     in peaks   speed
+       time  state                        ms  trip ms       out/in         dBFS         dBFS     ppm
+    1.000 s  Running, warning              -        -            -            -            -       -
+ 1234.000 s  status  Running normally
+ 1234.000 s  format  stream 48000 Hz, 128 frames; device 44100 Hz, 64 frames
+ 1234.000 s  Running                3.3/65.2     1.01    4040/4141         none    -inf -6.0   +3518
 
 summary
   ran         2.0 s
@@ -100,6 +109,66 @@ summary
 )");
 }
 
+TEST(HumanReport, FitsLinesOfStatusIn100ColumnsAndMarksOldNumbers) {
+    std::ostringstream out;
+    const auto report = make_human_report(out);
+    RunStats stats{};
+    for (const readings::Field& field : readings::stats_fields())
+        if (field.type != readings::FieldType::histogram)
+            readings::set_number(&stats.block, field, std::int64_t{2147483647});
+    stats.block.ratio_ppm = -2147483647;
+    tavistro_engine_state state{};
+    state.state = TAVISTRO_STATE_RUNNING;
+    state.stream_sample_rate = state.device_sample_rate = 384000;
+    state.stream_block_frames = state.device_block_frames = 8192;
+    for (std::uint32_t meters : {2U, 32U}) {
+        state.input_meter_count = state.output_meter_count = meters;
+        state.input_meters[1] = state.output_meters[0] = {0, 1};
+        for (state.status_level = 0; state.status_level <= TAVISTRO_LEVEL_ERROR;
+             ++state.status_level)
+            for (const double age_s : {0.0, 4.0, 9999.4, 1e9}) {
+                stats.playback_age_s = stats.round_trip_age_s = age_s;
+                report->status(1e8, state, stats);
+            }
+    }
+    EXPECT_NE(out.str().find("        stale 4 s    stale  2147M/2147M            -"),
+              std::string::npos)
+        << out.str();
+    for (state.state = 0; state.state <= TAVISTRO_STATE_FAILED; ++state.state)
+        for (state.status_message = 0; state.status_message < 70; ++state.status_message)
+            report->status(1.0, state, {});
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LE(line.size(), 100U) << line;
+}
+
+TEST(StatsAges, CountFromTheLastChangeOfWhatGoesOn) {
+    StatsAges ages;
+    tavistro_stats_block block{};
+    for (const double time_s : {0.0, 1.0, 2.0, 3.0}) {
+        block.rendered_frames = time_s < 2 ? 9 : 0;  // once the audio path has started anew
+        block.rtt_last_us += 1;
+        block.rtt_samples = time_s < 1 ? 1 : 2;
+        ages.add(block, time_s);
+    }
+    EXPECT_EQ(ages.playback_s(3), 1);
+    EXPECT_EQ(ages.round_trip_s(3), 2);
+}
+
+TEST(StartAdvice, NamesWhoWasAskedForAServerAndHowToAskAgain) {
+    EngineConfig config;
+    for (const auto& [server_ip, broadcast, told] :
+         {std::tuple("Auto", true, "Asked: auto: 127.0.0.1 and 255.255.255.255, UDP port 28010. "),
+          {"auto", false, "Asked: auto: 127.0.0.1, UDP port 28010. "},
+          {"10.1.2.3", true, "answer: tavistro-host servers --address 10.1.2.3\n"},
+          {"server", true, "server_ip = server is neither auto nor an IPv4 address.\n"}}) {
+        config.client.server_ip = server_ip;
+        config.client.discovery_broadcast = broadcast;
+        const std::string text = StartAdvice(config).no_server();
+        EXPECT_NE(text.find(told), std::string::npos) << text;
+    }
+}
+
 TEST(JsonReport, HasOneObjectPerLineWithTheNamesOfTheHeaders) {
     const std::string text = told_by(make_json_report);
     std::size_t at = 0;
@@ -108,7 +177,8 @@ TEST(JsonReport, HasOneObjectPerLineWithTheNamesOfTheHeaders) {
           R"("error_code":7,"error_code_text":"audio device failed",)", R"({"type":"status",)",
           R"("output_meters":[],"stats":{"state":101,"state_text":"unknown",)",
           R"("rtt_last_us":1010,)", R"("ratio_ppm":3535,)", R"("capture_dropped":4141,)",
-          "\"rendered_frames\":5000000000}}\n{\"type\":\"summary\",\"time_s\":2.0,\"state\":3,"}) {
+          R"("rendered_frames":5000000000},"playback_age_s":0.5,"round_trip_age_s":0.25})",
+          "\n{\"type\":\"summary\",\"time_s\":2.0,\"state\":3,"}) {
         at = text.find(part, at);
         ASSERT_NE(at, std::string::npos) << part << "\nin " << text;
     }

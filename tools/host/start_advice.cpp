@@ -1,0 +1,78 @@
+#include "tools/host/start_advice.h"
+
+#include <fmt/format.h>
+
+#include <optional>
+#include <vector>
+
+#include "config/ini.h"
+#include "net/protocol.h"
+#include "platform/driver_registry.h"
+#include "tools/host/commands.h"
+#include "tools/host/server_survey.h"
+
+namespace tavistro::host {
+
+namespace {
+
+/// What the engine asks for its server; nothing when server_ip cannot be understood.
+std::optional<ServersOptions> servers_of(const TavistroProtocol::ClientSettings& client) {
+    ServersOptions options{.timeout_ms = client.discovery_timeout_ms,
+                           .port = client.server_port,
+                           .broadcast = client.discovery_broadcast};
+    if (to_lower(client.server_ip) == "auto") return options;
+    options.address = platform::parse_ipv4(client.server_ip);
+    if (!options.address) return {};
+    return options;
+}
+
+}  // namespace
+
+std::string StartAdvice::no_server() const {
+    const TavistroProtocol::ClientSettings& client = config_.client;
+    const auto options = servers_of(client);
+    if (!options)
+        return fmt::format("server_ip = {} is neither auto nor an IPv4 address.\n",
+                           client.server_ip);
+    std::string asked;
+    for (const std::uint32_t address : asked_addresses(*options))
+        asked += (asked.empty() ? "" : " and ") + platform::format_ipv4(address);
+    std::string command = "tavistro-host servers";
+    if (options->address) command += " --address " + asked;
+    if (options->port != ServersOptions{}.port) command += fmt::format(" --port {}", options->port);
+    return fmt::format(
+        "No server has answered yet. Asked: {}{}, UDP port {}. Is the server running, and does a "
+        "firewall let UDP through? This lists the servers that answer: {}\n",
+        options->address ? "" : "auto: ", asked, options->port, command);
+}
+
+std::string StartAdvice::no_device() const {
+    std::vector<std::string> names;
+    for (const platform::RegisteredDriver& driver : platform::registered_drivers())
+        names.push_back(driver.description.value_or(driver.key_name));
+    return fmt::format(
+        "The audio device did not start. driver_name = {}; drivers in {}: {}. Is it one of them "
+        "and "
+        "free, does it offer the stream's sample rate and block size, and do input_map and "
+        "output_map fit it? This lists what each driver offers: tavistro-host devices\n",
+        config_.audio.driver_name, platform::driver_place(),
+        names.empty() ? "none" : fmt::to_string(fmt::join(names, ", ")));
+}
+
+std::string StartAdvice::incompatible_server() const {
+    const auto options = servers_of(config_.client);
+    const auto answers = options ? ask_servers(*options) : std::nullopt;
+    if (!answers) return {};
+    std::string text;
+    for (const AnsweringServer& server : answers->servers) {
+        if (server.compatible) continue;
+        text += fmt::format("{}{}:{} speaks protocol version {}", text.empty() ? "" : ", ",
+                            platform::format_ipv4(server.endpoint.address), server.endpoint.port,
+                            server.protocol_version);
+    }
+    if (text.empty()) return {};
+    return fmt::format("{}; this engine speaks version {}.\n", text,
+                       TavistroProtocol::protocol_version);
+}
+
+}  // namespace tavistro::host
