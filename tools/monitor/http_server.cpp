@@ -97,6 +97,7 @@ class HttpServer::Server : private httplib::Server {
             return HandlerResponse::Handled;
         });
         const auto& [host, port] = *address;
+        host_ = host;
         port_ = port == 0 ? bind_to_any_port(host, AI_NUMERICHOST) : port;
         if (port_ < 0 || (port != 0 && !bind_to_port(host, port, AI_NUMERICHOST)))
             throw std::runtime_error("cannot listen at " + text +
@@ -111,6 +112,12 @@ class HttpServer::Server : private httplib::Server {
         httplib::detail::close_socket(svr_sock_);
     }
     std::uint16_t port() const { return static_cast<std::uint16_t>(port_); }
+    std::string url() const {
+        std::string host = host_;
+        if (host == "127.0.0.1" || host == "0.0.0.0" || host == "::") host = "localhost";
+        if (host.find(':') != std::string::npos) host = "[" + host + "]";
+        return "http://" + host + ":" + std::to_string(port_) + "/";
+    }
 
   private:
     void accept_all() {
@@ -168,6 +175,7 @@ class HttpServer::Server : private httplib::Server {
 
     Pages pages_;
     std::chrono::milliseconds patience_;
+    std::string host_;
     int port_ = 0;
     std::atomic<bool> stops_{false};
     std::atomic<std::size_t> open_{0};
@@ -186,6 +194,10 @@ HttpServer::~HttpServer() = default;
 
 std::uint16_t HttpServer::port() const {
     return server_->port();
+}
+
+std::string HttpServer::url() const {
+    return server_->url();
 }
 
 }  // namespace tavistro::monitor

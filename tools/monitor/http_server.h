@@ -36,6 +36,8 @@ class HttpServer {
     ~HttpServer();
 
     std::uint16_t port() const;
+    /// Of the page "/", for a browser on this computer.
+    std::string url() const;
 
   private:
     class Server;

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "tools/monitor/formats.h"
 #include "tools/monitor/http_server.h"
@@ -89,15 +90,21 @@ int watch(const Options& options) {
     std::optional<HttpServer> server;
     if (!options.http_address.empty()) {
         server.emplace(options.http_address, [&](auto target) { return pages.page(target); });
-        std::cerr << "serving at port " << server->port() << ": / and /metrics\n";
+        std::cerr << server->url() << std::endl;
     }
     std::optional<Screen> screen;
-    if (options.format == Format::view)
-        screen.emplace(std::cout, !options.once && prepare_terminal());
+    bool redraws = false;
+    if (options.format == Format::view) {
+        redraws = !options.once && prepare_terminal();
+        screen.emplace(std::cout, redraws, server ? server->url() : "");
+    }
     if (options.format == Format::csv) std::cout << csv_heading() << '\n';
 
     bool one_runs = false;
+    bool said = redraws;
     follow(options, [&](const std::vector<Sample>& samples) {
+        if (samples.empty() && !std::exchange(said, true))
+            std::cerr << no_engine_text << (options.once ? "" : "; waiting") << std::endl;
         pages.add(samples);
         if (screen) screen->show(samples);
         for (const Sample& sample : samples) {
@@ -130,10 +137,17 @@ int explain(const Options& options) {
     if (!options.recording_path.empty()) {
         samples = recording_at(options.recording_path, options.client_ids);
     } else {
+        bool said = false;
         follow(options, [&](const std::vector<Sample>& reading) {
+            if (reading.empty() && !std::exchange(said, true))
+                std::cerr << no_engine_text << "; waiting" << std::endl;
             samples.insert(samples.end(), reading.begin(), reading.end());
             return true;
         });
+    }
+    if (samples.empty()) {
+        std::cout << "no engine ran on this computer while it was watched\n";
+        return 1;
     }
     bool wrong = false;
     for (const auto& [id, account] : judge_each(samples)) {

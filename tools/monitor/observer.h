@@ -6,7 +6,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <map>
 #include <mutex>
 #include <stop_token>
 #include <thread>
@@ -19,16 +19,21 @@ namespace tavistro::monitor {
 /// Any thread.
 class Observer {
   public:
+    /// Without client_ids every engine of this computer is watched, also those that start later.
     explicit Observer(const std::vector<std::uint32_t>& client_ids);
 
-    /// A sample of every client as it is now, in the order of the identities.
+    /// A sample of every client as it is now, in the order of the client_ids. Of clients that were
+    /// not named there is none before their first run.
     std::vector<Sample> look();
 
   private:
+    /// Adds what engines have started since.
+    void find_engines();
     void observe(const std::stop_token& stop);
 
+    const bool finds_engines_;
     std::mutex mutex_;
-    std::deque<ClientWatch> watches_;
+    std::map<std::uint32_t, ClientWatch> watches_;
     std::uint32_t longest_late_us_ = 0;  ///< since the last look()
     std::jthread thread_;                ///< ends before what it uses
 };

@@ -13,7 +13,7 @@ struct Options {
     enum class Format { view, json, csv };
 
     Task task = Task::watch;
-    std::vector<std::uint32_t> client_ids;  ///< of a recording; empty for all of it
+    std::vector<std::uint32_t> client_ids;  ///< empty for every engine, or all of a recording
     Format format = Format::view;
     bool once = false;
     double interval_s = 1;

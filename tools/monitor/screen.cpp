@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <ostream>
+#include <utility>
 
 #include "tools/monitor/terminal.h"
 #include "tools/monitor/view.h"
@@ -30,7 +32,8 @@ void remember(std::vector<Sample>& history, const Sample& sample) {
 
 }  // namespace
 
-Screen::Screen(std::ostream& out, bool redraws) : out_(out), redraws_(redraws) {
+Screen::Screen(std::ostream& out, bool redraws, std::string heading)
+    : out_(out), redraws_(redraws), heading_(std::move(heading)) {
     if (redraws_) out_ << "\x1b[?1049h\x1b[?25l";  // a screen of its own, no cursor
 }
 
@@ -39,34 +42,42 @@ Screen::~Screen() {
 }
 
 void Screen::show(const std::vector<Sample>& samples) {
+    if (samples.empty() && !redraws_) return;
     const TerminalSize size = redraws_ ? terminal_size() : TerminalSize{full_width, 0};
-    std::vector<std::string> all;         // everything
-    std::vector<std::string> told;        // what is said, with the most important numbers
-    std::vector<std::string> short_ones;  // those numbers
+    // From the most to the least: all; without histograms; what is said, with the most important
+    // numbers; those numbers.
+    enum : int { everything, without_histograms, said, numbers, amounts };
+    std::array<std::vector<std::string>, amounts> pictures;
+    const auto add = [&](int first, int last, const std::vector<std::string>& lines) {
+        for (int i = first; i <= last; ++i)
+            std::ranges::copy(lines, std::back_inserter(pictures.at(i)));
+    };
+    if (samples.empty()) add(everything, numbers, {fmt::format("{}; waiting", no_engine_text), ""});
     for (const Sample& sample : samples) {
         auto& history = histories_[sample.client_id];
         remember(history, sample);
-        const auto account = account_view(judge(history), size.columns);
-        std::ranges::move(view(history, size.columns), std::back_inserter(all));
-        std::ranges::copy(account, std::back_inserter(all));
-        all.emplace_back();
-        short_ones.push_back(short_view(sample, size.columns));
-        told.push_back(short_ones.back());
-        std::ranges::copy(account, std::back_inserter(told));
+        add(everything, without_histograms, view(history, size.columns));
+        add(everything, everything, histogram_view(sample, size.columns));
+        add(said, numbers, {short_view(sample, size.columns)});
+        add(everything, said, account_view(judge(history), size.columns));
+        add(everything, without_histograms, {""});
     }
-    if (redraws_ && all.size() > size.rows) {
-        all = told.size() < size.rows ? std::move(told) : std::move(short_ones);
-        all.emplace_back("a higher window shows more");
-        all.resize(std::min(all.size(), size.rows));
+    if (!redraws_) {
+        out_ << fmt::format("{}\n", fmt::join(pictures[everything], "\n")) << std::flush;
+        return;
     }
-    if (redraws_ && all.size() < size.rows) all.emplace_back("Ctrl-C ends");
-    if (redraws_) {
-        // Erases what a longer line left behind, and what a longer picture did.
-        out_ << fmt::format("\x1b[H{}\x1b[K\x1b[J", fmt::join(all, "\x1b[K\n"));
-    } else {
-        out_ << fmt::format("{}\n", fmt::join(all, "\n"));
-    }
-    out_ << std::flush;
+    const std::size_t rows = size.rows - (heading_.empty() ? 0 : 1);
+    const auto fits = [&](int i) { return pictures.at(i).size() + (i > everything) <= rows; };
+    int shown = everything;
+    while (shown < numbers && !fits(shown))
+        ++shown;
+    std::vector<std::string>& lines = pictures.at(shown);
+    if (shown > everything) lines.emplace_back("a taller window shows more");
+    lines.resize(std::min(lines.size(), rows));
+    if (lines.size() < rows) lines.emplace_back("Ctrl-C ends");
+    if (!heading_.empty()) lines.insert(lines.begin(), heading_.substr(0, size.columns));
+    // Erases what a longer line left behind, and what a longer picture did.
+    out_ << fmt::format("\x1b[H{}\x1b[K\x1b[J", fmt::join(lines, "\x1b[K\n")) << std::flush;
 }
 
 }  // namespace tavistro::monitor

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "tools/monitor/sample.h"
@@ -12,8 +13,9 @@ namespace tavistro::monitor {
 
 class Screen {
   public:
-    /// `redraws` is for a terminal that obeys escape sequences.
-    Screen(std::ostream& out, bool redraws);
+    /// `redraws` is for a terminal that obeys escape sequences; above what it shows then stands the
+    /// `heading`, unless that is empty.
+    Screen(std::ostream& out, bool redraws, std::string heading = {});
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
     ~Screen();
@@ -24,6 +26,7 @@ class Screen {
   private:
     std::ostream& out_;
     bool redraws_;
+    std::string heading_;
     std::map<std::uint32_t, std::vector<Sample>> histories_;
 };
 

@@ -90,7 +90,13 @@ TEST(Http, ListensAtThisComputerAloneAndAtAPortThatIsFree) {
     EXPECT_TRUE(Peer(server).is_connected);
     EXPECT_FALSE(Peer(server, "127.0.0.2").is_connected);
     EXPECT_TRUE(Peer(HttpServer("0.0.0.0:0", pages), "127.0.0.2").is_connected);
-    EXPECT_NO_THROW(HttpServer("[::1]:0", pages));
+    for (const auto& [address, start] : {std::pair{"0", "http://localhost:"},
+                                         {"0.0.0.0:0", "http://localhost:"},
+                                         {"127.0.0.2:0", "http://127.0.0.2:"},
+                                         {"[::1]:0", "http://[::1]:"}}) {
+        const HttpServer one(address, pages);
+        EXPECT_EQ(one.url(), start + std::to_string(one.port()) + "/");
+    }
     const std::string port = std::to_string(server.port());
     for (const std::string& address : {port, std::string("192.0.2.1:80"), std::string("x")}) {
         try {

@@ -174,34 +174,38 @@ TEST(View, ShowsWhatTheEngineReports) {
     EXPECT_EQ(
         view(std::vector{before, now}, full_width),
         (Lines{"client 3   Running   19600 Hz, 19500 frames",
-               "buffer   [########........|...............] 7450/14900 frames 8.0 ms",
-               "         lowest 15100, highest 15000 in the last second",
-               "speed    buffer read -4500 ppm, clocks: server +12 ppm +-3 against the device",
-               "a second received 19400 (again 19300)  queued 15500  periods 15400  rendered 153",
-               "drops    underruns 14200  overruns 14105 (+5)  playback 14000  capture 13900",
-               "rtt      last 19.00  min 18.90  p50 18.70  p95 18.60  p99 18.80  max 18.80 ms",
-               "sync     last 17.10  min 17.00  p50 16.80  p95 16.70  p99 16.60  max 16.90 ms",
-               "  up to ms  0.25   0.5     1     2     5    10    20    50   100  more",
-               "  rtt      10.3  10.2  10.1  10.1  10.0  10.0   9.9   9.9   9.8   9.7 %",
-               "  sync     75.0  25.0  <0.1     -     -     -     -     -     -     - %",
-               "way      server to output 13.4 ms (max 13.3), in the queue 13.6 (max 13.5)",
-               "work     period 14.40 ms (max 14.30), delivery 13.80 ms (max 13.70)"}));
+               "buffer   [########........|...............] 7450 of 14900 frames, 8.0 ms",
+               "         lowest 15100, highest 15000 frames in the last second",
+               "speed    buffer read -4500 ppm, server's clock +12 ppm (+-3) to the device's",
+               "blocks/s received 19400  duplicate 19300  queued 15500  played 15300  periods/s ",
+               "losses   underruns 14200  overruns 14105 (+5)  playback 14000  capture 13900",
+               "time in ms              last       min    median      95 %      99 %       max",
+               "round trip             19.00     18.90     18.70     18.60     18.80     18.80",
+               "sync notice            17.10     17.00     16.80     16.70     16.60     16.90",
+               "server to output       13.40                                             13.30",
+               "playback queue         13.60                                             13.50",
+               "work of a period       14.40                                             14.30",
+               "block delivery         13.80                                             13.70"}));
+    EXPECT_EQ(
+        histogram_view(now, full_width),
+        (Lines{"% up to ...  ms     0.25   0.5     1     2     5    10    20    50   100  more",
+               "round trip          10.3  10.2  10.1  10.1  10.0  10.0   9.9   9.9   9.8   9.7",
+               "sync notice         75.0  25.0  <0.1     -     -     -     -     -     -     -"}));
     EXPECT_EQ(short_view(now, full_width),
-              "client 3   drops 14200+14105+14000+13900  buffer 7450/14900  Running   19600 Hz,");
+              "client 3   underruns 14200  overruns 14105  dropped 27900  buffer 7450/14900  Ru");
 
     now.totals.clock_uncertainty_ppm = 0;
     now.stats->clock_synced = 0;
-    EXPECT_TRUE(view(std::vector{now}, full_width)[3].ends_with(
-        "clocks: measured soon (offset not known yet)"));
+    EXPECT_TRUE(view(std::vector{now}, full_width)[3].ends_with("measured yet, offset unknown"));
     now.presence = Presence::silent;
-    EXPECT_TRUE(view(std::vector{now}, full_width)[0].ends_with("NOBODY WRITES: dead or hanging"));
+    EXPECT_TRUE(view(std::vector{now}, full_width)[0].ends_with("NO REPORTS: it died or hangs"));
     now.presence = Presence::ended;
     EXPECT_EQ(view(std::vector{now}, full_width)[0], "client 3   engine stopped, last values");
     now.stats->error_code = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED;
     EXPECT_EQ(view(std::vector{now}, full_width)[0],
               "client 3   engine stopped, last values: audio device failed");
     EXPECT_EQ(view(std::vector{Sample{.client_id = 9}}, full_width),
-              Lines{"client 9   no engine with this client_id; waiting for a start"});
+              Lines{"client 9   no engine with this client_id; waiting"});
 }
 
 TEST(View, SaysThatNothingIsWrongOnceThatIsKnown) {
@@ -250,15 +254,14 @@ TEST(Screen, DrawsOneOverTheOtherAndOnlyWhatFits) {
     {
         Screen screen(out, true);
         EXPECT_EQ(out.str(), "\x1b[?1049h\x1b[?25l");
-        const std::string waits =
-            "client 1   no engine with this client_id; waiting for a start\x1b[K";
+        const std::string waits = "client 1   no engine with this client_id; waiting\x1b[K";
         EXPECT_EQ(drawn(screen, {many[0]}), "\x1b[H" + waits + "\n\x1b[K\nCtrl-C ends\x1b[K\x1b[J");
         const std::string low = drawn(screen, many);
         EXPECT_TRUE(low.starts_with("\x1b[H" + waits + "\nclient 2 "));
         EXPECT_EQ(std::ranges::count(low, '\n'), static_cast<std::ptrdiff_t>(rows) - 1);
         many.resize(rows / 2 + 1);
         EXPECT_TRUE(drawn(screen, many)
-                        .ends_with("a higher window shows more\x1b[K\nCtrl-C ends\x1b[K\x1b[J"));
+                        .ends_with("a taller window shows more\x1b[K\nCtrl-C ends\x1b[K\x1b[J"));
         out.str("");
     }
     EXPECT_EQ(out.str(), "\x1b[?25h\x1b[?1049l");
@@ -321,6 +324,20 @@ TEST(Observer, SeesWhatComesAndGoesBetweenTwoReadings) {
     EXPECT_GE(now.totals.notices, 1) << "of the new run, seen between two readings";
     engine.block.close();
     EXPECT_TRUE(becomes(Presence::ended)) << "without a last word";
+}
+
+TEST(Observer, FindsEnginesThatStartLaterWhenNoneIsNamed) {
+    ScriptedBlock engine;
+    engine.client_id = 40 + std::random_device{}() % 20;
+    const auto sees_it = [&](Observer& observer) {
+        return std::ranges::count(observer.look(), engine.client_id, &Sample::client_id) == 1;
+    };
+    Observer observer({});
+    EXPECT_FALSE(sees_it(observer));
+    engine.run(128);
+    EXPECT_TRUE(test::eventually([&] { return sees_it(observer); }));
+    Observer later({});
+    EXPECT_TRUE(sees_it(later)) << "in the first reading";
 }
 
 TEST(ClientWatch, AnEngineThatWritesNothingForSecondsIsSilentAndWhatItLeftIsNotCounted) {

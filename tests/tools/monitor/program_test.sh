@@ -69,12 +69,12 @@ ends 0 table 77 78 --csv --interval 0.5 --seconds 1.4
 
 "$build/tavistro-monitor" 77 78 --http 0 --record "$work/recording" --json >"$work/samples" 2>"$work/monitor" &
 monitor=$!
-port=$(await "$work/monitor" 'serving at port \K\d+')
+url=$(await "$work/monitor" '^http://localhost:\d+/$')
 for _ in {1..4}; do
     await "$work/samples" '"state":3' >/dev/null
     sleep 1
 done
-page "http://127.0.0.1:$port/" | draws live
+page "$url" | draws live
 kill -INT $monitor
 wait $monitor
 cmp "$work/samples" "$work/recording"

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <numeric>
 #include <string>
 
 namespace tavistro::readings {
@@ -27,6 +28,13 @@ void StatsReader::close() noexcept {
 
 bool StatsReader::is_held() const noexcept {
     return handle_ != -1;
+}
+
+std::vector<std::uint32_t> possible_client_ids() {
+    constexpr std::size_t most = 64;
+    std::vector<std::uint32_t> ids(most);
+    std::iota(ids.begin(), ids.end(), 1U);
+    return ids;
 }
 
 bool StatsReader::copy_to(Words& words) const {
