@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <string>
 #include <string_view>
@@ -62,9 +63,12 @@ inline std::string nearest_name(const CLI::App& app, std::string_view word) {
 }
 
 /// What is wrong with arguments that could not be parsed: a misspelt option or subcommand if there
-/// is one, as it causes other errors too; else the error's own words.
-inline std::string fault_text(const CLI::App& app, const CLI::ParseError& error) {
-    for (const std::string& word : app.remaining(true)) {
+/// is one, as it causes other errors too; else the error's own words. `suspects` are words that an
+/// argument has taken, where a subcommand may be meant.
+inline std::string fault_text(const CLI::App& app, const CLI::ParseError& error,
+                              std::vector<std::string> suspects = {}) {
+    std::ranges::copy(app.remaining(true), std::back_inserter(suspects));
+    for (const std::string& word : suspects) {
         const std::string name = nearest_name(app, word);
         if (!name.empty()) return fmt::format("unknown '{}'; did you mean '{}'?", word, name);
     }

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "tools/monitor/http_server.h"
+#include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
 
@@ -20,8 +21,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     CLI::App app("Watches running engines from outside, through their statistics blocks",
                  "tavistro-monitor");
     add_version_flag(app);
-    app.add_option("CLIENT_ID", options.client_ids, "Engines to watch; all if none is named")
-        ->check(client_id);
+    CLI::Option* const ids =
+        app.add_option("CLIENT_ID", options.client_ids, "Engines to watch; all if none is named")
+            ->check(client_id);
     app.add_flag("--once", options.once, "Take one reading; exit status 1 when no engine runs");
     bool json = false;
     bool csv = false;
@@ -81,7 +83,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         const CLI::App& asked = report->parsed() ? *report : explain->parsed() ? *explain : app;
-        std::cerr << app.get_name() << ": " << error.what() << '\n'
+        std::cerr << app.get_name() << ": " << fault_text(app, error, ids->results()) << '\n'
                   << CLI::Formatter().make_usage(
                          &asked, (&asked == &app ? "" : app.get_name() + " ") + asked.get_name());
         exit_code = wrong_arguments;

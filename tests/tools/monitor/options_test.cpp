@@ -36,6 +36,16 @@ TEST(Options, RefusesWhatDoesNotGoTogetherAndHasDefaults) {
         EXPECT_FALSE(parse(words, exit_code));
         EXPECT_EQ(exit_code, 2) << words.back();
     }
+    for (const auto& [words, name] : {std::pair{Words{"exlpain"}, "explain"},
+                                      {{"exlpain", "--recording", "a"}, "explain"},
+                                      {{"--htpp", "localhost:9120"}, "--http"}}) {
+        int exit_code = 0;
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(parse(words, exit_code));
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find("; did you mean '" + std::string(name) + "'?\n"), std::string::npos)
+            << said;
+    }
     const auto parsed = [](const Words& words) {
         int exit_code = 0;
         return parse(words, exit_code).value();
