@@ -91,7 +91,11 @@ class HttpServer::Server : private httplib::Server {
         });
         set_keep_alive_timeout(patience / std::chrono::seconds(1));
         set_keep_alive_max_count(1'000'000);
-        set_default_headers({{"Cache-Control", "no-store"}});
+        // The page asks anew for everything when the monitor is another one than before.
+        const auto start = std::chrono::system_clock::now().time_since_epoch();
+        set_default_headers(
+            {{"Cache-Control", "no-store"},
+             {"Monitor-Start", std::to_string(start / std::chrono::milliseconds(1))}});
         set_pre_routing_handler([this](const auto& request, auto& response) {
             answer(request, response);
             return HandlerResponse::Handled;

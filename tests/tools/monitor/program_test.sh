@@ -25,18 +25,20 @@ fail() {
     echo "$*" >&2
     exit 1
 }
-# draws NAME: the document on standard input shows the client, what is said of it, and four plots with the
-# last values of 15 lines, of which that of the clocks may not be measured yet; it needs no other file.
+# draws NAME: the document on standard input shows the client, what is said of it, six plots with the last
+# values of 18 lines, of which that of the clocks may not be measured yet, and the choice of another client;
+# it needs no other file.
 draws() {
     cat >"$work/$1"
     local values
     values=$(grep -oP '<td class="u-value">\K-?[\d.]+(?=</td>)' "$work/$1" | wc -l)
-    if [[ $(grep -o '<canvas' "$work/$1" | wc -l) != 4 ]] || ((values < 14)) ||
+    if [[ $(grep -o '<canvas' "$work/$1" | wc -l) != 6 ]] || ((values < 17)) ||
+        ! grep -q '<option value="78">client 78: no engine' "$work/$1" ||
         ! grep -q '<h2>client 77</h2>' "$work/$1" || grep -qE '<[a-z]+ [^>]*(src|href)=' "$work/$1" ||
         ! grep -qP 'Running.*48000 Hz, 128 frames' "$work/$1" ||
         ! grep -qP '<div class="account[^>]*>(<table><tr.*?<td>[^<]|<div>(nothing wrong in|too short) )' "$work/$1"; then
         tail -c 3000 "$work/$1" "$work/browser" >&2
-        fail "$1: no account of client 77, or $values values instead of 14"
+        fail "$1: client 77, its account or the choice of 78 is missing, or of 17 values there are $values"
     fi
 }
 # ends STATUS FILE ARGUMENT...: runs the monitor, which ends so; its output is in FILE
@@ -75,8 +77,11 @@ for _ in {1..4}; do
     sleep 1
 done
 page "$url" | draws live
+curl -s "$url" >"$work/alone.html"
 kill -INT $monitor
 wait $monitor
+page "file://$work/alone.html" | grep -qP '>monitor not reachable since \d\d:\d\d:\d\d<' ||
+    fail "a page without its monitor does not say so"
 cmp "$work/samples" "$work/recording"
 ends 1 taken 77 --record "$work/recording" --once
 cmp "$work/samples" "$work/recording"
@@ -93,3 +98,6 @@ ends 0 wrote report "$work/recording"
 ends 0 wrote report "$work/recording" --output "$work/report.html"
 cmp "$work/recording.html" "$work/report.html"
 page "file://$work/report.html" | draws report
+echo '<script>plots[1].over.dispatchEvent(new KeyboardEvent("keydown", { key: "Home" }))</script>' >>"$work/report.html"
+[[ $(page "file://$work/report.html" | grep -o '<td class="u-value">0:00<' | wc -l) == 6 ]] ||
+    fail "a key in a plot does not move the cursors of all"
