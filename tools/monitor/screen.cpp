@@ -46,10 +46,11 @@ void Screen::show(const std::vector<Sample>& samples) {
     const TerminalSize size = redraws_ ? terminal_size() : TerminalSize{full_width, 0};
     // From the most to the least: all; without histograms; what is said, with the most important
     // numbers; those numbers.
-    enum : int { everything, without_histograms, said, numbers, amounts };
+    enum : std::size_t { everything, without_histograms, said, numbers, amounts };
     std::array<std::vector<std::string>, amounts> pictures;
-    const auto add = [&](int first, int last, const std::vector<std::string>& lines) {
-        for (int i = first; i <= last; ++i)
+    const auto add = [&](std::size_t first, std::size_t last,
+                         const std::vector<std::string>& lines) {
+        for (std::size_t i = first; i <= last; ++i)
             std::ranges::copy(lines, std::back_inserter(pictures.at(i)));
     };
     if (samples.empty()) add(everything, numbers, {fmt::format("{}; waiting", no_engine_text), ""});
@@ -67,8 +68,10 @@ void Screen::show(const std::vector<Sample>& samples) {
         return;
     }
     const std::size_t rows = size.rows - (heading_.empty() ? 0 : 1);
-    const auto fits = [&](int i) { return pictures.at(i).size() + (i > everything) <= rows; };
-    int shown = everything;
+    const auto fits = [&](std::size_t i) {
+        return pictures.at(i).size() + (i > everything) <= rows;
+    };
+    std::size_t shown = everything;
     while (shown < numbers && !fits(shown))
         ++shown;
     std::vector<std::string>& lines = pictures.at(shown);

@@ -30,10 +30,12 @@ std::string presence_line(const Sample& sample, const std::string& numbers = {})
     if (sample.presence == Presence::ended)
         return fmt::format("{}engine stopped, last values: {}", who,
                            readings::error_text(s.error_code));
+    if (sample.presence == Presence::silent)
+        return fmt::format("{}NO REPORTS: it died or hangs; last state {}", who,
+                           readings::state_text(s.state));
     std::string line = fmt::format("{}{}", who, readings::state_text(s.state));
     if (s.stream_sample_rate > 0)
         line += fmt::format("   {} Hz, {} frames", s.stream_sample_rate, s.stream_block_frames);
-    if (sample.presence == Presence::silent) line += "   NO REPORTS: it died or hangs";
     return line;
 }
 

@@ -198,7 +198,8 @@ TEST(View, ShowsWhatTheEngineReports) {
     now.stats->clock_synced = 0;
     EXPECT_TRUE(view(std::vector{now}, full_width)[3].ends_with("measured yet, offset unknown"));
     now.presence = Presence::silent;
-    EXPECT_TRUE(view(std::vector{now}, full_width)[0].ends_with("NO REPORTS: it died or hangs"));
+    EXPECT_EQ(view(std::vector{now}, full_width)[0],
+              "client 3   NO REPORTS: it died or hangs; last state Running");
     now.presence = Presence::ended;
     EXPECT_EQ(view(std::vector{now}, full_width)[0], "client 3   engine stopped, last values");
     now.stats->error_code = TAVISTRO_ERROR_AUDIO_DEVICE_FAILED;
