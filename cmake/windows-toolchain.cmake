@@ -3,12 +3,14 @@ set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(triple x86_64-w64-mingw32)
 # Only the variant with posix threads has std::thread.
-find_program(CMAKE_C_COMPILER NAMES ${triple}-gcc-posix REQUIRED)
-find_program(CMAKE_CXX_COMPILER NAMES ${triple}-g++-posix REQUIRED)
+find_program(MINGW_GCC ${triple}-gcc-posix REQUIRED)
+find_program(MINGW_GXX ${triple}-g++-posix REQUIRED)
+set(CMAKE_C_COMPILER ${MINGW_GCC})
+set(CMAKE_CXX_COMPILER ${MINGW_GXX})
 find_program(CMAKE_RC_COMPILER NAMES ${triple}-windres REQUIRED)
 
 # Nothing of the build machine is taken, but for what the modules in cmake/windows point to.
-cmake_path(GET CMAKE_CXX_COMPILER PARENT_PATH toolchain_bin)
+cmake_path(GET MINGW_GXX PARENT_PATH toolchain_bin)
 cmake_path(SET CMAKE_FIND_ROOT_PATH NORMALIZE "${toolchain_bin}/../${triple}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
