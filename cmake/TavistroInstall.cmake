@@ -76,7 +76,7 @@ file(READ README.md readme)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_DOCDIR}
            OUTPUT_VARIABLE doc_to_include)
 string(REPLACE "](include/" "](${doc_to_include}/" readme "${readme}")
-string(REGEX REPLACE "\n- \\[HACKING\\.md\\][^\n]*" "" readme "${readme}")
+string(REGEX REPLACE "\n\\| contributors \\|[^\n]*" "" readme "${readme}")
 file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
 install(FILES ${PROJECT_BINARY_DIR}/README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
         COMPONENT documents)
