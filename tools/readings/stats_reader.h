@@ -40,8 +40,8 @@ class StatsReader {
     std::intptr_t handle_ = -1;
 };
 
-/// The client_ids under which engines of this computer may have a block now. On Windows, where names
-/// cannot be listed, 1 to 64.
+/// The client_ids under which engines of this computer may have a block now. On Windows, where
+/// names cannot be listed, 1 to 64.
 std::vector<std::uint32_t> possible_client_ids();
 
 /// True when an engine on this computer runs with the client_id: its block shows a run, and its
