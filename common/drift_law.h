@@ -1,5 +1,5 @@
-// How fast a buffer between two clocks is read. One law for both ways: the playback buffer follows
-// the server's clock by it, the ring of captured input the device's.
+// The speed at which a buffer between two clocks is read. Both directions use it: the playback
+// buffer follows the server's clock, the ring of captured input the device's clock.
 #pragma once
 
 #include <algorithm>
@@ -10,9 +10,9 @@ namespace tavistro {
 inline constexpr double lowest_clock_ratio = 0.95;
 inline constexpr double highest_clock_ratio = 1.05;
 
-/// Speed added when the fill is twice its target; as much is taken away from an empty buffer.
+/// Speed added when the fill is twice its target, and subtracted when the buffer is empty.
 inline constexpr double fill_correction = 0.00035;
-/// Both corrections together stay inaudible within these.
+/// Limits within which both corrections together stay inaudible.
 inline constexpr double lowest_read_ratio = 0.9955;
 inline constexpr double highest_read_ratio = 1.0045;
 
@@ -20,8 +20,8 @@ constexpr bool plausible_clock_ratio(double ratio) noexcept {
     return ratio > lowest_clock_ratio && ratio < highest_clock_ratio;
 }
 
-/// The estimate of a clock ratio after another measurement: a fiftieth of the way to it, if it is
-/// plausible.
+/// The estimate of a clock ratio after another measurement: it moves by a fiftieth of the
+/// difference, if the measurement is plausible.
 constexpr double followed_clock_ratio(double estimate, double measured) noexcept {
     return plausible_clock_ratio(measured) ? estimate * 0.98 + measured * 0.02 : estimate;
 }

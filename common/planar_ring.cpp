@@ -79,7 +79,7 @@ std::size_t PlanarRing::interpolate_run(const RingRead& read, const RingPosition
     const std::int32_t whole = std::min(positions.whole[i], last);
     const std::size_t first = advanced(read.position, static_cast<std::size_t>(whole));
     const float* const row = samples_.data();
-    // Neither the ring's end nor the held last frame comes between neighbours of these.
+    // None of these pairs crosses the ring's end or the held last frame.
     const std::size_t run =
         std::min({wanted, static_cast<std::size_t>(last - whole), capacity_ - 1 - first});
     if (run == 0) {

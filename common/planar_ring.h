@@ -1,5 +1,5 @@
-// A ring of frames of several channels, each channel in a row of its own: where sound waits between
-// two clocks.
+// A ring buffer of frames of several channels, each channel in a row of its own. It buffers audio
+// between two clocks.
 #pragma once
 
 #include <cstddef>
@@ -23,8 +23,8 @@ struct RingRead {
 };
 
 /// Frames have positions from 0 to capacity() - 1, and 0 follows the last one. Blocks are planar:
-/// channel c, frame f of a block of n frames at c * n + f, with n less than 65536. Who reads and
-/// writes which frames when is the owner's matter. Nothing but the constructor allocates.
+/// channel c, frame f of a block of n frames at c * n + f, with n less than 65536. The owner
+/// decides which frames are read and written. Only the constructor allocates.
 class PlanarRing {
   public:
     PlanarRing() = default;

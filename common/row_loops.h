@@ -1,4 +1,4 @@
-// The loops over samples that rings of planar frames are made of, for each level of instructions.
+// The loops over samples that PlanarRing uses, for each instruction set.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace tavistro {
 
 /// Places between the frames of a ring: `fraction` of the way from frame `whole` to the next.
 struct RingPositions {
-    // Few enough to stay in the nearest cache while every channel uses them.
+    // Small enough to stay in the first-level cache while every channel uses them.
     static constexpr std::size_t capacity = 128;
     std::int32_t whole[capacity];
     double fraction[capacity];

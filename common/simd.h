@@ -1,11 +1,11 @@
 // Which instructions the loops over samples use. Every version of a loop gives the same bits.
 //
-// The versions stand in tables of functions, one table per level; who owns such loops takes the
-// table of simd_level() when it is made.
+// The versions are tables of functions, one per level. An owner of such loops selects the table of
+// simd_level() when it is constructed.
 #pragma once
 
 /// TAVISTRO_AVX2: on a function for SimdLevel::avx2. Multiplications and additions are fused only
-/// where it says so. A compiler without the attribute has all instructions everywhere.
+/// in explicit calls. A compiler without the attribute allows all instructions everywhere.
 /// TAVISTRO_UNROLL_4: before a loop that takes four steps at a time.
 #if defined(__clang__)
 #define TAVISTRO_AVX2 [[gnu::target("avx2,fma")]]
@@ -28,7 +28,7 @@ enum class SimdLevel {
 /// The best level that this processor can run.
 SimdLevel best_simd_level() noexcept;
 
-/// The level of this process: the best one, found out when the library is loaded. Any thread;
+/// The level of this process: the best one, determined when the library is loaded. Any thread;
 /// real-time safe.
 SimdLevel simd_level() noexcept;
 

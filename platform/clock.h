@@ -1,7 +1,7 @@
 // The engine's two clocks, its counter and its sleep.
 //
-// Everything that measures or waits reads time through this header and nothing else, so that a
-// test can link a clock that it moves by hand in place of the system's.
+// All code that measures time or waits uses this header, so that a test can link a clock that it
+// advances itself.
 #pragma once
 
 #include <cstdint>
@@ -12,16 +12,16 @@ namespace tavistro::platform {
 /// Any thread; real-time safe.
 std::int64_t performance_counter() noexcept;
 
-/// Ticks per second of performance_counter(), constant while the process runs: what the system
-/// says on Windows (mostly 10 MHz), 1 GHz on Linux. Any thread; real-time safe.
+/// Ticks per second of performance_counter(), constant while the process runs: usually 10 MHz on
+/// Windows, 1 GHz on Linux. Any thread; real-time safe.
 std::int64_t performance_frequency() noexcept;
 
 /// Milliseconds since system start, monotonic: every timeout, period and event stamp of the
 /// engine. Any thread; real-time safe.
 std::uint64_t millisecond_tick() noexcept;
 
-/// Sleeps for at least `ms` milliseconds; 0 gives up the rest of the time slice. Interrupted
-/// sleeps are resumed. Any thread but a driver's.
+/// Sleeps for at least `ms` milliseconds; 0 yields the rest of the time slice. Resumes after
+/// interruptions by signals. Any thread except a driver's.
 void sleep_ms(std::uint32_t ms) noexcept;
 
 /// Nanoseconds of a counter value: counter * 10^9 / frequency in double precision, 0 for a

@@ -1,4 +1,4 @@
-// The system's register of ASIO drivers: which there are, and how to make one's object.
+// The system's registry of ASIO drivers: lists them and creates their objects.
 #pragma once
 
 #include <array>
@@ -26,8 +26,8 @@ void look_for_drivers_beside(const std::string& file);
 /// Where drivers are looked for, for people: a folder or a registry key.
 std::string driver_place();
 
-/// Every registered driver that names a class, in the register's own order: the registry's on
-/// Windows, by file name on Linux. What cannot be read is not listed.
+/// Every registered driver that names a class: in registry order on Windows, by file name on
+/// Linux. Unreadable entries are omitted.
 std::vector<RegisteredDriver> registered_drivers();
 
 /// Path of the file that serves a class (compared without regard to letter case), nothing when the
@@ -37,18 +37,18 @@ std::optional<std::string> class_server_path(const std::string& class_id_text);
 /// Reads "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"; nothing for any other text.
 std::optional<ClassId> parse_class_id(const std::string& text);
 
-/// Prepares the calling thread for driver objects, and undoes it; calls are paired. Where drivers
-/// need no apartment this does nothing.
+/// Prepares the calling thread for driver objects, and reverts that; calls are paired. Does
+/// nothing on systems where drivers need no apartment.
 void enter_driver_apartment() noexcept;
 void leave_driver_apartment() noexcept;
 
-/// The window that a driver's init() is given: the desktop's, null where there are no windows.
+/// The window handle for a driver's init(): the desktop's, null on systems without one.
 void* driver_parent_window() noexcept;
 
-/// Makes one driver object of the class, holding one reference. Returns 0 and the object, or the
+/// Creates a driver object of the class, holding one reference. Returns 0 and the object, or the
 /// system's error code (negative) and null.
 std::int32_t create_driver_object(const ClassId& class_id, void** object) noexcept;
-/// Gives back the one reference.
+/// Releases that reference.
 void release_driver_object(void* object) noexcept;
 
 }  // namespace tavistro::platform

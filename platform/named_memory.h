@@ -10,9 +10,9 @@ namespace tavistro::platform {
 
 /// Holder of one named block, readable and writable by every user of the session.
 ///
-/// Two holders of one name share one block. The name goes away when the last holder has closed,
-/// also when holders before it crashed; a mapping that a reader keeps stays valid and shows the
-/// last contents. Not thread-safe: one owner.
+/// Holders of the same name share one block. The name disappears when the last holder closes,
+/// also if earlier holders crashed; a reader's mapping stays valid and shows the last contents.
+/// Not thread-safe: one owner.
 class NamedMemory {
   public:
     NamedMemory() noexcept = default;
@@ -21,7 +21,7 @@ class NamedMemory {
     ~NamedMemory() { close(); }
 
     /// Creates or opens the block `name` (letters, digits and underscores, no prefix: the system's
-    /// own is added) with `bytes` bytes. What it holds is left as it is; a new block is zero.
+    /// own is added) with `bytes` bytes. Existing contents stay; a new block is zero.
     /// False when the system refuses; nothing is held then. Precondition: not open.
     bool open(const std::string& name, std::size_t bytes);
     void close() noexcept;
@@ -29,13 +29,13 @@ class NamedMemory {
 
     /// Stores neighbouring fields of one width, the first of them `offset` bytes into the block,
     /// and leaves the rest of the block alone; a reader sees each field whole, before or after.
-    /// Harmless whatever other processes have done to the block. False when the system refuses.
+    /// Safe even if other processes truncate or replace the block. False when the system refuses.
     /// Preconditions: open; `offset` is a multiple of the width.
     bool store(std::size_t offset, std::span<const std::uint32_t> fields) noexcept;
     bool store(std::size_t offset, std::span<const std::uint64_t> fields) noexcept;
 
   private:
-    /// On systems where nobody can take mapped memory away.
+    /// On systems where no other process can shrink mapped memory.
     [[maybe_unused]] void* view_ = nullptr;
     std::intptr_t handle_ = -1;
     std::string system_name_;

@@ -1,5 +1,5 @@
-// Addresses in the system's form, which is the same on every system but for its header: the
-// system's own (linux/system_socket.h, windows/system_socket.h) comes first and includes this one.
+// Conversion to the system's socket address. The code is the same on every system, the header is
+// not: linux/system_socket.h and windows/system_socket.h include this file after their own.
 #pragma once
 
 #include "platform/udp_socket.h"

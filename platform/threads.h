@@ -1,4 +1,4 @@
-// Threads with a name, their priorities, and what the worker waits on.
+// Named threads, their priorities, and the event that the worker waits for.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 
 namespace tavistro::platform {
 
-/// A thread whose creation can fail without throwing. Handlers of the host never run on it, apart
-/// from those of the signals that report a fault of the thread itself.
+/// A thread whose creation can fail without throwing. Signal handlers of the host never run on it,
+/// except for signals that report a fault of the thread itself.
 class Thread {
   public:
     Thread() noexcept = default;
@@ -19,7 +19,7 @@ class Thread {
     ~Thread() = default;
 
     /// Starts `body` on a new thread called `name` (at most 15 characters, shown by ps, top and
-    /// debuggers). False when the system has no thread to give or memory ran out; nothing runs
+    /// debuggers). False when the system refuses a thread or memory runs out; nothing runs
     /// then. Precondition: not joinable.
     bool start(const char* name, std::function<void()> body) noexcept;
     bool joinable() const noexcept { return thread_.joinable(); }
@@ -32,14 +32,14 @@ class Thread {
     std::thread thread_;
 };
 
-/// What a thread is for, which decides its priority.
+/// The role of a thread determines its priority.
 enum class ThreadRole {
     network_receive,  ///< one step above normal; multimedia class "Audio", normal priority in it
     audio_device,     ///< highest normal priority; multimedia class "Pro Audio", high priority
 };
 
-/// Raises the calling thread for the object's lifetime. Every refusal of the system is silent:
-/// nothing else depends on the priority. Created and destroyed on the same thread.
+/// Raises the calling thread for the object's lifetime. A refusal is ignored: nothing
+/// else depends on the priority. Created and destroyed on the same thread.
 class ScopedThreadRole {
   public:
     explicit ScopedThreadRole(ThreadRole role) noexcept;
@@ -52,8 +52,8 @@ class ScopedThreadRole {
     std::unique_ptr<Class> class_;  ///< the multimedia class where the system has one
 };
 
-/// Asks the system for a timer resolution of 1 ms for the object's lifetime, where it has one to
-/// give. Created and destroyed on the same thread.
+/// Requests a timer resolution of 1 ms for the object's lifetime, on systems where it can be
+/// set. Created and destroyed on the same thread.
 class ScopedTimerResolution {
   public:
     ScopedTimerResolution() noexcept;
@@ -62,10 +62,10 @@ class ScopedTimerResolution {
     ~ScopedTimerResolution();
 };
 
-/// Wakes one waiting thread; a signal that finds nobody waiting is kept for the next wait.
+/// Wakes one waiting thread; a signal without a waiting thread is kept for the next wait.
 ///
-/// The waiting thread may own hidden windows that a device driver made on it: where the system
-/// has such windows, waiting dispatches their messages.
+/// A device driver may have created hidden windows on the waiting thread. On systems with such
+/// windows, waiting dispatches their messages.
 class WorkerEvent {
   public:
     WorkerEvent();

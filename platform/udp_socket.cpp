@@ -1,4 +1,4 @@
-// What sockets have in common on every system.
+// The part of the sockets that is the same on every system.
 #include "platform/udp_socket.h"
 
 #include <array>
@@ -79,8 +79,8 @@ bool UdpSocket::enable_broadcast() noexcept {
     return is_open() && set_option(handle_, SO_BROADCAST, 1);
 }
 
-// The send itself never blocks: what waits inside the system cannot be told to give up and still
-// have a last word.
+// The send itself never blocks: a wait inside the system could not be ended without closing the
+// socket, and the leave message has to be sent after that.
 bool UdpSocket::wait_for_room() noexcept {
     if (winding_down_.load(std::memory_order_acquire) || !is_open()) return false;
     constexpr int room_slice_ms = 20;

@@ -1,4 +1,4 @@
-// One IPv4 UDP socket whose blocked receive can be ended from another thread.
+// An IPv4 UDP socket whose blocking receive can be ended by another thread.
 #pragma once
 
 #include <algorithm>
@@ -28,8 +28,8 @@ inline constexpr std::uint32_t ipv4_broadcast = 0xFFFFFFFF;
 std::optional<std::uint32_t> parse_ipv4(std::string_view text);
 std::string format_ipv4(std::uint32_t address);
 
-/// Starts and stops the system's network stack; calls are counted by the system. Where a stack
-/// needs no start this always succeeds.
+/// Starts and stops the system's network stack; calls are counted by the system. Always succeeds
+/// on systems without such a start.
 bool start_network_stack() noexcept;
 void stop_network_stack() noexcept;
 
@@ -58,7 +58,7 @@ struct ReceiveResult {
     std::size_t datagram_size = size;
 };
 
-/// What the system took of several datagrams.
+/// How much of several datagrams the system accepted.
 struct SentDatagrams {
     std::size_t count = 0;
     std::size_t bytes = 0;
@@ -74,13 +74,13 @@ void for_each_datagram(const ReceiveResult& received, DatagramBytes buffer, cons
     } while (!rest.empty());
 }
 
-/// The socket. open() and release() belong to one controlling thread; in between one thread at a
-/// time may receive and any number may call the rest.
+/// The socket. open() and release() belong to one controlling thread. In between, one thread at
+/// a time may receive, and any number of threads may call the rest.
 ///
 /// Ending: close() refuses further sends and ends a waiting send or receive, whatever the network
 /// does, but keeps the descriptor, so that no thread still inside a call can meet a descriptor
 /// number that the system has given away again. release() frees it once every thread that used the
-/// socket has been joined. A last word before close() is sent after wind_down().
+/// socket has been joined. To send a final datagram before close(), call wind_down() first.
 class UdpSocket {
   public:
     UdpSocket() noexcept = default;
@@ -89,7 +89,7 @@ class UdpSocket {
     ~UdpSocket() { release(); }
 
     /// Creates and binds. Buffer sizes that the system refuses are ignored. The descriptor is not
-    /// inherited by child processes. False when the socket cannot be had or bound.
+    /// inherited by child processes. False when the socket cannot be created or bound.
     bool open(const SocketOptions& options) noexcept;
     /// Address and port that the socket is bound to; zeros when not open.
     Ipv4Endpoint local_endpoint() const noexcept;
@@ -97,7 +97,7 @@ class UdpSocket {
     /// 0 waits without limit.
     bool set_receive_timeout(std::uint32_t ms) noexcept;
     bool enable_broadcast() noexcept;
-    /// From now on one receive may bring several datagrams of one sender, where the system can do
+    /// From now on one receive can return several datagrams of one sender, on systems that support
     /// that; elsewhere nothing changes.
     void receive_in_runs() noexcept;
 
@@ -123,11 +123,11 @@ class UdpSocket {
     bool is_open() const noexcept { return open_.load(std::memory_order_acquire); }
 
   private:
-    /// Waits a moment for room to send; false when nobody is to wait for it any more.
+    /// Waits briefly for room to send; false after wind_down() or close().
     bool wait_for_room() noexcept;
 
     // The system's own (linux/, windows/).
-    /// What a new socket needs before it is bound. False when the system refuses.
+    /// Prepares a new socket before it is bound. False when the system refuses.
     bool prepare() noexcept;
     /// Ends every wait for the socket, now and later.
     void end_waits() noexcept;
@@ -139,7 +139,7 @@ class UdpSocket {
     std::atomic<bool> sends_runs_{true};  ///< until the system says that it cannot
     std::atomic<std::uint32_t> receive_timeout_ms_{0};
     std::intptr_t handle_ = -1;
-    // What a receive waits for, where the system has events.
+    // Events that a receive waits for, on systems that have them.
     [[maybe_unused]] void* arrived_ = nullptr;
     [[maybe_unused]] void* closing_ = nullptr;
 };

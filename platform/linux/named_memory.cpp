@@ -12,8 +12,8 @@
 // Every holder keeps a shared lock on the object. The kernel drops a crashed holder's lock, so the
 // one that can turn its own into an exclusive lock is the last holder and removes the name.
 //
-// The block is written through the descriptor and not through a mapping: everybody may shrink the
-// object, and touching a mapped page that is gone would end the process. A write makes the object
+// The block is written through the descriptor, not through a mapping: any process may shrink the
+// object, and touching a mapped page that is gone would end this process. A write makes the object
 // as long as it has to be; what lies before it and was lost reads as zero from then on. The kernel
 // copies aligned fields in one piece, save for the last 4 bytes of a range on processors whose
 // `rep movsb` is slow for a few bytes: there a byte at a time may be seen.
@@ -41,8 +41,8 @@ int open_or_create(const char* name) noexcept {
     return -1;
 }
 
-// Nobody holds the exclusive lock for longer than it takes to remove the name; whoever does keeps
-// the block from us, but not us from going on.
+// The exclusive lock is held only while the name is removed. A process that holds it longer makes
+// open() fail, but does not block it.
 bool lock(int fd, int operation, int tries) noexcept {
     constexpr timespec pause{0, 1'000'000};
     for (int i = 0; i < tries; ++i) {
