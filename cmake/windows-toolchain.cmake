@@ -8,7 +8,6 @@ find_program(MINGW_GXX ${triple}-g++-posix REQUIRED)
 set(CMAKE_C_COMPILER ${MINGW_GCC})
 set(CMAKE_CXX_COMPILER ${MINGW_GXX})
 find_program(CMAKE_RC_COMPILER NAMES ${triple}-windres REQUIRED)
-find_program(CMAKE_OBJDUMP NAMES ${triple}-objdump REQUIRED)
 
 # Nothing of the build machine is taken, but for what the modules in cmake/windows point to.
 cmake_path(GET MINGW_GXX PARENT_PATH toolchain_bin)
