@@ -353,7 +353,14 @@ TEST_F(EngineRuntimeTest, EveryStartOfTheAudioPathResetsTheCounters) {
         },
         [&] {
             device_->faulty = true;
-            await(shows(TAVISTRO_MESSAGE_DEVICE_RECOVERED), [&] { report(); });
+            // The event, as the next report replaces the status.
+            await(
+                [](const State& s) {
+                    return s.state == TAVISTRO_STATE_RUNNING && s.event_count > 0 &&
+                           s.events[s.event_count - 1].message ==
+                               TAVISTRO_MESSAGE_EVENT_DEVICE_RECOVERED;
+                },
+                [&] { report(); });
         },
         [&] {
             send_sync({44100, 64});  // a format change just before the stop
