@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <ostream>
-#include <ranges>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -92,8 +90,10 @@ bool is_utf16(std::string_view bytes) {
 
 /// The known key whose `name` is nearest to `written`, null when none is near.
 const ConfigKey* nearest(std::string_view written, std::string_view ConfigKey::*name) {
-    const std::string near =
-        nearest_word(written, config_keys() | std::views::transform(std::mem_fn(name)));
+    std::vector<std::string_view> names;
+    for (const ConfigKey& known : config_keys())
+        names.push_back(known.*name);
+    const std::string near = nearest_word(written, names);
     const auto found = std::ranges::find(config_keys(), near, name);
     return found == config_keys().end() ? nullptr : &*found;
 }
