@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -83,7 +84,10 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     }
     if (check->parsed()) return check_config(config_path, out, errors);
     if (servers->parsed()) return list_servers(servers_options, json, out, errors);
-    platform::look_for_drivers_beside(engine_library_path());
+    // Once, as tests run this function on several threads of one process.
+    static std::once_flag driver_folder_set;
+    std::call_once(driver_folder_set,
+                   [] { platform::look_for_drivers_beside(engine_library_path()); });
     if (devices->parsed()) return list_devices(json, out, errors);
     EngineConfig config;
     std::string reason;
