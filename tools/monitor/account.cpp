@@ -30,7 +30,9 @@ constexpr std::array<std::string_view, 14> cause_names{
 
 std::string time_text(double seconds) {
     const auto whole = static_cast<int>(seconds + 0.5);
-    return fmt::format("{}:{:02}", whole / 60, whole % 60);
+    const int hours = whole / 3600;
+    return hours > 0 ? fmt::format("{}:{:02}:{:02}", hours, whole / 60 % 60, whole % 60)
+                     : fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
 
 std::string when_text(const Span& when) {
@@ -179,6 +181,7 @@ Account judge(std::span<const Sample> samples) {
     Account account;
     if (samples.empty()) return account;
     account.watched_s = seconds_between(samples.front(), samples.back());
+    account.from_ms = samples.front().time_ms;
     for (const Samples& run : runs_of(until_the_last_word(samples)))
         judge_run(run, samples.front(), account);
     judge_presence(samples, account);

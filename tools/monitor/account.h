@@ -57,6 +57,7 @@ inline constexpr double least_watched_s = 4;
 
 struct Account {
     double watched_s = 0;
+    std::int64_t from_ms = 0;  ///< time of the first sample, since 1970
     std::vector<Fact> facts{};      ///< in the order of time
     std::vector<Finding> causes{};  ///< in the order of Cause
     /// Set when something was heard that no cause explains: what would make it clear.

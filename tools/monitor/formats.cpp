@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <istream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -11,6 +10,7 @@
 #include <utility>
 
 #include "tools/readings/fields_json.h"
+#include "tools/version_flag.h"
 
 namespace tavistro::monitor {
 
@@ -36,25 +36,16 @@ Presence presence_from(const std::string& name) {
     return static_cast<Presence>(found - presence_names);
 }
 
-/// Of a line of to_json(). Throws std::runtime_error for text that is no sample.
-Sample from_json(const std::string& line) {
-    try {
-        const Json json = Json::parse(line);
-        Sample sample{.time_ms = json.at("time_ms").get<std::int64_t>(),
-                      .client_id = json.at("client_id").get<std::uint32_t>(),
-                      .presence = presence_from(json.at("presence").get<std::string>())};
-        if (!json.contains("totals"))
-            throw std::runtime_error("it has no totals, an older monitor made it");
-        sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
-        if (!json.at("stats").is_null()) {
-            sample.stats.emplace();
-            readings::take_fields(json["stats"], &*sample.stats, stats_fields());
-        }
-        readings::take_fields(json["totals"], &sample.totals, totals_fields());
-        return sample;
-    } catch (const Json::exception& error) {
-        throw std::runtime_error(error.what());
-    }
+Json sample_json(const Sample& sample) {
+    Json json{{"time_ms", sample.time_ms},
+              {"client_id", sample.client_id},
+              {"presence", name_of(sample.presence)},
+              {"host_late_us", sample.host_late_us},
+              {"stats", nullptr},
+              {"totals", nullptr}};
+    if (sample.stats) readings::add_fields(json["stats"], &*sample.stats, stats_fields());
+    readings::add_fields(json["totals"], &sample.totals, totals_fields());
+    return json;
 }
 
 Json account_json(std::uint32_t client_id, const Account& account) {
@@ -71,6 +62,7 @@ Json account_json(std::uint32_t client_id, const Account& account) {
     for (const Finding& finding : account.causes)
         add(causes, "cause", cause_text(finding.cause), finding);
     return {{"client_id", client_id},
+            {"from_ms", account.from_ms},
             {"watched_s", account.watched_s},
             {"facts", facts},
             {"causes", causes},
@@ -146,46 +138,61 @@ void add_fields(std::string& text, std::string_view prefix, std::span<const Fiel
 }  // namespace
 
 std::string to_json(const Sample& sample) {
-    Json json{{"time_ms", sample.time_ms},
-              {"client_id", sample.client_id},
-              {"presence", name_of(sample.presence)},
-              {"host_late_us", sample.host_late_us},
-              {"stats", nullptr},
-              {"totals", nullptr}};
-    if (sample.stats) readings::add_fields(json["stats"], &*sample.stats, stats_fields());
-    readings::add_fields(json["totals"], &sample.totals, totals_fields());
-    return json.dump();
+    return sample_json(sample).dump();
 }
 
-std::string to_json_array(const Accounts& accounts) {
-    Json json = Json::array();
-    for (const auto& [client_id, account] : accounts)
-        json.push_back(account_json(client_id, account));
-    std::string text = json.dump();
+std::string to_json_array(std::span<const Sample> samples) {
+    std::vector<std::string> objects;
+    for (const Sample& sample : samples)
+        objects.push_back(to_json(sample));
+    return fmt::format("[{}]", fmt::join(objects, ",\n"));
+}
+
+std::string to_json(std::uint32_t client_id, const Account& account) {
+    std::string text = account_json(client_id, account).dump();
     for (std::size_t at = 0; (at = text.find('<', at)) != std::string::npos;)
         text.replace(at, 1, "\\u003c");  // no end of the script, whatever the texts are
     return text;
 }
 
-std::string to_json_array(std::span<const Sample> samples) {
+std::string to_json_array(const Accounts& accounts) {
     std::vector<std::string> objects;
-    std::ranges::transform(samples, std::back_inserter(objects), to_json);
+    for (const auto& [client_id, account] : accounts)
+        objects.push_back(to_json(client_id, account));
     return fmt::format("[{}]", fmt::join(objects, ",\n"));
 }
 
-std::vector<Sample> read_recording(std::istream& in) {
-    std::vector<Sample> samples;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        try {
-            samples.push_back(from_json(line));
-        } catch (const std::runtime_error& error) {
-            if (in.eof() && number > 1) break;
-            throw std::runtime_error("line " + std::to_string(number) +
-                                     " is not of a recording: " + error.what());
+std::string engines_json(std::int64_t monitor_start_ms, std::span<const Sample> newest,
+                         const Accounts& accounts) {
+    Json engines = Json::array();
+    for (const Sample& sample : newest)
+        engines.push_back({{"client_id", sample.client_id},
+                           {"newest", sample_json(sample)},
+                           {"diagnosis", account_json(sample.client_id, accounts.at(sample.client_id))}});
+    return Json{{"monitor_version", version_text},
+                {"monitor_start_ms", monitor_start_ms},
+                {"engines", engines}}
+        .dump();
+}
+
+Sample from_json(const std::string& line) {
+    try {
+        const Json json = Json::parse(line);
+        Sample sample{.time_ms = json.at("time_ms").get<std::int64_t>(),
+                      .client_id = json.at("client_id").get<std::uint32_t>(),
+                      .presence = presence_from(json.at("presence").get<std::string>())};
+        if (!json.contains("totals"))
+            throw std::runtime_error("it has no totals, an older monitor made it");
+        sample.host_late_us = json.at("host_late_us").get<std::uint32_t>();
+        if (!json.at("stats").is_null()) {
+            sample.stats.emplace();
+            readings::take_fields(json["stats"], &*sample.stats, stats_fields());
         }
+        readings::take_fields(json["totals"], &sample.totals, totals_fields());
+        return sample;
+    } catch (const Json::exception& error) {
+        throw std::runtime_error(error.what());
     }
-    return samples;
 }
 
 std::string csv_heading() {

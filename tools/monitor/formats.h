@@ -1,7 +1,6 @@
 // Samples as text for programs, and back, and as a page.
 #pragma once
 
-#include <iosfwd>
 #include <span>
 #include <string>
 #include <vector>
@@ -17,14 +16,18 @@ std::string to_json(const Sample& sample);
 /// A JSON array of to_json(). Fit for the inside of an HTML script element.
 std::string to_json_array(std::span<const Sample> samples);
 
-/// A JSON array of objects: client_id, watched_s, facts and causes as arrays, not_clear_yet. Fit
-/// for the inside of an HTML script element.
+/// A JSON object: client_id, watched_s, facts and causes as arrays, not_clear_yet. Fit for the
+/// inside of an HTML script element.
+std::string to_json(std::uint32_t client_id, const Account& account);
 std::string to_json_array(const Accounts& accounts);
 
-/// Reads lines of to_json() back, exactly. Throws std::runtime_error that names the line which is
-/// none. A last line without an end that is no sample was cut off with its recorder, and is left
-/// out.
-std::vector<Sample> read_recording(std::istream& in);
+/// A JSON object: monitor_version, monitor_start_ms (since 1970), and engines, an array with
+/// client_id, the newest sample and the diagnosis of each. `accounts` has one for each sample.
+std::string engines_json(std::int64_t monitor_start_ms, std::span<const Sample> newest,
+                         const Accounts& accounts);
+
+/// Reads to_json() back, exactly. Throws std::runtime_error for text that is none.
+Sample from_json(const std::string& text);
 
 /// The heading and the rows of a table; a histogram takes a column for each bucket.
 std::string csv_heading();

@@ -1,13 +1,16 @@
-// The newest readings as the pages of an HTTP server.
+// What the monitor has seen, as the pages of an HTTP server.
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "tools/monitor/account.h"
+#include "tools/monitor/history.h"
 #include "tools/monitor/http_server.h"
 #include "tools/monitor/sample.h"
 
@@ -16,16 +19,20 @@ namespace tavistro::monitor {
 /// Any thread.
 class LivePages {
   public:
-    /// A reading of all clients; the last 600 are kept.
+    LivePages();
+    /// A reading of all clients.
     void add(const std::vector<Sample>& samples);
     std::optional<HttpPage> page(std::string_view target) const;
 
   private:
-    std::vector<Sample> newest() const;
-    std::vector<Sample> after(std::int64_t time_ms) const;
+    std::string engines() const;
+    /// Nothing for an engine that was never seen.
+    std::optional<std::string> engine(std::uint32_t client_id, std::string_view what) const;
 
+    std::int64_t start_ms_;
     mutable std::mutex mutex_;
-    std::deque<std::vector<Sample>> readings_;
+    std::vector<Sample> newest_;
+    std::map<std::uint32_t, History> histories_;  ///< by client_id
 };
 
 }  // namespace tavistro::monitor

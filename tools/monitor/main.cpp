@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -10,11 +9,13 @@
 #include <thread>
 #include <utility>
 
+#include "tools/monitor/bundle.h"
 #include "tools/monitor/formats.h"
 #include "tools/monitor/http_server.h"
 #include "tools/monitor/live_pages.h"
 #include "tools/monitor/observer.h"
 #include "tools/monitor/options.h"
+#include "tools/monitor/recording.h"
 #include "tools/monitor/screen.h"
 #include "tools/monitor/terminal.h"
 #include "tools/monitor/view.h"
@@ -47,28 +48,19 @@ void follow(const Options& options, const std::function<bool(const std::vector<S
     }
 }
 
-std::ofstream open_for_writing(const std::string& path) {
-    std::ofstream file(path, std::ios::binary);
-    if (!file) throw std::runtime_error("cannot write " + path);
-    return file;
-}
-
-/// The samples of the clients wanted, or of all if none is named; at least one.
-std::vector<Sample> recording_at(const std::string& path,
-                                 const std::vector<std::uint32_t>& client_ids) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw std::runtime_error("cannot read " + path);
-    std::vector<Sample> samples;
-    try {
-        samples = read_recording(file);
-    } catch (const std::runtime_error& error) {
-        throw std::runtime_error(path + ": " + error.what());
+/// The samples of the clients wanted, or of all if none is named, in the part wanted; at least one.
+std::vector<Sample> recording_of(const Options& options) {
+    std::vector<Sample> samples = read_recording(options.recording_path);
+    const std::vector<std::uint32_t>& ids = options.client_ids;
+    if (!samples.empty()) {
+        std::erase_if(samples, [&, first = samples.front()](const Sample& sample) {
+            const double at = seconds_between(first, sample);
+            return at < options.from_s || at > options.until_s ||
+                   (!ids.empty() && std::ranges::find(ids, sample.client_id) == ids.end());
+        });
     }
-    std::erase_if(samples, [&](const Sample& sample) {
-        return !client_ids.empty() &&
-               std::ranges::find(client_ids, sample.client_id) == client_ids.end();
-    });
-    if (samples.empty()) throw std::runtime_error(path + ": no reading of such an engine");
+    if (samples.empty())
+        throw std::runtime_error(options.recording_path + ": no reading of such an engine or time");
     return samples;
 }
 
@@ -78,14 +70,8 @@ std::vector<Sample> recording_at(const std::string& path,
 /// Shows, records and serves readings; 1 for "--once" without an engine.
 int watch(const Options& options) {
     using Format = Options::Format;
-    std::ofstream record;
-    if (!options.record_path.empty()) {
-        // It may hold what will not come again.
-        if (std::filesystem::exists(options.record_path))
-            throw std::runtime_error(options.record_path +
-                                     " exists already; name another file to record to");
-        record = open_for_writing(options.record_path);
-    }
+    std::optional<RecordingWriter> record;
+    if (!options.record_path.empty()) record.emplace(options.record_path);
     LivePages pages;
     std::optional<HttpServer> server;
     if (!options.http_address.empty()) {
@@ -111,40 +97,72 @@ int watch(const Options& options) {
             one_runs = one_runs || sample.presence == Presence::alive;
             if (options.format == Format::json) std::cout << to_json(sample) << std::endl;
             if (options.format == Format::csv) std::cout << csv_row(sample) << std::endl;
-            if (record.is_open() && !(record << to_json(sample) << std::endl))
-                throw std::runtime_error("cannot write " + options.record_path);
+            if (record) record->add(sample);
         }
         return std::cout.good();
     });
+    if (record) record->close();
     return options.once && !one_runs ? 1 : 0;
 }
 
 /// A recording as a page.
 int write_report(const Options& options) {
-    const std::vector<Sample> samples = recording_at(options.recording_path, {});
+    const std::vector<Sample> samples = recording_of(options);
     const std::string path =
         options.output_path.empty() ? options.recording_path + ".html" : options.output_path;
-    std::ofstream file = open_for_writing(path);
+    std::ofstream file(path, std::ios::binary);
     file << report_page(samples);
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
     std::cout << "wrote " << path << '\n';
     return 0;
 }
 
+/// A recording as text for programs.
+int convert(const Options& options) {
+    const std::vector<Sample> samples = recording_of(options);
+    const bool csv = options.format == Options::Format::csv;
+    if (csv) std::cout << csv_heading() << '\n';
+    for (const Sample& sample : samples)
+        std::cout << (csv ? csv_row(sample) : to_json(sample)) << '\n';
+    return std::cout.flush() ? 0 : 1;
+}
+
+/// Readings for as long as wanted.
+std::vector<Sample> watched(const Options& options) {
+    std::vector<Sample> samples;
+    bool said = false;
+    follow(options, [&](const std::vector<Sample>& reading) {
+        if (reading.empty() && !std::exchange(said, true))
+            std::cerr << no_engine_text << "; waiting" << std::endl;
+        samples.insert(samples.end(), reading.begin(), reading.end());
+        return true;
+    });
+    return samples;
+}
+
+int write_bundle(const Options& options) {
+    std::vector<Sample> seen_now;
+    if (options.bundled_recordings.empty()) {
+        std::cerr << "no recording is named; watching for " << *options.seconds << " s"
+                  << std::endl;
+        seen_now = watched(options);
+    }
+    const BundleContents contents{.recordings = options.bundled_recordings,
+                                  .configurations = options.bundled_configurations,
+                                  .seen_now = seen_now,
+                                  .with_addresses = options.with_addresses};
+    const std::string path =
+        options.output_path.empty() ? bundle_name() : options.output_path;
+    for (const std::string& name : pack_bundle(path, contents))
+        std::cout << "  " << name << '\n';
+    std::cout << "wrote " << path << '\n';
+    return 0;
+}
+
 /// A recording, or what is seen now, in words; 1 when something was wrong or is not clear yet.
 int explain(const Options& options) {
-    std::vector<Sample> samples;
-    if (!options.recording_path.empty()) {
-        samples = recording_at(options.recording_path, options.client_ids);
-    } else {
-        bool said = false;
-        follow(options, [&](const std::vector<Sample>& reading) {
-            if (reading.empty() && !std::exchange(said, true))
-                std::cerr << no_engine_text << "; waiting" << std::endl;
-            samples.insert(samples.end(), reading.begin(), reading.end());
-            return true;
-        });
-    }
+    const std::vector<Sample> samples =
+        options.recording_path.empty() ? watched(options) : recording_of(options);
     if (samples.empty()) {
         std::cout << "no engine ran on this computer while it was watched\n";
         return 1;
@@ -176,6 +194,10 @@ int main(int argc, char** argv) {
                 return write_report(*options);
             case Options::Task::explain:
                 return explain(*options);
+            case Options::Task::convert:
+                return convert(*options);
+            case Options::Task::bundle:
+                return write_bundle(*options);
         }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tavistro-monitor: %s\n", error.what());

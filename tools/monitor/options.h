@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,7 +10,7 @@
 namespace tavistro::monitor {
 
 struct Options {
-    enum class Task { watch, report, explain };
+    enum class Task { watch, report, explain, convert, bundle };
     enum class Format { view, json, csv };
 
     Task task = Task::watch;
@@ -20,8 +21,18 @@ struct Options {
     std::optional<double> seconds;  ///< end after so long; without it on a signal
     std::string record_path;        ///< empty for none
     std::string http_address;       ///< empty for none
-    std::string recording_path;     ///< of report, and of an explain that is not live
-    std::string output_path;        ///< of report; empty for the recording's name with .html
+    /// Of report, convert, and of an explain that is not live.
+    std::string recording_path;
+    // The part of a recording that is read, in seconds since its first reading.
+    double from_s = 0;
+    double until_s = std::numeric_limits<double>::infinity();
+    /// Of report, empty for the recording's name with .html; of bundle, empty for a name with the
+    /// time.
+    std::string output_path;
+    // Of bundle.
+    std::vector<std::string> bundled_recordings;
+    std::vector<std::string> bundled_configurations;
+    bool with_addresses = false;
 };
 
 /// Nothing when the process is to end with `exit_code`: help was shown on standard output, or a
