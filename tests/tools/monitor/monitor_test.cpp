@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <random>
@@ -13,8 +14,10 @@
 #include "engine/stats_block.h"
 #include "support/eventually.h"
 #include "tavistro/engine.h"
+#include "tools/monitor/bundle.h"
 #include "tools/monitor/formats.h"
 #include "tools/monitor/observer.h"
+#include "tools/monitor/recording.h"
 #include "tools/monitor/screen.h"
 #include "tools/monitor/terminal.h"
 #include "tools/monitor/view.h"
@@ -50,38 +53,88 @@ Sample distinct_sample() {
     return sample;
 }
 
-TEST(Formats, ARecordingGivesBackWhatWasRecorded) {
-    Sample sample = distinct_sample();
-    sample.host_late_us = 5;
-    const Sample absent{.time_ms = 1, .client_id = 4};
-    const std::string text = to_json(sample) + "\n" + to_json(absent) + "\n";
-    std::istringstream cut_off(text + to_json(sample).substr(0, 100));
-    const auto samples = read_recording(cut_off);
-    ASSERT_EQ(samples.size(), 2U);
-    EXPECT_EQ(to_json(samples[0]), to_json(sample));
-    EXPECT_EQ(std::memcmp(&*samples[0].stats, &*sample.stats, sizeof *sample.stats), 0);
-    for (const Field& field : totals_fields())
-        EXPECT_EQ(number(&samples[0].totals, field), number(&sample.totals, field)) << field.name;
-    EXPECT_EQ(samples[0].host_late_us, 5U);
-    EXPECT_EQ(to_json(samples[1]), to_json(absent));
-
-    const std::string head = R"({"time_ms":1,"client_id":1,"host_late_us":0,"presence":)";
-    for (const auto& [damage, reason] : std::initializer_list<std::pair<std::string, const char*>>{
-             {"[]", ""},
-             {"nonsense", ""},
-             {head + R"("odd","stats":null,"totals":{}})", "odd"},
-             {head + R"("alive","stats":{},"totals":{}})", "state"},
-             {head + R"("absent","stats":null,"totals":{}})", "run"},
-             {head + R"("absent","stats":null})", "it has no totals, an older monitor made it"}}) {
-        std::istringstream damaged(text + damage + "\n" + text);
+/// A file of its own that is gone when the test ends.
+struct ScratchFile {
+    std::string path = testing::TempDir() + "recording-" + std::to_string(std::random_device{}());
+    ~ScratchFile() { std::filesystem::remove(path); }
+    void write(const std::string& text) const { std::ofstream(path, std::ios::binary) << text; }
+    /// What refuses the file; empty when it is taken.
+    std::string refused() const {
         try {
-            read_recording(damaged);
-            ADD_FAILURE() << "taken: " << damage;
+            read_recording(path);
+            return "";
         } catch (const std::runtime_error& error) {
-            EXPECT_TRUE(std::string(error.what()).starts_with("line 3 is not")) << damage;
-            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
+            return error.what();
         }
     }
+};
+
+TEST(Recording, GivesBackWhatWasRecordedInBothForms) {
+    std::vector<Sample> written{distinct_sample(), {.time_ms = 1, .client_id = 4}, distinct_sample()};
+    written[2].time_ms += 20'000;
+    written[2].stats->underruns = 0;
+    written[2].stats->rendered_frames = std::uint64_t{1} << 40;
+    written[2].totals.server_faster_ppm = 1.0 / 3;
+    written[2].presence = Presence::silent;
+    written[2].host_late_us = 5;
+    const ScratchFile file;
+    RecordingWriter writer(file.path);
+    EXPECT_THROW(RecordingWriter{file.path}, std::runtime_error) << "it exists";
+    std::string text;
+    for (const Sample& sample : written) {
+        writer.add(sample);
+        text += to_json(sample) + "\n";
+    }
+    const auto expect = [&](std::size_t count) {
+        const auto samples = read_recording(file.path);
+        ASSERT_EQ(samples.size(), count);
+        for (std::size_t i = 0; i < count; ++i)
+            EXPECT_EQ(to_json(samples[i]), to_json(written[i])) << i;
+    };
+    expect(3);  // ten seconds after the first all is in the file, though it has no end yet
+    writer.close();
+    expect(3);
+    std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) - 20);
+    EXPECT_EQ(file.refused(), "") << "its recorder was killed";
+    file.write(text + text.substr(0, 100));
+    expect(3);
+}
+
+TEST(Recording, RefusesWhatIsNoneAndNamesTheLine) {
+    const std::string json = to_json(distinct_sample()) + "\n";
+    const std::string head = R"({"time_ms":1,"client_id":1,"host_late_us":0,"presence":)";
+    const std::string columns = "tavistro recording 1, x\nclient_id," + csv_heading() + "\n";
+    const ScratchFile file;
+    for (const auto& [text, reason] : std::initializer_list<std::pair<std::string, const char*>>{
+             {json + json + "[]\n", "line 3: "},
+             {json + "nonsense\n" + json, "line 2: "},
+             {head + R"("odd","stats":null,"totals":{}})" + "\n", "line 1: unknown presence odd"},
+             {head + R"("alive","stats":{},"totals":{}})" + "\n", "state"},
+             {head + R"("absent","stats":null,"totals":{}})" + "\n", "run"},
+             {head + R"("absent","stats":null})" + "\n", "an older monitor made it"},
+             {columns + "3,1,1\nx,1\n", "line 4: 'x' is no number"},
+             {columns + "3,1,9\n", "line 3: there is no presence 9"},
+             {columns + "3,1,1," + std::string(500, ',') + "1\n", "too many columns"},
+             {"tavistro recording 2, y\nclient_id,other\n", "not this version's: format 2, y"},
+             {std::string(70'000, 'x'), "a line has no end"}}) {
+        file.write(text);
+        EXPECT_NE(file.refused().find(reason), std::string::npos) << reason << file.refused();
+        EXPECT_TRUE(file.refused().starts_with(file.path + ": line "));
+    }
+    EXPECT_NE(ScratchFile().refused().find("cannot be read"), std::string::npos);
+}
+
+TEST(Bundle, LeavesAddressesOut) {
+    for (const auto& [text, guarded] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"server_ip = audio.example.org ; main\n", "server_ip = x ; main\n"},
+             {"Server_IP=10.1.2.3\n", "Server_IP=x\n"},
+             {"server_ip = auto\n", "server_ip = auto\n"},
+             {"server_ip = 127.0.0.1\n", "server_ip = 127.0.0.1\n"},
+             {"; was 192.168.1.20, at 12:30:11", "; was x.x.x.x, at 12:30:11"},
+             {"fe80::1a:2 and 2001:db8:0:1:2:3:4:5", "x::x and x:x"},
+             {"aa:BB:cc:00:11:22, enx001122aabbcc", "xx:xx:xx:xx:xx:xx, enx-x"},
+             {"version 5.0.0, 2026-11-26T13:12:34Z", "version 5.0.0, 2026-11-26T13:12:34Z"}})
+        EXPECT_EQ(without_addresses(text), guarded);
 }
 
 TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
@@ -133,11 +186,11 @@ Account account_of_trouble(const std::string& text) {
 
 TEST(Formats, AnAccountKeepsItsWordsAndEndsNoScript) {
     const std::string name(cause_text(Cause::network_loss));
-    const std::string json = to_json_array({{3, account_of_trouble("</script>")}, {4, {}}});
+    const std::string json = to_json_array(Accounts{{3, account_of_trouble("</script>")}, {4, {}}});
     for (const std::string& part : std::initializer_list<std::string>{
-             R"([{"client_id":3,"watched_s":14.5,"facts":[{"name":"blocks lost","from_s":0.0,)",
+             R"([{"client_id":3,"from_ms":0,"watched_s":14.5,"facts":[{"name":"blocks lost","from_s":0.0,)",
              R"({"cause":")" + name + R"(","from_s":2.5,"until_s":9.0,"text":"\u003c/script>"}],)",
-             R"("not_clear_yet":"\u003c/script>"},{"client_id":4,"watched_s":0.0,"facts":[],)"})
+             R"("not_clear_yet":"\u003c/script>"},)"})
         EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
 }
 

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <nlohmann/json.hpp>
 
+#include "tools/monitor/history.h"
 #include "tools/monitor/live_pages.h"
 #include "tools/monitor/options.h"
 
@@ -31,6 +32,11 @@ TEST(Options, RefusesWhatDoesNotGoTogetherAndHasDefaults) {
                                                  {"--http", "0", "explain"},
                                                  {"--record", "a", "explain"},
                                                  {"explain", "0"},
+                                                 {"convert", "a", "--json"},
+                                                 {"report", "a", "--from", "1:2:3:4"},
+                                                 {"report", "a", "--from", "1:"},
+                                                 {"report", "a", "--until", "1:-2"},
+                                                 {"explain", "--recording", "a", "--seconds", "1"},
                                                  {"--nonsense"}}) {
         int exit_code = 0;
         EXPECT_FALSE(parse(words, exit_code));
@@ -58,29 +64,70 @@ TEST(Options, RefusesWhatDoesNotGoTogetherAndHasDefaults) {
     EXPECT_EQ(parsed({"explain", "7"}).client_ids, std::vector{7U});
     EXPECT_EQ(parsed({"explain", "7", "--seconds", "2"}).seconds, 2);
     EXPECT_TRUE(parsed({"explain", "--recording", "a"}).client_ids.empty());
+    EXPECT_EQ(parsed({"bundle"}).seconds, 30);
+    const Options part = parsed({"convert", "a", "--csv", "--from", "1:15.5", "--until", "2:00:01"});
+    EXPECT_EQ(part.format, Options::Format::csv);
+    EXPECT_EQ(part.from_s, 75.5);
+    EXPECT_EQ(part.until_s, 7201);
 }
 
-TEST(LivePages, HaveTheLastReadingsOfEachClient) {
+TEST(LivePages, HaveHoursOfEachEngineTheOlderReadingsMerged) {
     LivePages pages;
-    EXPECT_EQ(pages.page("/samples.json")->body, "[]");
-    for (std::int64_t ms = 1; ms <= 601; ++ms)
-        pages.add({{.time_ms = ms, .client_id = 5}, {.time_ms = ms, .client_id = 6}});
-    const auto samples = [&](const std::string& target) {
-        const std::string json = pages.page(target)->body;
-        return json == "[]" ? 0 : std::ranges::count(json, '\n') + 1;
+    constexpr std::int64_t start_ms = 1'800'000'000'000;  // begins a minute
+    constexpr int seconds = 26 * 3600;
+    for (int s = 0; s < seconds; ++s) {
+        Sample sample{.time_ms = start_ms + 1000 * s, .client_id = 5, .presence = Presence::alive};
+        tavistro_stats_block& stats = sample.stats.emplace();
+        stats.rtt_last_us = s % 60 == 3 ? 9000 : 500;
+        stats.min_frames = s % 60 == 4 ? 1 : 600;
+        stats.underruns = static_cast<std::uint32_t>(s);
+        pages.add({sample, {.time_ms = sample.time_ms, .client_id = 6}});
+    }
+    const std::string engine = "/api/v1/engines/5/";
+    const auto samples = [&](const std::string& query) {
+        return nlohmann::json::parse(pages.page(engine + query)->body);
     };
-    EXPECT_EQ(samples("/samples.json"), 1200);
-    EXPECT_EQ(samples("/samples.json?after=600"), 2);
-    EXPECT_EQ(samples("/samples.json?after=601"), 0);
-    const auto has = [](const std::string& text, const std::string& part) {
-        return text.find(part) != std::string::npos;
+    const auto all = samples("samples");
+    ASSERT_EQ(all.size(), 1440U + 360U + 600U);
+    EXPECT_EQ(all[0]["time_ms"], all[1]["time_ms"].get<std::int64_t>() - 60'000);
+    for (const int i : {1, 1439}) {  // a whole minute
+        EXPECT_EQ(all[i]["stats"]["rtt_last_us"], 9000) << i;
+        EXPECT_EQ(all[i]["stats"]["min_frames"], 1) << i;
+        EXPECT_EQ(all[i]["stats"]["underruns"].get<int>() % 60, 59) << "the last value of " << i;
+    }
+    EXPECT_EQ(all[1441]["time_ms"], all[1440]["time_ms"].get<std::int64_t>() + 10'000);
+    const std::int64_t newest_ms = all.back()["time_ms"];
+    EXPECT_EQ(newest_ms, start_ms + 1000 * (seconds - 1));
+    EXPECT_EQ(samples("samples?after=" + std::to_string(newest_ms - 2000)).size(), 2U);
+    EXPECT_EQ(samples("diagnosis")["watched_s"], 599);
+    EXPECT_EQ(samples("diagnosis")["from_ms"], newest_ms - 599'000);
+
+    const auto list = nlohmann::json::parse(pages.page("/api/v1/engines")->body)["engines"];
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(list[0]["newest"]["stats"]["underruns"], seconds - 1);
+    EXPECT_EQ(list[0]["diagnosis"]["watched_s"], 119);
+    EXPECT_EQ(list[1]["diagnosis"]["causes"][0]["cause"], "no engine");
+    EXPECT_NE(pages.page("/metrics")->body.find("tavistro_up{client_id=\"6\"} 0\n"), std::string::npos);
+    EXPECT_NE(pages.page("/")->body.find("const recorded = null;"), std::string::npos);
+    for (const char* const target :
+         {"/other", "/api/v1/engines/", "/api/v1/engines/5", "/api/v1/engines/7/samples",
+          "/api/v1/engines/5x/samples", "/api/v1/engines/5/samples?after=x", "/api/v1/engines/5/x",
+          "/api/v1/enginesx/5/samples", "/api/v1/engines/-5/diagnosis"})
+        EXPECT_FALSE(pages.page(target)) << target;
+}
+
+TEST(History, MergesNothingThatTellsOfAChange) {
+    const auto sample = [](std::int64_t run, std::uint32_t state, Presence presence) {
+        Sample one{.time_ms = 5000, .presence = presence};
+        if (presence != Presence::absent) one.stats.emplace().state = state;
+        one.totals.run = run;
+        return one;
     };
-    const std::string diagnosis = pages.page("/diagnosis.json")->body;
-    EXPECT_TRUE(has(diagnosis, R"([{"client_id":5,"watched_s":0.599,)")) << diagnosis;
-    EXPECT_TRUE(has(diagnosis, R"({"client_id":6,"watched_s":0.599,)"));
-    EXPECT_TRUE(has(pages.page("/metrics")->body, "tavistro_up{client_id=\"6\"} 0\n"));
-    EXPECT_TRUE(has(pages.page("/")->body, "const recorded = null;"));
-    EXPECT_FALSE(pages.page("/other"));
+    const std::vector<Sample> changes{
+        sample(1, 3, Presence::absent), sample(1, 3, Presence::alive), sample(2, 3, Presence::alive),
+        sample(2, 4, Presence::alive),  sample(2, 4, Presence::ended), sample(2, 4, Presence::ended)};
+    EXPECT_EQ(thinned(changes, 60'000).size(), 5U);
+    EXPECT_EQ(thinned(changes, 0).size(), 6U);
 }
 
 }  // namespace

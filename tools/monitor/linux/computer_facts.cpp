@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -109,7 +110,7 @@ readings::Json computer_facts() {
         {"sound_cards", text_at("/proc/asound/cards")},
         {"engine_libraries", engine_libraries()}};
     for (auto fact = facts.begin(); fact != facts.end();)
-        fact = *fact == "" ? facts.erase(fact) : fact + 1;
+        fact = *fact == "" ? facts.erase(fact) : std::next(fact);
     return facts;
 }
 
