@@ -23,7 +23,7 @@ constexpr double piece_s = 120;
 constexpr double least_certain_ppm = 500;
 
 /// In the order of Cause.
-constexpr std::array<std::string_view, 14> cause_names{
+constexpr std::array<std::string_view, cause_count> cause_names{
     "no engine",       "engine silent",   "engine stopped",  "engine failed", "server silent",
     "format mismatch", "network loss",    "missing notices", "late network",  "device stall",
     "device too slow", "device too fast", "device uneven",   "host overload"};

@@ -30,6 +30,7 @@ enum class Cause {
     device_uneven,
     host_overload,
 };
+inline constexpr std::size_t cause_count = static_cast<std::size_t>(Cause::host_overload) + 1;
 std::string_view cause_text(Cause cause);
 
 /// Seconds since the first sample of a history.
@@ -57,7 +58,7 @@ inline constexpr double least_watched_s = 4;
 
 struct Account {
     double watched_s = 0;
-    std::int64_t from_ms = 0;  ///< time of the first sample, since 1970
+    std::int64_t from_ms = 0;       ///< time of the first sample, since 1970
     std::vector<Fact> facts{};      ///< in the order of time
     std::vector<Finding> causes{};  ///< in the order of Cause
     /// Set when something was heard that no cause explains: what would make it clear.

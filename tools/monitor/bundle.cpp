@@ -48,8 +48,8 @@ class TarWriter {
     void add(const std::string& name, const std::string& content) {
         constexpr std::size_t block = 512;
         struct Header {
-            char name[100], mode[8], uid[8], gid[8], size[12], mtime[12], checksum[8], type, link[100],
-                magic[6], version[2], rest[247];
+            char name[100], mode[8], uid[8], gid[8], size[12], mtime[12], checksum[8], type,
+                link[100], magic[6], version[2], rest[247];
         } header{};
         static_assert(sizeof header == block);
         const auto set = [](auto& field, const std::string& text) {
@@ -66,7 +66,8 @@ class TarWriter {
         set(header.magic, std::string("ustar\0", 6));
         set(header.version, "00");
         const auto* const bytes = reinterpret_cast<const unsigned char*>(&header);
-        set(header.checksum, fmt::format("{:06o}", std::accumulate(bytes, bytes + block, 0U)) + '\0');
+        set(header.checksum,
+            fmt::format("{:06o}", std::accumulate(bytes, bytes + block, 0U)) + '\0');
         write(std::string_view(reinterpret_cast<const char*>(&header), block));
         write(content);
         write(std::string((block - content.size() % block) % block, '\0'));
@@ -110,8 +111,9 @@ Json facts() {
 
 /// A recording of samples, as bytes.
 std::string recorded(std::span<const Sample> samples) {
-    const auto path = std::filesystem::temp_directory_path() /
-                      fmt::format("tavistro-{}", std::chrono::system_clock::now().time_since_epoch().count());
+    const auto path =
+        std::filesystem::temp_directory_path() /
+        fmt::format("tavistro-{}", std::chrono::system_clock::now().time_since_epoch().count());
     const std::unique_ptr<const std::filesystem::path, void (*)(const std::filesystem::path*)>
         remover(&path, [](const auto* file) {
             std::error_code ignored;
@@ -128,7 +130,8 @@ std::string recorded(std::span<const Sample> samples) {
 
 std::vector<std::string> pack_bundle(const std::string& path, const BundleContents& contents) {
     std::map<std::string, std::string> files;  // by name, so that no two have the same
-    const auto add = [&](const std::string& folder, const std::string& source, std::string content) {
+    const auto add = [&](const std::string& folder, const std::string& source,
+                         std::string content) {
         constexpr std::size_t longest_name = 80;
         std::string name = std::filesystem::path(source).filename().string();
         name = name.substr(name.size() - std::min(name.size(), longest_name));
@@ -163,8 +166,7 @@ std::vector<std::string> pack_bundle(const std::string& path, const BundleConten
 }
 
 std::string bundle_name() {
-    return fmt::format("tavistro-bundle-{:%Y%m%d-%H%M%S}.tar.gz",
-                       fmt::gmtime(std::time(nullptr)));
+    return fmt::format("tavistro-bundle-{:%Y%m%d-%H%M%S}.tar.gz", fmt::gmtime(std::time(nullptr)));
 }
 
 std::string without_addresses(const std::string& text) {

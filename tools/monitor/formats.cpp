@@ -17,7 +17,6 @@ namespace tavistro::monitor {
 namespace {
 
 using readings::Field;
-using readings::FieldKind;
 using readings::FieldType;
 using readings::histogram;
 using readings::Json;
@@ -94,47 +93,6 @@ void add_values(std::string& row, const void* record, std::span<const Field> fie
     }
 }
 
-void add_family(std::string& text, std::string_view name, FieldKind kind, std::string_view help) {
-    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n", name, help,
-                        kind == FieldKind::counter ? "counter" : "gauge");
-}
-
-/// Buckets that include those below, as histogram_quantile() wants them.
-void add_buckets(std::string& text, std::string_view name, std::uint32_t client_id,
-                 const readings::Histogram& counts) {
-    std::uint64_t sum = 0;
-    for (std::size_t i = 0; i < counts.size(); ++i) {
-        const bool last = i + 1 == counts.size();
-        sum += counts[i];
-        text += fmt::format("{}{{client_id=\"{}\",le=\"{}\"}} {}\n", name, client_id,
-                            last ? "+Inf" : fmt::to_string(readings::histogram_bounds_us[i]), sum);
-    }
-}
-
-/// The fields of a record of every engine that runs.
-void add_fields(std::string& text, std::string_view prefix, std::span<const Field> fields,
-                std::span<const Sample> samples, const void* (*record_of)(const Sample&)) {
-    for (const Field& field : fields) {
-        if (field.name == "client_id") continue;  // a label of all
-        const bool is_histogram = field.type == FieldType::histogram;
-        const char* const ending = is_histogram                       ? "_bucket"
-                                   : field.kind == FieldKind::counter ? "_total"
-                                                                      : "";
-        const std::string name = fmt::format("{}{}{}", prefix, field.name, ending);
-        add_family(text, name, field.kind, field.help);
-        for (const Sample& sample : samples) {
-            if (sample.presence != Presence::alive) continue;
-            const void* const record = record_of(sample);
-            if (is_histogram) {
-                add_buckets(text, name, sample.client_id, histogram(record, field));
-            } else {
-                text += fmt::format("{}{{client_id=\"{}\"}} {}\n", name, sample.client_id,
-                                    text_of(number(record, field)));
-            }
-        }
-    }
-}
-
 }  // namespace
 
 std::string to_json(const Sample& sample) {
@@ -166,9 +124,10 @@ std::string engines_json(std::int64_t monitor_start_ms, std::span<const Sample> 
                          const Accounts& accounts) {
     Json engines = Json::array();
     for (const Sample& sample : newest)
-        engines.push_back({{"client_id", sample.client_id},
-                           {"newest", sample_json(sample)},
-                           {"diagnosis", account_json(sample.client_id, accounts.at(sample.client_id))}});
+        engines.push_back(
+            {{"client_id", sample.client_id},
+             {"newest", sample_json(sample)},
+             {"diagnosis", account_json(sample.client_id, accounts.at(sample.client_id))}});
     return Json{{"monitor_version", version_text},
                 {"monitor_start_ms", monitor_start_ms},
                 {"engines", engines}}
@@ -211,21 +170,6 @@ std::string csv_row(const Sample& sample) {
     add_values(row, &stats, stats_fields());
     add_values(row, &sample.totals, totals_fields());
     return row;
-}
-
-std::string to_prometheus(std::span<const Sample> samples) {
-    std::string text;
-    add_family(text, "tavistro_up", FieldKind::gauge,
-               "Whether an engine of this client_id is running");
-    for (const Sample& sample : samples)
-        text += fmt::format("tavistro_up{{client_id=\"{}\"}} {}\n", sample.client_id,
-                            sample.presence == Presence::alive ? 1 : 0);
-    add_fields(text, "tavistro_", stats_fields(), samples,
-               [](const Sample& sample) -> const void* { return &*sample.stats; });
-    // The monitor counts some of what the engine counts, but for as long as it watches.
-    add_fields(text, "tavistro_monitor_", totals_fields(), samples,
-               [](const Sample& sample) -> const void* { return &sample.totals; });
-    return text;
 }
 
 }  // namespace tavistro::monitor

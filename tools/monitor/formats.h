@@ -33,9 +33,6 @@ Sample from_json(const std::string& text);
 std::string csv_heading();
 std::string csv_row(const Sample& sample);
 
-/// The text format of Prometheus, for the newest sample of every client.
-std::string to_prometheus(std::span<const Sample> samples);
-
 /// The page that draws samples: live from the monitor's HTTP server, or of a recording, complete in
 /// one file.
 std::string live_page();

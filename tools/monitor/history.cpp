@@ -49,8 +49,7 @@ void append(Samples& to, const Sample& sample, std::int64_t width_ms) {
     }
 }
 
-void append_later(const std::deque<Sample>& from, std::int64_t time_ms,
-                  std::vector<Sample>& to) {
+void append_later(const std::deque<Sample>& from, std::int64_t time_ms, std::vector<Sample>& to) {
     std::ranges::copy_if(from, std::back_inserter(to),
                          [&](const Sample& sample) { return sample.time_ms > time_ms; });
 }

@@ -13,8 +13,8 @@ namespace tavistro::monitor {
 
 /// The samples of each client, at most one for each `width_ms`: the last is kept, with the extremes
 /// of all where the last value alone would hide something (buffer depth, latencies, host pauses).
-/// Counters only grow, so the last has the sum. Samples are merged only while presence, state, error
-/// and run stay the same. With a width of 0 none are.
+/// Counters only grow, so the last has the sum. Samples are merged only while presence, state,
+/// error and run stay the same. With a width of 0 none are.
 std::vector<Sample> thinned(std::span<const Sample> samples, std::int64_t width_ms);
 
 /// Not thread-safe.

@@ -3,15 +3,20 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <iterator>
 #include <utility>
 
+#include "tools/http/metrics_text.h"
 #include "tools/monitor/formats.h"
+#include "tools/monitor/metrics.h"
 
 namespace tavistro::monitor {
 
+using http::HttpPage;
+
 namespace {
 
-/// A cause that is over leaves the list of engines after this time.
+/// A cause that is over leaves the list of engines and the metrics after this time.
 constexpr std::int64_t judged_ms = 120'000;
 
 /// A whole text; nothing for another one.
@@ -41,10 +46,13 @@ std::optional<HttpPage> LivePages::page(std::string_view target) const {
     constexpr const char* json = "application/json";
     if (target == "/") return HttpPage{"text/html; charset=utf-8", live_page()};
     if (target == "/metrics") {
-        const std::lock_guard lock(mutex_);
-        return HttpPage{"text/plain; version=0.0.4; charset=utf-8", to_prometheus(newest_)};
+        const auto [newest, accounts] = judged();
+        return HttpPage{http::metrics_content_type, to_prometheus(newest, accounts)};
     }
-    if (target == engines_target) return HttpPage{json, engines()};
+    if (target == engines_target) {
+        const auto [newest, accounts] = judged();
+        return HttpPage{json, engines_json(start_ms_, newest, accounts)};
+    }
     if (!target.starts_with(engines_target)) return std::nullopt;
     target.remove_prefix(engines_target.size());
     const std::size_t slash = target.find('/', 1);
@@ -56,18 +64,17 @@ std::optional<HttpPage> LivePages::page(std::string_view target) const {
     return HttpPage{json, std::move(*body)};
 }
 
-std::string LivePages::engines() const {
+std::pair<std::vector<Sample>, Accounts> LivePages::judged() const {
     std::vector<Sample> newest;
-    std::vector<Sample> judged;
+    std::vector<Sample> recent;
     {
         const std::lock_guard lock(mutex_);
         newest = newest_;
         for (const Sample& sample : newest)
-            std::ranges::move(
-                histories_.at(sample.client_id).recent(sample.time_ms - judged_ms),
-                std::back_inserter(judged));
+            std::ranges::move(histories_.at(sample.client_id).recent(sample.time_ms - judged_ms),
+                              std::back_inserter(recent));
     }
-    return engines_json(start_ms_, newest, judge_each(judged));
+    return {std::move(newest), judge_each(recent)};
 }
 
 std::optional<std::string> LivePages::engine(std::uint32_t client_id, std::string_view what) const {

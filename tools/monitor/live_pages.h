@@ -7,11 +7,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "tools/http/http_server.h"
 #include "tools/monitor/account.h"
 #include "tools/monitor/history.h"
-#include "tools/monitor/http_server.h"
 #include "tools/monitor/sample.h"
 
 namespace tavistro::monitor {
@@ -22,10 +23,11 @@ class LivePages {
     LivePages();
     /// A reading of all clients.
     void add(const std::vector<Sample>& samples);
-    std::optional<HttpPage> page(std::string_view target) const;
+    std::optional<http::HttpPage> page(std::string_view target) const;
 
   private:
-    std::string engines() const;
+    /// The newest samples, and an account of the last two minutes of each engine among them.
+    std::pair<std::vector<Sample>, Accounts> judged() const;
     /// Nothing for an engine that was never seen.
     std::optional<std::string> engine(std::uint32_t client_id, std::string_view what) const;
 

@@ -9,9 +9,9 @@
 #include <thread>
 #include <utility>
 
+#include "tools/http/http_server.h"
 #include "tools/monitor/bundle.h"
 #include "tools/monitor/formats.h"
-#include "tools/monitor/http_server.h"
 #include "tools/monitor/live_pages.h"
 #include "tools/monitor/observer.h"
 #include "tools/monitor/options.h"
@@ -73,7 +73,7 @@ int watch(const Options& options) {
     std::optional<RecordingWriter> record;
     if (!options.record_path.empty()) record.emplace(options.record_path);
     LivePages pages;
-    std::optional<HttpServer> server;
+    std::optional<http::HttpServer> server;
     if (!options.http_address.empty()) {
         server.emplace(options.http_address, [&](auto target) { return pages.page(target); });
         std::cerr << server->url() << std::endl;
@@ -151,8 +151,7 @@ int write_bundle(const Options& options) {
                                   .configurations = options.bundled_configurations,
                                   .seen_now = seen_now,
                                   .with_addresses = options.with_addresses};
-    const std::string path =
-        options.output_path.empty() ? bundle_name() : options.output_path;
+    const std::string path = options.output_path.empty() ? bundle_name() : options.output_path;
     for (const std::string& name : pack_bundle(path, contents))
         std::cout << "  " << name << '\n';
     std::cout << "wrote " << path << '\n';

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/monitor/http_server.h"
+#include "tools/http/http_server.h"
 #include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
@@ -67,7 +67,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     app.add_option("--http", options.http_address, "Also serve a page with plots")
         ->type_name("[ADDR:]PORT")
         ->check([](const std::string& text) {
-            return is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
+            return http::is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
         });
 
     const auto add_part = [&](CLI::App* command) {
@@ -100,8 +100,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         ->check(client_id);
     CLI::Option* const explain_time =
         explain->add_option("--seconds", options.seconds, "How long to watch (30)")->check(time);
-    explain
-        ->add_option("--recording", options.recording_path, "Explain a recording instead")
+    explain->add_option("--recording", options.recording_path, "Explain a recording instead")
         ->type_name("FILE")
         ->excludes(explain_time);
     add_part(explain);
@@ -111,8 +110,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     add_recording(convert);
     convert->add_flag("--csv", csv, "Print a table for spreadsheets instead");
 
-    CLI::App* const bundle = app.add_subcommand(
-        "bundle", "Pack what a support person needs into one file to send");
+    CLI::App* const bundle =
+        app.add_subcommand("bundle", "Pack what a support person needs into one file to send");
     bundle->footer(
         "The file has the recordings, what explain says of them, the configurations, the versions\n"
         "of the programs, and facts about this computer. IP and MAC addresses, server_ip and the\n"

@@ -10,18 +10,13 @@ using readings::Field;
 using readings::FieldKind;
 using readings::FieldType;
 
-#define FIELD(name, offset, type, kind, help) \
-    {name, offset, FieldType::type, FieldKind::kind, help},
-#define GAUGE(name, help) FIELD(#name, offsetof(Totals, name), i64, gauge, help)
-#define COUNTER(name, help) FIELD(#name, offsetof(Totals, name), i64, counter, help)
-#define REAL(name, help) FIELD(#name, offsetof(Totals, name), real, gauge, help)
-#define PART(name, part, help) \
-    FIELD(#name "_" #part, offsetof(Totals, name) + offsetof(Trouble, part), i64, counter, help)
-/// `what` is counted, and begins with a capital.
-#define TROUBLE(name, what)                            \
-    PART(name, count, what)                            \
-    PART(name, seconds, what ": seconds that had any") \
-    PART(name, drop_outs, what ": drop-outs in those seconds or beside them")
+#define FIELD(name, offset, type, kind) {name, offset, FieldType::type, FieldKind::kind},
+#define GAUGE(name, help) FIELD(#name, offsetof(Totals, name), i64, gauge)
+#define COUNTER(name, help) FIELD(#name, offsetof(Totals, name), i64, counter)
+#define REAL(name, help) FIELD(#name, offsetof(Totals, name), real, gauge)
+#define PART(name, part) \
+    FIELD(#name "_" #part, offsetof(Totals, name) + offsetof(Trouble, part), i64, counter)
+#define TROUBLE(name, what) PART(name, count) PART(name, seconds) PART(name, drop_outs)
 
 constexpr Field table[] = {
 #include "tools/monitor/totals.def"

@@ -22,7 +22,6 @@ struct Field {
     std::size_t offset;
     FieldType type;
     FieldKind kind = FieldKind::gauge;
-    std::string_view help = {};
     std::string_view (*text)(std::uint32_t code) =
         nullptr;  ///< text of a code; null for other fields
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "tools/http/http_server.h"
 #include "tools/nearest_word.h"
 #include "tools/number_range.h"
 #include "tools/version_flag.h"
@@ -126,6 +127,12 @@ void add_arguments(CLI::App& app, CommandLine& command) {
         ->check(number_range(TavistroProtocol::min_udp_payload_bytes,
                              TavistroProtocol::max_udp_payload_bytes));
     app.add_option("--seconds", command.seconds, "run time in s; 0: until interrupted");
+    app.add_option("--metrics", command.metrics_address,
+                   "serve /metrics for Prometheus; ADDR is localhost by default")
+        ->type_name("[ADDR:]PORT")
+        ->check([](const std::string& text) {
+            return http::is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
+        });
     app.add_flag("--json", command.json, "print one JSON object per line instead of text");
 
     begin_group("Sources, recordings and measurements, each may be repeated");

@@ -11,8 +11,9 @@ namespace tavistro::server {
 
 struct CommandLine {
     ServerOptions options;
-    std::uint32_t seconds = 0;  ///< run time; 0: until interrupted
-    bool json = false;          ///< one JSON object per line instead of text
+    std::uint32_t seconds = 0;      ///< run time; 0: until interrupted
+    bool json = false;              ///< one JSON object per line instead of text
+    std::string metrics_address{};  ///< [ADDR:]PORT; empty for none
 };
 
 /// The valid arguments; otherwise a message to print and an exit code.

@@ -1,11 +1,17 @@
 #include "tools/server/server_program.h"
 
 #include <algorithm>
+#include <optional>
 #include <ostream>
+#include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "platform/clock.h"
+#include "tools/http/http_server.h"
+#include "tools/http/metrics_text.h"
 #include "tools/server/command_line.h"
+#include "tools/server/metrics.h"
 #include "tools/server/reference_server.h"
 #include "tools/server/report.h"
 #include "tools/stop_request.h"
@@ -64,6 +70,21 @@ int run_server_program(int argc, const char* const* argv, std::ostream& out, std
     if (const std::string error = server.start(); !error.empty()) {
         err << "tavistro-server: " << error << "\n";
         return 1;
+    }
+    std::optional<http::HttpServer> metrics;
+    if (!command.metrics_address.empty()) {
+        try {
+            metrics.emplace(command.metrics_address, [&](std::string_view target) {
+                return target == "/metrics"
+                           ? std::optional(http::HttpPage{http::metrics_content_type,
+                                                          to_prometheus(server.snapshot())})
+                           : std::nullopt;
+            });
+        } catch (const std::runtime_error& error) {
+            err << "tavistro-server: --metrics: " << error.what() << "\n";
+            return 1;
+        }
+        err << metrics->url() << "metrics" << std::endl;
     }
     take_stop_signals();  // not before: loading an audio file takes its time
     const Report report(command.json);

@@ -16,6 +16,7 @@
 #include "tavistro/engine.h"
 #include "tools/monitor/bundle.h"
 #include "tools/monitor/formats.h"
+#include "tools/monitor/metrics.h"
 #include "tools/monitor/observer.h"
 #include "tools/monitor/recording.h"
 #include "tools/monitor/screen.h"
@@ -70,7 +71,8 @@ struct ScratchFile {
 };
 
 TEST(Recording, GivesBackWhatWasRecordedInBothForms) {
-    std::vector<Sample> written{distinct_sample(), {.time_ms = 1, .client_id = 4}, distinct_sample()};
+    std::vector<Sample> written{
+        distinct_sample(), {.time_ms = 1, .client_id = 4}, distinct_sample()};
     written[2].time_ms += 20'000;
     written[2].stats->underruns = 0;
     written[2].stats->rendered_frames = std::uint64_t{1} << 40;
@@ -137,7 +139,7 @@ TEST(Bundle, LeavesAddressesOut) {
         EXPECT_EQ(without_addresses(text), guarded);
 }
 
-TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
+TEST(Formats, TablesHaveAColumnForEachNumber) {
     const Sample sample = distinct_sample();
     std::istringstream names(csv_heading());
     std::istringstream values(csv_row(sample));
@@ -156,24 +158,6 @@ TEST(Formats, TablesHaveAColumnForEachNumberAndPrometheusABucketForAllBelow) {
               sample.totals.clock_uncertainty_ppm);
 
     EXPECT_TRUE(csv_row({.time_ms = 1, .client_id = 4}).starts_with("1,absent,0,0,0,4,"));
-
-    Sample ended = sample;
-    ended.client_id = 4;
-    ended.presence = Presence::ended;
-    const std::string metrics = to_prometheus(std::vector{sample, ended});
-    const std::string replaced = std::to_string(sample.totals.replaced.count);
-    for (const std::string& line : std::initializer_list<std::string>{
-             "tavistro_up{client_id=\"3\"} 1\n", "tavistro_up{client_id=\"4\"} 0\n",
-             "# TYPE tavistro_underruns_total counter\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"250\"} 18200\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"500\"} 36300\n",
-             "tavistro_rtt_histogram_bucket{client_id=\"3\",le=\"+Inf\"} 177500\n",
-             "# TYPE tavistro_monitor_server_faster_ppm gauge\n",
-             "# TYPE tavistro_monitor_paused_periods_total counter\n",
-             "tavistro_monitor_replaced_count_total{client_id=\"3\"} " + replaced + "\n"})
-        EXPECT_NE(metrics.find(line), std::string::npos) << line;
-    EXPECT_EQ(metrics.find("{client_id=\"4\"}", metrics.find("# TYPE tavistro_state")),
-              std::string::npos);
 }
 
 Account account_of_trouble(const std::string& text) {
@@ -187,11 +171,45 @@ Account account_of_trouble(const std::string& text) {
 TEST(Formats, AnAccountKeepsItsWordsAndEndsNoScript) {
     const std::string name(cause_text(Cause::network_loss));
     const std::string json = to_json_array(Accounts{{3, account_of_trouble("</script>")}, {4, {}}});
-    for (const std::string& part : std::initializer_list<std::string>{
-             R"([{"client_id":3,"from_ms":0,"watched_s":14.5,"facts":[{"name":"blocks lost","from_s":0.0,)",
-             R"({"cause":")" + name + R"(","from_s":2.5,"until_s":9.0,"text":"\u003c/script>"}],)",
-             R"("not_clear_yet":"\u003c/script>"},)"})
+    for (
+        const std::string& part : std::initializer_list<std::string>{
+            R"([{"client_id":3,"from_ms":0,"watched_s":14.5,"facts":[{"name":"blocks lost","from_s":0.0,)",
+            R"({"cause":")" + name + R"(","from_s":2.5,"until_s":9.0,"text":"\u003c/script>"}],)",
+            R"("not_clear_yet":"\u003c/script>"},)"})
         EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
+}
+
+TEST(Metrics, AreInBaseUnitsForEnginesThatRunWithTheCausesOfAll) {
+    Sample sample = distinct_sample();
+    sample.stats->state = TAVISTRO_STATE_RUNNING;
+    sample.stats->stream_sample_rate = 48000;
+    sample.stats->target_frames = 768;
+    sample.stats->buffer_us = 15'500;
+    std::ranges::copy(Histogram{10, 4, 2, 0, 0, 0, 0, 0, 0, 1}, sample.stats->rtt_histogram);
+    sample.totals.clock_uncertainty_ppm = 5;
+    sample.totals.server_faster_ppm = -250;
+    Sample ended = sample;
+    ended.client_id = 4;
+    ended.presence = Presence::ended;
+    const std::string metrics = to_prometheus(
+        std::vector{sample, ended}, {{3, account_of_trouble("")}, {4, {.not_clear_yet = "x"}}});
+    for (const std::string& line : std::initializer_list<std::string>{
+             "tavistro_up{client_id=\"3\"} 1", "tavistro_up{client_id=\"4\"} 0",
+             "tavistro_state{client_id=\"3\",state=\"Running\"} 1",
+             "tavistro_state{client_id=\"3\",state=\"Failed\"} 0",
+             "tavistro_cause{client_id=\"3\",cause=\"network_loss\"} 1",
+             "tavistro_cause{client_id=\"3\",cause=\"host_overload\"} 0",
+             "tavistro_cause{client_id=\"4\",cause=\"network_loss\"} 0",
+             "tavistro_cause_unclear{client_id=\"4\"} 1",
+             "tavistro_buffer_seconds{client_id=\"3\"} 0.0155",
+             "tavistro_buffer_target_seconds{client_id=\"3\"} 0.016",
+             "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"0.00025\"} 10",
+             "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"0.0005\"} 14",
+             "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 17",
+             "tavistro_round_trip_seconds_count{client_id=\"3\"} 17",
+             "tavistro_monitor_server_clock_ratio{client_id=\"3\"} 0.99975"})
+        EXPECT_NE(metrics.find("\n" + line + "\n"), std::string::npos) << line << " in " << metrics;
+    EXPECT_EQ(metrics.find("buffer_seconds{client_id=\"4\"}"), std::string::npos);
 }
 
 TEST(View, FitsWhateverTheNumbers) {

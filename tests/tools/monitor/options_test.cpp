@@ -65,7 +65,8 @@ TEST(Options, RefusesWhatDoesNotGoTogetherAndHasDefaults) {
     EXPECT_EQ(parsed({"explain", "7", "--seconds", "2"}).seconds, 2);
     EXPECT_TRUE(parsed({"explain", "--recording", "a"}).client_ids.empty());
     EXPECT_EQ(parsed({"bundle"}).seconds, 30);
-    const Options part = parsed({"convert", "a", "--csv", "--from", "1:15.5", "--until", "2:00:01"});
+    const Options part =
+        parsed({"convert", "a", "--csv", "--from", "1:15.5", "--until", "2:00:01"});
     EXPECT_EQ(part.format, Options::Format::csv);
     EXPECT_EQ(part.from_s, 75.5);
     EXPECT_EQ(part.until_s, 7201);
@@ -107,7 +108,8 @@ TEST(LivePages, HaveHoursOfEachEngineTheOlderReadingsMerged) {
     EXPECT_EQ(list[0]["newest"]["stats"]["underruns"], seconds - 1);
     EXPECT_EQ(list[0]["diagnosis"]["watched_s"], 119);
     EXPECT_EQ(list[1]["diagnosis"]["causes"][0]["cause"], "no engine");
-    EXPECT_NE(pages.page("/metrics")->body.find("tavistro_up{client_id=\"6\"} 0\n"), std::string::npos);
+    EXPECT_NE(pages.page("/metrics")->body.find("tavistro_up{client_id=\"6\"} 0\n"),
+              std::string::npos);
     EXPECT_NE(pages.page("/")->body.find("const recorded = null;"), std::string::npos);
     for (const char* const target :
          {"/other", "/api/v1/engines/", "/api/v1/engines/5", "/api/v1/engines/7/samples",
@@ -124,8 +126,9 @@ TEST(History, MergesNothingThatTellsOfAChange) {
         return one;
     };
     const std::vector<Sample> changes{
-        sample(1, 3, Presence::absent), sample(1, 3, Presence::alive), sample(2, 3, Presence::alive),
-        sample(2, 4, Presence::alive),  sample(2, 4, Presence::ended), sample(2, 4, Presence::ended)};
+        sample(1, 3, Presence::absent), sample(1, 3, Presence::alive),
+        sample(2, 3, Presence::alive),  sample(2, 4, Presence::alive),
+        sample(2, 4, Presence::ended),  sample(2, 4, Presence::ended)};
     EXPECT_EQ(thinned(changes, 60'000).size(), 5U);
     EXPECT_EQ(thinned(changes, 0).size(), 6U);
 }

@@ -75,7 +75,8 @@ Json engine_libraries() {
         std::ifstream maps(process.path() / "maps");
         for (std::string line; std::getline(maps, line);) {
             const std::size_t name = line.rfind('/');
-            if (name != std::string::npos && line.find("libtavistro_engine", name) != std::string::npos)
+            if (name != std::string::npos &&
+                line.find("libtavistro_engine", name) != std::string::npos)
                 names.insert(line.substr(name + 1));
         }
     }
@@ -89,26 +90,26 @@ readings::Json computer_facts() {
     uname(&system);
     const std::string processor = text_at("/proc/cpuinfo");
     const fs::path cpu = "/sys/devices/system/cpu";
-    Json facts{
-        {"system", value_in(text_at("/etc/os-release"), "PRETTY_NAME")},
-        {"kernel", fmt::format("{} {}", system.release, system.version)},
-        {"real_time_kernel", text_at("/sys/kernel/realtime") == "1"},
-        {"machine", system.machine},
-        {"virtual_machine", processor.find(" hypervisor") != std::string::npos},
-        {"processor", value_in(processor, "model name")},
-        {"processors", std::thread::hardware_concurrency()},
-        {"processors_isolated", text_at(cpu / "isolated")},
-        {"frequency_governor", text_at(cpu / "cpu0/cpufreq/scaling_governor")},
-        {"memory", value_in(text_at("/proc/meminfo"), "MemTotal")},
-        {"load", text_at("/proc/loadavg")},
-        {"clock_source", text_at("/sys/devices/system/clocksource/clocksource0/current_clocksource")},
-        {"limit_real_time_priority", limit_of(RLIMIT_RTPRIO)},
-        {"limit_locked_memory_bytes", limit_of(RLIMIT_MEMLOCK)},
-        {"largest_receive_buffer_bytes", text_at("/proc/sys/net/core/rmem_max")},
-        {"largest_send_buffer_bytes", text_at("/proc/sys/net/core/wmem_max")},
-        {"network_interfaces", network_interfaces()},
-        {"sound_cards", text_at("/proc/asound/cards")},
-        {"engine_libraries", engine_libraries()}};
+    Json facts{{"system", value_in(text_at("/etc/os-release"), "PRETTY_NAME")},
+               {"kernel", fmt::format("{} {}", system.release, system.version)},
+               {"real_time_kernel", text_at("/sys/kernel/realtime") == "1"},
+               {"machine", system.machine},
+               {"virtual_machine", processor.find(" hypervisor") != std::string::npos},
+               {"processor", value_in(processor, "model name")},
+               {"processors", std::thread::hardware_concurrency()},
+               {"processors_isolated", text_at(cpu / "isolated")},
+               {"frequency_governor", text_at(cpu / "cpu0/cpufreq/scaling_governor")},
+               {"memory", value_in(text_at("/proc/meminfo"), "MemTotal")},
+               {"load", text_at("/proc/loadavg")},
+               {"clock_source",
+                text_at("/sys/devices/system/clocksource/clocksource0/current_clocksource")},
+               {"limit_real_time_priority", limit_of(RLIMIT_RTPRIO)},
+               {"limit_locked_memory_bytes", limit_of(RLIMIT_MEMLOCK)},
+               {"largest_receive_buffer_bytes", text_at("/proc/sys/net/core/rmem_max")},
+               {"largest_send_buffer_bytes", text_at("/proc/sys/net/core/wmem_max")},
+               {"network_interfaces", network_interfaces()},
+               {"sound_cards", text_at("/proc/asound/cards")},
+               {"engine_libraries", engine_libraries()}};
     for (auto fact = facts.begin(); fact != facts.end();)
         fact = *fact == "" ? facts.erase(fact) : std::next(fact);
     return facts;

@@ -1,4 +1,4 @@
-#include "tools/monitor/http_server.h"
+#include "tools/http/http_server.h"
 
 #include <httplib/httplib.h>
 
@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-namespace tavistro::monitor {
+namespace tavistro::http {
 
 namespace {
 
@@ -91,11 +91,7 @@ class HttpServer::Server : private httplib::Server {
         });
         set_keep_alive_timeout(patience / std::chrono::seconds(1));
         set_keep_alive_max_count(1'000'000);
-        // The page asks anew for everything when the monitor is another one than before.
-        const auto start = std::chrono::system_clock::now().time_since_epoch();
-        set_default_headers(
-            {{"Cache-Control", "no-store"},
-             {"Monitor-Start", std::to_string(start / std::chrono::milliseconds(1))}});
+        set_default_headers({{"Cache-Control", "no-store"}});
         set_pre_routing_handler([this](const auto& request, auto& response) {
             answer(request, response);
             return HandlerResponse::Handled;
@@ -172,8 +168,7 @@ class HttpServer::Server : private httplib::Server {
             response.body = std::move(page->body);
         } else {
             response.status = 404;
-            response.set_content(
-                "no such page; there are /, /metrics, /samples.json and /diagnosis.json\n", text);
+            response.set_content("no such page\n", text);
         }
     }
 
@@ -204,4 +199,4 @@ std::string HttpServer::url() const {
     return server_->url();
 }
 
-}  // namespace tavistro::monitor
+}  // namespace tavistro::http

@@ -9,9 +9,9 @@
 #include <tuple>
 
 #include "support/eventually.h"
-#include "tools/monitor/http_server.h"
+#include "tools/http/http_server.h"
 
-namespace tavistro::monitor {
+namespace tavistro::http {
 namespace {
 
 using namespace std::chrono_literals;
@@ -69,7 +69,7 @@ TEST(Http, AnswersWhatItHasAndRefusesTheRestOnOneConnection) {
     for (const auto& [line, headers, status, ending] :
          {std::tuple{"GET /page?x=1", "", "200 OK", "\r\n\r\nthe page"},
           {"HEAD /page?x=1", "", "200 OK", "\r\n\r\n"},
-          {"GET /page", "", "404 Not Found", "and /diagnosis.json\n"},
+          {"GET /page", "", "404 Not Found", "no such page\n"},
           {"DELETE /page?x=1", "", "405 Method Not Allowed", "only GET and HEAD\n"},
           {"GET /page?x=1", "Range: bytes=0-,0-,0-,0-\r\n", "200 OK", "\r\n\r\nthe page"}}) {
         ASSERT_TRUE(peer.send(request(line, headers))) << line;
@@ -82,7 +82,7 @@ TEST(Http, AnswersWhatItHasAndRefusesTheRestOnOneConnection) {
         EXPECT_NE(answer.find("Content-Type: text/x\r\n"), std::string::npos) << answer;
     }
     peer.send(request("GET /page", "Connection: close\r\n"));
-    EXPECT_TRUE(peer.receive().ends_with("and /diagnosis.json\n"));
+    EXPECT_TRUE(peer.receive().ends_with("no such page\n"));
 }
 
 TEST(Http, ListensAtThisComputerAloneAndAtAPortThatIsFree) {
@@ -164,4 +164,4 @@ TEST(Http, HasANumberOfConnectionsAndStopsAtOnceWhateverTheyDo) {
 }
 
 }  // namespace
-}  // namespace tavistro::monitor
+}  // namespace tavistro::http

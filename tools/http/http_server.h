@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace tavistro::monitor {
+namespace tavistro::http {
 
 struct HttpPage {
     std::string content_type;
@@ -21,7 +21,7 @@ bool is_http_address(const std::string& address);
 
 class HttpServer {
   public:
-    /// The page of a target ("/metrics", "/samples.json?after=5"); nothing for one that does not
+    /// The page of a target ("/metrics", "/page?after=5"); nothing for one that does not
     /// exist. Called on the server's threads, on several at once.
     using Pages = std::function<std::optional<HttpPage>(std::string_view target)>;
 
@@ -44,4 +44,4 @@ class HttpServer {
     std::unique_ptr<Server> server_;
 };
 
-}  // namespace tavistro::monitor
+}  // namespace tavistro::http
