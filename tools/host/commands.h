@@ -11,6 +11,9 @@ namespace tavistro::host {
 
 class StartAdvice;
 
+/// Exit code for arguments, and for a configuration to run, that cannot be used.
+inline constexpr int wrong_arguments = 2;
+
 /// Does what the arguments ask for. Returns the exit code: that of the subcommand, 2 for wrong
 /// arguments. On the main thread: `run` takes signals.
 int run_host_program(int argc, const char* const* argv, std::ostream& out, std::ostream& errors);
@@ -39,15 +42,21 @@ struct ServersOptions {
 /// any did, 1 when none (then `errors` says who was asked) or when the network cannot be used.
 int list_servers(const ServersOptions& options, bool json, std::ostream& out, std::ostream& errors);
 
-/// Drives the engine as any host would, through its five functions, until so many seconds are over,
-/// an interrupt or termination signal arrives, or the engine fails. Shows the run on `out`, the
+struct RunOptions {
+    std::optional<double> seconds = {};  ///< how long; else until a signal
+    double status_period_s = 1;          ///< between two status lines; 0: none
+    bool json = false;
+};
+
+/// Drives the engine as any host would, through its five functions, until its time is over, an
+/// interrupt or termination signal arrives, or the engine fails. Shows the run on `out`, the
 /// reason of a failure on `errors`, with what `advice` adds to it. Returns the exit code: 0 after a
 /// clean stop, 1 when the run was refused or failed.
-int run_engine(const std::string& config_path, std::optional<double> seconds, bool json,
-               const StartAdvice& advice, std::ostream& out, std::ostream& errors);
+int run_engine(const std::string& config_path, const RunOptions& options, const StartAdvice& advice,
+               std::ostream& out, std::ostream& errors);
 
 /// What `run` comes to with a configuration that cannot be loaded: says why, as check_config()
-/// does, and shows a failed run. Returns the exit code, 1.
+/// does, and shows a failed run. Returns wrong_arguments: trying again is no use.
 int refuse_run(const std::string& config_path, bool json, std::ostream& out, std::ostream& errors);
 
 }  // namespace tavistro::host

@@ -30,9 +30,8 @@ void warn_of_twin(std::uint32_t client_id, std::ostream& errors) {
 }  // namespace
 
 int run_host_program(int argc, const char* const* argv, std::ostream& out, std::ostream& errors) {
-    constexpr int wrong_arguments = 2;
     std::string config_path;
-    std::optional<double> seconds;
+    RunOptions run_options;
     ServersOptions servers_options;
     bool json = false;
 
@@ -43,8 +42,11 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
 
     CLI::App* const run = app.add_subcommand(
         "run", "Run the engine until Ctrl-C; show its state, events and statistics");
-    run->add_option("--seconds", seconds, "Stop after this many seconds")
+    run->add_option("--seconds", run_options.seconds, "Stop after this many seconds")
         ->check(number_range(0.001, 1e9));
+    run->add_option("--status", run_options.status_period_s,
+                    "Seconds between two status lines (1); 0 shows none")
+        ->check(number_range(0, 1e6));
     CLI::App* const check = app.add_subcommand(
         "check", "Say what is wrong with a configuration file, or list its settings");
     for (CLI::App* const command : {run, check})
@@ -94,7 +96,8 @@ int run_host_program(int argc, const char* const* argv, std::ostream& out, std::
     if (!load_engine_config(config_path, config, reason))
         return refuse_run(config_path, json, out, errors);
     warn_of_twin(config.client.client_id, errors);
-    return run_engine(config_path, seconds, json, StartAdvice(config), out, errors);
+    run_options.json = json;
+    return run_engine(config_path, run_options, StartAdvice(config), out, errors);
 }
 
 }  // namespace tavistro::host

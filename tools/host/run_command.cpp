@@ -24,8 +24,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto poll_period = 50ms;
-constexpr auto patience = 500ms;  // for a stop, before the user is told that it takes longer
-constexpr auto status_period = 1s;
+constexpr auto patience = 500ms;       // for a stop, before the user is told that it takes longer
 constexpr auto first_status = 1200ms;  // the engine's first report comes a second after it runs
 
 /// Processor time of all threads of this process so far.
@@ -38,9 +37,13 @@ double process_cpu_seconds() {
 /// Looks at a run from outside and reports what is new.
 class RunWatch {
   public:
-    RunWatch(tavistro_engine* engine, Report& report, const StartAdvice& advice,
-             std::ostream& errors)
-        : engine_(engine), report_(report), advice_(advice), errors_(errors) {}
+    RunWatch(tavistro_engine* engine, Report& report, double status_period_s,
+             const StartAdvice& advice, std::ostream& errors)
+        : engine_(engine),
+          report_(report),
+          status_period_s_(status_period_s),
+          advice_(advice),
+          errors_(errors) {}
 
     void look() {
         const std::uint32_t state_before = state_.state;
@@ -51,8 +54,9 @@ class RunWatch {
             if (news.event.kind == TAVISTRO_EVENT_ATTEMPT_FAILED) advise(news.event.error_code);
         }
         read_stats();  // at each look: a restart of the audio path may be the next
-        if (Clock::now() < next_status_) return;
-        next_status_ += status_period;
+        if (status_period_s_ == 0 || Clock::now() < next_status_) return;
+        next_status_ += std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(status_period_s_));
         report_.status(seconds(), state_, stats());
     }
 
@@ -97,6 +101,7 @@ class RunWatch {
 
     tavistro_engine* engine_;
     Report& report_;
+    double status_period_s_;  ///< 0: none
     const StartAdvice& advice_;
     std::ostream& errors_;
     Clock::time_point start_ = Clock::now();
@@ -121,8 +126,8 @@ void stop(tavistro_engine* engine, std::ostream& errors) {
 
 }  // namespace
 
-int run_engine(const std::string& config_path, std::optional<double> seconds, bool json,
-               const StartAdvice& advice, std::ostream& out, std::ostream& errors) {
+int run_engine(const std::string& config_path, const RunOptions& options, const StartAdvice& advice,
+               std::ostream& out, std::ostream& errors) {
     const std::unique_ptr<tavistro_engine, decltype(&tavistro_engine_destroy)> engine(
         tavistro_engine_create(), tavistro_engine_destroy);
     if (!engine) {
@@ -131,12 +136,13 @@ int run_engine(const std::string& config_path, std::optional<double> seconds, bo
     }
     take_stop_signals();
 
-    const auto report = json ? make_json_report(out) : make_human_report(out);
-    RunWatch watch(engine.get(), *report, advice, errors);
+    const auto report = options.json ? make_json_report(out) : make_human_report(out);
+    RunWatch watch(engine.get(), *report, options.status_period_s, advice, errors);
     const bool started = tavistro_engine_start_from_config(engine.get(), config_path.c_str()) != 0;
     watch.look();
     if (started) {
-        while (!watch.ended() && !(seconds && watch.seconds() >= *seconds) && !stop_requested) {
+        while (!watch.ended() && !(options.seconds && watch.seconds() >= *options.seconds) &&
+               !stop_requested) {
             std::this_thread::sleep_for(poll_period);
             watch.look();
         }
@@ -166,7 +172,7 @@ int refuse_run(const std::string& config_path, bool json, std::ostream& out, std
     errors << "tavistro-host: " << config_path << ": ";
     std::ostringstream no_list;
     check_config(config_path, no_list, errors);
-    return 1;
+    return wrong_arguments;
 }
 
 }  // namespace tavistro::host

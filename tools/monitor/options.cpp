@@ -55,9 +55,13 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     app.add_flag("--once", options.once, "Take one reading; exit status 1 when no engine runs");
     bool json = false;
     bool csv = false;
+    bool quiet = false;
     CLI::Option* const as_json =
         app.add_flag("--json", json, "Print one JSON object per engine and reading");
     app.add_flag("--csv", csv, "Print a table for spreadsheets")->excludes(as_json);
+    app.add_flag("--quiet", quiet, "Print no readings; for --record and --http")
+        ->excludes("--json")
+        ->excludes("--csv");
     app.add_option("--interval", options.interval_s, "Seconds between two readings (1)")
         ->check(number_range(0.05, 3600.0));
     app.add_option("--seconds", options.seconds, "End after this many seconds")->check(time);
@@ -143,10 +147,10 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
     try {
         app.parse(argc, argv);
         if (!app.get_subcommands().empty() &&
-            (options.once || json || (csv && !convert->parsed()) || !options.record_path.empty() ||
-             !options.http_address.empty()))
+            (options.once || json || quiet || (csv && !convert->parsed()) ||
+             !options.record_path.empty() || !options.http_address.empty()))
             throw CLI::ValidationError(
-                "--once, --json, --csv, --record and --http are for watching alone");
+                "--once, --json, --csv, --quiet, --record and --http are for watching alone");
     } catch (const CLI::Success& help) {
         exit_code = app.exit(help);
         return std::nullopt;
@@ -169,6 +173,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& exi
         options.seconds = options.seconds.value_or(default_seconds);
     if (json) options.format = Options::Format::json;
     if (csv) options.format = Options::Format::csv;
+    if (quiet) options.format = Options::Format::none;
     return options;
 }
 

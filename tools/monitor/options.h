@@ -11,7 +11,7 @@ namespace tavistro::monitor {
 
 struct Options {
     enum class Task { watch, report, explain, convert, bundle };
-    enum class Format { view, json, csv };
+    enum class Format { view, json, csv, none };
 
     Task task = Task::watch;
     std::vector<std::uint32_t> client_ids;  ///< empty for every engine, or all of a recording

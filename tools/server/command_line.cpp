@@ -133,6 +133,8 @@ void add_arguments(CLI::App& app, CommandLine& command) {
         ->check([](const std::string& text) {
             return http::is_http_address(text) ? "" : "'" + text + "' is not [ADDR:]PORT";
         });
+    app.add_option("--status", command.status_s, "time between two status lines in s; 0: none")
+        ->check(number_range(0, 1000000));
     app.add_flag("--json", command.json, "print one JSON object per line instead of text");
 
     begin_group("Sources, recordings and measurements, each may be repeated");

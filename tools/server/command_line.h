@@ -12,6 +12,7 @@ namespace tavistro::server {
 struct CommandLine {
     ServerOptions options;
     std::uint32_t seconds = 0;      ///< run time; 0: until interrupted
+    std::uint32_t status_s = 1;     ///< between two status lines; 0: none
     bool json = false;              ///< one JSON object per line instead of text
     std::string metrics_address{};  ///< [ADDR:]PORT; empty for none
 };

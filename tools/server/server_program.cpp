@@ -20,7 +20,6 @@ namespace tavistro::server {
 
 namespace {
 
-constexpr std::uint64_t status_period_ms = 1000;
 constexpr std::uint32_t poll_period_ms = 50;
 
 bool has(const std::vector<ClientSnapshot>& clients, const ClientSnapshot& wanted) {
@@ -30,12 +29,13 @@ bool has(const std::vector<ClientSnapshot>& clients, const ClientSnapshot& wante
     });
 }
 
-/// Prints clients as they join and leave and a status every second, until the time is over or a
+/// Prints clients as they join and leave and a status now and then, until the time is over or a
 /// signal arrives.
 void serve(const ReferenceServer& server, const CommandLine& command, const Report& report,
            std::ostream& out) {
     const std::uint64_t started_ms = platform::millisecond_tick();
     const std::uint64_t length_ms = std::uint64_t{command.seconds} * 1000;
+    const std::uint64_t status_period_ms = std::uint64_t{command.status_s} * 1000;
     std::uint64_t next_status_ms = started_ms + status_period_ms;
     ServerSnapshot previous;
     std::vector<ClientSnapshot> known;
@@ -48,7 +48,7 @@ void serve(const ReferenceServer& server, const CommandLine& command, const Repo
         for (const ClientSnapshot& client : now.clients)
             if (!has(known, client)) out << report.joined(client) << std::endl;
         known = now.clients;
-        if (now_ms >= next_status_ms) {
+        if (status_period_ms != 0 && now_ms >= next_status_ms) {
             next_status_ms += status_period_ms;
             out << report.status(now, previous) << std::endl;
             previous = std::move(now);
