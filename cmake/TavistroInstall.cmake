@@ -2,7 +2,7 @@
 # built in or installed to: the whole tree can be moved.
 #
 # Components: runtime (the library and its driver without hardware), jack (the driver for JACK),
-# development, tools, documents.
+# development, tools, services (Debian packages alone), documents.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -66,6 +66,12 @@ if(TAVISTRO_TOOLS)
             DESTINATION ${CMAKE_INSTALL_DOCDIR}/third_party/${library} COMPONENT tools)
   endforeach()
 endif()
+
+# Services, in Debian packages alone: a unit names the folder of its program.
+install(FILES services/tavistro-server.service services/tavistro-monitor.service services/tavistro-host@.service
+        DESTINATION lib/systemd/system COMPONENT services EXCLUDE_FROM_ALL)
+install(DIRECTORY services/default DESTINATION etc COMPONENT services EXCLUDE_FROM_ALL)
+install(FILES examples/loopback.ini DESTINATION etc/tavistro COMPONENT services EXCLUDE_FROM_ALL)
 
 # Documents, side by side as in the sources: their links lead to each other.
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents

@@ -72,7 +72,7 @@ if(TAVISTRO_TESTS)
     # Debian's, which has the modules of the other packages.
     find_program(PYTHON3 python3 PATHS /usr/bin NO_DEFAULT_PATH)
     tavistro_need(TAVISTRO_TESTS PYTHON3 python3 python3-selenium python3-yaml)
-    foreach(program promtool:prometheus chromedriver:chromium-driver)
+    foreach(program chromedriver:chromium-driver lintian:lintian promtool:prometheus systemd-analyze:systemd)
       string(REPLACE ":" ";" program ${program})
       list(POP_FRONT program name)
       find_program(TAVISTRO_${name} ${name})

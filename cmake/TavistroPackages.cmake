@@ -6,6 +6,9 @@ set(CPACK_PACKAGE_CONTACT "Tavistro maintainers <maintainers@tavistro.invalid>" 
 set(CPACK_COMPONENTS_ALL runtime development documents)
 if(TAVISTRO_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
+  if(NOT WIN32)
+    list(APPEND CPACK_COMPONENTS_ALL services)
+  endif()
 endif()
 if(TAVISTRO_JACK)
   list(APPEND CPACK_COMPONENTS_ALL jack)
@@ -31,37 +34,50 @@ else()
   set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
   set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # the soname tells what is compatible
   set(runtime_package libtavistro-engine${PROJECT_VERSION_MAJOR})
-  # One line each, which package tools show in lists: a summary for all would stand in its place.
-  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
-  set(engine "networked low-latency audio client engine")
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
   set(same_version "(= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-  set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${engine}: library")
+  # tavistro_package(component name section "short description" "its sentences" ["dependencies"])
+  function(tavistro_package component name section summary text)
+    string(TOUPPER ${component} upper)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name} PARENT_SCOPE)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${ARGN}" PARENT_SCOPE)
+    set(CPACK_COMPONENT_${upper}_DESCRIPTION
+        "networked low-latency audio client engine: ${summary}\nTavistro plays a server's audio on an ASIO device from a buffer that\nfollows the server's clock, and sends the captured input back.\n.\n${text}"
+        PARENT_SCOPE)
+  endfunction()
 
+  tavistro_package(runtime ${runtime_package} libs "library"
+                   "This package has the library and a driver without hardware.")
+  # Debian's way to run ldconfig.
+  file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
   # A package of its own: the library does without JACK. Both carry the major version in their name and
   # in that of each of their files, so that several versions can be installed.
-  set(CPACK_DEBIAN_JACK_PACKAGE_NAME ${runtime_package}-jack)
-  set(CPACK_DEBIAN_JACK_PACKAGE_SECTION sound)
-  set(CPACK_DEBIAN_JACK_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
-  set(CPACK_COMPONENT_JACK_DESCRIPTION "${engine}: driver for JACK")
-
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavistro-engine-dev)
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
-  set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${engine}: headers, CMake and pkg-config files")
-
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavistro-tools)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${runtime_package} ${same_version}")
+  tavistro_package(jack ${runtime_package}-jack sound "driver for JACK"
+                   "This package has the driver that plays on JACK and PipeWire."
+                   "${runtime_package} ${same_version}")
+  tavistro_package(development libtavistro-engine-dev libdevel "development files"
+                   "This package has the headers and the files for CMake and pkg-config."
+                   "${runtime_package} ${same_version}")
+  tavistro_package(tools tavistro-tools sound "server, console host, monitor"
+                   "This package has the programs, and what shows their numbers in other tools."
+                   "${runtime_package} ${same_version}")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS tavistro-doc)
-  set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${engine}: server, console host, monitor")
-
-  set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_NAME tavistro-doc)
-  set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_SECTION doc)
+  tavistro_package(services tavistro-services sound "systemd services"
+                   "This package starts server, monitor and engines at boot, each as a user\nof its own."
+                   "tavistro-tools ${same_version}, systemd")
+  set(CPACK_DEBIAN_SERVICES_PACKAGE_ARCHITECTURE all)
+  set(debian ${PROJECT_SOURCE_DIR}/services/debian)
+  set(CPACK_DEBIAN_SERVICES_PACKAGE_CONTROL_EXTRA ${debian}/conffiles ${debian}/postinst ${debian}/prerm
+                                                  ${debian}/postrm)
+  tavistro_package(documents tavistro-doc doc "documents, examples"
+                   "This package has the documents, and configurations and hosts as examples.")
   set(CPACK_DEBIAN_DOCUMENTS_PACKAGE_ARCHITECTURE all)
-  set(CPACK_COMPONENT_DOCUMENTS_DESCRIPTION "${engine}: documents, examples")
+
+  set(CPACK_TAVISTRO_SOURCES ${PROJECT_SOURCE_DIR})
+  set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianExtras.cmake)
 endif()
 
 include(CPack)
