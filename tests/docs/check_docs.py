@@ -1,6 +1,7 @@
 """usage: check_docs.py SOURCE_FOLDER BUILD_FOLDER: links of the documents lead somewhere, the commands in
 them exist and know the options given, and docs/hosting.md has every code of the engine's header with its number
-and the text that the tools print. With one folder, that of installed documents: their links lead somewhere."""
+and the text that the tools print, and docs/monitor-api.md every total of the monitor. With one folder,
+that of installed documents: their links lead somewhere."""
 import functools
 import pathlib
 import re
@@ -66,6 +67,16 @@ def check_codes():
         faults.append(f"only {len(numbers)} codes were found")
 
 
+def check_totals():
+    listed = re.findall(r'^(\w+)\((\w+), "([^"]*)"\)', (root / "tools/monitor/totals.def").read_text(), re.M)
+    names = {name: f"`{name}`" for _, name, _ in listed}
+    names |= {name: ", ".join(f"`{name}_{what}`" for what in ("count", "seconds", "drop_outs"))
+              for kind, name, _ in listed if kind == "TROUBLE"}
+    page = (root / "docs/monitor-api.md").read_text()
+    rows = [f"| {names[name]} | {text} |" for _, name, text in listed]
+    faults.extend(f"monitor-api.md lacks: {row}" for row in rows if row not in page)
+
+
 for path in [*root.glob("*.md"), *(root / "docs").rglob("*.md")]:
     text = path.read_text()
     for target in re.findall(r"\]\((?!https?:)([^)\s]+)\)", text):
@@ -76,12 +87,13 @@ for path in [*root.glob("*.md"), *(root / "docs").rglob("*.md")]:
     lines = [line for block in blocks_of(text) for line in block.lines] + re.findall(r"`([^`\n]+)`", text)
     for line in lines if build else []:
         command = re.split(r" {2,}|[#;|>&]", line.strip(), maxsplit=1)[0]
-        if re.match(r"scripts/|tests/\S+/run|(build/\w+/)?tavistro-(server|host|monitor)\b(?!\(|\.)|cmake --preset|ctest ",
+        if re.match(r"scripts/|tests/\S+/run|(build/\w+/)?tavistro-(server|host|monitor)\b(?![(.@])|cmake --preset|ctest ",
                     command):
             check_command(path, command)
             commands_checked += 1
 if build:
     check_codes()
+    check_totals()
     if commands_checked < 50:
         faults.append(f"only {commands_checked} commands were found")
 print("\n".join(faults))
