@@ -11,6 +11,7 @@ import sys
 from blocks import blocks_of
 
 root, *build = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+sys.path.append(str(root / "bindings"))
 faults, commands_checked = [], 0
 
 
@@ -40,25 +41,11 @@ def check_command(path, command):
                 faults.append(f"{path.name}: no option {option} in '{command}'")
 
 
-def texts_of_codes(codes):
-    """What tools/readings/texts.cpp has for each code: a table by codes, or a list by their order."""
-    source = (root / "tools/readings/texts.cpp").read_text()
-    literals = r'((?:"[^"]*"\s*)+)'
-    texts = {}
-    for name, table in re.findall(r"constexpr CodeText (\w+)\[\] = \{(.*?)\n\};", source, re.S):
-        if name != "advice":
-            texts |= re.findall(r"\{(TAVISTRO_\w+),\s*" + literals + r"\}", table)
-    for kind, name in ("STATE", "states"), ("LEVEL", "levels"), ("CATEGORY", "categories"):
-        listed = re.search(rf"constexpr std::string_view {name}\[\] = \{{(.*?)\}};", source, re.S)[1]
-        named = [code for code in codes if code.startswith(f"TAVISTRO_{kind}_")]
-        texts |= zip(named, re.findall(r'"[^"]*"', listed))
-    return {code: "".join(re.findall(r'"([^"]*)"', text)) for code, text in texts.items()}
-
-
 def check_codes():
+    import headers
     header = (root / "include/tavistro/engine.h").read_text()
     numbers = dict(re.findall(r"^    (TAVISTRO_[A-Z_]+) = (\d+)", header, re.M))
-    texts = texts_of_codes(numbers)
+    texts = headers.texts_of_codes(root, numbers)
     expected = {f"| `{code}` | {number} | {texts.get(code)} |" for code, number in numbers.items()}
     shown = re.findall(r"^(\| `TAVISTRO_\w+` \|[^|]*\|[^|]*\|)", (root / "docs/hosting.md").read_text(), re.M)
     faults.extend(f"hosting.md lacks: {row}" for row in sorted(expected - set(shown)))
