@@ -91,6 +91,11 @@ static class BindingsTest
                 failed = Throws<RunFailedException>(() => engine.WaitUntilRunning(TimeSpan.FromSeconds(10)));
                 Check(failed.Code == ErrorCode.ConfigInvalid, "missing file");
             }
+            engine.Start(Config(4723));
+            arrived.Clear();
+            Until(() => engine.Poll(), now => arrived.Count > 0, "no event of the next run");
+            Check(arrived[0].Event.Sequence == 1 && arrived[0].Missed == 0, "first event of the next run");
+            engine.Stop();
             Check(Throws<StartRefusedException>(() => engine.Start("")).Code == ErrorCode.NoConfigPath, "no path");
         }
     }
@@ -98,7 +103,10 @@ static class BindingsTest
     // The statistics agree with the monitor in every number.
     static void Agrees(int process, string monitor)
     {
+        int handles = Directory.GetFiles("/proc/self/fd").Length;
+        for (int i = 0; i < 20; ++i) StatisticsReader.Read(4722);
         Check(StatisticsReader.IsAlive(4722) && StatisticsReader.ClientIds().Contains(4722u), "not alive");
+        Check(Directory.GetFiles("/proc/self/fd").Length == handles, "open files");
         using (Process host = Process.GetProcessById(process)) host.Kill();
         Until(() => StatisticsReader.IsAlive(4722), alive => !alive, "alive after its end");
         var start = new ProcessStartInfo(monitor, "4722 --once --json") { RedirectStandardOutput = true, UseShellExecute = false };
