@@ -28,5 +28,13 @@ for _ in {1..100}; do
     "$build/tavistro-monitor" 4722 --once --json 2>/dev/null | jq -e '.stats.rendered_frames > 0' >/dev/null && break
     sleep 0.1
 done
-LD_LIBRARY_PATH=$work/runtimes/linux-x64/native mono "$work/test.exe" "$work" $host \
-    "$build/tavistro-monitor" || exit 1
+export LD_LIBRARY_PATH=$work/runtimes/linux-x64/native
+mono "$work/test.exe" "$work" $host "$build/tavistro-monitor"
+
+# The example in the documents.
+sed -n '/^```csharp/,/^```/{/^```/!p}' "$(dirname "$0")/../../docs/bindings.md" >"$work/Player.cs"
+mcs -warnaserror "-r:$work/Tavistro.dll" "-out:$work/player.exe" "$work/Player.cs"
+cp "$work/ä4721.ini" "$work/tavistro.ini"
+cd "$work"
+sleep 2 | mono player.exe >player
+grep -qx Running player

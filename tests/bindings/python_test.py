@@ -83,6 +83,17 @@ class WithServer(unittest.TestCase):
                 states = [update.state.state for update in engine.follow(0.01)]
                 self.assertEqual((states[0], states[-1]), (StateCode.RUNNING, StateCode.STOPPED))
 
+    def test_the_example_in_the_documents(self):
+        page = (pathlib.Path(__file__).parents[2] / "docs/bindings.md").read_text()
+        (folder / "tavistro.ini").write_bytes(self.config.read_bytes())
+        example = subprocess.Popen([sys.executable, "-u", "-c", re.search(r"```python\n(.*?)```", page, re.S)[1]], text=True,
+                                   cwd=folder, env=os.environ | {"PYTHONPATH": folder / "site"}, stdout=subprocess.PIPE)
+        self.assertEqual(example.stdout.readline(), "playing 48000 Hz\n")
+        self.assertRegex(example.stdout.readline(), r"^Running normally \[\d+\]\n$")
+        example.send_signal(signal.SIGINT)
+        example.communicate()
+        self.assertEqual(example.returncode, 0)
+
     def test_statistics_agree_with_the_monitor_in_every_field(self):
         host = subprocess.Popen([build / "tavistro-host", "run", write_config(self.config.read_text().split()[6], 4712)],
                                 stdout=subprocess.DEVNULL)
