@@ -145,7 +145,7 @@ local function parse(tvb)
     m.rest_at = needed
     if m.length == m.size then
         check(m.size >= needed, "length", "%d bytes instead of %d", m.size, needed)
-        check(m.size <= needed, "trailing", "%d bytes after the message", m.size - needed)
+        check(not m.whole or m.size <= needed, "trailing", "%d bytes after the message", m.size - needed)
     end
     return m
 end
@@ -396,7 +396,7 @@ local function show_record(record, number, tree)
 end
 
 local function show_info(m, record, pinfo)
-    local text = TYPES[m.type] or string.format("Type %s", m.type)
+    local text = TYPES[m.type] or "Datagram"
     if m.whole and m.type == AUDIO then
         text = string.format("%s %d %d/%d ch %d-%d", text, m.sequence, m.fragment_index + 1, m.fragment_count,
             m.first_channel, m.first_channel + m.channel_count - 1)
