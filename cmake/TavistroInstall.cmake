@@ -59,6 +59,7 @@ if(TAVISTRO_TOOLS)
     install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   endif()
   install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES wireshark/tavistro.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro/wireshark COMPONENT tools)
   install(DIRECTORY prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/tavistro COMPONENT tools)
   # The licences of what is part of a tool come with it.
   foreach(library httplib uplot)

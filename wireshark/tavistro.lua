@@ -2,19 +2,17 @@
 -- Statistics at the end of tshark's output: -X lua_script:tavistro.lua -X lua_script1:stats
 local arguments = { ... }
 local unpack = string.unpack or Struct.unpack -- older versions of Lua lack the first
-
 local MAGIC, VERSION, HEADER_BYTES = "TVSO", 5, 16
 local CAPABILITY = UInt64(0x00050001, 0x5456534F) -- low and high 32 bits
 local WRAP, HALF = 4294967296, 2147483648 -- of sequence numbers; integers in every version of Lua
-local SLOTS = 8 -- incomplete blocks of a client, by sequence number modulo 8
+local SLOTS = 8 -- of a client, for incomplete blocks: by sequence number modulo 8
 local LONGEST_GAP = 1024 -- a larger step is a jump
 local RING = 2048 -- blocks that a stream remembers; divides WRAP
 
 local TO_SERVER, TO_CLIENT = 1, 2
 local DIRECTIONS = { "to the server", "to the client" }
 local TYPES = { "Announce", "Audio", "Sync", "Discover", "DiscoverReply", "Ping", "Pong" }
-local ANNOUNCE, AUDIO, SYNC, DISCOVER, DISCOVER_REPLY, PING, PONG = 1, 2, 3, 4, 5, 6, 7
-local TIMES = { "interval", "jitter", "rtt" } -- of the statistics, in microseconds
+local ANNOUNCE, AUDIO, SYNC, DISCOVER_REPLY, PING, PONG = 1, 2, 3, 5, 6, 7
 local SENT = { TO_SERVER, nil, TO_CLIENT, TO_SERVER, TO_CLIENT, TO_SERVER, TO_CLIENT } -- by type; audio goes both ways
 
 local tavistro = Proto("tavistro", "Tavistro audio protocol")
@@ -32,8 +30,8 @@ end
 fields("string", "magic")
 fields("uint16", "type", base.DEC, TYPES)
 fields("uint16", "version port inputs outputs frames channels first_channel channel_count first_frame frame_count")
-fields("uint16", "fragment_index fragment_count")
-fields("uint32", "client_id reply_version sequence")
+fields("uint16", "fragment_index fragment_count block.channels block.frames")
+fields("uint32", "client_id reply_version sequence missing")
 fields("uint32", "length", unit("bytes"))
 fields("uint32", "session_id", base.HEX)
 fields("uint32", "input_latency output_latency", unit("blocks"))
@@ -43,18 +41,14 @@ fields("uint64", "nonce capability", base.HEX)
 fields("uint64", "frame_position")
 fields("uint64", "time t1 t2 t3", unit("ns"))
 fields("bytes", "reserved samples data")
-fields("float", "sample")
--- What other datagrams say about this one; "missing" are blocks or notices before it.
+fields("float", "sample block.peak")
 fields("uint8", "direction", base.DEC, DIRECTIONS)
 fields("bool", "leave")
-fields("uint32", "missing")
 fields("uint32", "interval rtt discovery_time", unit("µs"))
 fields("framenum", "ping_in discover_in", base.NONE, frametype.REQUEST)
 fields("framenum", "pong_in discover_reply_in", base.NONE, frametype.RESPONSE)
 fields("framenum", "duplicate_of reassembled_in fragment")
 fields("none", "block")
-fields("uint16", "block.channels block.frames")
-fields("float", "block.peak")
 tavistro.fields = f
 
 local e = {}
@@ -72,7 +66,7 @@ experts("SEQUENCE", "WARN", { missing = "Missing blocks", late = "Late block", j
 experts("SEQUENCE", "NOTE", { duplicate = "Duplicate", format = "New stream format" })
 experts("REASSEMBLE", "WARN", { incomplete = "Incomplete block" })
 experts("PROTOCOL", "WARN", { incompatible = "Incompatible server" })
-experts("PROTOCOL", "NOTE", { reserved = "Reserved bytes that are not 0" })
+experts("PROTOCOL", "NOTE", { reserved = "Reserved bytes that are not 0", segments = "Followed by more messages" })
 tavistro.experts = e
 
 tavistro.prefs.port = Pref.uint("UDP port", 28010, "The server's port, where malformed datagrams are shown too")
@@ -98,10 +92,10 @@ local HEADER, LAYOUTS = layout(""), { -- by type
     layout("nonce 8 t1 8 t2 8 t3 8"),
 }
 
---- Reads a datagram: its values and what is wrong with it. The capture may have cut it: `size` is what it had on
---- the network, and `whole` says that all values at fixed offsets were captured.
-local function parse(tvb)
-    local m = { size = tvb:reported_len(), captured = tvb:len(), faults = {} }
+--- Reads a message of `size` bytes: its values and what is wrong with it. The capture may have cut it: `whole` says
+--- that all values at fixed offsets are there.
+local function parse(tvb, size)
+    local m = { size = size, captured = tvb:len(), faults = {} }
     local function check(good, name, ...)
         if not good then table.insert(m.faults, { name, string.format(...) }) end
     end
@@ -116,14 +110,12 @@ local function parse(tvb)
     check(m.client_id ~= 0, "client_id", "The client id is 0")
     if m.version ~= VERSION or not LAYOUTS[m.type] then return m end
     m.layout = LAYOUTS[m.type]
-
     local needed
     for _, item in ipairs(m.layout) do
         local offset, bytes, name = table.unpack(item)
         needed = offset + bytes
         if needed <= m.captured and name ~= "reserved" then
-            local range = tvb(offset, bytes)
-            m[name] = bytes == 8 and range:le_uint64() or range:le_uint()
+            m[name] = bytes == 8 and tvb(offset, 8):le_uint64() or tvb(offset, bytes):le_uint()
         end
     end
     m.whole, m.lists_at = m.captured >= needed, needed
@@ -151,8 +143,7 @@ local function parse(tvb)
 end
 
 -- What frames say about each other: filled when a frame is seen for the first time, read whenever it is shown.
-
-local records, streams -- by frame number; by sender, receiver and client id
+local records, streams -- by frame number and offset in the datagram; by sender, receiver and client id
 local roles, requests -- in which direction an endpoint sends; Discover and Ping, by what the answer repeats
 local addresses, address_numbers
 
@@ -202,10 +193,8 @@ end
 --- Takes a number that was not there before. False if a newer one was; otherwise counts what is missing between.
 local function advance(track, sequence, record)
     if track.newest and not is_newer(sequence, track.newest) then
-        if track.missing[sequence % RING] == sequence then
-            track.missing[sequence % RING] = nil
-            record.missing = -1 -- corrects the count
-        end
+        local ring = sequence % RING
+        if track.missing[ring] == sequence then track.missing[ring], record.missing = nil, -1 end -- corrects the count
         return false
     end
     local gap = track.newest and (sequence - track.newest) % WRAP - 1 or 0
@@ -315,33 +304,28 @@ local function observe_request(m, record, number, now, key)
     end
 end
 
---- Fills the record of a frame that is seen for the first time.
+--- What is to know about a message that is seen for the first time.
 local function observe(m, tvb, pinfo)
     local from, to = endpoint(pinfo.src, pinfo.src_port), endpoint(pinfo.dst, pinfo.dst_port)
     local good, direction, port = m.whole and #m.faults == 0, SENT[m.type], tavistro.prefs.port
     if good and direction then roles[from], roles[to] = direction, 3 - direction end
-    direction = direction or roles[from] or roles[to] and 3 - roles[to]
+    direction = direction or roles[from]
         or pinfo.dst_port == port and TO_SERVER or pinfo.src_port == port and TO_CLIENT or nil
     local key = string.format("%s/%s/%s", from, to, m.client_id)
     local stream = streams[key] or { client_id = m.client_id or 0, ends = string.format("%s:%d > %s:%d",
         tostring(pinfo.src), pinfo.src_port, tostring(pinfo.dst), pinfo.dst_port) }
-    streams[key] = stream
-    stream.direction = stream.direction or direction
-
+    stream.direction, streams[key] = stream.direction or direction, stream
     local record = { type = m.type, stream = stream, bytes = m.size, malformed = math.min(#m.faults, 1), events = {} }
-    records[pinfo.number] = record
-    if not good then return end
-    if m.type == SYNC then
+    if good and m.type == SYNC then
         observe_sync(track_of(stream, m, record), m, record, pinfo.abs_ts)
-    elseif m.type == AUDIO then
+    elseif good and m.type == AUDIO then
         observe_audio(track_of(stream, m, record), m, record, pinfo.number, tvb)
-    elseif m.nonce then -- with t1, if the message has it
+    elseif good and m.nonce then -- with t1, if the message has it
         key = string.format("%s/%d/", direction == TO_SERVER and from or to, m.client_id)
         observe_request(m, record, pinfo.number, pinfo.abs_ts, key .. tvb:raw(16, m.t1 and 16 or 8))
     end
+    return record
 end
-
--- Tree and columns.
 
 --- Adds what is not in the datagram, if it is known: field, value, text.
 local function add(tree, name, ...)
@@ -360,15 +344,15 @@ local function show_samples(m, tvb, tree)
         local offset = m.lists_at + i * bytes
         if offset + bytes > m.captured then return end
         local item = tree:add(f.samples, tvb(offset, bytes))
-        item:set_text(string.format("Samples: channel %d, %d frames from %d", m.first_channel + i, m.frame_count,
-            m.first_frame))
+        local text = "Samples: channel %d, %d frames from %d"
+        item:set_text(string.format(text, m.first_channel + i, m.frame_count, m.first_frame))
         if tavistro.prefs.samples then show_list(item, tvb, "sample", offset, m.frame_count) end
     end
 end
 
 local function show_block(block, tree)
-    local item = tree:add(f.block):set_generated()
-    item:set_text(string.format("Block %d: %d channels, %d frames", block.sequence, block.channels, block.frames))
+    local text = string.format("Block %d: %d channels, %d frames", block.sequence, block.channels, block.frames)
+    local item = tree:add(f.block):set_text(text):set_generated()
     add(item, "block.channels", block.channels)
     add(item, "block.frames", block.frames)
     for index = 0, block.count - 1 do add(item, "fragment", block.parts[index]) end
@@ -379,7 +363,7 @@ local function show_block(block, tree)
     end
 end
 
-local function show_record(record, number, tree)
+local function show_record(record, tree)
     local block = record.block
     add(tree, "direction", record.stream.direction)
     add(tree, "missing", (record.missing or 0) > 0 and record.missing)
@@ -387,7 +371,7 @@ local function show_record(record, number, tree)
         add(tree, name, record[name])
     end
     if record.request then add(tree, record.request.field, record.request.answer) end
-    if block and block.done == number then
+    if record.blocks and block then
         show_block(block, tree)
     elseif block and not record.duplicate_of then
         add(tree, "reassembled_in", block.done)
@@ -395,7 +379,7 @@ local function show_record(record, number, tree)
     for _, found in ipairs(record.events) do tree:add_proto_expert_info(e[found[1]], found[2]) end
 end
 
-local function show_info(m, record, pinfo)
+local function info(m, record)
     local text = TYPES[m.type] or "Datagram"
     if m.whole and m.type == AUDIO then
         text = string.format("%s %d %d/%d ch %d-%d", text, m.sequence, m.fragment_index + 1, m.fragment_count,
@@ -410,8 +394,7 @@ local function show_info(m, record, pinfo)
     for _, list in ipairs({ m.faults, record.events }) do
         for _, found in ipairs(list) do text = string.format("%s [%s]", text, found[1]) end
     end
-    pinfo.cols.protocol:set("Tavistro")
-    pinfo.cols.info:set(text)
+    return text
 end
 
 local function show(m, tvb, tree)
@@ -443,33 +426,49 @@ local function show(m, tvb, tree)
     return root
 end
 
-local function has_magic(tvb)
-    return tvb:len() >= #MAGIC and tvb:raw(0, #MAGIC) == MAGIC
+local function has_magic(tvb, offset)
+    return tvb:len() >= offset + #MAGIC and tvb:raw(offset, #MAGIC) == MAGIC
 end
 
+--- A datagram may have several messages if the capture took it before the sender's system split it.
 function tavistro.dissector(tvb, pinfo, tree)
-    if not has_magic(tvb) then return 0 end
-    local m = parse(tvb)
-    local root = show(m, tvb, tree)
-    if pinfo.in_error_pkt then return tvb:len() end -- an ICMP message quotes it: it was not sent again
-    if not pinfo.visited and not records[pinfo.number] then observe(m, tvb, pinfo) end
-    local record = records[pinfo.number]
-    show_record(record, pinfo.number, root)
-    show_info(m, record, pinfo)
+    if not has_magic(tvb, 0) then return 0 end
+    local known, offset, texts = records[pinfo.number], 0, {}
+    if not known and not pinfo.in_error_pkt then records[pinfo.number] = {} end
+    while offset < tvb:len() do
+        local size, length = tvb:reported_len() - offset, offset + 12 <= tvb:len() and tvb(offset + 8, 4):le_uint() or 0
+        local more = length >= HEADER_BYTES and length < size
+            and (has_magic(tvb, offset + length) or tvb:len() < math.min(offset + length + #MAGIC, tvb:reported_len()))
+        if more then size = length end
+        local part = tvb(offset, math.min(size, tvb:len() - offset)):tvb()
+        local m = parse(part, size)
+        local root = show(m, part, tree)
+        if more then root:add_proto_expert_info(e.segments) end
+        if not pinfo.in_error_pkt then -- an ICMP message that quotes a datagram does not send it again
+            local record = known and known[offset] or observe(m, part, pinfo)
+            records[pinfo.number][offset] = record
+            show_record(record, root)
+            table.insert(texts, info(m, record))
+        end
+        offset = offset + size
+    end
+    if pinfo.in_error_pkt then return tvb:len() end
+    pinfo.cols.protocol:set("Tavistro")
+    pinfo.cols.info:set(table.concat(texts, "; "))
     return tvb:len()
 end
 
 --- On any port: valid headers, and whatever has the magic once a valid message came from or went to the endpoint.
 local function heuristic(tvb, pinfo, tree)
-    if not has_magic(tvb) then return false end
+    if not has_magic(tvb, 0) then return false end
     local valid = tvb:len() >= HEADER_BYTES and tvb(4, 2):le_uint() == VERSION
-        and tvb(8, 4):le_uint() == tvb:reported_len()
+        and tvb(8, 4):le_uint() >= HEADER_BYTES and tvb(8, 4):le_uint() <= tvb:reported_len()
     local known = records[pinfo.number] or not pinfo.visited and not pinfo.in_error_pkt
         and (roles[endpoint(pinfo.src, pinfo.src_port)] or roles[endpoint(pinfo.dst, pinfo.dst_port)])
     return (valid or known) and tavistro.dissector(tvb, pinfo, tree) > 0
 end
 
-local port -- where the dissector is registered
+local port
 local function register()
     local ports = DissectorTable.get("udp.port")
     if port then ports:remove(port, tavistro) end
@@ -480,58 +479,57 @@ register()
 tavistro.prefs_changed = register
 tavistro:register_heuristic("udp", heuristic)
 
+local TIMES = { "interval", "jitter", "rtt" } -- in microseconds
 --- Calls `output` with the statistics, a text, whenever Wireshark wants them drawn.
 local function statistics(output)
     local tap, order, sums = Listener.new("frame", "tavistro"), {}, {}
 
-    function tap.reset()
-        order, sums = {}, {}
-    end
+    function tap.reset() order, sums = {}, {} end
 
     function tap.packet(pinfo)
-        local record = records[pinfo.number]
-        if not record then return end -- quoted by an ICMP message
-        local sum = sums[record.stream]
-        if not sum then
-            sum = { stream = record.stream, datagrams = 0, bytes = 0, malformed = 0 }
-            order[#order + 1], sums[record.stream] = sum, sum
-        end
-        sum.datagrams, sum.bytes = sum.datagrams + 1, sum.bytes + record.bytes
-        sum.malformed = sum.malformed + record.malformed
-        if record.malformed == 0 and (record.type == SYNC or record.type == AUDIO) then
-            local counts = sum[record.type] or { blocks = 0, incomplete = 0, missing = 0, late = 0, duplicate = 0 }
-            for name, count in pairs(counts) do counts[name] = count + (record[name] or 0) end
-            sum[record.type] = counts
-        end
-        for _, name in ipairs(TIMES) do
-            local time = record[name]
-            if time then
-                local times = sum[name] or { count = 0, total = 0, min = time, max = time }
-                times.count, times.total = times.count + 1, times.total + time
-                times.min, times.max = math.min(times.min, time), math.max(times.max, time)
-                sum[name] = times
+        for _, record in pairs(records[pinfo.number] or {}) do
+            local sum = sums[record.stream]
+            if not sum then
+                sum = { stream = record.stream, datagrams = 0, bytes = 0, malformed = 0 }
+                order[#order + 1], sums[record.stream] = sum, sum
+            end
+            sum.datagrams, sum.bytes, sum.malformed = sum.datagrams + 1, sum.bytes + record.bytes,
+                sum.malformed + record.malformed
+            if record.malformed == 0 and (record.type == SYNC or record.type == AUDIO) then
+                local counts = sum[record.type] or { blocks = 0, incomplete = 0, missing = 0, late = 0, duplicate = 0 }
+                for name, count in pairs(counts) do counts[name] = count + (record[name] or 0) end
+                sum[record.type] = counts
+            end
+            for _, name in ipairs(TIMES) do
+                local time = record[name]
+                if time then
+                    local times = sum[name] or { count = 0, total = 0, min = time, max = time }
+                    times.count, times.total = times.count + 1, times.total + time
+                    times.min, times.max = math.min(times.min, time), math.max(times.max, time)
+                    sum[name] = times
+                end
             end
         end
     end
 
     function tap.draw()
         local text = ""
-        local function add(...) text = text .. string.format(...) end
+        local function write(...) text = text .. string.format(...) end
         for _, sum in ipairs(order) do
-            add("Client %d %s, %s: %d datagrams, %d bytes, %d malformed\n", sum.stream.client_id,
+            write("Client %d %s, %s: %d datagrams, %d bytes, %d malformed\n", sum.stream.client_id,
                 DIRECTIONS[sum.stream.direction] or "in unknown direction", sum.stream.ends, sum.datagrams, sum.bytes,
                 sum.malformed)
             for _, type in ipairs({ SYNC, AUDIO }) do
                 local counts = sum[type]
                 if counts then
-                    add("  %s: %d blocks, %d incomplete, %d missing, %d late, %d duplicate\n", TYPES[type],
+                    write("  %s: %d blocks, %d incomplete, %d missing, %d late, %d duplicate\n", TYPES[type],
                         counts.blocks, counts.incomplete, counts.missing, counts.late, counts.duplicate)
                 end
             end
             for _, name in ipairs(TIMES) do
                 local times = sum[name]
                 if times then
-                    add("  %s: %.3f ms min, %.3f ms mean, %.3f ms max, %d values\n", name, times.min / 1e3,
+                    write("  %s: %.3f ms min, %.3f ms mean, %.3f ms max, %d values\n", name, times.min / 1e3,
                         times.total / times.count / 1e3, times.max / 1e3, times.count)
                 end
             end

@@ -12,6 +12,7 @@ CONSTANTS = {name: int(value, 0) for name, value in re.findall(r"(\w+) = (\w+);"
 VERSION = CONSTANTS["protocol_version"]
 SNAKE = {number: re.sub(r"(?<=[a-z])(?=[A-Z])", "_", name).lower() for number, name in TYPES.items()}
 SIZES = {n: CONSTANTS.get(f"{name}_bytes") or CONSTANTS[f"{name}_fixed_bytes"] for n, name in SNAKE.items()}
+LEAVE = struct.pack("<4sHHIIIIII", b"TVSO", VERSION, 1, 32, 7, 0, 1, 0, 0)
 THERE = (THERE[0], CONSTANTS["server_port"])
 
 
@@ -25,10 +26,10 @@ def fields_of(table):
 
 
 def check_examples():
-    path = capture([(i, udp(HERE, THERE, data)) for i, data in enumerate(EXAMPLES)])
+    path = capture([(i, udp(HERE, THERE, data)) for i, data in enumerate([*EXAMPLES, LEAVE])])
     head, *sections = re.split(r"^### ", PROTOCOL.split("## Message flow")[0], flags=re.M)
     packets = ElementTree.fromstring(tshark(path, "-T", "pdml")).findall("packet")
-    for section, data, packet in zip(sections, EXAMPLES, packets, strict=True):
+    for section, data, packet in zip(sections, EXAMPLES, packets):
         shown = [field for field in packet.findall("proto[@name='tavistro']/field") if field.get("size") != "0"]
         places = {(str(int(field.get("pos")) - 28), field.get("name")[9:].replace("reply_", "")) for field in shown}
         places = {("..." if name == "output_channel" else offset, name) for offset, name in places}
@@ -39,7 +40,7 @@ def check_examples():
         assert TYPES.pop(int(number)) == name and shown[2].get("showname") == f"Type: {name} ({number})"
     assert not TYPES, f"docs/protocol.md lacks {TYPES}"
     texts = tshark(path, "-T", "fields", "-e", "_ws.col.Info").splitlines()
-    assert texts[3:6] == ["Sync 1000", "Audio 1000 1/1 ch 0-0", "Ping"], texts
+    assert texts[3:] == ["Sync 1000", "Audio 1000 1/1 ch 0-0", "Ping", "Pong", "Announce leave"], texts
 
 
 def with_length(data):
@@ -72,7 +73,8 @@ for data in EXAMPLES:
     assert len(data) - SIZES[data[6]] == {1: 12, 2: 8}.get(data[6], 0), f"the length of {data}"
     for size in range(4, len(data)):
         cases += [(data[:size], "length"), (with_length(data[:size]) if size >= 12 else data[:size], "length")]
-    cases += [(data + b"1", "length"), (with_length(data + b"1"), "trailing"), (b"TVSP" + data[4:], "")]
+    cases += [(data + b"1", "length"), (with_length(data + b"1"), "trailing"), (data + LEAVE, "segments"),
+              (b"TVSP" + data[4:], "")]
 rng = random.Random(5)
 noise = [b"TVSO"[:rng.randint(3, 4)] + rng.randbytes(rng.randrange(100)) for _ in range(300)]
 for data in EXAMPLES * 300:
@@ -84,6 +86,11 @@ for port, *options in (THERE[1],), (THERE[1], "-2"), (4444, "-o", "tavistro.port
     found = [names & {*MALFORMED} for _, names in frames(path, [], *options)]
     wanted = [found[i] if names is None else {*names.split()} for i, (_, names) in enumerate(cases)]
     compare(wanted, found, lambda i: cases[i][0].hex(" "))
+# Known endpoints: malformed datagrams from and to them are shown on any port.
+a, b, c, server = ((f"10.9.0.{i}", 4444) for i in range(4))
+ways = [(a, server), (b, server), (server, b), (b, c)]
+path = capture((i, udp(*way, ping if i == 0 else changed(ping, {4: 4}))) for i, way in enumerate(ways))
+compare([set(), {"version"}, {"version"}, set()], [names for _, names in frames(path, [])])
 # What the capture has cut is not malformed. On other ports a header is enough.
 cuts = [(data, size) for data in EXAMPLES for size in range(len(data) + 1)]
 hosts = [f"10.1.{i // 200}.{i % 200}" for i in range(len(cuts))]

@@ -11,7 +11,7 @@ import tempfile
 SOURCES, BUILD = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 FOLDER = pathlib.Path(tempfile.mkdtemp(prefix="tavistro-wireshark-"))
 atexit.register(shutil.rmtree, FOLDER)
-MALFORMED = "length trailing version type client_id rectangle value incompatible reserved".split()
+MALFORMED = "length trailing version type client_id rectangle value incompatible reserved segments".split()
 EXPERTS = MALFORMED + "missing late duplicate jump format incomplete".split()
 AUDIO, SYNC, DISCOVER, REPLY, PING, PONG = 2, 3, 4, 5, 6, 7
 HERE, THERE = ("10.0.0.1", 9), ("10.0.0.2", 28010)
