@@ -1,4 +1,6 @@
 """Small captures whose answers are known. Each is of another host; all have the same name, port and client id."""
+import json
+
 from shark import *
 
 # Sync: S number @ rate, if it is not 48000. Audio: A number . index / count of the fragment x channels. Then the expert
@@ -36,3 +38,14 @@ for line in ("10.0.0.1:9 > 10.0.0.2:28010: 8 datagrams, 352 bytes, 0 malformed\n
              "10.0.4.1:9 > 10.0.0.2:28010: 4 datagrams, 208 bytes, 0 malformed\n"
              "  Audio: 1 blocks, 0 incomplete, 0 missing, 1 late, 0 duplicate\n"):
     assert line in (text := tshark(path, "-q", "-X", "lua_script1:stats")), f"{line} not in {text}"
+# Loading a file again starts afresh.
+plugins = FOLDER / "home/.local/lib/wireshark/plugins"
+plugins.mkdir(parents=True)
+(plugins / "tavistro.lua").symlink_to(SOURCES / "wireshark/tavistro.lua")
+requests = [("load", {"file": str(path)}), ("frames", {"filter": "_ws.expert"})] * 2
+text = "\n".join(json.dumps({"jsonrpc": "2.0", "id": i, "method": name, "params": values})
+                 for i, (name, values) in enumerate(requests, 1)) + "\n"
+done = subprocess.run(["sharkd", "-"], input=text, env={"HOME": str(FOLDER / "home"), "PATH": "/usr/bin"},
+                      capture_output=True, text=True, timeout=60)
+first, second = [json.loads(line)["result"] for line in done.stdout.splitlines() if line][1::2]
+assert first == second and len(first) == sum(" " in step for _, step in steps), f"{first}\n{second}"
