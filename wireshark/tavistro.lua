@@ -5,7 +5,7 @@ local unpack = string.unpack or Struct.unpack -- older versions of Lua lack the 
 local MAGIC, VERSION, HEADER_BYTES = "TVSO", 5, 16
 local CAPABILITY = UInt64(0x00050001, 0x5456534F) -- low and high 32 bits
 local WRAP, HALF = 4294967296, 2147483648 -- of sequence numbers; integers in every version of Lua
-local SLOTS = 8 -- of a client, for incomplete blocks: by sequence number modulo 8
+local SLOTS = 8 -- for incomplete blocks in a client, by sequence number modulo 8
 local LONGEST_GAP = 1024 -- a larger step is a jump
 local RING = 2048 -- blocks that a stream remembers; divides WRAP
 
@@ -479,7 +479,8 @@ register()
 tavistro.prefs_changed = register
 tavistro:register_heuristic("udp", heuristic)
 
-local TIMES = { "interval", "jitter", "rtt" } -- in microseconds
+local TIMES = { "interval", "jitter", "rtt" }
+
 --- Calls `output` with the statistics, a text, whenever Wireshark wants them drawn.
 local function statistics(output)
     local tap, order, sums = Listener.new("frame", "tavistro"), {}, {}

@@ -90,7 +90,8 @@ for port, *options in (THERE[1],), (THERE[1], "-2"), (4444, "-o", "tavistro.port
 a, b, c, server = ((f"10.9.0.{i}", 4444) for i in range(4))
 other, client, port = changed(ping, {4: 4}), ("10.9.0.5", 9), ("10.9.0.6", THERE[1])
 steps = [(a, server, ping, [], "1"), (b, server, other, ["version"], "1"), (server, b, other, ["version"], "1"),
-         (b, c, other, [], ""), (server, a, audio, [], "2"), (client, port, audio, [], "1"), (port, client, audio, [], "2")]
+         (b, c, other, [], ""), (server, a, audio, [], "2"),
+         (client, port, audio, [], "1"), (port, client, audio, [], "2")]
 path = capture((i, udp(*step[:3])) for i, step in enumerate(steps))
 found = [(names, "".join(values["direction"])) for values, names in frames(path, ["direction"])]
 compare([({*step[3]}, step[4]) for step in steps], found)

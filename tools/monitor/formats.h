@@ -27,7 +27,7 @@ std::string engines_json(std::int64_t monitor_start_ms, std::span<const Sample> 
                          const Accounts& accounts);
 
 /// Reads to_json() back, exactly. Throws std::runtime_error for text that is none.
-Sample from_json(const std::string& text);
+Sample from_json(const std::string& line);
 
 /// The heading and the rows of a table; a histogram takes a column for each bucket.
 std::string csv_heading();

@@ -111,7 +111,7 @@ readings::Json computer_facts() {
                {"sound_cards", text_at("/proc/asound/cards")},
                {"engine_libraries", engine_libraries()}};
     for (auto fact = facts.begin(); fact != facts.end();)
-        fact = *fact == "" ? facts.erase(fact) : std::next(fact);
+        fact = *fact == Json(std::string()) ? facts.erase(fact) : std::next(fact);
     return facts;
 }
 
