@@ -50,7 +50,6 @@ fields("framenum", "pong_in discover_reply_in", base.NONE, frametype.RESPONSE)
 fields("framenum", "duplicate_of reassembled_in fragment")
 fields("none", "block")
 tavistro.fields = f
-
 local e = {}
 local function experts(group, severity, titles)
     for name, title in pairs(titles) do
@@ -68,7 +67,6 @@ experts("REASSEMBLE", "WARN", { incomplete = "Incomplete block" })
 experts("PROTOCOL", "WARN", { incompatible = "Incompatible server" })
 experts("PROTOCOL", "NOTE", { reserved = "Reserved bytes that are not 0", segments = "Followed by more messages" })
 tavistro.experts = e
-
 tavistro.prefs.port = Pref.uint("UDP port", 28010, "The server's port, where malformed datagrams are shown too")
 tavistro.prefs.samples = Pref.bool("Show each sample", false, "Adds every sample as tavistro.sample; slow")
 
