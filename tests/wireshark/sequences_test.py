@@ -4,8 +4,9 @@ import json
 from shark import *
 
 # Sync: S number @ rate, if it is not 48000. Audio: A number . index / count of the fragment x channels. Then the expert
-# items, and how many are missing. Messages with "+" are in one datagram: captured before the sender's system split it.
-CASES = """S10, S13 missing 2, S12 late, S12 duplicate, S13 duplicate, S1038 missing 1024, S14 late, S2064 jump, S2063 late
+# items, and how many are missing. "+": in one datagram, as captured before the sender's system split it.
+CASES = """S10, S13 missing 2, S12 late, S12 duplicate, S13 duplicate, S1038 missing 1024, S14 late, \
+S2064 jump, S2063 late
 S4294967295, S1 missing 1, S0 late, S0 duplicate, S2
 S10, S11@0, S5@44100 format, S6@44100, S8@0 missing 1
 A8.0/2, A16.0/2 missing 7 incomplete, A8.1/2 late, A16.1/2
