@@ -158,9 +158,9 @@ TEST_F(Programs, SayOnceWhatAStartWaitsFor) {
 TEST_F(Programs, FailWithAReason) {
     Program& server = server::run_server_program;
     const std::tuple<Program*, std::string, int, std::string> cases[] = {
-        {run_host_program, "run none.ini", 1,
+        {run_host_program, "run none.ini", 2,
          "host: none.ini: Cannot open config file: none.ini\n"},
-        {run_host_program, "run --json none.ini", 1,
+        {run_host_program, "run --json none.ini", 2,
          "host: none.ini: Cannot open config file: none.ini\n"},
         {run_host_program, "run ''", 2, "host: CONFIG: the path is empty\n"},
         {run_host_program, "", 2, "host: A subcommand is required\nRuns the Tavistro"},
@@ -179,8 +179,8 @@ TEST_F(Programs, FailWithAReason) {
         told.str("");
         EXPECT_EQ(run(*program, arguments, told, errors), exit_code) << reason;
         EXPECT_TRUE(errors.str().starts_with("tavistro-" + reason)) << errors.str();
-        EXPECT_EQ(errors.str().find("\nUsage: tavistro-") != std::string::npos, exit_code == 2)
-            << errors.str();
+        const bool has_usage = errors.str().find("\nUsage: tavistro-") != std::string::npos;
+        EXPECT_EQ(has_usage, !reason.ends_with("none.ini\n")) << errors.str();
         const bool has_object = told.str().find("\n{\"type\":\"summary\"") != std::string::npos;
         EXPECT_EQ(has_object, arguments == "run --json none.ini") << told.str();
     }
