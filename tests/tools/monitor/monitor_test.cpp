@@ -186,6 +186,9 @@ TEST(Metrics, AreInBaseUnitsForEnginesThatRunWithTheCausesOfAll) {
     sample.stats->target_frames = 768;
     sample.stats->buffer_us = 15'500;
     std::ranges::copy(Histogram{10, 4, 2, 0, 0, 0, 0, 0, 0, 1}, sample.stats->rtt_histogram);
+    sample.host_late_us = 12'500;
+    sample.totals.watched_ms = 2500;
+    sample.totals.replaced.count = 6;
     sample.totals.clock_uncertainty_ppm = 5;
     sample.totals.server_faster_ppm = -250;
     Sample ended = sample;
@@ -207,6 +210,11 @@ TEST(Metrics, AreInBaseUnitsForEnginesThatRunWithTheCausesOfAll) {
              "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"0.0005\"} 14",
              "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 17",
              "tavistro_round_trip_seconds_count{client_id=\"3\"} 17",
+             "tavistro_round_trip_seconds_sum{client_id=\"3\"} 0.10425",
+             "tavistro_capture_dropped_total{client_id=\"3\"} 13900",
+             "tavistro_monitor_watched_seconds_total{client_id=\"3\"} 2.5",
+             "tavistro_monitor_blocks_lost_total{client_id=\"3\"} 6",
+             "tavistro_monitor_host_late_seconds 0.0125",
              "tavistro_monitor_server_clock_ratio{client_id=\"3\"} 0.99975"})
         EXPECT_NE(metrics.find("\n" + line + "\n"), std::string::npos) << line << " in " << metrics;
     EXPECT_EQ(metrics.find("buffer_seconds{client_id=\"4\"}"), std::string::npos);

@@ -78,6 +78,7 @@ TEST(LivePages, HaveHoursOfEachEngineTheOlderReadingsMerged) {
     constexpr int seconds = 26 * 3600;
     for (int s = 0; s < seconds; ++s) {
         Sample sample{.time_ms = start_ms + 1000 * s, .client_id = 5, .presence = Presence::alive};
+        sample.host_late_us = s % 60 == 2 ? 7000 : 70;
         tavistro_stats_block& stats = sample.stats.emplace();
         stats.rtt_last_us = s % 60 == 3 ? 9000 : 500;
         stats.min_frames = s % 60 == 4 ? 1 : 600;
@@ -92,6 +93,7 @@ TEST(LivePages, HaveHoursOfEachEngineTheOlderReadingsMerged) {
     ASSERT_EQ(all.size(), 1440U + 360U + 600U);
     EXPECT_EQ(all[0]["time_ms"], all[1]["time_ms"].get<std::int64_t>() - 60'000);
     for (const int i : {1, 1439}) {  // a whole minute
+        EXPECT_EQ(all[i]["host_late_us"], 7000) << i;
         EXPECT_EQ(all[i]["stats"]["rtt_last_us"], 9000) << i;
         EXPECT_EQ(all[i]["stats"]["min_frames"], 1) << i;
         EXPECT_EQ(all[i]["stats"]["underruns"].get<int>() % 60, 59) << "the last value of " << i;
