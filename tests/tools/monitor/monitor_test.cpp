@@ -210,7 +210,7 @@ TEST(Metrics, AreInBaseUnitsForEnginesThatRunWithTheCausesOfAll) {
              "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"0.0005\"} 14",
              "tavistro_round_trip_seconds_bucket{client_id=\"3\",le=\"+Inf\"} 17",
              "tavistro_round_trip_seconds_count{client_id=\"3\"} 17",
-             "tavistro_round_trip_seconds_sum{client_id=\"3\"} 0.10425",
+             "tavistro_round_trip_seconds_sum{client_id=\"3\"} 0.10425000000000001",
              "tavistro_capture_dropped_total{client_id=\"3\"} 13900",
              "tavistro_monitor_watched_seconds_total{client_id=\"3\"} 2.5",
              "tavistro_monitor_blocks_lost_total{client_id=\"3\"} 6",
