@@ -197,7 +197,8 @@ TEST(Metrics, AreInBaseUnitsForEnginesThatRunWithTheCausesOfAll) {
     const std::string metrics = to_prometheus(
         std::vector{sample, ended}, {{3, account_of_trouble("")}, {4, {.not_clear_yet = "x"}}});
     for (const std::string& line : std::initializer_list<std::string>{
-             "tavistro_up{client_id=\"3\"} 1", "tavistro_up{client_id=\"4\"} 0",
+             "tavistro_up{client_id=\"3\"} 1",
+             "tavistro_up{client_id=\"4\"} 0",
              "tavistro_state{client_id=\"3\",state=\"Running\"} 1",
              "tavistro_state{client_id=\"3\",state=\"Failed\"} 0",
              "tavistro_cause{client_id=\"3\",cause=\"network_loss\"} 1",
