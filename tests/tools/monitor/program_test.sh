@@ -88,11 +88,16 @@ tar -xzf "$work/bundle.tar.gz" -C "$work/bundle"
 cmp "$work/recording" "$work/bundle/recordings/recording"
 diff <(sed 's/192.0.2.7/x/' "$work/client.ini") "$work/bundle/configurations/client.ini"
 diff <(sed '/^client/s/,.*//' "$work/bundle/explained/recording.txt") "$work/said"
-jq -e '.versions["tavistro-host"] and .computer.system and .computer.processors > 0 and
-    (.computer.engine_libraries | length) > 0' "$work/bundle/facts.json" >"$work/jq" || fail "$(<"$work/bundle/facts.json")"
+version=$("$build/tavistro-host" --version)
+jq -e --arg version "${version#tavistro-host }" '.versions["tavistro-host"] == $version and .computer.system and
+    .computer.processors > 0 and (.computer.engine_libraries | length) > 0' "$work/bundle/facts.json" >"$work/jq" || fail "$(<"$work/bundle/facts.json")"
 if grep -rwF "$(hostname)" "$work/bundle/facts.json"; then fail "the computer's name is in the bundle"; fi
-ends 0 packed bundle --addresses --config "$work/client.ini" --seconds 0.2 --output "$work/all.tar.gz"
+mkdir "$work/other"
+printf '; %509s\n' >"$work/other/client.ini" # as long as a block of the archive
+ends 0 packed bundle --addresses --config "$work/client.ini" "$work/other/client.ini" --seconds 0.2 --output "$work/all.tar.gz"
 tar -xOzf "$work/all.tar.gz" configurations/client.ini | cmp - "$work/client.ini"
+tar -xOzf "$work/all.tar.gz" configurations/2-client.ini | cmp - "$work/other/client.ini"
+[[ $(tar -tzf "$work/all.tar.gz" | wc -l) == 5 ]] || fail "a bundle has: $(tar -tzf "$work/all.tar.gz")"
 tar -xOzf "$work/all.tar.gz" recordings/now.rec >"$work/now.rec"
 ends 0 now explain 77 --recording "$work/now.rec"
 ends 1 refused bundle --config "$work/missing" --recording "$work/recording" --output "$work/none.tar.gz"
