@@ -65,7 +65,7 @@ struct Sockets {
 
 TEST(HardNetwork, ASendThatWaitsForRoomGivesUpWhenItIsTold) {
     constexpr auto slow =
-        "ip link set lo up && tc qdisc add dev lo root tbf rate 100kbit burst 64kb limit 8mb";
+        "ip link set lo up && tc qdisc add dev lo root tbf rate 1kbit burst 64kb limit 8mb";
     in_own_network(slow, [] {
         for (const bool by_close : {false, true}) {
             Sockets s;
