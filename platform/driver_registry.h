@@ -18,6 +18,12 @@ struct RegisteredDriver {
     std::optional<std::string> description;
 };
 
+/// A driver that is there but cannot be listed.
+struct UnlistedDriver {
+    std::string name;    ///< of its file or key
+    std::string reason;  ///< for people; system's words where there are some
+};
+
 /// For programs that hold this code themselves and use the engine library at `file`: drivers are
 /// looked for where that library looks. Nothing where they are not looked for beside files, or for
 /// an empty path. Before every other use of the register.
@@ -29,6 +35,9 @@ std::string driver_place();
 /// Every registered driver that names a class: in registry order on Windows, by file name on
 /// Linux. Unreadable entries are omitted.
 std::vector<RegisteredDriver> registered_drivers();
+
+/// The entries that registered_drivers() omits, or whose class is not registered completely.
+std::vector<UnlistedDriver> unlisted_drivers();
 
 /// Path of the file that serves a class (compared without regard to letter case), nothing when the
 /// class is not registered completely.

@@ -5,15 +5,15 @@
 
 extern "C" {
 
-[[gnu::visibility("default")]] const char* tavistro_driver_class_id() {
-    return tavistro::test::driver_class_id_text;
+[[gnu::visibility("default")]] const char* tavistro_driver_class_id(unsigned number) {
+    return number == 0 ? tavistro::test::driver_class_id_text : nullptr;
 }
 
-[[gnu::visibility("default")]] const char* tavistro_driver_description() {
+[[gnu::visibility("default")]] const char* tavistro_driver_name(unsigned) {
     return tavistro::test::driver_name;
 }
 
-[[gnu::visibility("default")]] void* tavistro_driver_create() {
+[[gnu::visibility("default")]] void* tavistro_driver_create(unsigned) {
     return tavistro::test::create_test_driver();
 }
 

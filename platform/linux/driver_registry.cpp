@@ -6,18 +6,22 @@
 #include <cctype>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 
-// A registered driver is a shared object in TAVISTRO_DRIVER_FOLDER, below the folder of the file
-// that holds this code (or of the one that its program named), and the file's stem is its key name.
-// It exports three C functions:
-//     const char* tavistro_driver_class_id(void)     "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}"
-//     const char* tavistro_driver_description(void)  the name shown to users, or null
-//     void*       tavistro_driver_create(void)       a new driver object, or null
-// The object is a pointer to a table of functions in the order of the driver interface, its first
-// three being query-interface, add-reference and release, and holds one reference.
+// Drivers are in shared objects in TAVISTRO_DRIVER_FOLDER, below the folder of the file that holds
+// this code (or of the one that its program named). Such a file has one driver or several, numbered
+// from 0, and exports three C functions:
+//     const char* tavistro_driver_class_id(unsigned number)
+//     "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}",
+//                                                            null after the last driver
+//     const char* tavistro_driver_name(unsigned number)      the name shown to users, or null
+//     void*       tavistro_driver_create(unsigned number)    a new driver object, or null
+// Asking for the class identifier of number 0 may read the list of devices anew. An object is a
+// pointer to a table of functions in the order of the driver interface, its first three being
+// query-interface, add-reference and release, and holds one reference.
 
 namespace tavistro::platform {
 namespace {
@@ -27,22 +31,13 @@ namespace fs = std::filesystem;
 constexpr std::int32_t class_not_registered = static_cast<std::int32_t>(0x80040154);
 constexpr std::int32_t creation_failed = static_cast<std::int32_t>(0x80004005);
 
-using TextFunction = const char* (*)();
-using CreateFunction = void* (*)();
+using TextFunction = const char* (*)(unsigned);
+using CreateFunction = void* (*)(unsigned);
 
 struct CloseLibrary {
     void operator()(void* library) const noexcept { dlclose(library); }
 };
 using Library = std::unique_ptr<void, CloseLibrary>;
-
-template <typename Function>
-Function find(const Library& library, const char* name) {
-    return reinterpret_cast<Function>(dlsym(library.get(), name));
-}
-
-Library load(const fs::path& file) {
-    return Library(dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL));
-}
 
 /// Beside this file drivers are looked for, when it is set.
 std::string& neighbour() {
@@ -78,17 +73,69 @@ std::string to_lower(std::string text) {
     return text;
 }
 
-std::optional<RegisteredDriver> describe(const fs::path& file) {
-    const Library library = load(file);
-    if (!library) return {};
-    const auto class_id = find<TextFunction>(library, "tavistro_driver_class_id");
-    const char* class_id_text = class_id ? class_id() : nullptr;
-    if (class_id_text == nullptr) return {};
-    RegisteredDriver driver{file.stem().string(), class_id_text, {}};
-    const auto description = find<TextFunction>(library, "tavistro_driver_description");
-    if (const char* text = description ? description() : nullptr) driver.description = text;
-    return driver;
-}
+/// A file of drivers, loaded.
+class DriverFile {
+  public:
+    explicit DriverFile(const fs::path& path) : path_(path) {
+        library_.reset(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
+        if (library_ == nullptr) {
+            const char* const error = dlerror();
+            fault_ = error != nullptr ? error : "cannot be loaded";
+            return;
+        }
+        find(class_id_, "tavistro_driver_class_id");
+        find(name_, "tavistro_driver_name");
+        find(create_, "tavistro_driver_create");
+        if (!fault_.empty()) return;
+        list_drivers();
+        if (drivers_.empty()) fault_ = "has no driver at present";
+    }
+
+    /// Why it lists no driver; empty when it lists some.
+    const std::string& fault() const { return fault_; }
+    const std::vector<RegisteredDriver>& drivers() const { return drivers_; }
+
+    /// The number of the first driver of that class.
+    template <typename SameClass>
+    std::optional<unsigned> find_driver(const SameClass& same_class) const {
+        const auto found =
+            std::ranges::find_if(drivers_, same_class, &RegisteredDriver::class_id_text);
+        if (found == drivers_.end()) return {};
+        return static_cast<unsigned>(found - drivers_.begin());
+    }
+
+    void* create(unsigned number) const { return create_(number); }
+    Library take_library() { return std::move(library_); }
+
+  private:
+    static constexpr unsigned most_drivers = 256;
+
+    template <typename Function>
+    void find(Function& function, const char* name) {
+        function = reinterpret_cast<Function>(dlsym(library_.get(), name));
+        if (function == nullptr && fault_.empty()) fault_ = std::string("does not export ") + name;
+    }
+
+    void list_drivers() {
+        for (unsigned number = 0; number < most_drivers; ++number) {
+            const char* const class_id = class_id_(number);
+            if (class_id == nullptr) return;
+            RegisteredDriver& driver = drivers_.emplace_back();
+            driver.key_name = path_.stem().string();
+            if (number > 0) driver.key_name += '-' + std::to_string(number);
+            driver.class_id_text = class_id;
+            if (const char* const name = name_(number)) driver.description = name;
+        }
+    }
+
+    fs::path path_;
+    Library library_;
+    TextFunction class_id_ = nullptr;
+    TextFunction name_ = nullptr;
+    CreateFunction create_ = nullptr;
+    std::string fault_;
+    std::vector<RegisteredDriver> drivers_;
+};
 
 // The library of each living object: closing it earlier would take the object's code away.
 class LoadedLibraries {
@@ -113,15 +160,6 @@ LoadedLibraries& loaded_libraries() {
     return instance;
 }
 
-std::int32_t create(const fs::path& file, void** object) {
-    Library library = load(file);
-    const auto make = library ? find<CreateFunction>(library, "tavistro_driver_create") : nullptr;
-    *object = make ? make() : nullptr;
-    if (*object == nullptr) return creation_failed;
-    loaded_libraries().keep(*object, std::move(library));
-    return 0;
-}
-
 }  // namespace
 
 void look_for_drivers_beside(const std::string& file) {
@@ -134,17 +172,26 @@ std::string driver_place() {
 
 std::vector<RegisteredDriver> registered_drivers() {
     std::vector<RegisteredDriver> drivers;
-    for (const fs::path& file : driver_files()) {
-        if (auto driver = describe(file)) drivers.push_back(std::move(*driver));
-    }
+    for (const fs::path& file : driver_files())
+        std::ranges::copy(DriverFile(file).drivers(), std::back_inserter(drivers));
     return drivers;
 }
 
-std::optional<std::string> class_server_path(const std::string& class_id_text) {
-    const std::string wanted = to_lower(class_id_text);
+std::vector<UnlistedDriver> unlisted_drivers() {
+    std::vector<UnlistedDriver> unlisted;
     for (const fs::path& file : driver_files()) {
-        const auto driver = describe(file);
-        if (driver && to_lower(driver->class_id_text) == wanted) return file.string();
+        if (const DriverFile loaded(file); !loaded.fault().empty())
+            unlisted.push_back({file.filename().string(), loaded.fault()});
+    }
+    return unlisted;
+}
+
+std::optional<std::string> class_server_path(const std::string& class_id_text) {
+    const auto same_class = [wanted = to_lower(class_id_text)](const std::string& text) {
+        return to_lower(text) == wanted;
+    };
+    for (const fs::path& file : driver_files()) {
+        if (DriverFile(file).find_driver(same_class)) return file.string();
     }
     return {};
 }
@@ -158,11 +205,17 @@ void* driver_parent_window() noexcept {
 std::int32_t create_driver_object(const ClassId& class_id, void** object) noexcept {
     *object = nullptr;
     try {
-        for (const fs::path& file : driver_files()) {
-            const auto driver = describe(file);
-            if (driver && parse_class_id(driver->class_id_text) == class_id) {
-                return create(file, object);
-            }
+        const auto same_class = [&](const std::string& text) {
+            return parse_class_id(text) == class_id;
+        };
+        for (const fs::path& path : driver_files()) {
+            DriverFile file(path);
+            const auto number = file.find_driver(same_class);
+            if (!number) continue;
+            *object = file.create(*number);
+            if (*object == nullptr) return creation_failed;
+            loaded_libraries().keep(*object, file.take_library());
+            return 0;
         }
         return class_not_registered;
     } catch (const std::exception&) {

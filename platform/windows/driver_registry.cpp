@@ -80,6 +80,20 @@ std::vector<RegisteredDriver> registered_drivers() {
     return drivers;
 }
 
+std::vector<UnlistedDriver> unlisted_drivers() {
+    std::vector<UnlistedDriver> unlisted;
+    const RegistryKey asio(HKEY_LOCAL_MACHINE, drivers_key);
+    for (DWORD index = 0; const auto name = asio.subkey_name(index); ++index) {
+        const auto class_id = RegistryKey(asio, *name).text("clsid", most_value_bytes);
+        if (!class_id) {
+            unlisted.push_back({*name, "its key has no clsid"});
+        } else if (!class_server_path(*class_id)) {
+            unlisted.push_back({*name, "its class " + *class_id + " has no InprocServer32"});
+        }
+    }
+    return unlisted;
+}
+
 std::optional<std::string> class_server_path(const std::string& class_id_text) {
     // Anything but a single key's name would be a path to somewhere else.
     if (class_id_text.empty() || class_id_text.find('\\') != std::string::npos) return {};

@@ -24,6 +24,7 @@ struct Installed {
 };
 
 std::vector<Installed> installed_drivers;
+std::vector<platform::UnlistedDriver> unlisted_drivers;
 int apartments_entered = 0;  ///< and not yet left
 constexpr std::int32_t not_registered = -2147221164;
 
@@ -40,6 +41,14 @@ std::vector<RegisteredDriver> registered_drivers() {
     for (const Installed& driver : installed_drivers)
         drivers.push_back({driver.key_name, driver.class_id(), driver.description});
     return drivers;
+}
+
+std::vector<UnlistedDriver> unlisted_drivers() {
+    return test::unlisted_drivers;
+}
+
+std::string driver_place() {
+    return "test";
 }
 
 std::optional<std::string> class_server_path(const std::string& class_id_text) {

@@ -14,6 +14,7 @@
 #include "asio/buffer_size.h"
 #include "asio/driver_list.h"
 #include "asio/sample_format.h"
+#include "platform/driver_registry.h"
 #include "tools/host/commands.h"
 #include "tools/readings/fields_json.h"
 #include "tools/readings/texts.h"
@@ -177,7 +178,11 @@ void show(const DriverSurvey& survey, std::ostream& out) {
         row("fault", fault);
 }
 
-/// The name need not be UTF-8.
+/// Names need not be UTF-8.
+std::string text_of(const Json& line) {
+    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 std::string json_line(std::int32_t id, const std::string& name, const DriverSurvey& survey) {
     const auto or_null = [](const auto& answer) { return answer ? Json(*answer) : Json(); };
     Json line{{"type", "device"},
@@ -196,17 +201,13 @@ std::string json_line(std::int32_t id, const std::string& name, const DriverSurv
                                  {"maximum", sizes->maximum},
                                  {"preferred", sizes->preferred},
                                  {"granularity", sizes->granularity}};
-    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return text_of(line);
 }
 
 }  // namespace
 
 int list_devices(bool json, std::ostream& out, std::ostream& errors) {
     AsioDrivers drivers;
-    if (drivers.driverCount() == 0) {
-        errors << "no ASIO drivers are registered\n";
-        return 1;
-    }
     for (std::int32_t id = 0; id < drivers.driverCount(); ++id) {
         const std::string name = name_of(drivers, id);
         if (!json) out << id << "  " << name << std::endl;
@@ -218,7 +219,17 @@ int list_devices(bool json, std::ostream& out, std::ostream& errors) {
         }
         out.flush();
     }
-    return 0;
+    for (const auto& [name, reason] : platform::unlisted_drivers()) {
+        if (json) {
+            const Json line{{"type", "unlisted"}, {"name", name}, {"reason", reason}};
+            out << text_of(line) << '\n';
+        } else {
+            out << fmt::format("-  {}\n    {:<14}{}\n", name, "not listed", reason);
+        }
+    }
+    if (drivers.driverCount() > 0) return 0;
+    errors << "no ASIO drivers are registered in " << platform::driver_place() << '\n';
+    return 1;
 }
 
 }  // namespace tavistro::host

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -57,6 +58,14 @@ TEST_F(DriverRegistryTest, ListsWhatNamesAClassAndFindsWhatServesIt) {
     EXPECT_EQ(class_server_path("{7d3f0a11-52C4-4c9b-9e63-0d1b5a8e0001}"),
               "c:\\drivers\\complete.dll");
     EXPECT_EQ(class_server_path(class_without_server), std::nullopt);
+
+    std::map<std::string, std::string> unlisted;
+    for (const auto& [name, reason] : unlisted_drivers())
+        unlisted[name] = reason;
+    EXPECT_FALSE(unlisted.contains("Tavistro test complete"));
+    EXPECT_EQ(unlisted["Tavistro test no class"], "its key has no clsid");
+    EXPECT_EQ(unlisted["Tavistro test no server"],
+              "its class " + class_without_server + " has no InprocServer32");
 }
 
 // The first apartment is this thread's, which waits and serves nobody: COM would hang the other.

@@ -17,9 +17,9 @@ class Devices : public testing::Test {
         EXPECT_EQ(driver.count("createBuffers") + driver.count("start"), 0) << "only asked";
         driver.restore();
     }
-    static std::string listed(bool json = false) {
+    static std::string listed(bool json = false, int status = 0) {
         std::ostringstream out;
-        EXPECT_EQ(list_devices(json, out, out), 0);
+        EXPECT_EQ(list_devices(json, out, out), status);
         return out.str();
     }
 
@@ -56,6 +56,18 @@ TEST_F(Devices, NameTheCallThatFailedAndKeepTheOtherAnswers) {
     driver.set("fixed_rate", "1");
     EXPECT_NE(listed().find(" no steps\n    accepts       none of the usual rates\n    fault  "),
               std::string::npos);
+}
+
+TEST_F(Devices, TellWhyADriverIsNotListed) {
+    test::installed_drivers.clear();
+    test::unlisted_drivers = {{"jack.so", "libjack.so.0: cannot open"}};
+    EXPECT_EQ(listed(false, 1),
+              "-  jack.so\n"
+              "    not listed    libjack.so.0: cannot open\n"
+              "no ASIO drivers are registered in test\n");
+    EXPECT_TRUE(listed(true, 1).starts_with(
+        R"({"type":"unlisted","name":"jack.so","reason":"libjack.so.0: cannot open"})"));
+    test::unlisted_drivers.clear();
 }
 
 }  // namespace
