@@ -1,4 +1,5 @@
 // Benchmarks of the device side: playback buffer, captured periods, meters and sample formats.
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 

@@ -1,5 +1,6 @@
 // Runs several complete engines in one process and reports their CPU time and memory.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>

@@ -1,6 +1,7 @@
 // Passes the input to every decoder: unchanged, with a valid header, and as values of valid
 // messages before and after one byte changes. A decoded message must encode to the same bytes,
 // except those that no decoder reads. Audio fragments also go to the reassembly.
+#include <algorithm>
 #include <initializer_list>
 #include <utility>
 

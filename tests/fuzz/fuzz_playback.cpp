@@ -1,5 +1,6 @@
 // Compares the playback buffer with a plain model (a deque of frames, one thread) after every step:
 // samples, counters, read ratio and fill level.
+#include <algorithm>
 #include <array>
 #include <deque>
 

@@ -1,5 +1,6 @@
 // usage: TARGET_replay MUTATIONS FOLDER: runs a fuzz target without a fuzzer, on noise, on every
 // input in the folder, if it exists, and on that number of mutations of both. Deterministic.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>

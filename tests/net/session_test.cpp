@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "net/net_inputs.h"
 #include "net/server_messages.h"
 #include "platform/clock.h"
