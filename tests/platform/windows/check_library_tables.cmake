@@ -21,7 +21,7 @@ list(TRANSFORM declarations REPLACE "^.*[ *]([a-z_]+)\\(.*$" "\\1" OUTPUT_VARIAB
 string(REGEX REPLACE "^.*\\[Ordinal/Name Pointer\\] Table[^\n]*" "" names "${tables}")
 string(REGEX REPLACE "\n\n.*$" "" names "${names}")
 string(REGEX MATCHALL "\\[ *[0-9]+\\] [^\n]+" exported "${names}")
-list(TRANSFORM exported REPLACE "^\\[ *[0-9]+\\] " "")
+list(TRANSFORM exported REPLACE "^.* " "")  # a newer objdump has more columns before the name
 list(SORT declared)
 list(SORT exported)
 list(LENGTH declared count)
