@@ -41,6 +41,7 @@ if(TAVISTRO_WARNINGS_AS_ERRORS)
   if("${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}" MATCHES "^(GNU 12|Clang 14)\\.")
     set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
   else()
+    set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
     message(NOTICE "warnings are not errors with ${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}, "
                    "only with GNU 12 and Clang 14")
   endif()
