@@ -42,12 +42,12 @@ for line in ("10.0.0.1:9 > 10.0.0.2:28010: 9 datagrams, 396 bytes, 0 malformed\n
 # A file that is loaded after another one has the same results.
 plugins = FOLDER / "home/.local/lib/wireshark/plugins"
 plugins.mkdir(parents=True)
-(plugins / "tavistro.lua").symlink_to(SOURCES / "wireshark/tavistro.lua")
+shutil.copy(SCRIPT, plugins)
 requests = [("load", {"file": str(capture(enumerate(packets[::-1])))}), ("load", {"file": str(path)}),
             ("frames", {"filter": "tavistro.expert.late"})]
 text = "".join(json.dumps({"jsonrpc": "2.0", "id": i, "method": name, "params": values}) + "\n"
                for i, (name, values) in enumerate(requests, 1))
 done = subprocess.run(["sharkd", "-"], input=text, env={"HOME": str(FOLDER / "home"), "PATH": "/usr/bin"},
-                      capture_output=True, text=True, timeout=60)
+                      capture_output=True, text=True, timeout=60, **USER)
 late = [frame["num"] for frame in json.loads(done.stdout.splitlines()[-1])["result"]]
 assert late == [i + 1 for i, (_, step) in enumerate(steps) if "late" in step], done.stdout

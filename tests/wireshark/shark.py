@@ -1,5 +1,6 @@
 """Captures, and what tshark with the dissector says about them. Each test has the arguments SOURCES BUILD."""
 import atexit
+import os
 import pathlib
 import re
 import shutil
@@ -10,7 +11,11 @@ import tempfile
 
 SOURCES, BUILD = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 FOLDER = pathlib.Path(tempfile.mkdtemp(prefix="tavistro-wireshark-"))
+FOLDER.chmod(0o755)
 atexit.register(shutil.rmtree, FOLDER)
+# Root's tshark loads no scripts from version 4.4 on. For root a user without rights runs it, on a copy that it may read.
+SCRIPT = shutil.copy(SOURCES / "wireshark/tavistro.lua", FOLDER)
+USER = {"user": 65534, "group": 65534, "extra_groups": ()} if os.geteuid() == 0 else {}
 MALFORMED = "length trailing version type client_id rectangle value incompatible reserved segments".split()
 EXPERTS = MALFORMED + "missing late duplicate jump format incomplete".split()
 AUDIO, SYNC, DISCOVER, REPLY, PING, PONG = 2, 3, 4, 5, 6, 7
@@ -29,6 +34,7 @@ def udp(source, destination, data):
 def capture(packets):
     """packets: time in ns, the packet from its IP header on, and how many bytes of it were captured (without: all)."""
     path = pathlib.Path(tempfile.mkstemp(".pcap", dir=FOLDER)[1])
+    path.chmod(0o644)
     with open(path, "wb") as file:
         file.write(struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 262144, 101))
         for time, packet, *cut in packets:
@@ -38,9 +44,9 @@ def capture(packets):
 
 
 def tshark(path, *options):
-    command = ["tshark", "-r", path, "-X", f"lua_script:{SOURCES}/wireshark/tavistro.lua", *options]
+    command = ["tshark", "-r", path, "-X", f"lua_script:{SCRIPT}", *options]
     done = subprocess.run(list(map(str, command)), capture_output=True, text=True, timeout=90,
-                          env={"HOME": str(FOLDER), "PATH": "/usr/bin:/bin"})
+                          env={"HOME": str(FOLDER), "PATH": "/usr/bin:/bin"}, **USER)
     assert done.returncode == 0 and "Lua" not in done.stderr, done.stderr
     return done.stdout
 

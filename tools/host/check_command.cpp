@@ -93,8 +93,8 @@ const ConfigKey* nearest(std::string_view written, std::string_view ConfigKey::*
     std::vector<std::string_view> names;
     for (const ConfigKey& known : config_keys())
         names.push_back(known.*name);
-    const std::string near = nearest_word(written, names);
-    const auto found = std::ranges::find(config_keys(), near, name);
+    const std::string best = nearest_word(written, names);
+    const auto found = std::ranges::find(config_keys(), best, name);
     return found == config_keys().end() ? nullptr : &*found;
 }
 
@@ -157,9 +157,9 @@ class ConfigWarnings {
         if (line.size() < 3 || line.back() != ']') return;  // the loader's to report
         section_ = to_lower(trim(line.substr(1, line.size() - 2)));
         if (is_section(*section_)) return;
-        const ConfigKey* const near = nearest(*section_, &ConfigKey::section);
-        if (near == nullptr) return warn("unknown section [{}]: its keys are ignored", *section_);
-        warn("unknown section [{}]: did you mean [{}]?", *section_, near->section);
+        const ConfigKey* const best = nearest(*section_, &ConfigKey::section);
+        if (best == nullptr) return warn("unknown section [{}]: its keys are ignored", *section_);
+        warn("unknown section [{}]: did you mean [{}]?", *section_, best->section);
     }
 
     void check_key(const std::string& key, std::string_view value) {
@@ -183,10 +183,10 @@ class ConfigWarnings {
             return warn("'{}' has no effect {}: it belongs in [{}]", key, place, known->section);
         if (!section_->empty() && !is_section(*section_)) return;  // told with its header
         std::string hint = expected_keys(*section_);
-        if (const ConfigKey* const near = nearest(key, &ConfigKey::key)) {
-            const bool elsewhere = near->section != *section_;
-            hint = fmt::format(": did you mean '{}'{}?", near->key,
-                               elsewhere ? fmt::format(" in [{}]", near->section) : "");
+        if (const ConfigKey* const best = nearest(key, &ConfigKey::key)) {
+            const bool elsewhere = best->section != *section_;
+            hint = fmt::format(": did you mean '{}'{}?", best->key,
+                               elsewhere ? fmt::format(" in [{}]", best->section) : "");
         }
         warn("unknown key '{}' {}{}", key, place, hint);
     }
