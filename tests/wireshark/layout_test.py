@@ -88,7 +88,7 @@ for port, *options in (THERE[1],), (THERE[1], "-2"), (4444, "-o", "tavistro.port
     compare(wanted, found, lambda i: cases[i][0].hex(" "))
 # Malformed datagrams are shown on any port if an endpoint is known. It gives audio its direction, as does the port.
 a, b, c, server = ((f"10.9.0.{i}", 4444) for i in range(4))
-other, client, port = changed(ping, {4: 4}), ("10.9.0.5", 9), ("10.9.0.6", THERE[1])
+other, client, port = changed(ping, {4: 4}), ("10.9.0.5", 50000), ("10.9.0.6", THERE[1])
 steps = [(a, server, ping, [], "1"), (b, server, other, ["version"], "1"), (server, b, other, ["version"], "1"),
          (b, c, other, [], ""), (server, a, audio, [], "2"),
          (client, port, audio, [], "1"), (port, client, audio, [], "2")]
@@ -98,6 +98,6 @@ compare([({*step[3]}, step[4]) for step in steps], found)
 # What the capture has cut is not malformed. On other ports a header is enough.
 cuts = [(data + more, size) for data in EXAMPLES for more in (b"", LEAVE) for size in range(len(data) + 1)]
 hosts = [f"10.1.{i // 200}.{i % 200}" for i in range(len(cuts))]
-path = capture((i, udp((hosts[i], 9), (hosts[i], 4444), data), 28 + size) for i, (data, size) in enumerate(cuts))
+path = capture((i, udp((hosts[i], 50000), (hosts[i], 4444), data), 28 + size) for i, (data, size) in enumerate(cuts))
 found = [(bool(values["type"]), names) for values, names in frames(path, ["type"])]
 compare([(size >= 16, {"segments"} if size >= 16 and data.endswith(LEAVE) else set()) for data, size in cuts], found)

@@ -27,16 +27,16 @@ def message(text):
 
 (FOLDER / "hosts").write_text("".join(f"10.0.{i}.1 rig\n" for i in range(len(CASES))))
 steps = [(f"10.0.{i}.1", step) for i, case in enumerate(CASES) for step in case.split(", ")]
-packets = [udp((host, 9), THERE, b"".join(map(message, step.split()[0].split("+")))) for host, step in steps]
+packets = [udp((host, 50000), THERE, b"".join(map(message, step.split()[0].split("+")))) for host, step in steps]
 quoted = ip(1, THERE[0], HERE[0], struct.pack("!BBHI", 3, 3, 0, 0) + packets[0])  # by an ICMP message: not sent again
 path = capture(enumerate([*packets, quoted]))
 for options in [], ["-2"]:
     found = frames(path, ["missing"], "-N", "n", "-H", FOLDER / "hosts", *options)
     wanted = [{*step.split()[1:]} for _, step in steps]
     compare([*wanted, set()], [names | {*values["missing"]} for values, names in found], lambda i: steps[i])
-for line in ("10.0.0.1:9 > 10.0.0.2:28010: 9 datagrams, 396 bytes, 0 malformed\n"
+for line in ("10.0.0.1:50000 > 10.0.0.2:28010: 9 datagrams, 396 bytes, 0 malformed\n"
              "  Sync: 7 blocks, 0 incomplete, 1024 missing, 3 late, 2 duplicate\n",
-             "10.0.4.1:9 > 10.0.0.2:28010: 4 datagrams, 208 bytes, 0 malformed\n"
+             "10.0.4.1:50000 > 10.0.0.2:28010: 4 datagrams, 208 bytes, 0 malformed\n"
              "  Audio: 1 blocks, 0 incomplete, 0 missing, 1 late, 0 duplicate\n"):
     assert line in (text := tshark(path, "-q", "-X", "lua_script1:stats")), f"{line} not in {text}"
 # A file that is loaded after another one has the same results.

@@ -19,7 +19,7 @@ USER = {"user": 65534, "group": 65534, "extra_groups": ()} if os.geteuid() == 0 
 MALFORMED = "length trailing version type client_id rectangle value incompatible reserved segments".split()
 EXPERTS = MALFORMED + "missing late duplicate jump format incomplete".split()
 AUDIO, SYNC, DISCOVER, REPLY, PING, PONG = 2, 3, 4, 5, 6, 7
-HERE, THERE = ("10.0.0.1", 9), ("10.0.0.2", 28010)
+HERE, THERE = ("10.0.0.1", 50000), ("10.0.0.2", 28010)
 
 
 def ip(protocol, source, destination, body):
