@@ -28,8 +28,8 @@ EngineConfig config_for(const Scenario& scenario) {
     config.client.driver_inputs = {0};
     config.client.driver_outputs = {0};
     config.audio = scenario.card;
-    config.audio.input_channel_map = {0};
-    config.audio.output_channel_map = {0};
+    config.audio.input_channel_map.assign(1, 0);
+    config.audio.output_channel_map.assign(1, 0);
     config.audio.sample_rate = scenario.format.sample_rate;
     config.audio.block_size = scenario.format.frames;
     apply_latency_derivation(config);

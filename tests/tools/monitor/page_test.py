@@ -6,12 +6,14 @@ ended on the way.
 
 import os
 import re
+import shutil
 import signal
 import sys
 import tempfile
 import time
 
 from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
@@ -114,7 +116,7 @@ def main():
         for argument in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
                          "--window-size=1200,1500", f"--user-data-dir={profile}"]:
             options.add_argument(argument)
-        driver = webdriver.Chrome(options=options)
+        driver = webdriver.Chrome(options=options, service=Service(shutil.which("chromedriver")))
         try:
             page = Page(driver, f"file://{report}")
             page.check_choice()
