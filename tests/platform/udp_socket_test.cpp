@@ -61,12 +61,16 @@ TEST(UdpSocket, ARunArrivesAsTheDatagramsThatWereSent) {
     }
 }
 
+// Compared: Wine 10 makes a small buffer larger.
 TEST(UdpSocket, ASmallReceiveBufferTakesFewDatagrams) {
-    UdpSocket socket;
-    ASSERT_TRUE(socket.open(on_loopback(4096)));
-    for (const Bytes& datagram : numbered(std::vector<std::size_t>(60, 1000)))
-        socket.send_to(datagram, socket.local_endpoint());
-    EXPECT_LT(receive_all(socket, 60, 5).datagrams.size(), 20u);
+    const auto taken = [](std::uint32_t receive_buffer_bytes) {
+        UdpSocket socket;
+        EXPECT_TRUE(socket.open(on_loopback(receive_buffer_bytes)));
+        for (const Bytes& datagram : numbered(std::vector<std::size_t>(400, 1000)))
+            socket.send_to(datagram, socket.local_endpoint());
+        return receive_all(socket, 400, 5).datagrams.size();
+    };
+    EXPECT_LT(2 * taken(4096), taken(1 << 20));
 }
 
 TEST(UdpSocket, AWindDownEndsASendOfSeveralUntilTheSocketIsOpenedAnew) {
