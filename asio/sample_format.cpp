@@ -188,18 +188,11 @@ const Format& format_of(std::uint32_t code) noexcept {
     return code < codes ? format_at[code] : other;
 }
 
-struct FastLoops {
-    void (*to_float)(const Byte* from, float* to, std::size_t count) noexcept;
-    void (*from_float)(Byte* to, const float* from, std::size_t count) noexcept;
-};
-
-/// Null for a format without AVX2 loops.
-const FastLoops* avx2_loops(std::uint32_t code) noexcept {
-    static constexpr FastLoops loops[] = {{int16_to_float_avx2, int16_from_float_avx2},
-                                          {int24_to_float_avx2, int24_from_float_avx2},
-                                          {int32_to_float_avx2, int32_from_float_avx2}};
-    constexpr std::uint32_t first_code = 16;
-    return code - first_code < std::size(loops) ? &loops[code - first_code] : nullptr;
+/// Null for a format that has the plain loops alone.
+const SampleLoops* fast_loops(std::uint32_t code, SimdLevel level) noexcept {
+    constexpr std::uint32_t first = 16, last = 18;  // packed little-endian integers
+    return code >= first && code <= last ? fast_sample_loops(format_of(code).bytes, level)
+                                         : nullptr;
 }
 
 /// Number of leading samples that the fast loops process.
@@ -225,7 +218,8 @@ void samples_to_float(const void* driver_buffer, std::uint32_t code, std::span<f
                       SimdLevel level) noexcept {
     const Format& format = format_of(code);
     const auto* from = static_cast<const Byte*>(driver_buffer);
-    if (const FastLoops* const fast = level == SimdLevel::avx2 ? avx2_loops(code) : nullptr) {
+    const SampleLoops* const fast = fast_loops(code, level);
+    if (fast != nullptr && fast->to_float != nullptr) {
         const std::size_t done = fast_part(destination.size());
         fast->to_float(from, destination.data(), done);
         destination = destination.subspan(done);
@@ -238,7 +232,8 @@ void samples_from_float(void* driver_buffer, std::uint32_t code, std::span<const
                         SimdLevel level) noexcept {
     const Format& format = format_of(code);
     auto* to = static_cast<Byte*>(driver_buffer);
-    if (const FastLoops* const fast = level == SimdLevel::avx2 ? avx2_loops(code) : nullptr) {
+    const SampleLoops* const fast = fast_loops(code, level);
+    if (fast != nullptr && fast->from_float != nullptr) {
         const std::size_t done = fast_part(source.size());
         fast->from_float(to, source.data(), done);
         source = source.subspan(done);

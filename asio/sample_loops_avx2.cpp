@@ -96,10 +96,8 @@ auto* vector128(Byte* bytes) noexcept {
         return reinterpret_cast<__m128i*>(bytes);
 }
 
-}  // namespace
-
-TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
-                                       std::size_t count) noexcept {
+TAVISTRO_AVX2 void int16_to_float(const unsigned char* from, float* to,
+                                  std::size_t count) noexcept {
     TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         const __m128i packed = _mm_loadu_si128(vector128(from + 2 * i));
@@ -107,8 +105,8 @@ TAVISTRO_AVX2 void int16_to_float_avx2(const unsigned char* from, float* to,
     }
 }
 
-TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
-                                       std::size_t count) noexcept {
+TAVISTRO_AVX2 void int24_to_float(const unsigned char* from, float* to,
+                                  std::size_t count) noexcept {
     // The second load ends with the eighth sample, so nothing beyond it is read. Each sample goes
     // into the upper three bytes of a word, for a shift down with sign extension.
     const __m256i upper_bytes =
@@ -124,8 +122,8 @@ TAVISTRO_AVX2 void int24_to_float_avx2(const unsigned char* from, float* to,
     }
 }
 
-TAVISTRO_AVX2 void int32_to_float_avx2(const unsigned char* from, float* to,
-                                       std::size_t count) noexcept {
+TAVISTRO_AVX2 void int32_to_float(const unsigned char* from, float* to,
+                                  std::size_t count) noexcept {
     TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step) {
         _mm_storeu_ps(to + i, over_full_scale_32(_mm_loadu_si128(vector128(from + 4 * i))));
@@ -134,8 +132,8 @@ TAVISTRO_AVX2 void int32_to_float_avx2(const unsigned char* from, float* to,
     }
 }
 
-TAVISTRO_AVX2 void int16_from_float_avx2(unsigned char* to, const float* from,
-                                         std::size_t count) noexcept {
+TAVISTRO_AVX2 void int16_from_float(unsigned char* to, const float* from,
+                                    std::size_t count) noexcept {
     const __m256i lower_bytes =
         _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4, 5, 8, 9,
                          12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
@@ -147,8 +145,8 @@ TAVISTRO_AVX2 void int16_from_float_avx2(unsigned char* to, const float* from,
     }
 }
 
-TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
-                                         std::size_t count) noexcept {
+TAVISTRO_AVX2 void int24_from_float(unsigned char* to, const float* from,
+                                    std::size_t count) noexcept {
     const __m256i lower_bytes =
         _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6,
                          8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
@@ -162,11 +160,21 @@ TAVISTRO_AVX2 void int24_from_float_avx2(unsigned char* to, const float* from,
     }
 }
 
-TAVISTRO_AVX2 void int32_from_float_avx2(unsigned char* to, const float* from,
-                                         std::size_t count) noexcept {
+TAVISTRO_AVX2 void int32_from_float(unsigned char* to, const float* from,
+                                    std::size_t count) noexcept {
     TAVISTRO_UNROLL_4
     for (std::size_t i = 0; i < count; i += step)
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + 4 * i), times_full_scale_32(from + i));
+}
+
+constexpr SampleLoops loops[] = {{int16_to_float, int16_from_float},
+                                 {int24_to_float, int24_from_float},
+                                 {int32_to_float, int32_from_float}};
+
+}  // namespace
+
+const SampleLoops* fast_sample_loops(std::size_t bytes, SimdLevel level) noexcept {
+    return level == SimdLevel::avx2 ? &loops[bytes - 2] : nullptr;
 }
 
 }  // namespace tavistro

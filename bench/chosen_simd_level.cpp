@@ -12,10 +12,13 @@ SimdLevel simd_level() noexcept {
 }
 
 bool bench::choose_simd_level(std::string_view name) noexcept {
-    const bool baseline = name == "baseline";
-    if (!baseline && (name != "avx2" || best_simd_level() != SimdLevel::avx2)) return false;
-    chosen = baseline ? SimdLevel::baseline : SimdLevel::avx2;
-    return true;
+    constexpr std::string_view names[] = {"baseline", "avx2", "neon"};
+    for (const SimdLevel level : {SimdLevel::baseline, best_simd_level()}) {
+        if (name != names[static_cast<std::size_t>(level)]) continue;
+        chosen = level;
+        return true;
+    }
+    return false;
 }
 
 }  // namespace tavistro

@@ -53,6 +53,17 @@ if(TAVISTRO_SANITIZE)
   target_link_options(tavistro_options INTERFACE -fsanitize=${TAVISTRO_SANITIZE})
 endif()
 
+# The target's kind of processor, by which rooms choose their faster loops. The size of a pointer tells a
+# 32-bit system on a 64-bit processor.
+set(TAVISTRO_PROCESSOR other)
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+    set(TAVISTRO_PROCESSOR x86_64)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64|ARM64)$")
+    set(TAVISTRO_PROCESSOR arm64)
+  endif()
+endif()
+
 # tavistro_room(name SOURCES ... LINKS ...): one room of the engine as a static library.
 function(tavistro_room name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})

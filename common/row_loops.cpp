@@ -39,8 +39,4 @@ void blend(float* __restrict to, std::size_t to_stride, const float* __restrict 
 
 const RowLoops row_loops_baseline{copy, find_positions, blend};
 
-const RowLoops& row_loops(SimdLevel level) noexcept {
-    return level == SimdLevel::avx2 ? row_loops_avx2 : row_loops_baseline;
-}
-
 }  // namespace tavistro

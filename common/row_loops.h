@@ -36,7 +36,6 @@ struct RowLoops {
 const RowLoops& row_loops(SimdLevel level) noexcept;
 
 extern const RowLoops row_loops_baseline;
-extern const RowLoops row_loops_avx2;
 
 /// One blended sample.
 inline float blended(float first, float second, double fraction) noexcept {

@@ -77,8 +77,12 @@ TAVISTRO_AVX2 void blend(float* to, std::size_t to_stride, const float* from,
     }
 }
 
+constexpr RowLoops row_loops_avx2{copy, find_positions, blend};
+
 }  // namespace
 
-const RowLoops row_loops_avx2{copy, find_positions, blend};
+const RowLoops& row_loops(SimdLevel level) noexcept {
+    return level == SimdLevel::avx2 ? row_loops_avx2 : row_loops_baseline;
+}
 
 }  // namespace tavistro

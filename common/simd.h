@@ -21,8 +21,9 @@
 namespace tavistro {
 
 enum class SimdLevel {
-    baseline,  ///< what every 64-bit x86 processor has
-    avx2,      ///< with FMA
+    baseline,  ///< the plain loops, with what every processor of the target has
+    avx2,      ///< x86-64, with FMA
+    neon,      ///< arm64
 };
 
 /// The best level that this processor can run.

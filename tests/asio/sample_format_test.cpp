@@ -113,7 +113,7 @@ TEST_P(SampleFormat, WritesEveryTypeLikeTheReferenceAndNothingBeyond) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Levels, SampleFormat, simd_levels, simd_level_name);
+INSTANTIATE_TEST_SUITE_P(Levels, SampleFormat, testing::ValuesIn(simd_levels()), simd_level_name);
 
 }  // namespace
 }  // namespace tavistro::test

@@ -80,7 +80,7 @@ TEST_P(PlanarRings, StoreAndInterpolateLikeTheReference) {
     EXPECT_NE(denormal * 1.0F, 0.0F) << "denormals are flushed to zero";
 }
 
-INSTANTIATE_TEST_SUITE_P(Levels, PlanarRings, simd_levels, simd_level_name);
+INSTANTIATE_TEST_SUITE_P(Levels, PlanarRings, testing::ValuesIn(simd_levels()), simd_level_name);
 
 }  // namespace
 }  // namespace tavistro::test
