@@ -96,6 +96,8 @@ class AsioDevice : public AudioDevice {
     std::vector<AsioBufferInfo> buffer_infos_;  ///< inputs, then outputs
     std::vector<Channel> inputs_;               ///< in map order
     std::vector<Channel> outputs_;
+    // Both relaxed: they pass on no data. A period that finds the old value is like one that came
+    // earlier.
     std::atomic<bool> output_ready_supported_{false};
     std::atomic<bool> reset_requested_{false};
 };

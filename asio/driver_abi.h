@@ -1,10 +1,11 @@
-// The binary interface between an ASIO host and an ASIO driver on x86-64, for both sides.
+// The binary interface between an ASIO host and an ASIO driver on 64-bit processors, for both
+// sides.
 //
 // A driver object is a pointer to a function table in the order of class AsioDriver; the host
 // passes it a record of callbacks. Integers are 32 bits wide and signed, including booleans (0 is
 // false, any other value true). Sample rates are in Hz. No exception crosses the interface. x86-64
-// has a single calling convention per system, which plain virtual functions and function pointers
-// use.
+// and arm64 have a single calling convention per system, which plain virtual functions and function
+// pointers use.
 #pragma once
 
 #include <cstddef>

@@ -122,7 +122,9 @@ class AsioPlayer {
     PlayerReporter reporter_;
     CaptureSlot captured_;  ///< reused, so that its memory is allocated once
 
-    /// False while the device is being opened: it may call back before a period is prepared.
+    /// False while the device is being opened: it may call back before a period is prepared. Set
+    /// with release after that, loaded with acquire. Cleared relaxed: no callback is inside then,
+    /// and the next device's come after current_device has been set.
     std::atomic<bool> periods_ready_{false};
     LoopbackDevice loopback_;
 };

@@ -5,7 +5,8 @@
 
 namespace tavistro {
 
-/// Raises `maximum` to `value` if that is greater. Any thread; lock-free.
+/// Raises `maximum` to `value` if that is greater. Any thread; lock-free. Relaxed: the number says
+/// nothing about other memory, and a failed exchange compares with the one that it found.
 template <typename T>
 void raise_to(std::atomic<T>& maximum, T value) noexcept {
     T seen = maximum.load(std::memory_order_relaxed);

@@ -52,9 +52,11 @@ class CaptureSlots {
 
     bool has_slots_ = false;
     std::array<CaptureSlot, slot_count> slots_;
+    // Each index is stored with release by its side and loaded with acquire by the other. Relaxed:
+    // a side's loads of its own index; the consumer changes only under the player's mutex.
     std::atomic<std::size_t> write_{0};  ///< stored by the producer after it has filled the slot
     std::atomic<std::size_t> read_{0};   ///< stored by the consumer after it has copied the slot
-    std::atomic<std::uint64_t> dropped_{0};
+    std::atomic<std::uint64_t> dropped_{0};  ///< relaxed: a number for display
 };
 
 }  // namespace tavistro

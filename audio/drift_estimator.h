@@ -43,10 +43,14 @@ class DriftEstimator {
 
     void store_ratio(double ratio) noexcept;
 
-    // The bits of a double: lock-free wherever 64-bit integers are.
+    // The bits of a double: lock-free wherever 64-bit integers are. Relaxed: a single number that
+    // readers take by itself.
     std::atomic<std::uint64_t> pll_ratio_bits_{0x3FF0000000000000};
+    // The position is stored before the count is raised with release, and loaded after the count
+    // with acquire. Its own accesses are relaxed: a position newer than the count serves as well.
     std::atomic<std::uint64_t> sync_count_{0};
     std::atomic<std::uint64_t> server_frames_{0};
+    // Relaxed: the device thread alone adds and reads; reset() runs without one.
     std::atomic<std::uint64_t> local_frames_{0};
     // Used only by the device thread.
     bool has_previous_ = false;

@@ -48,6 +48,7 @@ class LoopbackDevice {
     PeriodPath& periods_;
     std::function<void()> telemetry_step_;
     std::int64_t frequency_ = 0;  ///< performance counter ticks per second
+    // Both relaxed: they pass on no data. Creating and joining the thread does.
     std::atomic<bool> running_{false};
     std::atomic<bool> device_lost_{false};
     platform::Thread thread_;

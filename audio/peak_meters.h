@@ -30,6 +30,7 @@ class PeakMeters {
     std::array<std::uint32_t, max_meters> take() noexcept;
 
   private:
+    // Relaxed: each peak by itself; an exchange loses none, whatever the order.
     std::array<std::atomic<std::uint32_t>, max_meters> peaks_{};
     std::uint32_t count_ = 0;
 };

@@ -94,6 +94,7 @@ class PeriodPath {
     bool meters_due_ = false;
     bool rendered_ = false;  ///< block_ holds this period's output
 
+    // Relaxed: numbers for display, each by itself; the device thread writes them.
     std::atomic<std::uint64_t> callbacks_total_{0};
     std::atomic<std::uint64_t> output_ready_failures_{0};
     std::atomic<std::uint64_t> callback_duration_last_us_{0};

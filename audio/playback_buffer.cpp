@@ -14,7 +14,8 @@ namespace {
 // A single late block must not restart prebuffering.
 constexpr std::uint64_t least_starve_limit = 3;
 
-/// Only for counters with one writer at a time: load and store are separate.
+/// Only for counters with one writer at a time: load and store are separate. Relaxed: see
+/// PlaybackCounters.
 void count(std::atomic<std::uint64_t>& counter, std::uint64_t amount = 1) noexcept {
     counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }

@@ -89,7 +89,8 @@ class PlaybackBuffer {
 
   private:
     /// Sequence and times of one buffered block. Blocks have the length of a period and the ring
-    /// holds a whole number of them, so blocks always have the same positions.
+    /// holds a whole number of them, so blocks always have the same positions. Relaxed: like the
+    /// samples, they are stored before write_index and read before read_index.
     struct Origin {
         void store(const IncomingBlock& block) noexcept;
 
@@ -99,7 +100,8 @@ class PlaybackBuffer {
         std::atomic<std::uint64_t> delivery_time_ns{0};
     };
     // Each side stores only to its own cache line. An index is a monotonic frame counter and the
-    // only word that the other side reads.
+    // only word that the other side reads: stored with release, loaded with acquire. Relaxed: a
+    // side's loads of its own index; producers take turns under the player's mutex.
     struct alignas(cache_line_bytes) ProducerSide {
         std::atomic<std::uint64_t> write_index{0};  ///< stored after the frames before it
         std::size_t position = 0;                   ///< ring position of write_index

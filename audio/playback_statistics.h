@@ -10,7 +10,8 @@
 namespace tavistro {
 
 /// Totals since the start of the player. Each has one writer, the producer or the device thread;
-/// any thread may read.
+/// any thread may read. Relaxed: nobody concludes from one of them what another is or what memory
+/// holds. clear() runs while both writers stand still.
 struct PlaybackCounters {
     std::atomic<std::uint64_t> received_blocks{0};
     std::atomic<std::uint64_t> dequeued_blocks{0};
@@ -23,7 +24,8 @@ struct PlaybackCounters {
     void clear() noexcept;
 };
 
-/// Current, lowest and highest fill level in frames. Any thread; lock-free.
+/// Current, lowest and highest fill level in frames. Any thread; lock-free. Relaxed: levels for
+/// display, each by itself. The frames are passed on by the buffer's indices.
 ///
 /// A stored minimum of 0 means "none yet" and is replaced by the next fill level. After the buffer
 /// has run empty, the minimum is therefore the lowest level since then.
@@ -46,7 +48,8 @@ class FillStatistics {
     std::atomic<std::uint64_t> maximum_{0};
 };
 
-/// Microseconds from a given time of a block to its playback. Any thread may read.
+/// Microseconds from a given time of a block to its playback. Any thread may read. Relaxed: two
+/// numbers for display, each by itself.
 class LatencyStatistics {
   public:
     void clear() noexcept;
