@@ -105,19 +105,18 @@ TEST_P(SampleBits, OfConversions) {
         if (!is_known_sample_type(code)) continue;
         constexpr std::size_t count = 2011;
         // Words of all kinds of integers, and floats and doubles of either byte order.
-        std::vector<unsigned char> words;
         const std::size_t bytes = sample_size_bytes(code);
+        std::vector<unsigned char> words(count * bytes);
         for (std::size_t i = 0; i < count; ++i) {
-            unsigned char word[8];
+            unsigned char* const word = &words[i * bytes];
             if (code == float64_msb || code == float64_lsb) {
                 const double value = i % 2 == 0 ? random.any_double() : double{random.sample()};
-                std::memcpy(word, &value, sizeof value);
+                std::memcpy(word, &value, bytes);
             } else {
                 const float value = i % 2 == 0 ? random.any_float() : random.sample();
-                std::memcpy(word, &value, sizeof value);
+                std::memcpy(word, &value, bytes);
             }
             if (code < 16) std::reverse(word, word + bytes);
-            words.insert(words.end(), word, word + bytes);
         }
         std::vector<float> samples(count);
         samples_to_float(words.data(), code, samples, GetParam());
