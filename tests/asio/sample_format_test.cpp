@@ -67,7 +67,7 @@ std::uint64_t write_reference(const Format& format, float sample) {
 class SampleFormat : public AtSimdLevel {
   protected:
     /// Also expects that nothing is written before or after the samples.
-    void expect_written(const Format& format, std::span<const float> samples) {
+    static void expect_written(const Format& format, std::span<const float> samples) {
         Bytes expected{0xA5};  // the samples start at an odd address
         for (const float sample : samples)
             format.append(expected, write_reference(format, sample));

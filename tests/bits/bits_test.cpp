@@ -151,6 +151,7 @@ TEST(SampleBits, OfPlayback) {
     Random random;
     Checksum checksum;
     constexpr std::uint16_t frames = 64, channels = 2;
+    constexpr auto block_samples = std::size_t{frames} * channels;
     PlaybackBuffer buffer;
     buffer.configure({.block_frames = frames,
                       .sample_rate = 48000,
@@ -159,7 +160,7 @@ TEST(SampleBits, OfPlayback) {
                       .target_queue_depth = 4,
                       .max_queue_blocks = 12});
     PlaybackBlock block;
-    block.samples.resize(frames * channels);
+    block.samples.resize(block_samples);
     std::uint32_t sequence = 0;
     std::uint64_t late = 0, rendered = 0;
     for (std::uint64_t period = 0; period < 6000; ++period) {
@@ -172,7 +173,7 @@ TEST(SampleBits, OfPlayback) {
                                    .sample_rate = 48000,
                                    .frames = frames,
                                    .channels = channels,
-                                   .samples = random.samples(frames * channels)});
+                                   .samples = random.samples(block_samples)});
                 buffer.drift().on_sync(std::uint64_t{sequence} * frames);
             }
         }
@@ -195,13 +196,14 @@ TEST(SampleBits, OfCapture) {
     Random random;
     Checksum checksum;
     constexpr std::uint16_t frames = 96, channels = 3;
+    constexpr auto block_samples = std::size_t{frames} * channels;
     CaptureRing ring(channels, 44100, frames, 3, 12);
     std::vector<float> block;
     std::size_t pulled = 0;
     for (int round = 0; round < 4000; ++round) {
         const double ratio = 0.999 + static_cast<double>(random.below(2000)) * 1e-6;
         for (std::uint64_t blocks = random.below(3); blocks > 0; --blocks)
-            ring.push(44100, frames, channels, random.samples(frames * channels), ratio);
+            ring.push(44100, frames, channels, random.samples(block_samples), ratio);
         if (ring.pull(44100, frames, block)) {
             ++pulled;
             checksum.add(std::span<const float>(block));
