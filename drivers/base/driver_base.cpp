@@ -83,11 +83,17 @@ std::int32_t DriverBase::getBufferSize(std::int32_t* minimum, std::int32_t* maxi
     return is_open() ? kAsioOk : kAsioNotPresent;
 }
 
-std::int32_t DriverBase::setSampleRate(double rate) noexcept {
-    if (const std::int32_t refused = canSampleRate(rate)) return refused;
+std::int32_t DriverBase::setSampleRate(double rate) noexcept try {
+    if (const std::int32_t refused = canSampleRate(rate)) {
+        if (is_open()) set_error(rate_refusal(rate));
+        return refused;
+    }
+    if (is_open()) set_error({});
     if (rate == sample_rate()) return kAsioOk;
     if (stage_ >= Stage::prepared) return kAsioInvalidMode;
     return set_rate(rate) ? kAsioOk : kAsioNoClock;
+} catch (const std::bad_alloc&) {
+    return kAsioNoClock;
 }
 
 std::int32_t DriverBase::getClockSources(AsioClockSource* sources, std::int32_t* count) noexcept {
@@ -116,7 +122,10 @@ std::int32_t DriverBase::getChannelInfo(AsioChannelInfo* info) noexcept {
 std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
                                        std::int32_t frames, AsioCallbacks* callbacks) noexcept {
     if (stage_ != Stage::initialised || !is_open()) return kAsioInvalidMode;
-    if (frames < 1 || !accepts_size(frames)) return kAsioInvalidMode;
+    if (frames < 1 || !accepts_size(frames)) {
+        refuse_size(frames);
+        return kAsioInvalidMode;
+    }
     if (channel_count < 1) return kAsioInvalidParameter;
     const std::span wanted(channels, static_cast<std::size_t>(channel_count));
     for (const AsioBufferInfo& info : wanted) {
@@ -137,6 +146,13 @@ std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t ch
     const std::lock_guard lock(notice_mutex_);
     notified_ = callbacks;
     return kAsioOk;
+}
+
+void DriverBase::refuse_size(std::int32_t frames) {
+    const BufferSizes sizes = buffer_sizes();
+    std::snprintf(error_.data(), error_.size(),
+                  "%s has no blocks of %d frames: it has %d to %d frames.", name_.c_str(), frames,
+                  sizes.minimum, sizes.maximum);
 }
 
 std::int32_t DriverBase::make_channels(std::span<AsioBufferInfo> wanted) try {

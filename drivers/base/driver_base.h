@@ -98,6 +98,8 @@ class DriverBase : public AsioDriver {
     virtual bool accepts_rate(double rate) const noexcept = 0;
     /// Only with a rate that is accepted; not once prepare() has been called.
     virtual bool set_rate(double rate) noexcept = 0;
+    /// The error of a rate that is not accepted: which is, and what changes it.
+    virtual std::string rate_refusal(double) const { return {}; }
     /// Frames between the host's buffer and the outside. Only while prepared.
     virtual std::int32_t latency(bool is_input) const noexcept = 0;
     /// Takes the channels() and the block_frames(). A result of the driver interface. May throw
@@ -137,6 +139,7 @@ class DriverBase : public AsioDriver {
     bool exists(bool is_input, std::int32_t channel) const {
         return channel >= 0 && channel < channel_count(is_input);
     }
+    void refuse_size(std::int32_t frames);
     std::int32_t make_channels(std::span<AsioBufferInfo> wanted);
     void tell(std::int32_t selector);
     TAVISTRO_REALTIME AsioTimeRecord time_info(std::uint64_t position,

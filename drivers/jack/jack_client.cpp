@@ -1,11 +1,20 @@
 #include "drivers/jack/jack_client.h"
 
 #include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
 
 namespace tavistro::jack {
 namespace {
 
 constexpr const char* client_name = "tavistro";  // JACK appends a number if the name is taken
+constexpr const char* thread_name = "tav-jack";
+constexpr const char* period_variable = "PIPEWIRE_LATENCY";  // frames/rate, for new clients
 
 void discard(const char*) {}
 
@@ -26,13 +35,66 @@ std::string refusal(jack_status_t status) {
     return "No JACK server is running, or none with the name in JACK_DEFAULT_SERVER.";
 }
 
+/// An entry of the process's environment for the life of the object.
+///
+/// setenv() frees the array of entries that a getenv() of another thread may be reading. This class
+/// swaps in a copy, and keeps it for ever. A setenv() at the same time may still be lost.
+class EnvironmentEntry {
+  public:
+    EnvironmentEntry(const char* name, const std::string& value)
+        : kept_(new Kept{.text = std::string(name) + "=" + value, .entries = {}}) {
+        kept_->older = newest.exchange(kept_);
+        for (char** entry = before_; *entry != nullptr; ++entry)
+            kept_->entries.push_back(*entry);
+        kept_->entries.push_back(kept_->text.data());
+        kept_->entries.push_back(nullptr);
+        std::atomic_ref<char**>{environ} = kept_->entries.data();
+    }
+    EnvironmentEntry(const EnvironmentEntry&) = delete;
+    EnvironmentEntry& operator=(const EnvironmentEntry&) = delete;
+    ~EnvironmentEntry() {
+        char** ours = kept_->entries.data();
+        std::atomic_ref<char**>{environ}.compare_exchange_strong(ours, before_);
+    }
+
+  private:
+    struct Kept {
+        std::string text;
+        std::vector<char*> entries;
+        Kept* older = nullptr;
+    };
+    static inline std::atomic<Kept*> newest{nullptr};
+
+    Kept* const kept_;
+    char** const before_ = environ;
+};
+
 }  // namespace
+
+bool JackClient::is_pipewire() noexcept {
+    return std::strstr(jack_get_version_string(), "PipeWire") != nullptr;
+}
 
 std::string JackClient::open() {
     // Suppress libjack's messages: the status has the reason. These functions apply to the whole
     // process.
     jack_set_error_function(discard);
     jack_set_info_function(discard);
+    return open_client();
+}
+
+std::string JackClient::ask_for_period(std::size_t frames) {
+    const bool is_users = asked_frames_ == 0 && (std::getenv(period_variable) != nullptr ||
+                                                 std::getenv("PIPEWIRE_QUANTUM") != nullptr);
+    if (!is_pipewire() || is_users || frames == asked_frames_) return {};
+    const EnvironmentEntry wish(period_variable,
+                                std::to_string(frames) + "/" + std::to_string(rate_.load()));
+    handle_.reset();
+    asked_frames_ = frames;
+    return open_client();
+}
+
+std::string JackClient::open_client() {
     jack_status_t status{};
     handle_.reset(jack_client_open(client_name, JackNoStartServer, &status));
     if (!handle_) return refusal(status);
@@ -44,11 +106,26 @@ std::string JackClient::open() {
 }
 
 void JackClient::listen() noexcept {
+    jack_set_thread_init_callback(
+        handle_.get(), [](void*) { pthread_setname_np(pthread_self(), thread_name); }, nullptr);
     jack_set_process_callback(
         handle_.get(),
         [](jack_nframes_t frames, void* listener) {
             uncancelled([&] { static_cast<JackListener*>(listener)->on_period(frames); });
             return 0;
+        },
+        &listener_);
+    jack_set_buffer_size_callback(
+        handle_.get(),
+        [](jack_nframes_t, void* listener) {
+            uncancelled([&] { static_cast<JackListener*>(listener)->on_new_period(); });
+            return 0;
+        },
+        &listener_);
+    jack_set_latency_callback(
+        handle_.get(),
+        [](jack_latency_callback_mode_t mode, void* listener) {
+            uncancelled([&] { static_cast<JackListener*>(listener)->on_latencies(mode); });
         },
         &listener_);
     jack_set_xrun_callback(

@@ -19,6 +19,11 @@ class JackListener {
   public:
     /// Called on JACK's process thread while the client is active.
     TAVISTRO_REALTIME virtual void on_period(jack_nframes_t frames) = 0;
+    /// The server has another period. Called on another thread at any time while the client is
+    /// open.
+    virtual void on_new_period() = 0;
+    /// The latencies of the ports are to be set. Called like on_new_period().
+    virtual void on_latencies(jack_latency_callback_mode_t mode) = 0;
     /// An xrun. Called on another thread at any time while the client is open.
     virtual void on_missed_deadline() = 0;
     /// Called on any of these threads. No further period follows.
@@ -38,6 +43,13 @@ class JackClient {
     /// one. Call it once per object. Throws std::bad_alloc.
     std::string open();
     bool is_open() const noexcept { return handle_ != nullptr; }
+    /// PipeWire's libjack, which has a period for each group of connected clients.
+    static bool is_pipewire() noexcept;
+    /// PipeWire: asks for a period of at most `frames` by opening the client again, unless the user
+    /// has asked for one. The server has the last word. With JACK it does nothing: there the period
+    /// is everybody's. Returns an empty text on success, else the reason, and then there is no
+    /// client. Only without ports. Throws std::bad_alloc.
+    std::string ask_for_period(std::size_t frames);
     /// False without a server. Periods are called until deactivate() has returned.
     bool activate() noexcept;
     void deactivate() noexcept { jack_deactivate(handle_.get()); }
@@ -69,6 +81,7 @@ class JackClient {
         void operator()(jack_client_t* handle) const noexcept { jack_client_close(handle); }
     };
 
+    std::string open_client();
     void listen() noexcept;
     std::vector<std::string> physical_ports(unsigned long flags) const;
     const std::vector<std::string>& physical(bool is_input) const noexcept {
@@ -79,6 +92,7 @@ class JackClient {
     std::unique_ptr<jack_client_t, Close> handle_;
     std::vector<std::string> physical_captures_;
     std::vector<std::string> physical_playbacks_;
+    std::size_t asked_frames_ = 0;  ///< 0: none
     std::atomic<jack_nframes_t> rate_{0};
     std::atomic<bool> server_lost_{false};
 };

@@ -1,10 +1,14 @@
 // An ASIO driver that is a client of the JACK server. The host's buffer switch runs within the JACK
-// period, so the driver adds no buffer.
+// period.
+//
+// Blocks have the length that the host chooses, whatever the server's period is and becomes;
+// drivers/base/reblocker.h is between the two and has the delay. A new period that needs another
+// delay interrupts the audio once, which counts as a missed deadline.
 //
 // Channels are JACK ports named in_1, in_2, ... and out_1, out_2, ... A port exists while the host
 // has its channel open. start() connects each port with the server's physical port of the same
-// number, if any. The server alone sets period and sample rate. When either changes or the server
-// ends, the driver requests a reset from the host.
+// number, if any. The server alone sets the sample rate. When it changes or the server ends, the
+// driver requests a reset from the host.
 #pragma once
 
 #include <array>
@@ -22,6 +26,10 @@ inline constexpr const char* driver_name = "JACK";
 
 /// Minimum number of channels in each direction. The user connects those beyond the physical ports.
 inline constexpr std::int32_t fewest_channels = 32;
+
+/// Frames of a block.
+inline constexpr std::int32_t smallest_block = 16;
+inline constexpr std::int32_t largest_block = 8192;
 
 /// A new driver object with one reference; it deletes itself with its last reference. Null if out
 /// of memory. init() connects to the server named by JACK_DEFAULT_SERVER, or "default"; it starts
