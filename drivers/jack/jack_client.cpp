@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* client_name = "tavistro";  // JACK appends a number if the name is taken
 constexpr const char* thread_name = "tav-jack";
-constexpr const char* period_variable = "PIPEWIRE_LATENCY";  // frames/rate, for new clients
+constexpr const char* wishes_variable = "PIPEWIRE_PROPS";  // of new clients
 
 void discard(const char*) {}
 
@@ -84,11 +84,13 @@ std::string JackClient::open() {
 }
 
 std::string JackClient::ask_for_period(std::size_t frames) {
-    const bool is_users = asked_frames_ == 0 && (std::getenv(period_variable) != nullptr ||
-                                                 std::getenv("PIPEWIRE_QUANTUM") != nullptr);
-    if (!is_pipewire() || is_users || frames == asked_frames_) return {};
-    const EnvironmentEntry wish(period_variable,
-                                std::to_string(frames) + "/" + std::to_string(rate_.load()));
+    if (!is_pipewire() || frames == asked_frames_ || std::getenv(wishes_variable) != nullptr)
+        return {};
+    // By itself libjack would keep other programs from changing the period. PIPEWIRE_LATENCY, which
+    // pw-jack -p sets, overrides the one here.
+    const EnvironmentEntry wishes(
+        wishes_variable, "{ node.lock-quantum = false node.latency = " + std::to_string(frames) +
+                             "/" + std::to_string(rate_.load()) + " }");
     handle_.reset();
     asked_frames_ = frames;
     return open_client();

@@ -45,10 +45,10 @@ class JackClient {
     bool is_open() const noexcept { return handle_ != nullptr; }
     /// PipeWire's libjack, which has a period for each group of connected clients.
     static bool is_pipewire() noexcept;
-    /// PipeWire: asks for a period of at most `frames` by opening the client again, unless the user
-    /// has asked for one. The server has the last word. With JACK it does nothing: there the period
-    /// is everybody's. Returns an empty text on success, else the reason, and then there is no
-    /// client. Only without ports. Throws std::bad_alloc.
+    /// PipeWire: asks for a period of at most `frames` by opening the client again, unless the
+    /// environment has the user's own wishes. The server has the last word. With JACK it does
+    /// nothing: there the period is everybody's. Returns an empty text on success, else the reason,
+    /// and then there is no client. Only without ports. Throws std::bad_alloc.
     std::string ask_for_period(std::size_t frames);
     /// False without a server. Periods are called until deactivate() has returned.
     bool activate() noexcept;

@@ -2,77 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
-#include <chrono>
 #include <string>
 
-#include "drivers/jack/jack_driver.h"
+#include "jack/jack_host.h"
 #include "jack/jack_server.h"
 #include "scenarios/rig.h"
-#include "support/realtime_guard.h"
 
 namespace tavistro::test {
 namespace {
 
 constexpr std::int32_t period = 128;
-constexpr std::int32_t far_channel = 17;  // beyond the server's physical ports
 
-// The host's callbacks, which have no context. Sends 1, 2, 3, ... to the far output and expects
-// them one period later: the connection adds one period, the driver none.
-struct Host {
-    static inline AsioBufferInfo channels[4];
-    static inline std::int32_t last_half;
-    static inline float sent = 0;  // exact for about five minutes
-    static inline std::atomic<int> frames_in_order, periods, resets, overloads, unordered_halves;
-    static inline std::atomic<bool> held_up, inside;
-
-    static void open_channels() {
-        inside = false;
-        resets = 0;
-        int i = 0;
-        for (const std::int32_t channel : {0, far_channel})
-            for (const std::int32_t is_input : {1, 0})
-                channels[i++] = {is_input, channel, {}};
-        last_half = 1;
-    }
-    static void buffer_switch(std::int32_t half, std::int32_t) {
-        // Until the end of the thread, so that it also guards the driver's code.
-        static thread_local const RealtimeScope scope;
-        if (half == last_half) ++unordered_halves;
-        last_half = half;
-        const auto* in = static_cast<const float*>(channels[2].half[half]);
-        auto* out = static_cast<float*>(channels[3].half[half]);
-        for (std::int32_t i = 0; i < period; ++i) {
-            out[i] = ++sent;
-            frames_in_order = in[i] == sent - period ? frames_in_order + 1 : 0;
-        }
-        const auto begin = std::chrono::steady_clock::now();
-        while (held_up && std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(100))
-            inside = true;
-        held_up = false;
-        ++periods;
-    }
-    static AsioTimeRecord* buffer_switch_time_info(AsioTimeRecord* time, std::int32_t half,
-                                                   std::int32_t now) {
-        buffer_switch(half, now);
-        return time;
-    }
-    static void rate_changed(double) {}
-    static std::int32_t message(std::int32_t selector, std::int32_t value, void*, double*) {
-        if (selector == kAsioResetRequest) ++resets;
-        if (selector == kAsioOverload) ++overloads;
-        return selector == kAsioSupportsTimeInfo ||
-               (selector == kAsioSelectorSupported && value == kAsioOverload);
-    }
-    static inline AsioCallbacks callbacks{buffer_switch, rate_changed, message,
-                                          buffer_switch_time_info};
-};
-
-std::string error_message(AsioDriver& driver) {
-    std::array<char, 256> text{};
-    driver.getErrorMessage(text.data());
-    return text.data();
+jack_nframes_t latency_of(jack_client_t* client, const char* port,
+                          jack_latency_callback_mode_t mode) {
+    jack_latency_range_t range{};
+    jack_port_get_latency_range(jack_port_by_name(client, port), mode, &range);
+    return range.max;
 }
 
 TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
@@ -81,13 +26,16 @@ TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
     ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
     EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     EXPECT_EQ(driver->setSampleRate(44100), kAsioNoClock);
-    Host::open_channels();
-    const auto create = [&](std::int32_t size) {
-        return driver->createBuffers(Host::channels, 4, size, &Host::callbacks);
-    };
-    EXPECT_EQ(create(256), kAsioInvalidMode);
+    EXPECT_EQ(
+        error_message(*driver),
+        "The JACK server runs at 48000 Hz, not at 44100: start it with jackd -d alsa -r 44100.");
+    EXPECT_EQ(Host::open_channels(*driver, 8193), kAsioInvalidMode);
+    EXPECT_EQ(error_message(*driver),
+              "JACK has no blocks of 8193 frames: it has 16 to 8192 frames.");
+    EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     EXPECT_EQ(driver->start(), kAsioInvalidMode);
-    ASSERT_EQ(create(period), kAsioOk);
+    ASSERT_EQ(Host::open_channels(*driver, period), kAsioOk);
+    Host::expect_period(period);
     std::int32_t input_latency = 0, output_latency = 0;
     EXPECT_EQ(driver->getLatencies(&input_latency, &output_latency), kAsioOk);
     EXPECT_EQ(input_latency, 128) << "latency of the server";
@@ -102,7 +50,7 @@ TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
     }));
     EXPECT_EQ(jack_connect(client.get(), "tavistro:out_18", "tavistro:in_18"), 0);
     constexpr int many_frames = 200 * period;
-    EXPECT_TRUE(eventually([] { return Host::frames_in_order > many_frames; }));
+    EXPECT_TRUE(loops(many_frames));
     AsioCount64 frames{}, nanoseconds{};
     EXPECT_EQ(driver->getSamplePosition(&frames, &nanoseconds), kAsioOk);
     EXPECT_GT(frames.lo, static_cast<std::uint32_t>(many_frames));
@@ -113,23 +61,82 @@ TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
     EXPECT_TRUE(
         eventually([&] { return Host::overloads > 0 && error_message(*driver) != count_before; }));
     EXPECT_EQ(Host::resets, 0);
-    EXPECT_EQ(jack_set_buffer_size(client.get(), 256), 0);
-    EXPECT_TRUE(eventually([] { return Host::resets > 0; }));
     EXPECT_EQ(driver->stop(), kAsioOk);
-    const int periods = Host::periods;
+    const int blocks = Host::blocks;
     EXPECT_EQ(driver->disposeBuffers(), kAsioOk);
     EXPECT_EQ(driver->Release(), 0U);
-    EXPECT_EQ(Host::periods, periods);
+    EXPECT_EQ(Host::blocks, blocks);
+    EXPECT_EQ(Host::unordered_halves, 0);
+    EXPECT_EQ(realtime_violations().total(), 0U);
+}
+
+TEST(JackDriver, PlaysEveryBlockAtEveryPeriodWithTheDelayThatItReports) {
+    JackServer server;
+    const auto client = open_jack_client();
+    AsioDriver* driver = jack::create_jack_driver();
+    ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
+    for (const std::int32_t block : {64, 128, 480}) {
+        for (const jack_nframes_t frames : {16U, 64U, 100U, 128U, 256U, 1024U}) {
+            SCOPED_TRACE(std::to_string(frames) + " frames, block " + std::to_string(block));
+            ASSERT_EQ(jack_set_buffer_size(client.get(), frames), 0);
+            ASSERT_EQ(Host::open_channels(*driver, block), kAsioOk);
+            Host::expect_period(frames);
+            ASSERT_EQ(driver->start(), kAsioOk);
+            const auto delay = static_cast<jack_nframes_t>(Host::loop_frames) - frames;
+            const auto latency = [&](const char* port, jack_latency_callback_mode_t mode) {
+                return latency_of(client.get(), port, mode);
+            };
+            const jack_nframes_t capture = latency("system:capture_1", JackCaptureLatency);
+            const jack_nframes_t playback = latency("system:playback_1", JackPlaybackLatency);
+            EXPECT_TRUE(eventually([&] {
+                return latency("tavistro:out_1", JackCaptureLatency) == capture + delay &&
+                       latency("tavistro:in_1", JackPlaybackLatency) == playback + delay;
+            }));
+            std::int32_t input = 0, output = 0;
+            EXPECT_EQ(driver->getLatencies(&input, &output), kAsioOk);
+            EXPECT_EQ(input + output, static_cast<std::int32_t>(capture + playback + delay));
+            ASSERT_EQ(jack_connect(client.get(), "tavistro:out_18", "tavistro:in_18"), 0);
+            ASSERT_TRUE(loops(5000));
+            EXPECT_EQ(driver->disposeBuffers(), kAsioOk);
+        }
+    }
+    EXPECT_EQ(driver->Release(), 0U);
+    EXPECT_EQ(realtime_violations().total(), 0U);
+}
+
+TEST(JackDriver, FollowsThePeriodWhileItPlays) {
+    JackServer server;
+    const auto client = open_jack_client();
+    AsioDriver* driver = jack::create_jack_driver();
+    ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
+    ASSERT_EQ(Host::open_channels(*driver, period), kAsioOk);
+    Host::expect_period(period);
+    ASSERT_EQ(driver->start(), kAsioOk);
+    ASSERT_EQ(jack_connect(client.get(), "tavistro:out_18", "tavistro:in_18"), 0);
+    EXPECT_TRUE(loops(5000));
+    const auto overloads_at = [&](jack_nframes_t frames) {
+        const int before = Host::overloads;
+        EXPECT_EQ(jack_set_buffer_size(client.get(), frames), 0);
+        Host::expect_period(frames);
+        EXPECT_TRUE(loops(5000)) << frames;
+        return Host::overloads - before;
+    };
+    overloads_at(256);
+    for (const jack_nframes_t frames : {64, 100, 1024})
+        EXPECT_GE(overloads_at(frames), 1) << frames;
+    overloads_at(period);
+    EXPECT_GE(Host::new_latencies, 5);
+    EXPECT_EQ(Host::resets, 0);
+    EXPECT_EQ(driver->Release(), 0U);
     EXPECT_EQ(Host::unordered_halves, 0);
     EXPECT_EQ(realtime_violations().total(), 0U);
 }
 
 TEST(JackDriver, ReleasesADeadServerAndReportsAMissingOne) {
     JackServer server;
-    Host::open_channels();
     AsioDriver* driver = jack::create_jack_driver();
     ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
-    ASSERT_EQ(driver->createBuffers(Host::channels, 4, period, &Host::callbacks), kAsioOk);
+    ASSERT_EQ(Host::open_channels(*driver, period), kAsioOk);
     ASSERT_EQ(driver->start(), kAsioOk);
     Host::held_up = true;
     ASSERT_TRUE(eventually([] { return Host::inside.load(); }));
@@ -146,12 +153,22 @@ TEST(JackDriver, ReleasesADeadServerAndReportsAMissingOne) {
     EXPECT_EQ(orphan->Release(), 0U);
 }
 
-TEST(JackEngine, PlaysThroughAJackConnection) {
+TEST(JackEngine, PlaysOnThroughEveryChangeOfThePeriod) {
     JackServer jack;
-    Rig rig{with_tune, "loopback_device = 0\n[asio]\ndriver_name = JACK\n"};
+    Rig rig{with_tune,
+            "loopback_device = 0\n[asio]\ndriver_name = JACK\n[latency]\n"
+            "client_latency_blocks = 16\n"};
     ASSERT_TRUE(eventually([&] { return rig.engine.runs_at(48000, 128); }));
-    jack_connect(open_jack_client().get(), "tavistro:out_1", "tavistro:in_1");
+    const auto client = open_jack_client();
+    jack_connect(client.get(), "tavistro:out_1", "tavistro:in_1");
     EXPECT_TRUE(rig.sounds(2)) << "state " << rig.engine.state().state;
+    const std::uint64_t events = rig.engine.state().next_event_sequence;
+    for (const jack_nframes_t frames : {64, 256, 100, 1024, 16, 128}) {
+        ASSERT_EQ(jack_set_buffer_size(client.get(), frames), 0);
+        EXPECT_TRUE(rig.sounds(2)) << frames;
+        EXPECT_TRUE(rig.engine.runs()) << frames;
+    }
+    EXPECT_EQ(rig.engine.state().next_event_sequence, events) << "the device was reopened";
 }
 
 }  // namespace
