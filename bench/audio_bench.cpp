@@ -8,6 +8,7 @@
 #include "audio/peak_meters.h"
 #include "audio/playback_buffer.h"
 #include "bench/bench.h"
+#include "drivers/base/reblocker.h"
 
 namespace tavistro::bench {
 namespace {
@@ -155,9 +156,74 @@ void add_conversions(std::uint32_t code) {
     });
 }
 
+/// The ports of a device and the two halves of a host, which are silent.
+struct Ports {
+    explicit Ports(const Shape& shape, std::size_t block)
+        : channels(shape.channels),
+          frames(shape.frames),
+          in(noise(shape.samples())),
+          out(shape.samples()),
+          block_frames(block),
+          inputs(2 * channels * block),
+          outputs(2 * channels * block) {
+        blocks.start(block);
+    }
+    void read_inputs(std::size_t block_at, std::size_t period_at, std::size_t count) {
+        for (std::size_t i = 0; i < channels; ++i)
+            std::memcpy(inputs.data() + at(i, half) + block_at, in.data() + i * frames + period_at,
+                        count * sizeof(float));
+    }
+    void run_block(std::size_t) { half = 1 - half; }
+    void write_outputs(std::size_t block_at, std::size_t period_at, std::size_t count) {
+        for (std::size_t i = 0; i < channels; ++i)
+            std::memcpy(out.data() + i * frames + period_at,
+                        outputs.data() + at(i, 1 - half) + block_at, count * sizeof(float));
+    }
+    void write_silence(std::size_t period_at, std::size_t count) {
+        for (std::size_t i = 0; i < channels; ++i)
+            std::memset(out.data() + i * frames + period_at, 0, count * sizeof(float));
+    }
+    std::size_t at(std::size_t channel, std::size_t of_half) const {
+        return (2 * channel + of_half) * block_frames;
+    }
+
+    std::size_t channels, frames;
+    std::vector<float> in, out;
+    std::size_t block_frames;
+    std::vector<float> inputs, outputs;
+    std::size_t half = 0;
+    drivers::Reblocker blocks;
+};
+
+/// One period in both directions, with blocks of three quarters of it.
+void reblock(benchmark::State& state, const Shape& shape) {
+    Ports ports(shape, std::size_t{3} * shape.frames / 4);
+    measure(
+        state, shape.batch(), 2 * shape.samples(), 2 * shape.bytes(), [] {},
+        [&] {
+            ports.blocks.run_period(shape.frames, ports);
+            benchmark::DoNotOptimize(ports.out.data());
+            return true;
+        });
+}
+
+/// One period that is one block.
+void reblock_equal(benchmark::State& state, const Shape& shape) {
+    Ports ports(shape, shape.frames);
+    measure(
+        state, shape.batch(), 2 * shape.samples(), 2 * shape.bytes(), [] {},
+        [&] {
+            ports.blocks.run_period(shape.frames, ports);
+            benchmark::DoNotOptimize(ports.out.data());
+            return true;
+        });
+}
+
 }  // namespace
 
 void add_audio_benches() {
+    add_for_every_shape("reblock", reblock);
+    add_for_every_shape("reblock_equal", reblock_equal);
     add_for_every_shape("push_block", push_block);
     add_for_every_shape("render_direct", render_direct);
     add_for_every_shape("render_interpolated", render_interpolated);

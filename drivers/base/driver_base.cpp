@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <utility>
 
 namespace tavistro::drivers {
 namespace {
@@ -85,10 +86,12 @@ std::int32_t DriverBase::getBufferSize(std::int32_t* minimum, std::int32_t* maxi
 
 std::int32_t DriverBase::setSampleRate(double rate) noexcept try {
     if (const std::int32_t refused = canSampleRate(rate)) {
-        if (is_open()) set_error(rate_refusal(rate));
+        const std::string refusal = is_open() ? rate_refusal(rate) : std::string();
+        rate_refused_ = !refusal.empty();
+        if (rate_refused_) set_error(refusal);
         return refused;
     }
-    if (is_open()) set_error({});
+    if (std::exchange(rate_refused_, false)) set_error({});
     if (rate == sample_rate()) return kAsioOk;
     if (stage_ >= Stage::prepared) return kAsioInvalidMode;
     return set_rate(rate) ? kAsioOk : kAsioNoClock;
@@ -122,6 +125,7 @@ std::int32_t DriverBase::getChannelInfo(AsioChannelInfo* info) noexcept {
 std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t channel_count,
                                        std::int32_t frames, AsioCallbacks* callbacks) noexcept {
     if (stage_ != Stage::initialised || !is_open()) return kAsioInvalidMode;
+    if (rate_refused_) return kAsioNoClock;
     if (frames < 1 || !accepts_size(frames)) {
         refuse_size(frames);
         return kAsioInvalidMode;

@@ -98,7 +98,8 @@ class DriverBase : public AsioDriver {
     virtual bool accepts_rate(double rate) const noexcept = 0;
     /// Only with a rate that is accepted; not once prepare() has been called.
     virtual bool set_rate(double rate) noexcept = 0;
-    /// The error of a rate that is not accepted: which is, and what changes it.
+    /// The error of a rate that is not accepted: which is, and what changes it. With a text, no
+    /// buffers are made until the host asks for another rate. May throw std::bad_alloc.
     virtual std::string rate_refusal(double) const { return {}; }
     /// Frames between the host's buffer and the outside. Only while prepared.
     virtual std::int32_t latency(bool is_input) const noexcept = 0;
@@ -152,6 +153,7 @@ class DriverBase : public AsioDriver {
     const std::string name_;
     std::atomic<std::uint32_t> references_{1};
     Stage stage_ = Stage::created;
+    bool rate_refused_ = false;
     std::array<char, 124> error_{};
     std::atomic<unsigned> missed_deadlines_{0};
 

@@ -29,10 +29,11 @@ TEST(JackDriver, PassesEverySampleInBothDirectionsWithinOnePeriod) {
     EXPECT_EQ(
         error_message(*driver),
         "The JACK server runs at 48000 Hz, not at 44100: start it with jackd -d alsa -r 44100.");
+    EXPECT_EQ(Host::open_channels(*driver, period), kAsioNoClock);
+    EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     EXPECT_EQ(Host::open_channels(*driver, 8193), kAsioInvalidMode);
     EXPECT_EQ(error_message(*driver),
               "JACK has no blocks of 8193 frames: it has 16 to 8192 frames.");
-    EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     EXPECT_EQ(driver->start(), kAsioInvalidMode);
     ASSERT_EQ(Host::open_channels(*driver, period), kAsioOk);
     Host::expect_period(period);

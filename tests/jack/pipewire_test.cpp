@@ -71,6 +71,7 @@ TEST(PipeWire, GivesTheBlockAsPeriodAndMayChangeItAtAnyTime) {
     EXPECT_EQ(error_message(*driver),
               "PipeWire runs at 48000 Hz, not at 44100: pw-metadata -n settings 0 "
               "clock.force-rate 44100 changes it.");
+    EXPECT_EQ(driver->setSampleRate(48000), kAsioOk);
     ASSERT_EQ(Host::open_channels(*driver, 128), kAsioOk);
     Host::expect_period(128);
     ASSERT_EQ(driver->start(), kAsioOk);

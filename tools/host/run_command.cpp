@@ -155,6 +155,8 @@ int run_engine(const std::string& config_path, const RunOptions& options, const 
            << readings::failure_text(watch.state(), config_path) << '\n';
     if (watch.state().error_code == TAVISTRO_ERROR_SERVER_INCOMPATIBLE)
         errors << advice.incompatible_server();
+    if (watch.state().error_code == TAVISTRO_ERROR_AUDIO_DEVICE_FAILED)
+        errors << advice.driver_words(watch.state().stream_sample_rate);
     return 1;
 }
 

@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <optional>
 #include <vector>
 
+#include "asio/driver_list.h"
 #include "config/ini.h"
 #include "net/protocol.h"
 #include "platform/driver_registry.h"
@@ -57,6 +59,26 @@ std::string StartAdvice::no_device() const {
         "output_map fit it? This lists what each driver offers: tavistro-host devices\n",
         config_.audio.driver_name, platform::driver_place(),
         names.empty() ? "none" : fmt::to_string(fmt::join(names, ", ")));
+}
+
+std::string StartAdvice::driver_words(double stream_rate) const {
+    AsioDrivers drivers;
+    for (std::int32_t id = 0; id < drivers.driverCount(); ++id) {
+        std::array<char, driver_name_bytes> name{};
+        drivers.driverNameAt(id, name);
+        AsioDriver* driver = nullptr;
+        if (config_.audio.driver_name != name.data() ||
+            drivers.openDriverAt(id, &driver) != kAsioListOk)
+            continue;
+        std::array<char, 256> words{};  // twice of what a driver may write
+        if (driver->init(platform::driver_parent_window()) == 0 ||
+            (stream_rate > 0 && driver->setSampleRate(stream_rate) != kAsioOk))
+            driver->getErrorMessage(words.data());
+        words.back() = '\0';
+        drivers.closeDriverAt(id);
+        return words[0] == '\0' ? "" : fmt::format("{} says: {}\n", name.data(), words.data());
+    }
+    return {};
 }
 
 std::string StartAdvice::incompatible_server() const {
