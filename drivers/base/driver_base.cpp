@@ -138,6 +138,7 @@ std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t ch
     block_frames_ = static_cast<std::size_t>(frames);
     callbacks_ = callbacks;
     stage_ = Stage::prepared;
+    set_error({});
     if (const std::int32_t fault = make_channels(wanted)) {
         disposeBuffers();
         return fault;
