@@ -1,8 +1,8 @@
 # What `cmake --install` and `cpack` take, and where to. Nothing installed knows the folder that it was
 # built in or installed to: the whole tree can be moved.
 #
-# Components: runtime (the library and its driver without hardware), jack (the driver for JACK),
-# development, tools, services (Debian packages alone), documents.
+# Components: runtime (the library and its driver without hardware), jack (the driver for JACK), alsa (those for
+# sound cards), development, tools, services (Debian packages alone), documents.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -37,6 +37,7 @@ function(install_driver target component)
 endfunction()
 install_driver(tavistro-test-driver runtime)
 install_driver(tavistro-jack jack)
+install_driver(tavistro-alsa alsa)
 
 # Development
 install(DIRECTORY include/tavistro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
