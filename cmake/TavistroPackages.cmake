@@ -13,6 +13,9 @@ endif()
 if(TAVISTRO_JACK)
   list(APPEND CPACK_COMPONENTS_ALL jack)
 endif()
+if(TAVISTRO_ALSA)
+  list(APPEND CPACK_COMPONENTS_ALL alsa)
+endif()
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 
@@ -53,10 +56,13 @@ else()
   # Debian's way to run ldconfig.
   file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
-  # A package of its own: the library does without JACK. Both carry the major version in their name and
-  # in that of each of their files, so that several versions can be installed.
+  # Packages of their own: the library does without JACK and ALSA. Those of library and JACK carry the major
+  # version in their name and in that of each of their files, so that several versions can be installed.
   tavistro_package(jack ${runtime_package}-jack sound "driver for JACK"
                    "This package has the driver that plays on JACK and PipeWire."
+                   "${runtime_package} ${same_version}")
+  tavistro_package(alsa tavistro-driver-alsa sound "drivers for sound cards"
+                   "This package has the drivers that play on sound cards without a server."
                    "${runtime_package} ${same_version}")
   tavistro_package(development libtavistro-engine-dev libdevel "development files"
                    "This package has the headers and the files for CMake and pkg-config."

@@ -153,15 +153,11 @@ std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t ch
     return kAsioOk;
 }
 
-void DriverBase::refuse_size(std::int32_t frames) noexcept {
+void DriverBase::refuse_size(std::int32_t frames) {
     const BufferSizes sizes = buffer_sizes();
-    std::array<char, 32> offered{};
-    if (sizes.minimum == sizes.maximum)
-        std::snprintf(offered.data(), offered.size(), "%d", sizes.minimum);
-    else
-        std::snprintf(offered.data(), offered.size(), "%d to %d", sizes.minimum, sizes.maximum);
-    std::snprintf(error_.data(), error_.size(), "%s offers %s frames, not %d.", name_.c_str(),
-                  offered.data(), frames);
+    std::snprintf(error_.data(), error_.size(),
+                  "%s has no blocks of %d frames: it has %d to %d frames.", name_.c_str(), frames,
+                  sizes.minimum, sizes.maximum);
 }
 
 std::int32_t DriverBase::make_channels(std::span<AsioBufferInfo> wanted) try {

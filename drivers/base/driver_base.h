@@ -92,7 +92,6 @@ class DriverBase : public AsioDriver {
     virtual bool is_open() const noexcept = 0;
     virtual std::int32_t channel_count(bool is_input) const noexcept = 0;
     virtual BufferSizes buffer_sizes() const noexcept = 0;
-    /// An error text says which sizes there are when it refuses one.
     virtual bool accepts_size(std::int32_t frames) const noexcept = 0;
     /// Rates in Hz.
     virtual double sample_rate() const noexcept = 0;
@@ -141,7 +140,7 @@ class DriverBase : public AsioDriver {
     bool exists(bool is_input, std::int32_t channel) const {
         return channel >= 0 && channel < channel_count(is_input);
     }
-    void refuse_size(std::int32_t frames) noexcept;
+    void refuse_size(std::int32_t frames);
     std::int32_t make_channels(std::span<AsioBufferInfo> wanted);
     void tell(std::int32_t selector);
     TAVISTRO_REALTIME AsioTimeRecord time_info(std::uint64_t position,

@@ -229,12 +229,18 @@ TEST(AlsaDriver, OffersWhatTheCardDoes) {
         std::int32_t refused;
         const char* reason;
     } const cards[] = {
-        {{64, 128, 256, 512}, {64, 512, 128, -1}, 50, "ALSA offers 64 to 512 frames, not 50."},
+        {{64, 128, 256, 512},
+         {64, 512, 128, -1},
+         50,
+         "ALSA has no blocks of 50 frames: it has 64 to 512 frames."},
         {{48, 96, 144, 192},
          {48, 192, 144, 48},
          100,
-         "ALSA does not accept 100 frames at 44100 Hz."},
-        {{256}, {256, 256, 256, 0}, 128, "ALSA offers 256 frames, not 128."}};
+         "ALSA has no blocks of 100 frames at 44100 Hz: it has 48 to 192 frames in steps of 48."},
+        {{256},
+         {256, 256, 256, 0},
+         128,
+         "ALSA has no blocks of 128 frames: it has 256 to 256 frames."}};
     for (const auto& [blocks, expected, refused, reason] : cards) {
         SCOPED_TRACE(reason);
         TestCard& card = new_card();
