@@ -15,6 +15,7 @@
 #include "drivers/alsa/pcm_offer.h"
 #include "drivers/base/driver_base.h"
 #include "platform/clock.h"
+#include "platform/realtime.h"
 #include "platform/threads.h"
 
 namespace tavistro::alsa {
