@@ -47,13 +47,14 @@ std::array<int, 3> scheduling() {
 }
 
 // The host's callbacks, which have no context. Sends noise that the card's format can represent to
-// output 1 and negated to output 0; output 2 is not open.
+// output 1 and negated to output 0; of a third channel, only the input is open.
 struct Host {
     static inline std::vector<AsioBufferInfo> channels;
     static inline std::size_t block;
     static inline float full_scale;  ///< of the card's integers
     static inline std::vector<float> sent, received, received_0;
     static inline std::atomic<int> periods, resets, overloads;
+    static inline int stray_frames;         ///< with sound on the third input
     static inline std::atomic<int>* xruns;  ///< to order some after a while; null: none
     static inline std::array<int, 3> thread_scheduling;
     static inline std::string thread_name;
@@ -66,7 +67,7 @@ struct Host {
         block = new_block;
         full_scale = static_cast<float>(new_full_scale);
         channels = {{1, 0, {}}, {1, 1, {}}, {0, 0, {}}, {0, 1, {}}};
-        periods = resets = overloads = 0;
+        periods = resets = overloads = stray_frames = 0;
         for (auto* samples : {&sent, &received, &received_0}) {
             samples->clear();
             samples->reserve(kept_periods * block);
@@ -91,6 +92,7 @@ struct Host {
             sent.push_back(sample);
             received_0.push_back(samples(0, half)[i]);
             received.push_back(samples(1, half)[i]);
+            if (channels.size() > 4 && samples(4, half)[i] != 0) ++stray_frames;
         }
         if (periods == 0) {
             thread_scheduling = scheduling();
@@ -141,6 +143,7 @@ class Driver {
     void run(std::size_t frames, double full_scale = full_scale_32) const {
         Host::reset(frames, full_scale);
         ASSERT_EQ(driver_->init(nullptr), 1) << message();
+        if (channels()[0] > 2) Host::channels.push_back({1, 2, {}});
         ASSERT_EQ(create_buffers(frames), kAsioOk) << message();
         ASSERT_EQ(driver_->start(), kAsioOk) << message();
     }
@@ -192,6 +195,7 @@ TEST(AlsaDriver, ReturnsEverySampleAfterTheBlocksInTheCardsBuffer) {
         ASSERT_NO_FATAL_FAILURE(driver.run(128, full_scale));
         const auto count = static_cast<std::int32_t>(channels);
         EXPECT_EQ(driver.channels(), (std::array{count, count}));
+        EXPECT_EQ(driver->canSampleRate(96000), kAsioNoClock);
         std::int32_t input_latency = 0, output_latency = 0;
         EXPECT_EQ(driver->getLatencies(&input_latency, &output_latency), kAsioOk);
         EXPECT_TRUE(periods_pass());
@@ -201,6 +205,7 @@ TEST(AlsaDriver, ReturnsEverySampleAfterTheBlocksInTheCardsBuffer) {
         EXPECT_EQ(driver->stop(), kAsioOk);
         const std::size_t delay = 128 * periods;
         EXPECT_EQ(frames_in_order(delay), Host::sent.size() - delay);
+        EXPECT_EQ(Host::stray_frames, 0);
         EXPECT_EQ(input_latency, 128);
         EXPECT_EQ(input_latency + output_latency, static_cast<std::int32_t>(delay));
         EXPECT_EQ(Host::overloads + Host::resets, 0) << driver.message();
@@ -261,7 +266,18 @@ TEST(AlsaDriver, OffersWhatTheCardDoes) {
         EXPECT_EQ(driver.create_buffers(static_cast<std::size_t>(refused)), kAsioInvalidMode);
         EXPECT_EQ(driver.message(), reason);
         EXPECT_EQ(driver.create_buffers(blocks.front()), kAsioOk) << driver.message();
+        EXPECT_EQ(driver->disposeBuffers(), kAsioOk);
+        Host::channels.push_back(Host::channels.front());
+        EXPECT_EQ(driver.create_buffers(blocks.front()), kAsioInvalidParameter) << "twice";
     }
+}
+
+TEST(AlsaDriver, TakesTwoChannelsOfADeviceWithAnyNumber) {
+    new_card().any_channels = true;
+    const Driver driver;
+    ASSERT_NO_FATAL_FAILURE(driver.run(128));
+    EXPECT_EQ(driver.channels(), (std::array{2, 2}));
+    EXPECT_TRUE(periods_pass());
 }
 
 TEST(AlsaDriver, PlaysWithoutInputsAndRecordsWithoutOutputs) {
@@ -303,6 +319,9 @@ TEST(AlsaDriver, AsksForAResetUntilItIsStoppedWhenTheCardIsGoneOrStandsStill) {
         {
             const Driver driver;
             ASSERT_NO_FATAL_FAILURE(driver.run(128));
+            EXPECT_TRUE(periods_pass(10));
+            EXPECT_EQ(driver->stop(), kAsioOk);
+            EXPECT_EQ(driver->start(), kAsioOk);
             EXPECT_TRUE(periods_pass(10));
             (gone ? card.present : card.stalled) = !gone;
             EXPECT_TRUE(eventually([] { return Host::resets >= 2; }));

@@ -20,7 +20,7 @@ using alsa::list_drivers;
 const std::vector<Card> cards{{0, "PCH", "HDA Intel PCH", 0, 0},
                               {2, "Box", "Box with a name beyond the limit 1", 1, 3},
                               {3, "Box_1", "Box with a name beyond the limit 2", 0, {}},
-                              {4, "Mic", "Tischmikrofon mit B\u00fcgel \u00e4\u00e4", {}, 2}};
+                              {4, "Mic", "Tischmikrofon mit B\u00fcgel\u00e4\u00e4", {}, 2}};
 
 TEST(AlsaCards, HaveNamesAndClassIdsOfTheirOwnWhereverTheyStand) {
     const auto drivers = list_drivers(cards);
@@ -33,7 +33,7 @@ TEST(AlsaCards, HaveNamesAndClassIdsOfTheirOwnWhereverTheyStand) {
     EXPECT_EQ(drivers[2].capture, "hw:CARD=Box,DEV=3");
     EXPECT_EQ(drivers[3].name, "ALSA: Box with a name b [Box_1]");
     EXPECT_EQ(drivers[3].capture, "");
-    EXPECT_EQ(drivers[4].name, "ALSA: Tischmikrofon mit B\u00fcgel ") << "no half character";
+    EXPECT_EQ(drivers[4].name, "ALSA: Tischmikrofon mit B\u00fcgel") << "no half character";
 
     const auto reordered = list_drivers({cards[3], cards[2], cards[0]});
     EXPECT_EQ(reordered[2].class_id, drivers[3].class_id);

@@ -14,6 +14,7 @@ struct TestCard {
     // Read when a side is opened.
     snd_pcm_format_t format = SND_PCM_FORMAT_S32_LE;
     unsigned outputs = 2, inputs = 2;  ///< channels; 0: no such side
+    bool any_channels = false;         ///< up to 64, not only as many
     std::vector<unsigned> rates{44100, 48000};
     std::vector<unsigned> blocks{64, 128, 256, 512};  ///< period sizes in frames
     unsigned fewest_periods = 2;                      ///< in its buffer

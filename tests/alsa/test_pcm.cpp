@@ -207,7 +207,9 @@ int set_limits(snd_pcm_ioplug_t* io) {
     const int faults[] = {
         limit(io, SND_PCM_IOPLUG_HW_ACCESS, {SND_PCM_ACCESS_MMAP_INTERLEAVED}),
         limit(io, SND_PCM_IOPLUG_HW_FORMAT, {static_cast<unsigned>(card.format)}),
-        limit(io, SND_PCM_IOPLUG_HW_CHANNELS, {channels}),
+        snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_CHANNELS,
+                                        card.any_channels ? 1 : channels,
+                                        card.any_channels ? 64 : channels),
         limit(io, SND_PCM_IOPLUG_HW_RATE, card.rates),
         limit(io, SND_PCM_IOPLUG_HW_PERIOD_BYTES, bytes),
         snd_pcm_ioplug_set_param_minmax(io, SND_PCM_IOPLUG_HW_BUFFER_BYTES, bytes.front() * 2,
