@@ -84,8 +84,9 @@ std::string JackClient::open() {
 }
 
 std::string JackClient::ask_for_period(std::size_t frames) {
-    if (!is_pipewire() || frames == asked_frames_ || std::getenv(wishes_variable) != nullptr)
-        return {};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only against a setenv() of another thread
+    const bool are_users = std::getenv(wishes_variable) != nullptr;
+    if (!is_pipewire() || frames == asked_frames_ || are_users) return {};
     // By itself libjack would keep other programs from changing the period. PIPEWIRE_LATENCY, which
     // pw-jack -p sets, overrides the one here.
     const EnvironmentEntry wishes(

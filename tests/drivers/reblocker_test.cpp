@@ -114,7 +114,7 @@ TEST(Reblocker, FollowsEveryChangeOfThePeriodWithOneGapAtMost) {
 
 TEST(Reblocker, PlaysOnWithoutAGapWhereTheDelayStays) {
     Echo echo(64);
-    for (const std::size_t period : {64, 256, 128, 64, 1024})
+    for (const std::size_t period : {64U, 256U, 128U, 64U, 1024U})
         echo.run(period);
     EXPECT_EQ(echo.interruptions, 0);
     echo.run(32);

@@ -123,7 +123,7 @@ TEST(JackDriver, FollowsThePeriodWhileItPlays) {
         return Host::overloads - before;
     };
     overloads_at(256);
-    for (const jack_nframes_t frames : {64, 100, 1024})
+    for (const jack_nframes_t frames : {64U, 100U, 1024U})
         EXPECT_GE(overloads_at(frames), 1) << frames;
     overloads_at(period);
     EXPECT_GE(Host::new_latencies, 5);
@@ -164,7 +164,7 @@ TEST(JackEngine, PlaysOnThroughEveryChangeOfThePeriod) {
     jack_connect(client.get(), "tavistro:out_1", "tavistro:in_1");
     EXPECT_TRUE(rig.sounds(2)) << "state " << rig.engine.state().state;
     const std::uint64_t events = rig.engine.state().next_event_sequence;
-    for (const jack_nframes_t frames : {64, 256, 100, 1024, 16, 128}) {
+    for (const jack_nframes_t frames : {64U, 256U, 100U, 1024U, 16U, 128U}) {
         ASSERT_EQ(jack_set_buffer_size(client.get(), frames), 0);
         EXPECT_TRUE(rig.sounds(2)) << frames;
         EXPECT_TRUE(rig.engine.runs()) << frames;
