@@ -57,7 +57,7 @@ bool taken(const std::vector<DriverEntry>& drivers, Value DriverEntry::*field, c
 
 std::string unique_name(const std::vector<DriverEntry>& drivers, const Card& card) {
     const std::string name = prefix + (": " + card.name);
-    const std::string plain = cut(name, name_bytes);
+    std::string plain = cut(name, name_bytes);
     if (!taken(drivers, &DriverEntry::name, plain)) return plain;
     const std::string id = " [" + card.id + "]";
     return cut(name, name_bytes - id.size()) + id;
@@ -103,7 +103,7 @@ std::vector<DriverEntry> list_drivers(const std::vector<Card>& cards) {
 }
 
 std::string owner_of(const DriverEntry& driver, bool is_input, const std::string& proc) {
-    const std::string unknown = "another program";
+    std::string unknown = "another program";
     const auto device = !driver.card ? std::nullopt
                         : is_input   ? driver.card->capture_device
                                      : driver.card->playback_device;

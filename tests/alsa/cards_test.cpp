@@ -1,6 +1,7 @@
 // The list of drivers that the cards of a system make.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,8 @@ TEST(AlsaCards, HaveNamesAndClassIdsOfTheirOwnWhereverTheyStand) {
 }
 
 TEST(AlsaCards, TellWhoHasThem) {
-    const fs::path proc = fs::temp_directory_path() / "tavistro-alsa-test-proc";
+    const fs::path proc =
+        fs::temp_directory_path() / ("tavistro-alsa-test-proc-" + std::to_string(getpid()));
     fs::remove_all(proc);
     const auto write = [&](const char* file, const char* text) {
         fs::create_directories((proc / file).parent_path());

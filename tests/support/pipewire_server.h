@@ -25,6 +25,7 @@ class PipeWireServer {
     PipeWireServer() {
         std::filesystem::create_directories(folder_);
         std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
+        // NOLINTBEGIN(concurrency-mt-unsafe): before any other thread
         for (const char* name : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR", "XDG_STATE_HOME"})
             setenv(name, folder_.c_str(), 1);
         for (const char* name : {"PIPEWIRE_CONFIG_DIR", "WIREPLUMBER_CONFIG_DIR"})
@@ -33,6 +34,7 @@ class PipeWireServer {
         EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder_ + "/pipewire-0"); }));
         session_manager_ = run({"wireplumber", "-c", "wireplumber.conf"});
         unsetenv("PIPEWIRE_CONFIG_DIR");  // clients have their own
+        // NOLINTEND(concurrency-mt-unsafe)
     }
     PipeWireServer(const PipeWireServer&) = delete;
     PipeWireServer& operator=(const PipeWireServer&) = delete;
@@ -45,7 +47,7 @@ class PipeWireServer {
     }
 
     /// Connects the sink's first channel to the source's, once the session manager is ready.
-    bool connect_sink_to_source() const {
+    static bool connect_sink_to_source() {
         return eventually([] {
             const pid_t link = run({"pw-link", "sink:monitor_FL", "source:input_FL"});
             int status = -1;
