@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -60,6 +61,7 @@ class AlsaDriver final : public drivers::DriverBase {
         offer_ = offer_at(rate);
         return true;
     }
+    std::string rate_refusal(double rate) const override;
     std::int32_t latency(bool is_input) const noexcept override;
     std::int32_t prepare() override;
     void unprepare() noexcept override { card_.reset(); }
@@ -111,6 +113,19 @@ AlsaDriver::BufferSizes AlsaDriver::buffer_sizes() const noexcept {
 
 bool AlsaDriver::accepts_size(std::int32_t frames) const noexcept {
     return frames >= offer_->smallest && frames <= offer_->largest;
+}
+
+std::string AlsaDriver::rate_refusal(double rate) const {
+    constexpr std::size_t most_listed = 6;  // a message has 124 bytes
+    std::string offered;
+    for (const Offer& offer : device_.offers)
+        offered += (offered.empty() ? "" : ", ") + std::to_string(offer.rate);
+    if (device_.offers.size() > most_listed) {
+        offered = std::to_string(device_.offers.front().rate) + " to " +
+                  std::to_string(device_.offers.back().rate);
+    }
+    return entry_.name + " does not run at " + std::to_string(std::lround(rate)) + " Hz, but at " +
+           offered + " Hz.";
 }
 
 /// The card's buffer is full of output when it has delivered the first block.

@@ -256,6 +256,7 @@ TEST(AlsaDriver, OffersWhatTheCardDoes) {
         EXPECT_EQ(driver->getSampleRate(&rate), kAsioOk);
         EXPECT_EQ(rate, 48000);
         EXPECT_EQ(driver->setSampleRate(96000), kAsioNoClock);
+        EXPECT_EQ(driver.message(), "ALSA does not run at 96000 Hz, but at 44100, 48000 Hz.");
         EXPECT_EQ(driver->setSampleRate(44100), kAsioOk);
         EXPECT_EQ(driver->getSampleRate(&rate), kAsioOk);
         EXPECT_EQ(rate, 44100);
