@@ -71,6 +71,30 @@ class EnvironmentEntry {
 
 }  // namespace
 
+LatencyThread::LatencyThread(JackListener& listener) : listener_(listener) {
+    thread_.start("tav-latency", [this] { run(); });
+}
+
+LatencyThread::~LatencyThread() {
+    ending_ = true;
+    event_.signal();
+    thread_.join();
+}
+
+void LatencyThread::ask(jack_latency_callback_mode_t mode) noexcept {
+    (mode == JackCaptureLatency ? capture_ : playback_) = true;
+    event_.signal();
+}
+
+void LatencyThread::run() {
+    constexpr std::uint32_t long_ms = 60000;
+    while (!ending_) {
+        if (capture_.exchange(false)) listener_.on_latencies(JackCaptureLatency);
+        if (playback_.exchange(false)) listener_.on_latencies(JackPlaybackLatency);
+        event_.wait_for_ms(long_ms);
+    }
+}
+
 bool JackClient::is_pipewire() noexcept {
     return std::strstr(jack_get_version_string(), "PipeWire") != nullptr;
 }
@@ -98,6 +122,8 @@ std::string JackClient::ask_for_period(std::size_t frames) {
 }
 
 std::string JackClient::open_client() {
+    if (is_pipewire() && latencies_ == nullptr)
+        latencies_ = std::make_unique<LatencyThread>(listener_);
     jack_status_t status{};
     handle_.reset(jack_client_open(client_name, JackNoStartServer, &status));
     if (!handle_) return refusal(status);
@@ -127,10 +153,16 @@ void JackClient::listen() noexcept {
         &listener_);
     jack_set_latency_callback(
         handle_.get(),
-        [](jack_latency_callback_mode_t mode, void* listener) {
-            uncancelled([&] { static_cast<JackListener*>(listener)->on_latencies(mode); });
+        [](jack_latency_callback_mode_t mode, void* client) {
+            uncancelled([&] {
+                auto& self = *static_cast<JackClient*>(client);
+                if (self.latencies_ != nullptr)
+                    self.latencies_->ask(mode);
+                else
+                    self.listener_.on_latencies(mode);
+            });
         },
-        &listener_);
+        this);
     jack_set_xrun_callback(
         handle_.get(),
         [](void* listener) {

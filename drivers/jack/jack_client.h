@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/realtime.h"
+#include "platform/threads.h"
 
 namespace tavistro::jack {
 
@@ -22,7 +23,8 @@ class JackListener {
     /// The server has another period. Called on another thread at any time while the client is
     /// open.
     virtual void on_new_period() = 0;
-    /// The latencies of the ports are to be set. Called like on_new_period().
+    /// The latencies of the ports are to be set. Called like on_new_period(), with PipeWire on a
+    /// thread of our own.
     virtual void on_latencies(jack_latency_callback_mode_t mode) = 0;
     /// An xrun. Called on another thread at any time while the client is open.
     virtual void on_missed_deadline() = 0;
@@ -31,6 +33,25 @@ class JackListener {
 
   protected:
     ~JackListener() = default;
+};
+
+/// Calls on_latencies() for libjack. PipeWire's (0.3.65) holds a lock during its callbacks that
+/// jack_port_set_latency_range() takes as well if another callback is due.
+class LatencyThread {
+  public:
+    explicit LatencyThread(JackListener& listener);
+    LatencyThread(const LatencyThread&) = delete;
+    LatencyThread& operator=(const LatencyThread&) = delete;
+    ~LatencyThread();
+    void ask(jack_latency_callback_mode_t mode) noexcept;
+
+  private:
+    void run();
+
+    JackListener& listener_;
+    std::atomic<bool> capture_{false}, playback_{false}, ending_{false};
+    platform::WorkerEvent event_;
+    platform::Thread thread_;
 };
 
 class JackClient {
@@ -89,6 +110,7 @@ class JackClient {
     }
 
     JackListener& listener_;
+    std::unique_ptr<LatencyThread> latencies_;  ///< with PipeWire; ends after libjack's callbacks
     std::unique_ptr<jack_client_t, Close> handle_;
     std::vector<std::string> physical_captures_;
     std::vector<std::string> physical_playbacks_;

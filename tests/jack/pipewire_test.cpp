@@ -63,6 +63,13 @@ auto open_demanding_client(int frames) {
     return client;
 }
 
+jack_nframes_t capture_latency(const char* port) {
+    const auto client = open_client();
+    jack_latency_range_t range{};
+    jack_port_get_latency_range(jack_port_by_name(client.get(), port), JackCaptureLatency, &range);
+    return range.max;
+}
+
 TEST(PipeWire, GivesTheBlockAsPeriodAndMayChangeItAtAnyTime) {
     PipeWireServer server;
     AsioDriver* driver = jack::create_jack_driver();
@@ -75,6 +82,10 @@ TEST(PipeWire, GivesTheBlockAsPeriodAndMayChangeItAtAnyTime) {
     ASSERT_EQ(Host::open_channels(*driver, 128), kAsioOk);
     Host::expect_period(128);
     ASSERT_EQ(driver->start(), kAsioOk);
+    server.force_quantum(64);
+    EXPECT_TRUE(eventually([] { return capture_latency("tavistro:out_1") == 64; }))
+        << "of the delay for blocks of two periods";
+    server.force_quantum(0);
     const Cable cable("tavistro:out_18", "tavistro:in_18");
     EXPECT_TRUE(loops(5000));
     for (const int frames : {64, 256, 1024}) {
