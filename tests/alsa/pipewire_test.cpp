@@ -12,11 +12,11 @@ namespace tavistro::test {
 namespace {
 
 TEST(AlsaEngine, PlaysThroughPipeWire) {
-    const PipeWireServer pipewire;
+    const PipeWireServer pipewire(TAVISTRO_PIPEWIRE_CONFIG);
     setenv("ALSA_CONFIG_PATH", TAVISTRO_ALSA_CONFIG, 1);  // NOLINT(concurrency-mt-unsafe)
     Rig rig{with_tune, "loopback_device = 0\n[asio]\ndriver_name = ALSA\n"};
     ASSERT_TRUE(eventually([&] { return rig.engine.runs_at(48000, 128); }));
-    EXPECT_TRUE(PipeWireServer::connect_sink_to_source());
+    EXPECT_TRUE(PipeWireServer::connect("sink:monitor_FL", "source:input_FL"));
     EXPECT_TRUE(rig.sounds(2)) << "state " << rig.engine.state().state;
 }
 

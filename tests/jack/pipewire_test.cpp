@@ -8,8 +8,9 @@
 #include <string>
 
 #include "jack/jack_host.h"
-#include "jack/pipewire_server.h"
+#include "jack/jack_server.h"
 #include "scenarios/rig.h"
+#include "support/pipewire_server.h"
 
 namespace tavistro::test {
 namespace {
@@ -22,6 +23,15 @@ Client open_client(const std::string& wishes = {}) {
     Client client = open_jack_client();
     unsetenv("PIPEWIRE_PROPS");
     return client;
+}
+
+void wait_for_sink() {
+    jack_set_error_function([](const char*) {});
+    jack_set_info_function([](const char*) {});
+    EXPECT_TRUE(eventually([] {
+        const Client client = open_jack_client();
+        return client != nullptr && jack_port_by_name(client.get(), "sink:playback_FL") != nullptr;
+    })) << "no PipeWire";
 }
 
 /// A client that passes its input on, since PipeWire is silent between ports of one client.
@@ -71,7 +81,8 @@ jack_nframes_t capture_latency(const char* port) {
 }
 
 TEST(PipeWire, GivesTheBlockAsPeriodAndMayChangeItAtAnyTime) {
-    PipeWireServer server;
+    const PipeWireServer server(TAVISTRO_PIPEWIRE_CONFIG);
+    wait_for_sink();
     AsioDriver* driver = jack::create_jack_driver();
     ASSERT_EQ(driver->init(nullptr), 1) << error_message(*driver);
     EXPECT_EQ(driver->setSampleRate(44100), kAsioNoClock);
@@ -110,7 +121,8 @@ TEST(PipeWire, GivesTheBlockAsPeriodAndMayChangeItAtAnyTime) {
 }
 
 TEST(PipeWire, LeavesAnEngineRunningThroughEveryChange) {
-    PipeWireServer server;
+    const PipeWireServer server(TAVISTRO_PIPEWIRE_CONFIG);
+    wait_for_sink();
     Rig rig{with_tune,
             "loopback_device = 0\n[asio]\ndriver_name = JACK\n[latency]\n"
             "client_latency_blocks = 16\n"};
