@@ -12,6 +12,11 @@
 #include "scenarios/rig.h"
 #include "support/pipewire_server.h"
 
+/// For the address sanitizer: PipeWire's libraries keep what belonged to a client after its end.
+extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppressions() {
+    return "leak:pipewire-0.3/jack/libjack.so\nleak:libpipewire-0.3.so\n";
+}
+
 namespace tavistro::test {
 namespace {
 

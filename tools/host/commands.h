@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "asio/buffer_size.h"
+
 namespace tavistro::host {
 
 class StartAdvice;
@@ -29,6 +31,9 @@ int check_config(const std::string& path, std::ostream& out, std::ostream& error
 /// process, the last name is its own. Returns the exit code: 0 when drivers were listed, also such
 /// that failed, 1 when none is registered (said on `errors`).
 int list_devices(bool json, std::ostream& out, std::ostream& errors);
+
+/// "32..2048 frames, preferred 128, doubling".
+std::string buffer_size_text(const BufferSizeRange& sizes);
 
 struct ServersOptions {
     std::uint32_t timeout_ms = 1000;            ///< how long answers are waited for

@@ -165,10 +165,7 @@ void show(const DriverSurvey& survey, std::ostream& out) {
     };
     if (survey.inputs.count) row("inputs", channels_text(survey.inputs));
     if (survey.outputs.count) row("outputs", channels_text(survey.outputs));
-    if (const auto& sizes = survey.buffer_sizes)
-        row("buffer size",
-            fmt::format("{}..{} frames, preferred {}, {}", sizes->minimum, sizes->maximum,
-                        sizes->preferred, granularity_text(sizes->granularity)));
+    if (const auto& sizes = survey.buffer_sizes) row("buffer size", buffer_size_text(*sizes));
     if (survey.current_rate) row("sample rate", fmt::format("{} Hz", *survey.current_rate));
     if (survey.inputs.count || survey.current_rate)
         row("accepts", survey.accepted_rates.empty()
@@ -205,6 +202,11 @@ std::string json_line(std::int32_t id, const std::string& name, const DriverSurv
 }
 
 }  // namespace
+
+std::string buffer_size_text(const BufferSizeRange& sizes) {
+    return fmt::format("{}..{} frames, preferred {}, {}", sizes.minimum, sizes.maximum,
+                       sizes.preferred, granularity_text(sizes.granularity));
+}
 
 int list_devices(bool json, std::ostream& out, std::ostream& errors) {
     AsioDrivers drivers;

@@ -156,7 +156,8 @@ int run_engine(const std::string& config_path, const RunOptions& options, const 
     if (watch.state().error_code == TAVISTRO_ERROR_SERVER_INCOMPATIBLE)
         errors << advice.incompatible_server();
     if (watch.state().error_code == TAVISTRO_ERROR_AUDIO_DEVICE_FAILED)
-        errors << advice.driver_words(watch.state().stream_sample_rate);
+        errors << advice.driver_words(watch.state().stream_sample_rate,
+                                      static_cast<std::int32_t>(watch.state().stream_block_frames));
     return 1;
 }
 

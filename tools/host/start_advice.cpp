@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "asio/buffer_size.h"
 #include "asio/driver_list.h"
 #include "config/ini.h"
 #include "net/protocol.h"
@@ -26,6 +27,25 @@ std::optional<ServersOptions> servers_of(const TavistroProtocol::ClientSettings&
     options.address = platform::parse_ipv4(client.server_ip);
     if (!options.address) return {};
     return options;
+}
+
+/// What the driver has against the stream; empty if nothing.
+std::string objection_of(AsioDriver& driver, double rate, std::int32_t block_frames) {
+    if (driver.init(platform::driver_parent_window()) == 0 ||
+        (rate > 0 && driver.setSampleRate(rate) != kAsioOk)) {
+        std::array<char, 256> words{};  // twice of what a driver may write
+        driver.getErrorMessage(words.data());
+        words.back() = '\0';
+        return words.data();
+    }
+    BufferSizeRange sizes;
+    if (block_frames < 1 ||
+        driver.getBufferSize(&sizes.minimum, &sizes.maximum, &sizes.preferred,
+                             &sizes.granularity) != kAsioOk ||
+        acceptable_buffer_size(block_frames, sizes))
+        return {};
+    return fmt::format("The buffer size is {}, so it cannot be the stream's block of {} frames.",
+                       buffer_size_text(sizes), block_frames);
 }
 
 }  // namespace
@@ -52,16 +72,19 @@ std::string StartAdvice::no_device() const {
     std::vector<std::string> names;
     for (const platform::RegisteredDriver& driver : platform::registered_drivers())
         names.push_back(driver.description.value_or(driver.key_name));
+    std::string unlisted;
+    for (const auto& [name, reason] : platform::unlisted_drivers())
+        unlisted += fmt::format("Not listed: {} ({}). ", name, reason);
     return fmt::format(
         "The audio device did not start. driver_name = {}; drivers in {}: {}. Is it one of them "
         "and "
         "free, does it offer the stream's sample rate and block size, and do input_map and "
-        "output_map fit it? This lists what each driver offers: tavistro-host devices\n",
+        "output_map fit it? {}This lists what each driver offers: tavistro-host devices\n",
         config_.audio.driver_name, platform::driver_place(),
-        names.empty() ? "none" : fmt::to_string(fmt::join(names, ", ")));
+        names.empty() ? "none" : fmt::to_string(fmt::join(names, ", ")), unlisted);
 }
 
-std::string StartAdvice::driver_words(double stream_rate) const {
+std::string StartAdvice::driver_words(double stream_rate, std::int32_t block_frames) const {
     AsioDrivers drivers;
     for (std::int32_t id = 0; id < drivers.driverCount(); ++id) {
         std::array<char, driver_name_bytes> name{};
@@ -70,13 +93,9 @@ std::string StartAdvice::driver_words(double stream_rate) const {
         if (config_.audio.driver_name != name.data() ||
             drivers.openDriverAt(id, &driver) != kAsioListOk)
             continue;
-        std::array<char, 256> words{};  // twice of what a driver may write
-        if (driver->init(platform::driver_parent_window()) == 0 ||
-            (stream_rate > 0 && driver->setSampleRate(stream_rate) != kAsioOk))
-            driver->getErrorMessage(words.data());
-        words.back() = '\0';
+        const std::string objection = objection_of(*driver, stream_rate, block_frames);
         drivers.closeDriverAt(id);
-        return words[0] == '\0' ? "" : fmt::format("{} says: {}\n", name.data(), words.data());
+        return objection.empty() ? "" : fmt::format("{} says: {}\n", name.data(), objection);
     }
     return {};
 }

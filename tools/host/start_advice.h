@@ -1,6 +1,7 @@
 // What the engine's record does not tell about a run that does not get going.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -17,9 +18,9 @@ class StartAdvice {
     std::string no_server() const;
     /// For the first failed attempt to start the device: which drivers there are, and where.
     std::string no_device() const;
-    /// For a run that a device ended, once the engine has released it: what the driver says to the
-    /// stream's rate in Hz. Opens the driver.
-    std::string driver_words(double stream_rate) const;
+    /// For a run that a device ended, once the engine has released it: what the driver has against
+    /// the stream's rate in Hz and block. Opens the driver. 0: not known.
+    std::string driver_words(double stream_rate, std::int32_t block_frames) const;
     /// For a run that an incompatible server ended: which versions are spoken. Asks the servers
     /// again, and waits as long as the engine does.
     std::string incompatible_server() const;

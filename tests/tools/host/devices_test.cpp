@@ -5,6 +5,7 @@
 #include "asio/fake_registry.h"
 #include "drivers/test/driver_control.h"
 #include "tools/host/commands.h"
+#include "tools/host/start_advice.h"
 
 namespace tavistro::host {
 namespace {
@@ -67,6 +68,28 @@ TEST_F(Devices, TellWhyADriverIsNotListed) {
               "no ASIO drivers are registered in test\n");
     EXPECT_TRUE(listed(true, 1).starts_with(
         R"({"type":"unlisted","name":"jack.so","reason":"libjack.so.0: cannot open"})"));
+    test::unlisted_drivers.clear();
+}
+
+TEST_F(Devices, TellWhatTheyHaveAgainstTheStream) {
+    test::installed_drivers = {{"Fake", '1'}, {"Other", 'x'}};
+    EngineConfig config;
+    config.audio.driver_name = "Fake";
+    const StartAdvice advice(config);
+    EXPECT_EQ(advice.driver_words(48000, 256), "");
+    EXPECT_EQ(
+        advice.driver_words(48000, 100),
+        "Fake says: The buffer size is 32..2048 frames, preferred 128, doubling, so it cannot "
+        "be the stream's block of 100 frames.\n");
+    driver.set("fixed_rate", "1");
+    EXPECT_EQ(advice.driver_words(48000, 128), "Fake says: Told to fail.\n");
+    test::unlisted_drivers = {{"jack.so", "libjack.so.0: cannot open"}};
+    EXPECT_NE(advice.no_device().find(
+                  "drivers in test: Fake, Other. Is it one of them and free, does it offer the "
+                  "stream's sample rate and block size, and do input_map and output_map fit it? "
+                  "Not listed: jack.so (libjack.so.0: cannot open). This lists"),
+              std::string::npos)
+        << advice.no_device();
     test::unlisted_drivers.clear();
 }
 
