@@ -25,11 +25,12 @@ expect() {
 }
 expect libtavistro-engine5 arm64 libc6 libstdc++6
 expect libtavistro-engine5-jack arm64 "libtavistro-engine5 (= " libjack
+expect tavistro-driver-alsa arm64 "libtavistro-engine5 (= " libasound2 libzita-alsa-pcmi0
 expect libtavistro-engine-dev arm64 "libtavistro-engine5 (= "
 expect tavistro-tools arm64 "libtavistro-engine5 (= " libsndfile1 zlib1g
 expect tavistro-services all "tavistro-tools (= "
 expect tavistro-doc all
 
 programs=$(find "$work/system" -type f -exec file {} + | grep ELF)
-(($(wc -l <<<"$programs") >= 6)) || fail "three programs, the library and the drivers should be there: $programs"
+(($(wc -l <<<"$programs") >= 7)) || fail "three programs, the library and the drivers should be there: $programs"
 if grep -v "ARM aarch64.* stripped" <<<"$programs"; then fail "for another processor, or with symbols"; fi
