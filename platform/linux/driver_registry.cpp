@@ -79,7 +79,8 @@ class DriverFile {
     explicit DriverFile(const fs::path& path) : path_(path) {
         library_.reset(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
         if (library_ == nullptr) {
-            const char* const error = dlerror();
+            // glibc keeps it for each thread.
+            const char* const error = dlerror();  // NOLINT(concurrency-mt-unsafe)
             fault_ = error != nullptr ? error : "cannot be loaded";
             return;
         }
