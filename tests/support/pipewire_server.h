@@ -33,7 +33,7 @@ class PipeWireServer {
         processes_.push_back(run({"pipewire", "-c", "pipewire.conf"}));
         EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder_ + "/pipewire-0"); }));
         if (std::filesystem::exists(configuration + "/wireplumber.conf"))
-            processes_.push_back(run({"wireplumber", "-c", "wireplumber.conf"}));
+            processes_.push_back(run({"sh", "-c", session_manager}));
         unsetenv("PIPEWIRE_CONFIG_DIR");  // clients have their own
     }
     PipeWireServer(const PipeWireServer&) = delete;
@@ -57,6 +57,12 @@ class PipeWireServer {
     }
 
   private:
+    /// From version 0.5 on there are profiles, one of which leaves hardware alone.
+    static constexpr const char* session_manager =
+        "if wireplumber --help | grep -q -e --profile; then\n"
+        "    unset WIREPLUMBER_CONFIG_DIR; exec wireplumber --profile policy\n"
+        "else exec wireplumber --config-file wireplumber.conf; fi";
+
     static bool succeeds(const std::vector<std::string>& command) {
         int status = -1;
         waitpid(run(command), &status, 0);
