@@ -195,21 +195,10 @@ struct Ports {
     drivers::Reblocker blocks;
 };
 
-/// One period in both directions, with blocks of three quarters of it.
+/// One period in both directions, with blocks of so many quarters of it.
+template <std::size_t quarters>
 void reblock(benchmark::State& state, const Shape& shape) {
-    Ports ports(shape, std::size_t{3} * shape.frames / 4);
-    measure(
-        state, shape.batch(), 2 * shape.samples(), 2 * shape.bytes(), [] {},
-        [&] {
-            ports.blocks.run_period(shape.frames, ports);
-            benchmark::DoNotOptimize(ports.out.data());
-            return true;
-        });
-}
-
-/// One period that is one block.
-void reblock_equal(benchmark::State& state, const Shape& shape) {
-    Ports ports(shape, shape.frames);
+    Ports ports(shape, quarters * shape.frames / 4);
     measure(
         state, shape.batch(), 2 * shape.samples(), 2 * shape.bytes(), [] {},
         [&] {
@@ -222,8 +211,8 @@ void reblock_equal(benchmark::State& state, const Shape& shape) {
 }  // namespace
 
 void add_audio_benches() {
-    add_for_every_shape("reblock", reblock);
-    add_for_every_shape("reblock_equal", reblock_equal);
+    add_for_every_shape("reblock", reblock<3>);
+    add_for_every_shape("reblock_equal", reblock<4>);
     add_for_every_shape("push_block", push_block);
     add_for_every_shape("render_direct", render_direct);
     add_for_every_shape("render_interpolated", render_interpolated);

@@ -30,14 +30,6 @@ constexpr std::uint64_t longest_wait_ms = 900;
 constexpr int most_xruns = 100;
 constexpr std::uint32_t reset_repeat_ms = 1000;
 
-std::string sizes_text(const Offer& offer) {
-    const std::string range =
-        std::to_string(offer.smallest) + " to " + std::to_string(offer.largest) + " frames";
-    return offer.step > 1   ? range + " in steps of " + std::to_string(offer.step) + "."
-           : offer.step < 0 ? range + " by doubling."
-                            : range + ".";
-}
-
 class AlsaDriver final : public drivers::DriverBase {
   public:
     explicit AlsaDriver(const DriverEntry& entry)
@@ -147,9 +139,7 @@ std::int32_t AlsaDriver::prepare() {
         static_cast<unsigned>(block_frames()), offer_->blocks,
         device_.two_channels ? static_cast<unsigned>(Alsa_pcmi::FORCE_2CH) : 0U);
     if (card_->state() != Alsa_pcmi::STATE_OPEN) {
-        set_error(entry_.name + " has no blocks of " + std::to_string(block_frames()) +
-                  " frames at " + std::to_string(offer_->rate) + " Hz: it has " +
-                  sizes_text(*offer_));
+        refuse_size(static_cast<std::int32_t>(block_frames()));
         return kAsioInvalidMode;
     }
     return assign_channels() ? kAsioOk : kAsioInvalidParameter;

@@ -153,11 +153,19 @@ std::int32_t DriverBase::createBuffers(AsioBufferInfo* channels, std::int32_t ch
     return kAsioOk;
 }
 
-void DriverBase::refuse_size(std::int32_t frames) {
+void DriverBase::refuse_size(std::int32_t frames) noexcept {
     const BufferSizes sizes = buffer_sizes();
-    std::snprintf(error_.data(), error_.size(),
-                  "%s has no blocks of %d frames: it has %d to %d frames.", name_.c_str(), frames,
-                  sizes.minimum, sizes.maximum);
+    std::array<char, 48> offered{};
+    if (sizes.minimum == sizes.maximum)
+        std::snprintf(offered.data(), offered.size(), "%d frames", sizes.minimum);
+    else if (sizes.granularity > 1)
+        std::snprintf(offered.data(), offered.size(), "%d to %d frames in steps of %d",
+                      sizes.minimum, sizes.maximum, sizes.granularity);
+    else
+        std::snprintf(offered.data(), offered.size(), "%d to %d frames%s", sizes.minimum,
+                      sizes.maximum, sizes.granularity < 0 ? " by doubling" : "");
+    std::snprintf(error_.data(), error_.size(), "%s has no blocks of %d frames: it has %s.",
+                  name_.c_str(), frames, offered.data());
 }
 
 std::int32_t DriverBase::make_channels(std::span<AsioBufferInfo> wanted) try {

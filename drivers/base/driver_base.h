@@ -63,8 +63,6 @@ class DriverBase : public AsioDriver {
     std::int32_t outputReady() noexcept final { return kAsioNotPresent; }
 
   protected:
-    enum class Stage { created, initialised, prepared, running };
-
     struct Channel {
         bool is_input;
         std::size_t number;  ///< from 0, within the inputs or outputs
@@ -120,6 +118,8 @@ class DriverBase : public AsioDriver {
     std::size_t half() const noexcept { return half_; }
     /// For getErrorMessage(). The host's thread only.
     void set_error(const std::string& text) noexcept;
+    /// The error of a block size that is not accepted: which are.
+    void refuse_size(std::int32_t frames) noexcept;
 
     /// Passes the half() to the host, then changes to the other one. `position` is the number
     /// of frames before this block, `nanoseconds` the monotonic clock at its begin. Only the thread
@@ -137,10 +137,11 @@ class DriverBase : public AsioDriver {
     }
 
   private:
+    enum class Stage { created, initialised, prepared, running };
+
     bool exists(bool is_input, std::int32_t channel) const {
         return channel >= 0 && channel < channel_count(is_input);
     }
-    void refuse_size(std::int32_t frames);
     std::int32_t make_channels(std::span<AsioBufferInfo> wanted);
     void tell(std::int32_t selector);
     TAVISTRO_REALTIME AsioTimeRecord time_info(std::uint64_t position,

@@ -239,15 +239,12 @@ TEST(AlsaDriver, OffersWhatTheCardDoes) {
         {{64, 128, 256, 512},
          {64, 512, 128, -1},
          50,
-         "ALSA has no blocks of 50 frames: it has 64 to 512 frames."},
+         "ALSA has no blocks of 50 frames: it has 64 to 512 frames by doubling."},
         {{48, 96, 144, 192},
          {48, 192, 144, 48},
          100,
-         "ALSA has no blocks of 100 frames at 44100 Hz: it has 48 to 192 frames in steps of 48."},
-        {{256},
-         {256, 256, 256, 0},
-         128,
-         "ALSA has no blocks of 128 frames: it has 256 to 256 frames."}};
+         "ALSA has no blocks of 100 frames: it has 48 to 192 frames in steps of 48."},
+        {{256}, {256, 256, 256, 0}, 128, "ALSA has no blocks of 128 frames: it has 256 frames."}};
     for (const auto& [blocks, expected, refused, reason] : cards) {
         SCOPED_TRACE(reason);
         TestCard& card = new_card();
